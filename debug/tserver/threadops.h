@@ -1,7 +1,8 @@
 // threadops.h -- one record per interpreter thread state, and the way to it by thread state, by id
 // or by outermost frame.
 // The table owns the records. One that still holds the debug-server mutex outlives its entry: it is
-// marked removed_from_table and freed by its holder when it lets go of the mutex.
+// marked removed_from_table and freed by its holder when it lets go of the mutex. The same holds
+// for one with a dispatch in progress: that thread may be waiting for the mutex this very moment.
 // Everything here needs the interpreter lock, which also serialises the table.
 #pragma once
 
@@ -33,11 +34,15 @@ struct tThreadData {
     int removed_from_table;              // taken out while in use; the holder frees it
     int need_f_trace_update;             // the frames' trace attributes must be refreshed
     tDispatchCtx* active_dispatch_ctx;   // not owned; null outside of dispatch
-    // Private fields of the tracer core follow; all of them start as zero.
+    // Private fields follow. All of them start as zero, and reinit makes them zero without looking
+    // at them, so none may own anything.
+    tThreadData* next_removed;  // list of the records that clear_thread_table is about to free
 };
 
+using tThreadIdentFunc = long (*)();
+
 // The interpreter's thread-identity function; null when it has none.
-TDBG_API long (*gGetThreadIdentFunc)();
+TDBG_API tThreadIdentFunc gGetThreadIdentFunc;
 
 // Finds gGetThreadIdentFunc. Once, while the module is created.
 TDBG_API void init_threadops();
@@ -57,6 +62,9 @@ TDBG_API tThreadData* new_thread_data(PyThreadState* tstate);
 // the record was for that same thread state.
 TDBG_API void reinit_thread_data_for_tstate(tThreadData* td, PyThreadState* tstate);
 TDBG_API void free_thread_data(tThreadData* td);
+// For the holder: frees a removed record once neither the mutex nor a dispatch keeps it. True =
+// freed.
+bool free_thread_data_if_unused(tThreadData* td);
 
 // The table. Records found are borrowed.
 TDBG_API void init_thread_table(CUt_HashTable* table);
