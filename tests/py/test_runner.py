@@ -1,0 +1,99 @@
+"""tests/run.py tells passed, failed, skipped, crashed and hanging tests apart."""
+from __future__ import absolute_import, division, print_function
+
+import io
+import json
+import os
+import sys
+
+from support import REPOSITORY, TestCase, capability, needs, run_program
+
+kSample = """
+import os, sys, unittest
+
+class Sample(unittest.TestCase):
+    def test_passes(self):
+        print("not shown")
+
+    def test_fails(self):
+        print("the output")
+        self.assertEqual(1, 2)
+
+    @unittest.skip("the reason")
+    def test_skips(self):
+        pass
+
+    @unittest.expectedFailure
+    def test_fails_as_expected(self):
+        self.fail("known")
+
+    def test_dies(self):
+        os.abort()
+
+    def test_exits(self):
+        os._exit(0)
+
+    def test_hangs(self):
+        import threading
+        threading.Event().wait()
+    test_hangs.tdbg_time_limit = 1
+
+    def test_dies_afterwards(self):
+        import atexit
+        atexit.register(os.abort)
+"""
+
+
+@capability("pidfd")
+def _pidfd():
+    """What the runner itself needs; it starts any other interpreter."""
+    return hasattr(os, "pidfd_open") and sys.version_info >= (3, 9)
+
+
+@needs("pidfd")
+class Runner(TestCase):
+    def run_sample(self, files):
+        folder = self.make_dir()
+        for name, text in files.items():
+            self.make_file(name, text, folder)
+        report = os.path.join(folder, "report.json")
+        self.done = run_program([
+            sys.executable, os.path.join(REPOSITORY, "tests", "run.py"), "--python", sys.executable,
+            "--no-lib", "--tests", folder, "--json", report, "--jobs", "2",
+        ])
+        with io.open(report, encoding="utf-8") as source:
+            rows = json.load(source)["results"]
+        return {row["test"]: (row["status"], row["reason"]) for row in rows}
+
+    def test_outcomes_are_told_apart(self):
+        rows = self.run_sample({"test_sample.py": kSample})
+        short = {name.rpartition(".")[2]: row for name, row in rows.items()}
+        self.assertEqual({name: status for name, (status, _) in short.items()}, {
+            "test_passes": "passed",
+            "test_fails": "failed",
+            "test_skips": "skipped",
+            "test_fails_as_expected": "skipped",
+            "test_dies": "failed",
+            "test_exits": "failed",
+            "test_hangs": "failed",
+            "test_dies_afterwards": "failed",
+        }, self.done)
+        self.assertEqual(short["test_skips"][1], "the reason")
+        self.assertEqual(short["test_fails_as_expected"][1], "known failure: known")
+        self.assertIn("1 != 2", short["test_fails"][1])
+        self.assertIn("killed by SIGABRT", short["test_dies"][1])
+        self.assertIn("before the test ended", short["test_exits"][1])
+        self.assertIn("timed out", short["test_hangs"][1])
+        self.assertIn("killed by SIGABRT", short["test_dies_afterwards"][1])
+
+    def test_last_line_and_status_tell_the_sum(self):
+        self.run_sample({"test_sample.py": kSample})
+        self.assertEqual(self.done.out.splitlines()[-1], "1 passed, 5 failed, 2 skipped")
+        self.assertEqual(self.done.status, 1)
+        self.assertIn("the output", self.done.out)
+        self.assertNotIn("not shown", self.done.out)
+
+    def test_file_that_cannot_be_imported_is_a_failure(self):
+        rows = self.run_sample({"test_broken.py": "import no_such_module\n", "test_sample.py": ""})
+        self.assertEqual([(name, row[0]) for name, row in rows.items()], [("test_broken", "failed")])
+        self.assertIn("no_such_module", rows["test_broken"][1])

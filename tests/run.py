@@ -1,0 +1,369 @@
+#!/usr/bin/env python3
+"""Run the Python tests under one or many interpreters.
+
+Every test method runs in a process of its own, with a time limit, for tracing is process-wide.
+Without arguments: all tests under every supported interpreter found, with the libraries that
+./check leaves below build/.
+
+  tests/run.py --python 3.8 --lib build/64 test_breaks
+  tests/run.py --list
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import fnmatch
+import glob
+import json
+import os
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+
+kHere = os.path.dirname(os.path.abspath(__file__))
+kRepository = os.path.dirname(kHere)
+kChild = os.path.join(kHere, "support", "child.py")
+sys.path.insert(0, os.path.join(kRepository, "tools"))
+import interpreters as finder  # noqa: E402
+
+kTestSeconds = 60
+kListSeconds = 120
+kSlowBuildFactor = 3  # debug builds check everything twice
+kLastWordsSeconds = 1  # for a hanging child to say where it hangs
+kShownOutput = 8000  # characters of a failed test's output
+kModule = "tdbgtracer"
+
+tResult = collections.namedtuple("tResult", "interpreter test status reason output")
+
+
+# --- one child ------------------------------------------------------------------------------
+
+
+def run_child(argv, env, seconds, folder):
+    """(how it ended, result object or None, its output); how: None for a clean end."""
+    result_path = os.path.join(folder, "result")
+    output_path = os.path.join(folder, "output")
+    with open(output_path, "wb") as output:
+        child = subprocess.Popen(
+            argv[:1] + [kChild] + [argv[1], result_path] + argv[2:],
+            stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+            env=env, cwd=folder, start_new_session=True,
+        )
+        ended = wait_for(child, seconds)
+    with open(output_path, encoding="utf-8", errors="replace") as source:
+        text = source.read()
+    try:
+        with open(result_path, encoding="utf-8") as source:
+            result = json.load(source)
+    except (OSError, ValueError):
+        result = None
+    return ended, result, text
+
+
+def wait_for(child, seconds):
+    """None when the child ended well, else text. Nothing of its process group is left behind."""
+    descriptor = os.pidfd_open(child.pid)
+    try:
+        ready, _, _ = select.select([descriptor], [], [], seconds)
+        if not ready:
+            signal_group(child.pid, signal.SIGUSR2)  # faulthandler tells where it hangs
+            select.select([descriptor], [], [], kLastWordsSeconds)
+    finally:
+        os.close(descriptor)
+    signal_group(child.pid, signal.SIGKILL)  # the child has not been reaped: its number is ours
+    status = child.wait()
+    if not ready:
+        return "timed out after {} s".format(seconds)
+    if status < 0:
+        return "killed by {}".format(signal.Signals(-status).name)
+    return None if status == 0 else "ended with status {}".format(status)
+
+
+def signal_group(pid, number):
+    try:
+        os.killpg(pid, number)
+    except (ProcessLookupError, PermissionError):
+        pass
+
+
+# --- the library for an interpreter ---------------------------------------------------------
+
+
+def word_size_of(path):
+    """32 or 64, from the file's ELF header."""
+    with open(path, "rb") as source:
+        head = source.read(5)
+    if head[:4] != b"\x7fELF":
+        raise ValueError("{} is no shared library".format(path))
+    return {1: 32, 2: 64}[head[4]]
+
+
+def find_libraries(folders):
+    """{word size: library} in the folders given; without any, in those that ./check builds in."""
+    if not folders:
+        folders = [path for path in glob.glob(os.path.join(kRepository, "build", "[0-9][0-9]")) if has_library(path)]
+    libraries = {}
+    for folder in folders:
+        if not has_library(folder):
+            raise ValueError("{} holds no {}.so".format(folder, kModule))
+        path = os.path.abspath(os.path.join(folder, kModule + ".so"))
+        libraries[word_size_of(path)] = path
+    return libraries
+
+
+def has_library(folder):
+    return os.path.exists(os.path.join(folder, kModule + ".so"))
+
+
+def offer_library(library, interpreter, folder):
+    """Folder with the library under the name that the interpreter looks for."""
+    os.makedirs(folder)
+    # 2.7's debug builds look for "_d.so" first; 3.x's take the plain name.
+    os.symlink(library, os.path.join(folder, kModule + interpreter.module_suffix))
+    return folder
+
+
+def environment_for(lib_dir):
+    env = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
+    env["PYTHONDONTWRITEBYTECODE"] = "1"  # many children at once
+    env["PYTHONNOUSERSITE"] = "1"
+    env["PYTHONIOENCODING"] = "utf-8"
+    env.pop("TDBG_LIB_DIR", None)
+    if lib_dir is not None:
+        env["TDBG_LIB_DIR"] = lib_dir
+    return env
+
+
+# --- listing --------------------------------------------------------------------------------
+
+
+def find_files(folder):
+    return sorted(glob.glob(os.path.join(os.path.abspath(folder), "test_*.py")))
+
+
+def list_tests(interpreter, folder_of_tests, scratch):
+    """(tests as child.py describes them, results of files that cannot be imported)"""
+    files = find_files(folder_of_tests)
+    if not files:
+        raise ValueError("no test_*.py in {}".format(folder_of_tests))
+    with tempfile.TemporaryDirectory(dir=scratch) as folder:
+        argv = [interpreter.path, "list"] + files
+        ended, result, output = run_child(argv, environment_for(None), kListSeconds, folder)
+    if ended is not None or result is None:
+        return [], [tResult(interpreter, "(listing)", "failed", ended or "no result", output)]
+    broken = [tResult(interpreter, *row, "") for row in result["broken"]]
+    tests = [test for test in result["tests"] if interpreter.supported != test["unsupported"]]
+    return tests, broken if interpreter.supported else []
+
+
+def is_chosen(test_id, patterns):
+    """A pattern is part of a test's name, a shell pattern, or the name of a test file."""
+    if not patterns:
+        return True
+    for pattern in patterns:
+        if pattern.endswith(".py"):
+            pattern = os.path.basename(pattern)[: -len(".py")] + ".*"
+        if pattern in test_id or fnmatch.fnmatch(test_id, pattern):
+            return True
+    return False
+
+
+# --- running --------------------------------------------------------------------------------
+
+
+def run_test(interpreter, test, env, arguments, scratch):
+    seconds = (test["limit"] or arguments.timeout) * (kSlowBuildFactor if interpreter.debug else 1)
+    path = os.path.join(os.path.abspath(arguments.tests), test["id"].partition(".")[0] + ".py")
+    with tempfile.TemporaryDirectory(dir=scratch) as folder:
+        ended, result, output = run_child([interpreter.path, "run", path, test["id"]], env, seconds, folder)
+    if result is None:
+        return tResult(interpreter, test["id"], "failed", "{} before the test ended".format(ended), output)
+    if ended is not None and result["status"] != "failed":
+        reason = "{}, but then the process {}".format(result["status"], ended)
+        return tResult(interpreter, test["id"], "failed", reason, output)
+    return tResult(interpreter, test["id"], result["status"], result["reason"], output)
+
+
+class tRun:
+    """All results, reported as they come in."""
+
+    def __init__(self, arguments):
+        self.arguments = arguments
+        self.results = []
+        self.lock = threading.Lock()
+
+    def add(self, result):
+        with self.lock:
+            self.results.append(result)
+            if result.status == "failed":
+                print(describe_failure(result), flush=True)
+            elif self.arguments.verbose:
+                note = " ({})".format(result.reason) if result.reason else ""
+                print("{} {}: {}{}".format(result.interpreter.name, result.test, result.status, note), flush=True)
+
+
+def describe_failure(result):
+    output = result.output.rstrip()
+    if len(output) > kShownOutput:
+        half = kShownOutput // 2
+        output = output[:half] + "\n[...]\n" + output[-half:]
+    text = "FAILED {} under {}\n{}\n".format(result.test, result.interpreter.name, indent(result.reason.rstrip()))
+    return text + ("  --- its output\n{}\n".format(indent(output)) if output else "")
+
+
+def indent(text):
+    return "\n".join("  " + line for line in text.splitlines())
+
+
+def run_all(interpreters, libraries, run, scratch):
+    arguments = run.arguments
+    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+        listings = list(pool.map(lambda item: list_tests(item, arguments.tests, scratch), interpreters))
+        pending = []
+        for item, (tests, broken) in zip(interpreters, listings):
+            library = libraries.get(item.bits)
+            if library is None and not arguments.no_lib:
+                reason = "no {}-bit library".format(item.bits)
+                run.add(tResult(item, "(all tests)", "skipped", reason, ""))
+                continue
+            for result in broken:
+                if is_chosen(result.test, arguments.pattern):
+                    run.add(result)
+            lib_dir = library and offer_library(library, item, os.path.join(scratch, "lib-" + item.name))
+            env = environment_for(lib_dir)
+            for test in tests:
+                if is_chosen(test["id"], arguments.pattern):
+                    pending.append(pool.submit(run_test, item, test, env, arguments, scratch))
+        try:
+            for future in concurrent.futures.as_completed(pending):
+                run.add(future.result())
+        except KeyboardInterrupt:
+            pool.shutdown(wait=False, cancel_futures=True)
+            raise
+
+
+# --- reporting ------------------------------------------------------------------------------
+
+
+def count(results):
+    counts = collections.Counter(result.status for result in results)
+    return counts["passed"], counts["failed"], counts["skipped"]
+
+
+def print_table(interpreters, results):
+    print("{:26}{:>8}{:>8}{:>8}".format("interpreter", "passed", "failed", "skipped"))
+    for item in interpreters:
+        own = [result for result in results if result.interpreter is item]
+        print("{:26}{:>8}{:>8}{:>8}".format(item.name, *count(own)))
+
+
+def print_skips(results):
+    """Reasons, with how often each and where."""
+    groups = collections.defaultdict(list)
+    for result in results:
+        if result.status == "skipped":
+            groups[result.reason].append(result)
+    if groups:
+        print("\nskipped:")
+    for reason, group in sorted(groups.items(), key=lambda item: (-len(item[1]), item[0])):
+        names = sorted({result.interpreter.name for result in group})
+        tests = sorted({result.test for result in group})
+        where = ", ".join(names) if len(names) <= 4 else "{} interpreters".format(len(names))
+        what = ", ".join(tests) if len(tests) <= 2 else "{} tests".format(len(tests))
+        print("  {:5} {}  [{}; {}]".format(len(group), reason, what, where))
+
+
+def write_json(path, interpreters, results):
+    rows = [
+        {"interpreter": result.interpreter.name, "test": result.test, "status": result.status,
+         "reason": result.reason} for result in results
+    ]
+    with open(path, "w") as out:
+        json.dump({"interpreters": [item.name for item in interpreters], "results": rows}, out, indent=1)
+
+
+# --- command line ---------------------------------------------------------------------------
+
+
+def parse_arguments(argv):
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
+    )
+    parser.add_argument("--python", action="append", nargs="+", default=[], metavar="INTERPRETER",
+                        help="path, or name as of tools/interpreters.py (3.8, 2.7-32, pyenv-3.8.18-64)")
+    parser.add_argument("--lib", action="append", default=[], metavar="DIR",
+                        help="folder with the library; one for each word size")
+    parser.add_argument("--no-lib", action="store_true", help="run what needs no library")
+    parser.add_argument("--tests", default=os.path.join(kHere, "py"), metavar="DIR", help="folder of the tests")
+    parser.add_argument("--list", action="store_true", help="print the names of the tests")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
+    parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
+    parser.add_argument("--json", metavar="FILE", help="write all results there, too")
+    parser.add_argument("-v", "--verbose", action="store_true", help="every test")
+    parser.add_argument("pattern", nargs="*", help="part of a test's name, shell pattern or test file")
+    arguments = parser.parse_args(argv)
+    arguments.python = [name for names in arguments.python for name in names]
+    return arguments
+
+
+def split_patterns(arguments):
+    """`--python 3.8 test_x` reads as two interpreters: what names a test is a pattern."""
+    for name in list(arguments.python):
+        if os.path.basename(name).startswith("test_"):
+            arguments.python.remove(name)
+            arguments.pattern.append(name)
+
+
+def choose_interpreters(arguments):
+    if not arguments.python and arguments.list:
+        return [finder.describe_path(sys.executable)]
+    if arguments.python and all(os.sep in name for name in arguments.python):
+        return finder.select([], arguments.python)
+    found = finder.find_interpreters()
+    return finder.select(found, arguments.python) if arguments.python else found
+
+
+def print_list(interpreters, arguments, scratch):
+    for item in interpreters:
+        tests, broken = list_tests(item, arguments.tests, scratch)
+        for name in sorted({test["id"] for test in tests}):
+            if is_chosen(name, arguments.pattern):
+                print(name)
+        for result in broken:
+            print("{}: {}: {}".format(result.test, result.status, result.reason.strip().splitlines()[-1]))
+
+
+def main(argv):
+    arguments = parse_arguments(argv)
+    split_patterns(arguments)
+    scratch = tempfile.mkdtemp(prefix="tdbg-run-")
+    try:
+        interpreters = choose_interpreters(arguments)
+        if arguments.list:
+            print_list(interpreters, arguments, scratch)
+            return 0
+        libraries = {} if arguments.no_lib else find_libraries(arguments.lib)
+        if not libraries and not arguments.no_lib:
+            raise ValueError("no library: build one and name its folder with --lib, or say --no-lib")
+        run = tRun(arguments)
+        run_all(interpreters, libraries, run, scratch)
+    except ValueError as why:
+        print("tests/run.py: {}".format(why), file=sys.stderr)
+        return 2
+    finally:
+        shutil.rmtree(scratch, ignore_errors=True)
+    print_table(interpreters, run.results)
+    print_skips(run.results)
+    if arguments.json:
+        write_json(arguments.json, interpreters, run.results)
+    passed, failed, skipped = count(run.results)
+    print("{} passed, {} failed, {} skipped".format(passed, failed, skipped))
+    return 1 if failed or not run.results else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
