@@ -277,9 +277,15 @@ def print_skips(results):
         print("  {:5} {}  [{}; {}]".format(len(group), reason, what, where))
 
 
+def print_summary(interpreters, results):
+    print_table(interpreters, results)
+    print_skips(results)
+    print("{} passed, {} failed, {} skipped".format(*count(results)))
+
+
 def write_json(path, interpreters, results):
     rows = [
-        {"interpreter": result.interpreter.name, "test": result.test, "status": result.status,
+        {"interpreter": result.interpreter.name, "path": result.interpreter.path, "test": result.test, "status": result.status,
          "reason": result.reason} for result in results
     ]
     with open(path, "w") as out:
@@ -303,6 +309,7 @@ def parse_arguments(argv):
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
+    parser.add_argument("--no-summary", action="store_true", help="failures only")
     parser.add_argument("-v", "--verbose", action="store_true", help="every test")
     parser.add_argument("pattern", nargs="*", help="part of a test's name, shell pattern or test file")
     arguments = parser.parse_args(argv)
@@ -356,13 +363,11 @@ def main(argv):
         return 2
     finally:
         shutil.rmtree(scratch, ignore_errors=True)
-    print_table(interpreters, run.results)
-    print_skips(run.results)
     if arguments.json:
         write_json(arguments.json, interpreters, run.results)
-    passed, failed, skipped = count(run.results)
-    print("{} passed, {} failed, {} skipped".format(passed, failed, skipped))
-    return 1 if failed or not run.results else 0
+    if not arguments.no_summary:
+        print_summary(interpreters, run.results)
+    return 1 if count(run.results)[1] or not run.results else 0
 
 
 if __name__ == "__main__":
