@@ -42,7 +42,8 @@ TDBG_API boolean gUseCanonicalPathnames;
 TDBG_API tFileOpsData* create_file_ops_data(tDPData* dp);
 TDBG_API void destroy_file_ops_data(tFileOpsData* data);
 
-// Absolute form of a name; null when it cannot be made (logged).
+// Absolute form of a name; null when out of memory or without a working directory (logged). A name
+// with a leading slash is taken as it is.
 TDBG_API const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name);
 TDBG_API const char* get_absname(tFileOpsData* data, const char* name);  // the same
 
