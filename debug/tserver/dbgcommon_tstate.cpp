@@ -1,1 +1,125 @@
-// placeholder
+// Thread states and the installation of a C trace function.
+#include "dbgcommon.h"
+#include "dprintf.h"
+#include "guards.h"
+
+using tUncheckedGet = PyThreadState* (*)();
+
+// How the running thread's state is had without the abort of PyThreadState_Get when there is none:
+// a function (3.5.2 and later), before that the variable that holds it.
+static constinit tUncheckedGet unchecked_get = nullptr;
+static constinit PyThreadState** current_variable = nullptr;
+
+static constexpr const char* kUncheckedGetNames[] = {
+    "PyThreadState_GetUnchecked",  // 3.13 and later
+    "_PyThreadState_UncheckedGet",
+};
+
+static void find_unchecked_get() {
+    for (const char* const name : kUncheckedGetNames) {
+        unchecked_get = reinterpret_cast<tUncheckedGet>(XPy_LookupPythonFunction(name));
+        if (unchecked_get != nullptr) {
+            return;
+        }
+    }
+    current_variable =
+        static_cast<PyThreadState**>(XPy_LookupPythonFunction("_PyThreadState_Current"));
+    if (current_variable == nullptr) {
+        unchecked_get = gPy.PyThreadState_Get;
+    }
+}
+
+PyThreadState* borrow_current_thread_state() {
+    if (unchecked_get == nullptr && current_variable == nullptr) {
+        find_unchecked_get();
+    }
+    return unchecked_get != nullptr ? unchecked_get() : *current_variable;
+}
+
+TDBG_API PyFrameObject* get_thread_state_frame(PyThreadState* tstate) {
+    return gPy.PyThreadState_GetFrame(tstate);
+}
+
+TDBG_API int get_stack_depth(PyThreadState* tstate) {
+    int depth = 0;
+    tOwnedFrame frame(get_thread_state_frame(tstate != nullptr ? tstate : gPy.PyThreadState_Get()));
+    while (frame) {
+        ++depth;
+        frame.reset(get_frame_back(frame.borrow()));
+    }
+    return depth;
+}
+
+TDBG_API PyObject* borrow_thread_state_traceobj(PyThreadState* tstate) {
+    const Py_ssize_t offset = gPy.tstate_offsets.c_traceobj;
+    return offset != -1 ? read_field<PyObject*>(tstate, offset) : nullptr;
+}
+
+TDBG_API PyInterpreterState* borrow_thread_state_interp(PyThreadState* tstate) {
+    return gPy.PyThreadState_GetInterpreter(tstate);
+}
+
+TDBG_API unsigned long get_thread_state_thread_id(PyThreadState* tstate) {
+    const Py_ssize_t offset = gPy.tstate_offsets.thread_id;
+    return offset != -1 ? read_field<unsigned long>(tstate, offset) : 0;
+}
+
+TDBG_API int get_thread_state_use_tracing(PyThreadState* tstate) {
+    const Py_ssize_t offset = gPy.tstate_offsets.use_tracing;
+    // deliberate: where the field does not exist (3.10 and later) tracing counts as in use
+    return offset != -1 ? read_field<int>(tstate, offset) : 1;
+}
+
+TDBG_API void set_thread_state_use_tracing(PyThreadState* tstate, int value) {
+    const Py_ssize_t offset = gPy.tstate_offsets.use_tracing;
+    if (offset != -1) {
+        write_field<int>(tstate, offset, value);
+    }
+}
+
+TDBG_API int get_thread_state_tracing(PyThreadState* tstate) {
+    const Py_ssize_t offset = gPy.tstate_offsets.tracing;
+    return offset != -1 ? read_field<int>(tstate, offset) : 0;
+}
+
+TDBG_API void increment_thread_state_tracing(PyThreadState* tstate) {
+    gPy.PyThreadState_EnterTracing(tstate);
+}
+
+TDBG_API void decrement_thread_state_tracing(PyThreadState* tstate) {
+    gPy.PyThreadState_LeaveTracing(tstate);
+}
+
+TDBG_API void add_to_thread_state_tracing(PyThreadState* tstate, int n) {
+    for (; n > 0; --n) {
+        increment_thread_state_tracing(tstate);
+    }
+    for (; n < 0; ++n) {
+        decrement_thread_state_tracing(tstate);
+    }
+}
+
+// Only these versions let a C trace function be set on another thread's state.
+static bool can_set_trace_of_other_threads() {
+    return version_at_least(3, 10) && !version_at_least(3, 13);
+}
+
+TDBG_API int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc func, PyObject* obj) {
+    if (tstate == gPy.PyThreadState_Get()) {
+        gPy.PyEval_SetTrace(func, obj);
+        return 0;
+    }
+    if (!can_set_trace_of_other_threads()) {
+        return -1;
+    }
+    const int result = gPy._PyEval_SetTrace(tstate, func, obj);
+    if (result != 0 && gPy.PyErr_Occurred() != nullptr) {
+        log_failure("_PyEval_SetTrace raised exception\n");
+    }
+    return result;
+}
+
+TDBG_API int get_thread_state_what_event(PyThreadState* tstate) {
+    const Py_ssize_t offset = gPy.tstate_offsets.what_event;
+    return offset != -1 ? read_field<int>(tstate, offset) : -1;
+}
