@@ -131,9 +131,3 @@ TDBG_API boolean __tracer_break_here(
 
 // Whether the frame's code has a breakpoint anywhere: 1 = maybe, 0 = no, -1 = failure (logged).
 TDBG_API int tracer_any_bps(tBpOpsData* data, PyFrameObject* frame);
-// The answer kept with the code object: new ref, null when there is none for the current set of
-// breakpoints; no exception.
-TDBG_API PyObject* GetAnyBpsInCodeObject(tCOPathnameTable* table, PyCodeObject* code);
-TDBG_API int SetAnyBpsInCodeObject(tCOPathnameTable* table, PyCodeObject* code, PyObject* value);
-// Makes every kept answer stale. 0, or -1 when out of memory.
-TDBG_API int ClearAnyBpsInAllCodeObjects(tCOPathnameTable* table);

@@ -5,8 +5,10 @@
 // The record is a field of the tracer's state. It is valid in the process that set it up: a forked
 // child never touches its locks, which may be locked for ever, before
 // update_idle_thread_maybe_after_fork.
-// Lock order: interpreter lock, then the record's mutex, then the server mutex. The idle thread
-// never waits for the interpreter lock while it holds the mutex.
+// Lock order: interpreter lock, then the server mutex, then the record's mutex. Whoever holds the
+// interpreter lock gives it away while it waits for the record's mutex, and the idle thread never
+// waits for the interpreter lock while it holds that mutex. The thread that runs the idle callback
+// holds it and may come back for it.
 #pragma once
 
 #include <sys/types.h>
