@@ -25,6 +25,8 @@ enum tCodeEntryItem : int {
 
 inline constexpr size_t kCodeEntryCacheSize = 1024;  // a power of two
 
+inline constexpr unsigned kTextCopies = 8;
+
 struct tCodeEntrySlot {
     PyCodeObject* code;  // borrowed from the dictionary's extra reference; null = free slot
     PyObject* entry;     // borrowed from the dictionary
@@ -38,8 +40,8 @@ struct tCOPathnameTable {
     PyObject* filestring;                   // owned; the str "__file__"
     PyObject* bp_version;  // owned; identity = the current set of breakpoints; may be null
     // Private.
-    char* text_copy;        // owned; copy of a co_filename handed out last; null until needed
-    size_t text_copy_size;  // bytes allocated
+    char* text_copies[kTextCopies];  // owned; co_filename texts handed out last; null = unused
+    unsigned next_text_copy;         // the one to be overwritten next
     tCodeEntrySlot entry_cache[kCodeEntryCacheSize];  // in front of filename_for_co
 };
 
@@ -57,8 +59,8 @@ TDBG_API void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_op
 // objects' extra slots stay with their code objects.
 void free_co_pathname_table(tCOPathnameTable* table);
 
-// Registered pathname; null when none. Text valid until the code object is registered anew with
-// force.
+// Registered pathname; null when none. Text valid while the code object lives and until another
+// name is registered for it with force.
 TDBG_API const char* LookupCOPathname(tCOPathnameTable* table, PyCodeObject* code);
 // 0 = registered (or kept the old name: force 0), -1 = failed. containing_class may be null.
 TDBG_API int RegisterCOPathname(tCOPathnameTable* table,
@@ -121,16 +123,18 @@ TDBG_API const char* __tracer_get_relative_path(tCOPathnameTable* table,
                                                 PyObject* co_filename);
 // Absolute (or canonical) name of a module's file, registered for code (when not null) and, on
 // request, for all code reachable from globals. Null for names without a file. The text belongs to
-// the file-name caches, or to co_filename when that is used as it is: hold co_filename.
+// the file-name caches and stays; that of a co_filename used as it is stays until seven other such
+// names have been asked for.
 TDBG_API const char* __resolve_module_full_path(tCOPathnameTable* table,
                                                 PyObject* globals,
                                                 PyObject* co_filename,
                                                 PyCodeObject* code,
                                                 int register_all_in_globals);
-// The same for the code a frame runs. The text is valid as long as the frame's code object.
+// The same for the code a frame runs; null for what is no frame.
 TDBG_API const char* __resolve_full_path_for_frame(tCOPathnameTable* table,
                                                    PyFrameObject* frame,
                                                    int register_all_in_globals);
 // Name of the file a frame runs in, for trace events: registered, or worked out without
-// registering. "<cframe>" for what is no frame; null after a failure. Valid until the next call.
+// registering. "<cframe>" for what is no frame; null after a failure. Registered names are valid as
+// said at LookupCOPathname, others as at __resolve_module_full_path.
 TDBG_API const char* __tracer_get_full_path(tCOPathnameTable* table, PyFrameObject* frame);
