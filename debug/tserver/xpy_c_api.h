@@ -158,7 +158,8 @@ TDBG_API PyTypeObject* XPy_BorrowType(PyObject* obj);
 // 1 equal, 0 different, -1 with an exception set.
 TDBG_API int XPy_PyObjectsEqual(PyObject* a, PyObject* b);
 
-// Module creation: new reference, null with an exception set.
+// Module creation; null with an exception set. A new reference, but on Python 2 a borrowed one: there
+// the module belongs to sys.modules.
 TDBG_API PyObject* XPy_InitModule(const char* name, PyMethodDef* methods);
 TDBG_API PyObject* XPyModuleDef_Init(XPyModuleDef* module_def);
 // Interpreter image of a module description; never freed. Null on failure.
