@@ -121,15 +121,15 @@ def has_library(folder):
 
 def offer_library(library, interpreter, folder):
     """Folder with the library under the name that the interpreter looks for."""
-    os.makedirs(folder)
     # 2.7's debug builds look for "_d.so" first; 3.x's take the plain name.
     os.symlink(library, os.path.join(folder, kModule + interpreter.module_suffix))
     return folder
 
 
-def environment_for(lib_dir):
+def environment_for(lib_dir, may_compile=False):
     env = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
-    env["PYTHONDONTWRITEBYTECODE"] = "1"  # many children at once
+    if not may_compile:
+        env["PYTHONDONTWRITEBYTECODE"] = "1"  # many children at once
     env["PYTHONNOUSERSITE"] = "1"
     env["PYTHONIOENCODING"] = "utf-8"
     env.pop("TDBG_LIB_DIR", None)
@@ -152,7 +152,10 @@ def list_tests(interpreter, folder_of_tests, scratch):
         raise ValueError("no test_*.py in {}".format(folder_of_tests))
     with tempfile.TemporaryDirectory(dir=scratch) as folder:
         argv = [interpreter.path, "list"] + files
-        ended, result, output = run_child(argv, environment_for(None), kListSeconds, folder)
+        # One process per version compiles the helpers for all its tests; 2.7 would write files whose
+        # names modules then show, beside the sources.
+        env = environment_for(None, may_compile=interpreter.version >= (3,))
+        ended, result, output = run_child(argv, env, kListSeconds, folder)
     if ended is not None or result is None:
         return [], [tResult(interpreter, "(listing)", "failed", ended or "no result", output)]
     broken = [tResult(interpreter, *row, "") for row in result["broken"]]
@@ -233,7 +236,7 @@ def run_all(interpreters, libraries, run, scratch):
             for result in broken:
                 if is_chosen(result.test, arguments.pattern):
                     run.add(result)
-            lib_dir = library and offer_library(library, item, os.path.join(scratch, "lib-" + item.name))
+            lib_dir = library and offer_library(library, item, tempfile.mkdtemp(dir=scratch))
             env = environment_for(lib_dir)
             for test in tests:
                 if is_chosen(test["id"], arguments.pattern):
@@ -285,7 +288,7 @@ def print_summary(interpreters, results):
 
 def write_json(path, interpreters, results):
     rows = [
-        {"interpreter": result.interpreter.name, "path": result.interpreter.path, "test": result.test, "status": result.status,
+        {"interpreter": result.interpreter.name, "test": result.test, "status": result.status,
          "reason": result.reason} for result in results
     ]
     with open(path, "w") as out:
