@@ -15,33 +15,33 @@
 #include "xpy_c_api.h"
 
 struct tTracerData {
-    int tracing;            // tracing is on; every dispatch asks again
-    uint64_t idle_period;   // ticks (whole seconds) between idle calls; 0 = none
-    int idling;             // the idle callback runs
-    int exception_mode;     // 0 never, 1 always, 2 unhandled; 4 and 5 also ask who prints
-    int autoquit;           // call quit_cb when a bottom frame is left
-    int debug_all_threads;  // 0: while one thread is stopped the others run untraced
-    PyObject* debug_thread_cb;           // owned; null = debug every thread
-    CUt_HashTable thread_data;           // PyThreadState* -> tThreadData*
-    PyThread_type_lock mutex;            // the debug-server mutex
-    long mutex_thread_id;                // its holder; -1 = free
-    PyObject* install_thread_hooks_cb;   // owned
-    PyObject* get_checksum_cb;           // owned
-    PyObject* idle_cb;                   // owned
-    PyObject* line_cb;                   // owned
-    PyObject* return_cb;                 // owned
-    PyObject* exception_cb;              // owned
-    PyObject* quit_cb;                   // owned
-    PyObject* internal_modules_map;      // owned dict; keys: full paths of the debugger's own files
-    PyObject* trace_module;              // owned
-    PyObject* trace_function;            // owned; the trace object of threads and frames
-    PyObject* sys_settrace;              // owned
-    int idle_instruction_count;          // events since the last idle call
-    int idle_instruction_threshold;      // events before the clock is asked
-    uint64_t idle_time_threshold;        // tick from which the next idle call is due
-    CUt_HashTable exception_filters;     // location number -> tExcFilter*
-    PyObject* catch_all_code_objects;    // owned or null
-    tFileOpsData* file_ops_data;         // owned
+    int tracing;                // tracing is on; every dispatch asks again
+    uint64_t idle_period;       // ticks (whole seconds) between idle calls; 0 = none
+    int idling;                 // the idle callback runs
+    int exception_mode;         // 0 never, 1 always, 2 unhandled; 4 and 5 also ask who prints
+    int autoquit;               // call quit_cb when a bottom frame is left
+    int debug_all_threads;      // 0: while one thread is stopped the others run untraced
+    PyObject* debug_thread_cb;  // owned; null = debug every thread
+    CUt_HashTable thread_data;  // PyThreadState* -> tThreadData*
+    PyThread_type_lock mutex;   // the debug-server mutex
+    long mutex_thread_id;       // its holder; -1 = free
+    PyObject* install_thread_hooks_cb;  // owned
+    PyObject* get_checksum_cb;          // owned
+    PyObject* idle_cb;                  // owned
+    PyObject* line_cb;                  // owned
+    PyObject* return_cb;                // owned
+    PyObject* exception_cb;             // owned
+    PyObject* quit_cb;                  // owned
+    PyObject* internal_modules_map;     // owned dict; keys: full paths of the debugger's own files
+    PyObject* trace_module;             // owned
+    PyObject* trace_function;           // owned; the trace object of threads and frames
+    PyObject* sys_settrace;             // owned
+    int idle_instruction_count;         // events since the last idle call
+    int idle_instruction_threshold;     // events before the clock is asked
+    uint64_t idle_time_threshold;       // tick from which the next idle call is due
+    CUt_HashTable exception_filters;    // location number -> tExcFilter*
+    PyObject* catch_all_code_objects;   // owned or null
+    tFileOpsData* file_ops_data;        // owned
     tBpOpsData bp_ops_data;
     PyObject* newly_imported_module_files;  // owned list of full paths
     PyObject* import_hook;                  // owned; null = not installed
@@ -172,7 +172,7 @@ TDBG_API PyObject* call_get_checksum_cb(const char* file_name);
 TDBG_API int __should_debug_thread(tThreadData* thread_data);
 // Brings the calling thread under the tracer if it is not; true when it is traced afterwards.
 bool adopt_current_thread(PyThreadState* tstate);
-// borrowed text, or null
+// Full path, borrowed; null when there is none. What import_cb raised stays set.
 TDBG_API const char* register_module_direct(PyObject* module);
 TDBG_API void __call_import_cb(PyObject* module);  // an exception of the callback stays set
 TDBG_API int __tracer_top_level_call(PyFrameObject* frame);  // 0, or -1

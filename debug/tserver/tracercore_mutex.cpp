@@ -1,1 +1,153 @@
-// placeholder
+// tracercore_mutex.cpp -- the debug-server mutex: who may call into the debug server.
+// Recursive per thread through the count in the thread's record. A thread that is stopped at the
+// debugger holds it for the whole stop; every other traced thread waits for it in its next event.
+#include "tracercore.h"
+
+#include "tracercore_internal.h"
+
+// While a thread is stopped the others must notice at their next line, so their innermost frames
+// send line events again; afterwards those that nobody watches are silent again.
+static void refresh_other_threads_lines() {
+    if (gSelf.global_idle_thread_data.use_idle_thread != 0 && is_frame_trace_lines_supported()) {
+        update_f_trace_lines_in_other_leaf_frames();
+    }
+}
+
+int acquire_dbgserver_mutex(tThreadData* thread_data) {
+    if (thread_data->dbgserver_mutex_acquired_count > 0) {
+        thread_data->dbgserver_mutex_acquired_count++;
+        return 1;
+    }
+    if (!acquire_thread_mutex(gSelf.mutex, 1)) {
+        return 0;
+    }
+    gSelf.mutex_thread_id = thread_data->thread_id;
+    thread_data->dbgserver_mutex_acquired_count++;
+    refresh_other_threads_lines();
+    return 1;
+}
+
+void release_dbgserver_mutex(tThreadData* thread_data) {
+    if (thread_data->dbgserver_mutex_acquired_count == 0) {
+        return;  // never acquired: there is nothing to give back
+    }
+    if (--thread_data->dbgserver_mutex_acquired_count != 0) {
+        return;
+    }
+    if (gSelf.mutex_thread_id == thread_data->thread_id) {
+        gSelf.mutex_thread_id = -1;
+        release_thread_mutex(gSelf.mutex);
+        refresh_other_threads_lines();
+        if (thread_data->dbgserver_mutex_acquired_count != 0) {
+            return;
+        }
+    }
+    free_thread_data_if_unused(thread_data);
+}
+
+int dbgserver_mutex_held(tThreadData* thread_data) {
+    return gSelf.mutex_thread_id == thread_data->thread_id;
+}
+
+// The wait for the mutex may have been long: tracing may have ended, or the thread with it.
+static bool may_call_back(const tThreadData* thread_data) {
+    return thread_data->tracing && !thread_data->removed_from_table &&
+           thread_data->tstate_id == reinterpret_cast<Py_ssize_t>(gPy.PyThreadState_Get());
+}
+
+int dispatch_ctx_acquire_mutex(tDispatchCtx* ctx) {
+    if (ctx->mutex_acquired) {
+        return 1;
+    }
+    tThreadData* const thread_data = ctx->thread_data;
+    if (!acquire_dbgserver_mutex(thread_data)) {
+        DPRINTF(kLogInternalFailures, "acquire_dbgserver_mutex failed: probable OS mutex error\n");
+        return 0;
+    }
+    if (may_call_back(thread_data)) {
+        ctx->mutex_acquired = 1;
+        return 1;
+    }
+    DPRINTF(kLogCore,
+            "Releasing acquired mutex in dispatch_ctx_acquire_mutex because callback should not be "
+            "made\n");
+    DPRINTF(kLogCore,
+            "  ->tracing = %d, ->removed_from_table = %d\n",
+            thread_data->tracing,
+            thread_data->removed_from_table);
+    release_dbgserver_mutex(thread_data);
+    return 0;
+}
+
+static PyObject* get_checksum(const char* file_name) {
+    tOwnedRef name(new_native_string(file_name));
+    tOwnedRef checksum(name ? do_one_arg_call(gSelf.get_checksum_cb, name.borrow()) : nullptr);
+    if (!checksum) {
+        log_failure("Failure: get_file_checksum()\n");
+        return new_ref(gPy.Py_None);
+    }
+    return checksum.give_away();
+}
+
+PyObject* call_get_checksum_cb(const char* file_name) {
+    if (gSelf.get_checksum_cb == nullptr || !gSelf.bp_ops_data.checksums_enabled) {
+        return new_ref(gPy.Py_None);
+    }
+    DPRINTF(kLogBreakpoints, "Getting checksum for %s\n", dprint_check_str(file_name));
+    tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr) {
+        gPy.PyErr_Clear();
+        return new_ref(gPy.Py_None);
+    }
+    if (thread_data->active_dispatch_ctx != nullptr) {
+        // The dispatch that is running gives the mutex back at its end.
+        if (!dispatch_ctx_acquire_mutex(thread_data->active_dispatch_ctx)) {
+            return new_ref(gPy.Py_None);
+        }
+        tRecursionHeadroom room(kRecursionHeadroom);
+        return get_checksum(file_name);
+    }
+    tServerLock lock(thread_data);
+    if (!lock.held()) {
+        return new_ref(gPy.Py_None);
+    }
+    tTracingOff quiet(gPy.PyThreadState_Get());
+    return get_checksum(file_name);
+}
+
+PyObject* _tracer_acquire_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
+    if (!gPy.PyArg_ParseTuple(args, ":acquire_dbgserver_mutex")) {
+        return nullptr;
+    }
+    tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr) {
+        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
+        return nullptr;
+    }
+    return new_int(acquire_dbgserver_mutex(thread_data));
+}
+
+PyObject* _tracer_release_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
+    if (!gPy.PyArg_ParseTuple(args, ":release_dbgserver_mutex")) {
+        return nullptr;
+    }
+    tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr) {
+        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
+        return nullptr;
+    }
+    release_dbgserver_mutex(thread_data);
+    return new_ref(gPy.Py_None);
+}
+
+PyObject* _tracer_is_dbgserver_mutex_held(PyObject* /*self*/, PyObject* args) {
+    if (!gPy.PyArg_ParseTuple(args, ":is_dbgserver_mutex_held")) {
+        return nullptr;
+    }
+    tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr) {
+        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
+        return nullptr;
+    }
+    return new_int(dbgserver_mutex_held(thread_data));
+}

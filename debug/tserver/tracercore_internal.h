@@ -1,0 +1,109 @@
+// tracercore_internal.h -- what only the parts of the tracer core share.
+#pragma once
+
+#include "dbgcommon.h"
+#include "dprintf.h"
+#include "guards.h"
+#include "tracercore.h"
+
+// Extra stack levels for the debugger's own calls while the program is at its recursion limit.
+inline constexpr int kRecursionHeadroom = 50;
+inline constexpr int kExceptionRecursionHeadroom = 100;
+
+// event_type of __tracer_stop_here_without_mutex and of the sub-language hooks.
+enum tStopEvent : int { kStopException = -1, kStopCall = 0, kStopLine = 1, kStopReturn = 2 };
+
+inline PyFrameObject* none_frame() {
+    return static_cast<PyFrameObject*>(gPy.Py_None);
+}
+
+inline tThreadData* current_thread_data() {
+    return get_current_thread_data(&gSelf.thread_data);
+}
+
+// The thread has our trace function and not somebody else's.
+inline bool has_our_trace_object(PyThreadState* tstate) {
+    return borrow_thread_state_traceobj(tstate) == gSelf.trace_function;
+}
+
+inline tCOPathnameTable* path_table() {
+    return &gSelf.co_pathname_table;
+}
+
+// The server mutex for a block, taken only when `thread_data` is a record.
+class tServerLock : tNoCopy {
+public:
+    explicit tServerLock(tThreadData* thread_data)
+        : thread_data_(thread_data != nullptr && acquire_dbgserver_mutex(thread_data) != 0
+                           ? thread_data
+                           : nullptr) {}
+    ~tServerLock() {
+        if (thread_data_ != nullptr) {
+            release_dbgserver_mutex(thread_data_);
+        }
+    }
+    bool held() const { return thread_data_ != nullptr; }
+
+private:
+    tThreadData* thread_data_;
+};
+
+// errno around code of ours, where the server asked for it.
+class tMaybeSavedErrno : tNoCopy {
+public:
+    tMaybeSavedErrno() : saving_(gSelf.save_and_restore_errno != 0), errno_(errno) {}
+    ~tMaybeSavedErrno() {
+        if (saving_) {
+            errno = errno_;
+        }
+    }
+
+private:
+    bool saving_;
+    int errno_;
+};
+
+// Calls `visit` for every thread state of the calling thread's interpreter.
+template <class Visit>
+inline void for_each_thread_state(Visit visit) {
+    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
+    if (interp == nullptr) {
+        return;
+    }
+    for (PyThreadState* tstate = gPy.PyInterpreterState_ThreadHead(interp); tstate != nullptr;
+         tstate = gPy.PyThreadState_Next(tstate)) {
+        visit(tstate);
+    }
+}
+
+// tracercore_dispatch.cpp: a callback of the debug server with up to two arguments, with room on
+// the stack and errno kept. False = it raised, which is logged under `failure` and cleared. The
+// caller holds the server mutex.
+bool call_server(const char* failure,
+                 PyObject* callback,
+                 PyObject* a = nullptr,
+                 PyObject* b = nullptr);
+
+// tracercore_events.cpp: one function per event; each answers what inner_dispatch answers.
+int dispatch_call(tDispatchCtx* ctx);
+int dispatch_line(tDispatchCtx* ctx);
+int dispatch_return(tDispatchCtx* ctx);
+int dispatch_exception(tDispatchCtx* ctx);
+// The frame is being left by an exception (return event).
+bool is_left_by_exception(const tDispatchCtx* ctx);
+
+// tracercore_threads.cpp
+// The record of the thread that Python names by its id: null for an unknown one, and with an
+// exception set when the id is no number.
+tThreadData* find_thread_data_by_id(PyObject* id);
+// Gives the thread a name once its stack tells one; nothing on failure.
+void name_thread_after_stack(tThreadData* thread_data, PyFrameObject* frame);
+
+// tracercore_sublanguage.cpp
+// On a call event: loads hooks that wait, notices marker frames. 1 = stop here, 0 = no.
+int sub_language_on_call(tDispatchCtx* ctx);
+// Takes the hook off the thread when its marker frame returns.
+void sub_language_on_return(tThreadData* thread_data, PyFrameObject* frame);
+// 1 stop, 0 no stop, for the frame of the event under an active hook.
+int sub_language_stop_here(tDispatchCtx* ctx, int event_type);
+void sub_language_clear();
