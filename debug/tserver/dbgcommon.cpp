@@ -2,10 +2,11 @@
 //
 // A frame's trace object and its line switch are set on every call event, so they are written
 // natively where start-up has proven where they are (gProbed), with the outcome of the attribute:
-// - f_trace: null for None, a reference taken and one dropped. From 3.13 on the attribute's setter
-//   does one thing more, for frames with f_trace_opcodes true; those frames are rare enough to take
-//   the attribute always (see can_write_trace).
-// - f_trace_lines: one char; the interpreter reads it at the next line, in every version.
+// - f_trace: null for None, one reference taken and one dropped, and up to 3.9 the line (see
+//   line_field_follows_trace). From 3.13 on the attribute also switches opcode events on for a
+//   frame that has asked for them; such a frame is left to the attribute (see
+//   must_switch_opcode_events).
+// - f_trace_lines: one char, which the interpreter reads at the next line in every version.
 #include "dbgcommon.h"
 
 #include <stdlib.h>
@@ -251,6 +252,18 @@ static void set_frame_trace_field(PyFrameObject* frame, Py_ssize_t offset, PyObj
     set_owned(field, new_ref(trace));
 }
 
+// The frame's f_trace_opcodes, a char right behind f_trace_lines (3.7 and later).
+static bool has_trace_opcodes(PyFrameObject* frame) {
+    return gProbed.frame_trace_lines == -1 ||
+           read_field<char>(frame, gProbed.frame_trace_lines + 1) != 0;
+}
+
+// From 3.13 on opcode events are switched on in the code, by whichever comes last, f_trace_opcodes
+// or f_trace; before, the interpreter looks at the frame's flag each time.
+static bool must_switch_opcode_events(PyFrameObject* frame, PyObject* trace) {
+    return trace != nullptr && version_at_least(3, 13) && has_trace_opcodes(frame);
+}
+
 // Another thread of a free-threaded build may be reading the attribute right now, and only the
 // attribute's own lock keeps it from using the object that we drop.
 static bool can_write_trace() {
@@ -258,11 +271,13 @@ static bool can_write_trace() {
 }
 
 TDBG_API void set_frame_trace(PyFrameObject* frame, PyObject* trace) {
+    PyObject* const wanted = null_for_none(trace);
     const Py_ssize_t offset = frame_trace_offset();
-    if (offset != -1 && can_write_trace() && is_frame(frame)) {
-        set_frame_trace_field(frame, offset, null_for_none(trace));
+    if (offset == -1 || !can_write_trace() || !is_frame(frame) ||
+        must_switch_opcode_events(frame, wanted)) {
+        set_frame_trace_attrib(frame, wanted);
     } else {
-        set_frame_trace_attrib(frame, trace);
+        set_frame_trace_field(frame, offset, wanted);
     }
 }
 
