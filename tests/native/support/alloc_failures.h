@@ -25,6 +25,7 @@ struct tAllocTap {
     bool counting;
     long allocations;  // since counting began
     long frees;        // of non-null pointers, since counting began
+    long resizes;      // allocations that only resized a block
     size_t last_size;  // bytes of the last allocation
     long fail_at;      // number of the allocation that fails, from 1; 0 = none
     long fail_count;   // how many fail from there on
@@ -36,7 +37,7 @@ inline tAllocTap gAllocTap = {};
 class tAllocTapScope {
 public:
     explicit tAllocTapScope(long fail_at = 0, long fail_count = 1) {
-        gAllocTap = {true, 0, 0, 0, fail_at, fail_count, 0};
+        gAllocTap = {true, 0, 0, 0, 0, fail_at, fail_count, 0};
     }
     tAllocTapScope(const tAllocTapScope&) = delete;
     tAllocTapScope& operator=(const tAllocTapScope&) = delete;
@@ -44,6 +45,10 @@ public:
     void stop() { gAllocTap.counting = false; }
     long allocations() const { return gAllocTap.allocations; }
     long frees() const { return gAllocTap.frees; }
+    // Blocks allocated and not freed; a failed allocation is none.
+    long live() const {
+        return gAllocTap.allocations - gAllocTap.resizes - gAllocTap.failed - gAllocTap.frees;
+    }
     size_t last_size() const { return gAllocTap.last_size; }
     bool has_failed() const { return gAllocTap.failed > 0; }
 };
@@ -82,7 +87,13 @@ void* calloc(size_t count, size_t size) noexcept {
 }
 
 void* realloc(void* old, size_t size) noexcept {
-    return tap_allocation(size) ? nullptr : __libc_realloc(old, size);
+    if (tap_allocation(size)) {
+        return nullptr;
+    }
+    if (gAllocTap.counting && old != nullptr) {
+        gAllocTap.resizes++;
+    }
+    return __libc_realloc(old, size);
 }
 
 void free(void* old) noexcept {
