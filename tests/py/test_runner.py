@@ -6,7 +6,7 @@ import json
 import os
 import sys
 
-from support import REPOSITORY, TestCase, capability, needs, run_program
+from support import REPOSITORY, TestCase, capability, needs, once, run_program
 
 kSample = """
 import os, sys, unittest
@@ -50,6 +50,7 @@ def _pidfd():
     return hasattr(os, "pidfd_open") and sys.version_info >= (3, 9)
 
 
+@once
 @needs("pidfd")
 class Runner(TestCase):
     def run_sample(self, files):

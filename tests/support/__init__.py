@@ -15,7 +15,7 @@ tracer is imported inside the tests, never at the top of a test file: listing te
 """
 from __future__ import absolute_import, division, print_function
 
-from .capabilities import capability, has, needs, unsupported_versions, why_not
+from .capabilities import capability, has, needs, once, unsupported_versions, why_not
 from .case import TestCase, time_limit
 from .library import import_tracer, library_path, load_native
 from .marks import line_of, marks_of
@@ -40,6 +40,7 @@ __all__ = [
     "load_native",
     "marks_of",
     "needs",
+    "once",
     "run_code",
     "run_program",
     "run_script",

@@ -96,6 +96,15 @@ def unsupported_versions(test):
     return test
 
 
+def once(test):
+    """Run this test (or class) under one interpreter only: it is not about the interpreter.
+
+    That one is 3.9 or later if any of those chosen is.
+    """
+    test.tdbg_once = True
+    return test
+
+
 # --- the build ------------------------------------------------------------------------------
 
 

@@ -45,7 +45,7 @@ def main(argv):
 
 
 def list_tests(files):
-    """{"tests": [{"id", "limit", "unsupported"}], "broken": [[module, status, text]]}"""
+    """{"tests": [{"id", "limit", "unsupported", "once"}], "broken": [[module, status, text]]}"""
     listed = {"tests": [], "broken": []}
     for path in files:
         module = os.path.splitext(os.path.basename(path))[0]
@@ -77,11 +77,13 @@ def describe(module, case):
     return {
         "id": "{}.{}.{}".format(module, type(case).__name__, name),
         "limit": getattr(method, "tdbg_time_limit", getattr(case, "tdbg_time_limit", None)),
-        "unsupported": bool(
-            getattr(method, "tdbg_unsupported_versions", False)
-            or getattr(case, "tdbg_unsupported_versions", False)
-        ),
+        "unsupported": is_marked(case, method, "tdbg_unsupported_versions"),
+        "once": is_marked(case, method, "tdbg_once"),
     }
+
+
+def is_marked(case, method, name):
+    return bool(getattr(method, name, False) or getattr(case, name, False))
 
 
 # --- running --------------------------------------------------------------------------------
