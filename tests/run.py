@@ -233,7 +233,7 @@ def run_all(interpreters, libraries, run, scratch):
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         listings = list(pool.map(lambda item: list_tests(item, arguments.tests, scratch), interpreters))
         pending = []
-        host = host_of(interpreters)
+        host = host_of([item for item in interpreters if item.bits in libraries] or interpreters)
         for item, (tests, broken) in zip(interpreters, listings):
             library = libraries.get(item.bits)
             if library is None and not arguments.no_lib:
