@@ -87,19 +87,16 @@ static bool is_known_without_breakpoints(PyCodeObject* code) {
     return any_bps == gPy.Py_False && any_bps_version == path_table()->bp_version;
 }
 
-static bool is_naming_settled(const tThreadData* thread_data, PyFrameObject* frame) {
+static bool is_naming_settled(tThreadData* thread_data, PyFrameObject* frame) {
     if (thread_data->thread_name != nullptr) {
         return true;
     }
-    if (thread_data->unnamed_parent == nullptr) {
-        return false;
-    }
     tOwnedFrame parent(gPy.PyFrame_GetBack(frame));
-    return parent.borrow() == thread_data->unnamed_parent;
+    return parent && *unnamed_parent_slot(thread_data, parent.borrow()) == parent.borrow();
 }
 
 // A new frame that needs no trace object and has none; switches its lines off or on as needed.
-static bool is_call_quiet(const tThreadData* thread_data, PyFrameObject* frame) {
+static bool is_call_quiet(tThreadData* thread_data, PyFrameObject* frame) {
     if (thread_data->bot_frame == none_frame() || !has_our_trace_object(gPy.PyThreadState_Get()) ||
         peek_frame_trace(frame) != nullptr || !is_naming_settled(thread_data, frame)) {
         return false;
@@ -136,7 +133,7 @@ static bool is_event_quiet(PyFrameObject* frame, int what) {
     if (!is_process_quiet()) {
         return false;
     }
-    const tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = current_thread_data();
     if (thread_data == nullptr || !is_thread_running_freely(thread_data)) {
         return false;
     }

@@ -96,6 +96,13 @@ bool is_left_by_exception(const tDispatchCtx* ctx);
 // The record of the thread that Python names by its id: null for an unknown one, and with an
 // exception set when the id is no number.
 tThreadData* find_thread_data_by_id(PyObject* id);
+// Where a thread remembers a frame below which no name was found: a frame's callers do not change,
+// so the same answer would come again. By address, one place each.
+inline PyFrameObject** unnamed_parent_slot(tThreadData* thread_data, PyFrameObject* parent) {
+    constexpr size_t kCount = sizeof(thread_data->unnamed_parents) / sizeof(PyFrameObject*);
+    const size_t address = reinterpret_cast<size_t>(parent);
+    return &thread_data->unnamed_parents[((address >> 5) ^ (address >> 9)) % kCount];
+}
 // Gives the thread a name once its stack tells one; nothing on failure.
 void name_thread_after_stack(tThreadData* thread_data, PyFrameObject* frame);
 

@@ -246,15 +246,16 @@ void name_thread_after_stack(tThreadData* thread_data, PyFrameObject* frame) {
         return;
     }
     tOwnedFrame parent(get_frame_back(frame));
-    if (!parent || parent.borrow() == thread_data->unnamed_parent || is_internal_frame(frame)) {
-        return;  // what stands below one frame does not change while it runs
+    PyFrameObject** const unnamed = unnamed_parent_slot(thread_data, parent.borrow());
+    if (!parent || parent.borrow() == *unnamed || is_internal_frame(frame)) {
+        return;
     }
     PyObject* name = get_name_of_threading_thread(frame, parent.borrow());
     if (name == nullptr) {
         name = get_name_of_deep_stack(frame);
     }
     if (name == nullptr) {
-        thread_data->unnamed_parent = parent.borrow();
+        *unnamed = parent.borrow();
         return;
     }
     thread_data->thread_name = name;
