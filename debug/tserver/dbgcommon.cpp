@@ -316,8 +316,8 @@ TDBG_API PyObject* get_frame_code_name(PyFrameObject* frame) {
     return code ? get_attrib_or_log(code.borrow(), &co_name, "co_name") : new_ref(gPy.Py_None);
 }
 
-// 3.10: -1 = suspended, 0 = not yet started; deliberate: both count, done (-2) and running (1) do
-// not.
+// 3.10: -1 is suspended; deliberate: 0, executing, counts as well. Not yet started is -2, finished
+// is 1 and more.
 static bool is_suspended_state(int8_t state) {
     return static_cast<uint8_t>(state + 1) < 2;
 }
