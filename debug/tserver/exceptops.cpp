@@ -1,4 +1,4 @@
-// The locations to ignore, and the life of the catch info.
+// exceptops.cpp -- the locations whose exceptions are to be ignored.
 #include "exceptops.h"
 
 #include <limits.h>
@@ -232,55 +232,5 @@ int __tracer_exc_filtered_hack(const char* filename, int lineno) {
             return row.line == lineno;
         }
     }
-    return 0;
-}
-
-// ---- Catch info ----
-
-void init_exc_data(tExcData* exc_data) {
-    *exc_data = tExcData{};
-}
-
-void reset_exc_data(tExcData* exc_data) {
-    set_owned<PyObject>(&exc_data->exc_info_for_frame, nullptr);
-    set_owned<PyObject>(&exc_data->catch_info_dict, nullptr);
-    tNameCache* const names[] = {&exc_data->syms.co_name,
-                                 &exc_data->syms.mod_name,
-                                 &exc_data->syms.prints,
-                                 &exc_data->syms.parent,
-                                 &exc_data->syms.dunder_name,
-                                 &exc_data->syms.containing_class};
-    for (tNameCache* const name : names) {
-        set_owned<PyObject>(&name->obj, nullptr);
-    }
-}
-
-// TODO(exceptops): the analysis is not kept yet; every frame is one nothing is known about.
-
-int set_catch_info_list(tExcData* /*exc_data*/, PyObject* /*list*/) {
-    return 0;
-}
-
-PyObject* find_catch_info(tExcData* /*exc_data*/, PyFrameObject* /*frame*/) {
-    return nullptr;
-}
-
-int frame_prints_exc(tExcData* /*exc_data*/, PyFrameObject* /*frame*/) {
-    return 0;
-}
-
-int parent_frame_prints_exc(tExcData* /*exc_data*/, PyFrameObject* /*frame*/) {
-    return 0;
-}
-
-int set_frame_exc_info(tExcData* /*exc_data*/, PyFrameObject* /*frame*/, PyObject* /*exc_info*/) {
-    return 0;
-}
-
-PyObject* find_frame_exc_info(tExcData* /*exc_data*/, PyFrameObject* /*frame*/) {
-    return nullptr;
-}
-
-int forget_frame_exc_info(tExcData* /*exc_data*/, PyFrameObject* /*frame*/) {
     return 0;
 }
