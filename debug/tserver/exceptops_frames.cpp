@@ -57,10 +57,11 @@ static bool is_garbage(PyObject* key, PyObject* exc_info) {
                                 gPy.PyTuple_GetItem(exc_info, 2)) == references - 1;
 }
 
+// Steals the references: dropping one record may run code that drops others.
 static int delete_keys(PyObject* dict, PyObject* const* keys, int count) {
     int result = 0;
     for (int i = 0; i < count; i++) {
-        tOwnedRef key(new_ref(keys[i]));
+        tOwnedRef key(keys[i]);
         if (gPy.PyDict_DelItem(dict, key.borrow()) == -1) {
             DPRINTF(kLogExceptions, "PyDict_DelItem failed in gc_exc_info_for_frame()\n");
             result = -1;
@@ -78,11 +79,9 @@ static int gc_exc_info_for_frame(PyObject* dict) {
     PyObject* value = nullptr;
     while (count < kMaxCollectedPerPass && gPy.PyDict_Next(dict, &pos, &key, &value)) {
         if (is_garbage(key, value)) {
-            garbage[count++] = key;
+            garbage[count++] = new_ref(key);
         }
     }
-    // Each key is alive until its own turn: a frame found garbage here is held by the dict, and
-    // dropping one record cannot drop the record of another.
     return delete_keys(dict, garbage, count);
 }
 
