@@ -1,0 +1,96 @@
+"""The debugger's part in the first moments of the debugged process (see startup/sitecustomize.py).
+
+What `tdbg.launch` has to say comes in one environment variable, which is gone again, like every
+other trace of the start, before the program's first line.
+"""
+from __future__ import absolute_import, division, print_function
+
+import ast
+import os
+import sys
+
+from tdbg import compat, nativelib, program
+
+kVariable = program.kVariable
+kPathVariable = "PYTHONPATH"
+kHookModule = "sitecustomize"
+
+# What stays: the debugger itself.
+kShared = ("tdbg", nativelib.kModule)
+
+_exit_process = os._exit
+_kept = []  # modules taken out of sys.modules
+
+
+def settings_to_environment(environment, settings, startup_folder, to_literal):
+    """Environment for the process to be debugged."""
+    path = settings["pythonpath"]
+    result = dict(environment)
+    result[kVariable] = to_literal(settings)
+    result[kPathVariable] = startup_folder + (os.pathsep + path if path else "")
+    return result
+
+
+def start(startup_folder, loaded):
+    """Begin debugging, then hand on to the real start-up module.  loaded: names of the modules
+    that were there before the debugger's first one."""
+    settings = ast.literal_eval(os.environ[kVariable])
+    original_environment = dict(os.environ)
+    _clear_traces(startup_folder, settings)
+    try:
+        server = _make_server(settings, original_environment)
+    except Exception as why:
+        _give_up("{}: {}".format(type(why).__name__, why))
+    _forget_modules(loaded)
+    try:
+        _import_real_hook_module()
+    finally:
+        try:
+            server.start()
+        except Exception as why:
+            _give_up("{}: {}".format(type(why).__name__, why))
+
+
+def _clear_traces(startup_folder, settings):
+    del os.environ[kVariable]
+    if settings["pythonpath"] is None:
+        os.environ.pop(kPathVariable, None)
+    else:
+        os.environ[kPathVariable] = settings["pythonpath"]
+    sys.path[:] = [path for path in sys.path if path != startup_folder]
+    sys.path_importer_cache.pop(startup_folder, None)
+
+
+def _make_server(settings, original_environment):
+    from tdbg import dbgserver, terminal
+
+    core = nativelib.load_library(settings["library"])
+    this_program = program.tProgram(settings["argv"], original_environment, settings["cwd"])
+    front_end = terminal.tTerminal(this_program)
+    server = dbgserver.tServer(core, front_end)
+    front_end.attach(server)
+    return server
+
+
+def _forget_modules(loaded):
+    """The program finds no library module loaded that it would not find without a debugger.
+
+    It may have one of the same name of its own.  Not on version 2, which at its end empties every
+    module, in an order that does not know of those taken out.
+    """
+    if compat.PY2:
+        return
+    for name in set(sys.modules) - loaded:
+        if name.split(".")[0] not in kShared and name != kHookModule:
+            _kept.append(sys.modules.pop(name))
+
+
+def _import_real_hook_module():
+    """Behave as if the import of the start-up module went on to the next one on the path."""
+    sys.modules.pop(kHookModule, None)
+    __import__(kHookModule)  # its ImportError is also what site expects where there is none
+
+
+def _give_up(text):
+    os.write(2, "tdbg: cannot debug here: {}\n".format(text).encode("utf-8", "replace"))
+    _exit_process(2)

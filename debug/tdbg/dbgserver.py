@@ -1,0 +1,355 @@
+"""The debug server: the part of the debugger that lives in the debugged process.
+
+It hands the native core its callbacks, turns what arrives there into stops, and offers the
+commands that end a stop.  It knows nothing of terminals, editors or protocols: there is one front
+end, an object with the methods of tFrontEnd.
+
+One thread stops at a time.  It calls the front end while it holds the core's debug-server mutex,
+so the other threads wait at their next traced event; what the front end runs in that time is
+not traced.  A stop ends when on_stop() returns; the last command given before decides how.
+
+The core's line callback brings only a frame, so the server keeps what each thread was asked to
+do and tells the reason of a stop from that.  The core also reports frames that nobody wants to
+see (the debugger's own, the import machinery): those are passed over here.
+"""
+from __future__ import absolute_import, division, print_function
+
+import functools
+import os
+import sys
+
+from tdbg import compat, stops, threads
+
+kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
+kStopOnUnhandled = 2
+
+# What a thread was last asked to do.
+kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
+
+_get_ident = compat.get_ident
+_exit_process = os._exit
+
+
+class tFrontEnd(object):
+    """What the server asks of a user interface.  All calls come on the thread concerned."""
+
+    def on_stop(self, stop):
+        """A thread has stopped (tStop).  Give one of the server's commands, then return."""
+
+    def on_idle(self):
+        """About once a second while the program runs."""
+
+    def on_program_end(self):
+        """The program's main module has been left; exit functions are still to come."""
+
+    def on_import(self, module):
+        """A module was imported (or was loaded when tracing began)."""
+
+    def on_internal_error(self, text):
+        """The debugger itself failed; the program goes on."""
+
+
+def _callback(method):
+    """Nothing may leave a callback: the core would take tracing from the thread."""
+    @functools.wraps(method)
+    def guarded(self, *args):
+        try:
+            return method(self, *args)
+        except BaseException:
+            self._tell_internal_error(method.__name__)
+    return guarded
+
+
+class tServer(object):
+    """The debug server of this process.
+
+    core       the native module
+    front_end  object with tFrontEnd's methods
+
+    start() begins tracing; the first stop comes at the first line of the program's main module.
+    Commands that end a stop, to be called inside on_stop(): step_into, step_over, step_out,
+    run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
+    """
+
+    def __init__(self, core, front_end):
+        self.core = core
+        self.front_end = front_end
+        self._hooks = threads.tThreadHooks(core)
+        self._main_ident = _get_ident()
+        self._asked = {}        # thread ident -> what it was asked to do
+        self._stops = {}        # thread ident -> stop that the front end has in hand
+        self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
+        self._entered = False   # the first stop has been made
+        self._main_frame = None  # frame of the program's main module while it runs
+        self._own_files = _own_files()
+
+    # --- life ---
+
+    def start(self):
+        """Begin tracing.  Call it on the main thread, before the program's first line."""
+        self.core.init(
+            kIdleSeconds, kStopOnUnhandled, self._install_thread_hooks_cb, self._get_checksum_cb,
+            self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
+            self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
+        self.core.start_trace()
+        self.core.step_into()
+
+    def leave_alone(self):
+        """End tracing; the program runs on as if there had been no debugger."""
+        self.core.stop_trace()
+
+    # --- commands ---
+
+    def step_into(self):
+        """Stop at the next line, wherever it is."""
+        stop = self._current_stop()
+        if self._is_over(stop):
+            return self.continue_run()
+        self._resume(kAskedStep, self.core.step_into)
+
+    def step_over(self, frame=None):
+        """Stop at the next line of the frame (default: the stopped one) or its end."""
+        stop = self._current_stop()
+        if self._is_over(stop):
+            return self.continue_run()
+        if frame is not None and frame is not stop.frame:
+            return self._resume(kAskedNext, self.core.step_out_to_frame, frame)
+        if stop.reason == stops.kReturn:
+            return self._leave(stop.frame)
+        self._resume(kAskedNext, self.core.step_over_line)
+
+    def run_to_line(self, line, frame=None):
+        """Stop in the frame at a line greater than or equal to this one, or at its end."""
+        stop = self._current_stop()
+        if stop.reason in (stops.kReturn, stops.kUncaught) or frame not in (None, stop.frame):
+            return self.step_over(frame)
+        self._resume(kAskedNext, self.core.step_over_line_range, 0, line - 1)
+
+    def step_out(self, frame=None):
+        """Stop when the frame (default: the stopped one) returns."""
+        stop = self._current_stop()
+        if self._is_over(stop):
+            return self.continue_run()
+        if frame is not None and frame is not stop.frame:
+            return self._leave(frame)
+        if stop.reason == stops.kReturn:
+            return self._leave(stop.frame)
+        self._resume(kAskedNext, self.core.step_out)
+
+    def continue_run(self):
+        """Run until something stops the program."""
+        self._resume(kAskedRun, self.core.continue_run)
+
+    def pause(self):
+        """Stop the calling thread at its next line; for signal handlers and idle calls."""
+        self._asked[_get_ident()] = kAskedPause
+        self.core.stop()
+
+    def current_stop(self):
+        """The stop that the calling thread is in, or None."""
+        return self._stops.get(_get_ident())
+
+    def _current_stop(self):
+        stop = self.current_stop()
+        if stop is None:
+            raise RuntimeError("the thread is not stopped")
+        return stop
+
+    def _resume(self, asked, command, *args):
+        self._asked[_get_ident()] = asked
+        command(*args)
+
+    def _leave(self, frame):
+        """Stop at the next line of the nearest caller that may be shown."""
+        parent = frame.f_back
+        while parent is not None and self.is_hidden(parent):
+            parent = parent.f_back
+        if parent is None or frame is self._main_frame:
+            return self.continue_run()
+        self._resume(kAskedNext, self.core.step_out_to_frame, parent)
+
+    def _is_over(self, stop):
+        """Whether nothing of the program is left to step through."""
+        return stop.reason == stops.kUncaught or (
+            stop.reason == stops.kReturn and stop.frame is self._main_frame)
+
+    # --- callbacks of the core ---
+
+    @_callback
+    def _line_cb(self, frame):
+        ident = _get_ident()
+        if not self._entered:
+            if not self._is_program_start(frame):
+                return  # the thread still steps
+            self._entered = True
+            self._main_frame = frame
+            return self._present(self._make_stop(stops.kEntry, frame))
+        if self.is_hidden(frame):
+            return self._pass_hidden(frame, ident)
+        self._unwinding.pop(ident, None)
+        self._present(self._make_stop(self._reason_of_line(ident), frame))
+
+    @_callback
+    def _return_cb(self, frame, value):
+        ident = _get_ident()
+        if not self._entered:
+            return
+        if self.is_hidden(frame):
+            return self._pass_hidden(frame, ident)
+        if self._unwinding.get(ident, (None,))[0] == id(frame):
+            return self._leave(frame)  # left by an exception that was shown already
+        self._present(self._make_stop(stops.kReturn, frame, value=value))
+
+    @_callback
+    def _exception_cb(self, frame, exc_info=None):
+        ident = _get_ident()
+        if not self._entered or not exc_info:
+            return
+        uncaught = bool(self.core.exiting_on_exception())
+        if self._is_no_news(exc_info, uncaught):
+            return
+        if self.is_hidden(frame) and not uncaught:
+            return self._pass_hidden(frame, ident)
+        seen, key = self._unwinding.get(ident), (id(frame), id(exc_info[1]))
+        self._unwinding[ident] = key
+        if uncaught and seen == key:
+            return
+        reason = stops.kUncaught if uncaught else stops.kException
+        self._present(self._make_stop(reason, frame, exc_info=exc_info))
+
+    @_callback
+    def _quit_cb(self):
+        if _get_ident() == self._main_ident and self._main_frame is not None:
+            self._main_frame = None
+            self.front_end.on_program_end()
+
+    @_callback
+    def _idle_cb(self):
+        self.front_end.on_idle()
+
+    @_callback
+    def _import_cb(self, module):
+        self._hooks.see_module(module)
+        self.front_end.on_import(module)
+
+    @_callback
+    def _install_thread_hooks_cb(self, install):
+        if install:
+            self._hooks.install()
+        else:
+            self._hooks.remove()
+
+    def _get_checksum_cb(self, name):
+        return ""
+
+    # --- stops ---
+
+    def _present(self, stop):
+        ident = stop.thread.ident
+        if not stop.stack:
+            return self._pass_hidden(stop.frame, ident)
+        self._stops[ident] = stop
+        self._asked[ident] = None
+        try:
+            self.front_end.on_stop(stop)
+        except BaseException:
+            self._tell_internal_error("on_stop")
+        finally:
+            if self._asked.get(ident) is None:
+                self.continue_run()
+            if stop.frame is self._main_frame and stop.reason == stops.kReturn:
+                self._main_frame = None
+                self.front_end.on_program_end()
+            self._stops.pop(ident, None)
+
+    def _make_stop(self, reason, frame, value=None, exc_info=None):
+        traceback = exc_info[2] if exc_info else None
+        stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
+        if reason == stops.kUncaught and stack:
+            index = len(stack) - 1
+        return tStop(self._thread(), reason, frame, stack, index, value, exc_info)
+
+    def _thread(self):
+        ident = _get_ident()
+        return stops.tThread(ident, self._thread_name(ident), ident == self._main_ident)
+
+    def _thread_name(self, ident):
+        """As the program named it; the core's guess or the number where it did not."""
+        threading = sys.modules.get("threading")
+        known = getattr(threading, "_active", {})
+        if ident in known:
+            return known[ident].name
+        if ident == self._main_ident:
+            return "MainThread"
+        name = self.core.get_thread_name(self.core.get_current_tstate_id())
+        return "{} ({})".format(name, ident) if name else "thread {}".format(ident)
+
+    def _reason_of_line(self, ident):
+        asked = self._asked.get(ident)
+        deleted, changed = self.core.get_changed_bps_lists()
+        if deleted or changed or asked in (None, kAskedRun):
+            return stops.kBreakpoint
+        return stops.kPause if asked == kAskedPause else stops.kStep
+
+    def _is_no_news(self, exc_info, uncaught):
+        """Ways of ending that are no errors: sys.exit(), loops and generators at their end."""
+        kind = exc_info[0]
+        if not isinstance(kind, type):
+            return False  # an old-style class of version 2
+        if issubclass(kind, (SystemExit, GeneratorExit)):
+            return True
+        return issubclass(kind, StopIteration) and not uncaught and exc_info[2] is None
+
+    # --- frames that are not shown ---
+
+    def is_hidden(self, frame):
+        """Frames of the debugger and of the import machinery, which has no source."""
+        name = frame.f_code.co_filename
+        if name in self._own_files or name.startswith("<frozen "):
+            return True
+        return bool(self.core.is_internal_frame(frame))
+
+    def _pass_hidden(self, frame, ident):
+        """A step must not end here, but where it would have ended without this frame."""
+        if self._asked.get(ident) in (kAskedStep, kAskedPause):
+            return  # no command: the core goes on stepping
+        if self._asked.get(ident) == kAskedNext:
+            return self._leave(frame)
+        self.core.continue_run()
+
+    def _is_program_start(self, frame):
+        main = sys.modules.get("__main__")
+        return (
+            main is not None
+            and frame.f_globals is main.__dict__
+            and frame.f_code.co_name in ("<module>", "?")
+            and not self.is_hidden(frame)
+        )
+
+    def _tell_internal_error(self, where):
+        try:
+            kind, value, tb = sys.exc_info()
+            while tb is not None and tb.tb_next is not None:
+                tb = tb.tb_next
+            place = "{}:{}".format(os.path.basename(tb.tb_frame.f_code.co_filename), tb.tb_lineno)
+            self.front_end.on_internal_error(
+                "{}: {}: {!r} at {}".format(where, kind.__name__, value, place))
+        except BaseException:
+            pass
+        finally:
+            tb = None
+
+
+tStop = stops.tStop
+
+
+def _own_files():
+    """Full paths of every source file of the package, as the core and code objects spell them."""
+    files = set()
+    here = os.path.dirname(os.path.abspath(__file__))
+    for folder, _, names in os.walk(here):
+        for name in names:
+            if name.endswith(".py"):
+                path = os.path.join(folder, name)
+                files.update((path, os.path.realpath(path)))
+    return files

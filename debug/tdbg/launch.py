@@ -1,0 +1,202 @@
+"""`python -m tdbg PROGRAM`: check what can be checked, then become the debugged process.
+
+Runs in a process of its own, which ends by executing the interpreter anew with the program as
+its ordinary argument; see startup/sitecustomize.py for the rest.
+"""
+from __future__ import absolute_import, division, print_function
+
+import errno
+import os
+import subprocess
+import sys
+import warnings
+import zipfile
+
+from tdbg import bootstrap, compat, nativelib
+
+kUsageStatus = 2
+kUsage = """\
+usage: tdbg [--python VERSION-or-PATH] PROGRAM [ARGUMENTS]
+       tdbg [--python VERSION-or-PATH] -m MODULE [ARGUMENTS]
+
+Debug a Python program in the terminal. It stops before its first line; type `help` there.
+
+  --python X   the interpreter: a version (3.9), a name or a path (default: python3)
+  -m MODULE    run a module as `python -m` does
+  -h, --help   this text
+"""
+
+
+class tRefused(Exception):
+    """The program cannot be started; the text is one line for the user."""
+
+
+def main(argv, package_folder):
+    """Run the command line; returns the exit status when there is nothing to debug."""
+    try:
+        options = parse(argv)
+        if options is None:
+            sys.stdout.write(kUsage)
+            return 0
+        start(options, package_folder)
+    except (tRefused, nativelib.tNoLibrary) as why:
+        sys.stderr.write("tdbg: {}\n".format(compat.to_native(compat.to_text(str(why)))))
+        return kUsageStatus
+
+
+def parse(argv):
+    """{"library", "module", "program", "arguments"}; None when help is asked for."""
+    options = {"library": None, "module": None, "program": None, "arguments": []}
+    rest = list(argv)
+    while rest and rest[0].startswith("-") and rest[0] != "-":
+        word = rest.pop(0)
+        if word in ("-h", "--help"):
+            return None
+        if word not in ("-m", "--library"):
+            raise tRefused("unknown option {} (tdbg --help lists all)".format(word))
+        if not rest:
+            raise tRefused("{} needs an argument".format(word))
+        if word == "-m":
+            options["module"] = rest.pop(0)
+            options["arguments"] = rest
+            return options
+        options["library"] = rest.pop(0)
+    if not rest:
+        raise tRefused("no program given (tdbg --help tells more)")
+    options["program"] = rest.pop(0)
+    options["arguments"] = rest
+    return options
+
+
+def start(options, package_folder):
+    """Become the debugged process."""
+    refuse_unusable_interpreter()
+    if options["module"] is not None:
+        check_module(options["module"])
+        target = ["-m", options["module"]]
+    else:
+        check_program(options["program"])
+        target = [options["program"]]
+    library = options["library"] or nativelib.find_library(package_folder)
+    flags = subprocess._args_from_interpreter_flags()
+    argv = [sys.executable] + flags + target + options["arguments"]
+    settings = {
+        "library": os.path.abspath(library),
+        "argv": argv,
+        "pythonpath": os.environ.get(bootstrap.kPathVariable),
+        "cwd": os.getcwd(),
+    }
+    environment = bootstrap.settings_to_environment(
+        os.environ, settings, os.path.join(package_folder, "startup"), compat.to_literal)
+    try:
+        os.execve(argv[0], argv, environment)
+    except OSError as why:
+        raise tRefused("cannot run {}: {}".format(argv[0], why.strerror))
+
+
+def refuse_unusable_interpreter():
+    version = sys.version_info[:2]
+    if version != (2, 7) and not (3, 6) <= version <= (3, 14):
+        raise tRefused("Python {}.{} is not supported: 2.7 and 3.6 to 3.14 are".format(*version))
+    if sys.flags.no_site or sys.flags.ignore_environment:
+        raise tRefused("the interpreter's options -E, -I and -S leave no way into the program")
+    if not sys.executable:
+        raise tRefused("the interpreter does not know its own path")
+
+
+# --- what would fail before the first line ----------------------------------------------------
+
+
+def check_program(path):
+    """tRefused unless the interpreter can run the file, folder or archive."""
+    try:
+        with open(path, "rb") as source:
+            text = source.read()
+    except (IOError, OSError) as why:
+        if why.errno == errno.EISDIR:
+            return check_folder(path)
+        raise tRefused("cannot open {}: {}".format(path, why.strerror))
+    if zipfile.is_zipfile(path):
+        with zipfile.ZipFile(path) as archive:
+            if "__main__.py" not in archive.namelist() and "__main__.pyc" not in archive.namelist():
+                raise tRefused("{} has no __main__ module".format(path))
+        return
+    if not path.endswith((".pyc", ".pyo")):
+        check_source(text, path)
+
+
+def check_folder(path):
+    main = os.path.join(path, "__main__.py")
+    if not os.path.exists(main):
+        raise tRefused("{} is a folder without a __main__.py".format(path))
+    check_program(main)
+
+
+def check_source(text, path):
+    """tRefused with place and reason when the source does not compile."""
+    try:
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore")
+            compile(text, path, "exec", 0, True)
+    except SyntaxError as why:
+        place = "{}, line {}".format(path, why.lineno) if why.lineno else path
+        raise tRefused("{} in {}: {}".format(type(why).__name__, place, why.msg))
+    except (TypeError, ValueError) as why:  # null bytes
+        raise tRefused("{} is no Python source: {}".format(path, why))
+
+
+def check_module(name):
+    """tRefused unless there is such a module to run; packages of it are not imported."""
+    parts = name.split(".")
+    if not all(parts):
+        raise tRefused("{!r} is not the name of a module".format(name))
+    sys.path[0] = ""  # as `-m` searches
+    find = find_module_2 if compat.PY2 else find_module_3
+    path, is_package = find(name, parts)
+    if is_package:
+        path, is_package = find(name + ".__main__", parts + ["__main__"])
+    if path is not None and path.endswith(".py") and os.path.exists(path):
+        with open(path, "rb") as source:
+            check_source(source.read(), path)
+
+
+def find_module_3(name, parts):
+    """(source path or None, whether it is a package)"""
+    import importlib.util
+    from importlib.machinery import PathFinder
+
+    try:
+        spec = importlib.util.find_spec(parts[0])
+    except (ImportError, ValueError):
+        spec = None
+    for count in range(2, len(parts) + 1):
+        if spec is None:
+            break
+        if spec.submodule_search_locations is None:
+            raise tRefused("no module named {}: {} is not a package".format(name, ".".join(parts[:count - 1])))
+        spec = PathFinder.find_spec(".".join(parts[:count]), spec.submodule_search_locations)
+    if spec is None:
+        if parts[-1] == "__main__":
+            raise tRefused("the package {} has no __main__ module".format(".".join(parts[:-1])))
+        raise tRefused("no module named {}".format(name))
+    return (spec.origin if spec.has_location else None), spec.submodule_search_locations is not None
+
+
+def find_module_2(name, parts):
+    import imp
+    import pkgutil
+
+    path, location, kind = None, None, None
+    for part in parts:
+        try:
+            opened, location, (_, _, kind) = imp.find_module(part, path)
+        except ImportError:
+            if path is None and pkgutil.find_loader(part) is not None:
+                return None, False  # in an archive: the interpreter will tell
+            if part == "__main__" and path is not None:
+                raise tRefused("the package {} has no __main__ module".format(".".join(parts[:-1])))
+            raise tRefused("no module named {}".format(name))
+        if opened:
+            opened.close()
+        path = [location] if kind == imp.PKG_DIRECTORY else []
+    return (location if kind == imp.PY_SOURCE else None), kind == imp.PKG_DIRECTORY

@@ -1,0 +1,65 @@
+"""What a front end is told when a thread stops.
+
+A stop holds frames, so it must not outlive the call that brought it: a front end that keeps one
+keeps the program's objects alive.
+"""
+from __future__ import absolute_import, division, print_function
+
+# Why the thread stopped.
+kEntry = "entry"            # before the first line of the program
+kStep = "step"              # a step command has come to its end
+kReturn = "return"          # a function is about to return `value`
+kException = "exception"    # an exception passes through `frame` while stepping
+kUncaught = "uncaught"      # nothing will catch the exception; the program ends after this
+kPause = "pause"            # pause() was asked for
+kBreakpoint = "breakpoint"  # the program called breakpoint(), or a breakpoint was hit
+
+
+class tThread(object):
+    """The thread that stopped.  ident: as of _thread.get_ident(); name: as the program named it."""
+
+    __slots__ = ("ident", "name", "is_main")
+
+    def __init__(self, ident, name, is_main):
+        self.ident, self.name, self.is_main = ident, name, is_main
+
+
+class tStop(object):
+    """One stop of one thread.
+
+    thread    tThread
+    reason    one of the constants above
+    frame     the frame that stopped
+    value     for kReturn: what the function returns
+    exc_info  for kException and kUncaught: (type, value, traceback); on 2.7 the value may be
+              the argument or None instead of an instance
+    stack     [(frame, line)], the outermost first; frames of the debugger are left out
+    index     position in `stack` of the frame to show first
+    """
+
+    __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index")
+
+    def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None):
+        self.thread, self.reason, self.frame = thread, reason, frame
+        self.stack, self.index = stack, index
+        self.value, self.exc_info = value, exc_info
+
+
+def collect_stack(frame, traceback, is_hidden):
+    """([(frame, line)], index of `frame`): its callers, itself and what the traceback adds."""
+    stack = []
+    position = frame
+    while position is not None:
+        stack.append((position, position.f_lineno))
+        position = position.f_back
+    stack.reverse()
+    inner = []
+    if traceback is not None and traceback.tb_frame is frame:
+        stack[-1] = (frame, traceback.tb_lineno)
+        traceback = traceback.tb_next
+    while traceback is not None:
+        inner.append((traceback.tb_frame, traceback.tb_lineno))
+        traceback = traceback.tb_next
+    stack = [entry for entry in stack if not is_hidden(entry[0])]
+    inner = [entry for entry in inner if not is_hidden(entry[0])]
+    return stack + inner, max(len(stack) - 1, 0)

@@ -1,0 +1,143 @@
+"""How stops, source lines and values look."""
+from __future__ import absolute_import, division, print_function
+
+import linecache
+import os
+import types
+
+from tdbg import compat, evaluate, stops
+
+kAround = 5  # lines before and after the current one
+kEscapes = {
+    "location": "\x1b[36m", "current": "\x1b[1m", "number": "\x1b[2m", "error": "\x1b[31m",
+    "note": "\x1b[33m",
+}
+kPlain = "\x1b[0m"
+
+_get_lines = linecache.getlines
+_check_cache = linecache.checkcache
+_exists = os.path.exists
+_isabs = os.path.isabs
+_join = os.path.join
+
+kOptimized = 0x1  # CO_OPTIMIZED: the code of a function
+
+
+class tDisplay(object):
+    """core: names the files of frames; folder: that relative names of files were meant in."""
+
+    def __init__(self, console, core, folder):
+        self._console, self._core, self._folder = console, core, folder
+
+    def colour(self, kind, text):
+        if not self._console.can_colour:
+            return text
+        return kEscapes[kind] + text + kPlain
+
+    def error(self, text):
+        """A command failed."""
+        self._console.write(u"{} {}\n".format(self.colour("error", u"***"), compat.to_text(text)))
+
+    def note(self, text):
+        self._console.write(self.colour("note", compat.to_text(text)) + u"\n")
+
+    def line(self, text=u""):
+        self._console.write(compat.to_text(text) + u"\n")
+
+    # --- source ---
+
+    def file_of(self, frame):
+        name = frame.f_code.co_filename
+        if _isabs(name) or name.startswith("<"):
+            return name
+        full = self._core.get_frame_file(frame)
+        if full and _isabs(full):
+            return full
+        return _join(self._folder, name)
+
+    def source_of(self, frame):
+        """All lines of the frame's file, as text with their ends; [] when there is no source."""
+        path = self.file_of(frame)
+        _check_cache(path)
+        try:
+            lines = _get_lines(path, frame.f_globals)
+        except Exception:  # an undecodable file
+            lines = []
+        return [compat.to_text(line) for line in lines]
+
+    def location(self, frame, lineno):
+        """"file(line)function(arguments)" """
+        return u"{}({}){}()".format(
+            compat.to_text(self.file_of(frame)), lineno, compat.to_text(frame.f_code.co_name))
+
+    def source_line(self, frame, lineno):
+        lines = self.source_of(frame)
+        if 0 < lineno <= len(lines):
+            return lines[lineno - 1].strip()
+        return None
+
+    # --- stops ---
+
+    def show_entry(self, entry, value=None, has_value=False):
+        """Where one frame of the stack is, as two lines."""
+        frame, lineno = entry
+        text = u"> " + self.colour("location", self.location(frame, lineno))
+        if has_value:
+            text += u"->" + evaluate.short_text(value)
+        self.line(text)
+        source = self.source_line(frame, lineno)
+        if source is not None:
+            self.line(u"-> " + self.colour("current", source))
+
+    def show_stop(self, stop, thread_changed):
+        if thread_changed:
+            self.note(u"[thread {}]".format(compat.to_text(stop.thread.name)))
+        if stop.reason == stops.kReturn:
+            self.note(u"--Return--")
+        elif stop.reason == stops.kPause:
+            self.note(u"--Interrupted--")
+        elif stop.exc_info is not None:
+            text = evaluate.describe_exception(*stop.exc_info[:2])
+            if stop.reason == stops.kUncaught:
+                self.note(u"--Uncaught exception, the program ends after this--")
+            self.line(self.colour("error", text))
+
+    def show_stack(self, stack, current, innermost_first=False):
+        for index, (frame, lineno) in enumerate(stack):
+            mark = u"> " if index == current else u"  "
+            self.line(mark + self.colour("location", self.location(frame, lineno)))
+            source = self.source_line(frame, lineno)
+            if source is not None:
+                self.line(u"-> " + source)
+
+    def show_lines(self, frame, first, last, current, raised=None):
+        """Lines first..last; returns how many there were."""
+        lines = self.source_of(frame)
+        chosen = lines[max(first, 1) - 1:last]
+        for number, text in enumerate(chosen, max(first, 1)):
+            mark = u"->" if number == current else u">>" if number == raised else u"  "
+            start = self.colour("number", u"{:>3}".format(number)) + u"  " + mark
+            self.line((start + u"\t" + text.rstrip()).rstrip())
+        return len(chosen)
+
+    # --- values ---
+
+    def show_named_values(self, pairs):
+        for name, value in pairs:
+            self.line(u"{} = {}".format(compat.to_text(name), evaluate.short_text(value)))
+
+    def kind_of(self, value):
+        """What `whatis` says."""
+        if isinstance(value, types.MethodType):
+            return u"Method " + compat.to_text(value.__func__.__name__)
+        if isinstance(value, types.FunctionType):
+            return u"Function " + compat.to_text(value.__name__)
+        if isinstance(value, type):
+            return u"Class {}.{}".format(
+                compat.to_text(value.__module__),
+                compat.to_text(getattr(value, "__qualname__", value.__name__)))
+        return evaluate.full_text(type(value))
+
+
+def is_function(code):
+    return bool(code.co_flags & kOptimized)

@@ -1,0 +1,195 @@
+"""The front end for a terminal: shows stops and runs the prompt."""
+from __future__ import absolute_import, division, print_function
+
+import codeop
+import re
+import warnings
+
+from tdbg import compat, dbgserver, interrupts, stops
+from tdbg.terminal import commands, completion, display, lineinput
+
+kPrompt = "(Tdb) "
+kMorePrompt = "  ... "
+kSeparator = ";;"
+
+# Looks like a command, but is a statement of the program's names: `n = 1`, `c.x`, `s[0]`.
+_statement = re.compile(r"\w+(\s*=[^=]|\.|\[)")
+_word = re.compile(r"[A-Za-z_]\w*")
+_compile_command = codeop.compile_command
+_catch_warnings = warnings.catch_warnings
+_ignore_warnings = warnings.simplefilter
+
+
+class tTerminal(dbgserver.tFrontEnd):
+    """program: the tProgram that is debugged.
+
+    While a thread is stopped: stop, stack and index (the selected frame's place in it).
+    """
+
+    def __init__(self, program):
+        self.program = program
+        self.console = lineinput.tConsole()
+        self.server = None
+        self.display = None
+        self.stop = None
+        self.stack, self.index = [], 0
+        self._commands = None
+        self._completer = None
+        self._interrupts = None
+        self._last_line = ""     # what an empty line repeats
+        self._pending = []       # commands of the line still to run
+        self._last_thread = None
+        self._ended = False      # the user has said that the program may end
+
+    def attach(self, server):
+        """server: the tServer; its stops come here from now on."""
+        self.server = server
+        self.display = display.tDisplay(self.console, server.core, self.program.cwd)
+        self._commands = commands.tCommands(self)
+        self._completer = completion.tCompleter(
+            self._commands.names(), self.console.line_being_edited, lambda: self.frame)
+        self._interrupts = interrupts.tInterrupts(server.pause)
+
+    @property
+    def entry(self):
+        """(frame, line) of the selected frame."""
+        return self.stack[self.index]
+
+    @property
+    def frame(self):
+        return self.stack[self.index][0]
+
+    # --- what the server tells ---
+
+    def on_stop(self, stop):
+        if stop.reason == stops.kEntry:
+            self.console.begin()
+            self._interrupts.install()
+        self._interrupts.begin_prompt()
+        try:
+            self._talk(stop)
+        finally:
+            self._commands.end_stop()
+            self.stop, self.stack, self.index = None, [], 0
+            self._interrupts.end_prompt()
+
+    def on_import(self, module):
+        self.console.see_import(module)
+
+    def on_internal_error(self, text):
+        self.console.write(u"tdbg: internal error: {}\n".format(compat.to_text(text)))
+
+    # --- one stop ---
+
+    def _talk(self, stop):
+        self.stop, self.stack, self.index = stop, stop.stack, stop.index
+        self._commands.begin_stop()
+        self.console.flush_program()
+        changed = stop.thread.ident != self._last_thread
+        first = self._last_thread is None
+        self._last_thread = stop.thread.ident
+        self.display.show_stop(stop, changed and not first)
+        self._show_selected()
+        while not self._run_line():
+            pass
+
+    def _show_selected(self):
+        at_end = self.stop.reason == stops.kReturn and self.frame is self.stop.frame
+        self.display.show_entry(self.entry, self.stop.value, at_end)
+
+    def select(self, index):
+        self.index = index
+        self._show_selected()
+
+    def raised_line(self, frame):
+        """Line that raised or called, where it is not the one that the frame is at."""
+        if self.stop.exc_info is None:
+            return None
+        tb = self.stop.exc_info[2]
+        while tb is not None:
+            if tb.tb_frame is frame:
+                return tb.tb_lineno
+            tb = tb.tb_next
+        return None
+
+    def _run_line(self):
+        """Read and run one command; true when the stop is over."""
+        try:
+            line = self._next_line()
+            if line is None:
+                return self.quit()
+            return self._run_command(line)
+        except KeyboardInterrupt:
+            self._pending = []
+            self.display.line()
+        except commands.tUsage as why:
+            self.display.error(why)
+        return False
+
+    def _next_line(self):
+        """Text of the next command; None at the end of the input."""
+        if self._pending:
+            return self._pending.pop(0)
+        try:
+            line = self.console.read_line(kPrompt, self._completer.complete).strip()
+        except EOFError:
+            self.display.line()
+            return None
+        if not line:
+            line = self._last_line
+        self._last_line = line
+        if kSeparator in line:
+            parts = [part.strip() for part in line.split(kSeparator)]
+            line, self._pending = parts[0], parts[1:]
+        return line
+
+    def _run_command(self, line):
+        if not line:
+            return False
+        if line.startswith("!"):
+            return self._commands.do_statement(self._complete_statement(line[1:].strip()))
+        if line.startswith("?"):
+            return self._commands.do_help(line[1:].strip())
+        word = _word.match(line)
+        method = self._commands.find(word.group()) if word else None
+        if method is None or _statement.match(line):
+            return self._commands.do_statement(self._complete_statement(line))
+        if word.group() in ("list", "l"):
+            self._last_line = "list"  # repeated, it goes on
+        return method(line[word.end():].strip())
+
+    def _complete_statement(self, text):
+        """The text and, when it is the beginning of a statement, its further lines."""
+        lines = [text]
+        while self._is_incomplete(u"\n".join(lines)):
+            try:
+                lines.append(self.console.read_line(kMorePrompt))
+            except EOFError:
+                break
+        return u"\n".join(compat.to_text(line) for line in lines)
+
+    @staticmethod
+    def _is_incomplete(text):
+        try:
+            with _catch_warnings():
+                _ignore_warnings("ignore")
+                return _compile_command(text, "<debugger>", "single") is None
+        except BaseException:  # wrong rather than incomplete: executing it tells how
+            return False
+
+    # --- ending ---
+
+    def quit(self):
+        """End the program; after an uncaught exception let it end as it would have."""
+        if self.stop.reason == stops.kUncaught:
+            self.server.continue_run()
+            self.server.leave_alone()
+            return True
+        self._interrupts.remove()
+        self.program.end(self.server.core, 0)
+
+    def restart(self, arguments):
+        try:
+            self.program.restart(arguments)
+        except (OSError, ValueError) as why:
+            raise commands.tUsage("cannot restart: {}".format(why))

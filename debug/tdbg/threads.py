@@ -1,0 +1,120 @@
+"""Hooks that bring new threads under the tracer and tell it when they end.
+
+The module `threading` is never imported for this: it is hooked when the program has loaded it.
+"""
+from __future__ import absolute_import, division, print_function
+
+import functools
+import sys
+import traceback
+
+from tdbg import compat
+
+if compat.PY2:
+    import thread as _thread
+    _names_of_delete = "_Thread__delete"
+else:
+    import _thread
+    _names_of_delete = "_delete"
+
+_set_trace = sys.settrace
+_format_exception = traceback.format_exception
+
+
+class tThreadHooks(object):
+    """install() and remove() are the core's install_thread_hooks_cb; see_module() its import_cb."""
+
+    def __init__(self, core):
+        self._core = core
+        self._installed = False
+        self._threading = None
+        self._delete = None
+        self._start_new_thread = None
+
+    def install(self):
+        self._installed = True
+        threading = sys.modules.get("threading")
+        if threading is not None:
+            self._hook_threading(threading)
+        if not compat.kHasEvalFrame:
+            self._hook_start_new_thread()
+
+    def remove(self):
+        self._installed = False
+        threading, self._threading = self._threading, None
+        if threading is not None:
+            if threading._trace_hook is self._core.bootstrap_new_thread:
+                threading._trace_hook = None
+            setattr(threading.Thread, _names_of_delete, self._delete)
+        if self._start_new_thread is not None:
+            _thread.start_new_thread = _thread.start_new = self._start_new_thread
+            self._start_new_thread = None
+
+    def see_module(self, module):
+        """A module was imported."""
+        if self._installed and getattr(module, "__name__", None) == "threading":
+            # Still being executed when a cycle of imports brings it early.
+            if hasattr(module, "_trace_hook") and hasattr(module, "Thread"):
+                self._hook_threading(module)
+
+    def _hook_threading(self, threading):
+        if self._threading is threading or not hasattr(threading.Thread, _names_of_delete):
+            return
+        self._threading = threading
+        if threading._trace_hook is None:  # the program's own has precedence
+            threading._trace_hook = self._core.bootstrap_new_thread
+        original = threading.Thread.__dict__[_names_of_delete]
+        self._delete = original
+        core = self._core
+
+        # At the end of _delete the thread has no more work of the program to do.
+        @functools.wraps(original)
+        def _delete(thread):
+            try:
+                return original(thread)
+            finally:
+                _set_trace(None)
+                core.thread_exiting()
+
+        setattr(threading.Thread, _names_of_delete, _delete)
+        if self._start_new_thread is not None:
+            threading._start_new_thread = self._start_new_thread
+
+    def _hook_start_new_thread(self):
+        """Version 2 has no other way into threads that are started below `threading`."""
+        if self._start_new_thread is not None:
+            return
+        original = self._start_new_thread = _thread.start_new_thread
+        core = self._core
+
+        @functools.wraps(original)
+        def start_new_thread(function, args, kwargs=None):
+            if not callable(function) or not isinstance(args, tuple) or (
+                    kwargs is not None and not isinstance(kwargs, dict)):
+                return original(function, args, kwargs)  # its own error
+            return original(_run_thread, (core, function, args, kwargs or {}))
+
+        _thread.start_new_thread = _thread.start_new = start_new_thread
+
+
+def _run_thread(core, function, args, kwargs):
+    """Body of a thread of version 2: as the interpreter does it, but traced from the start."""
+    _set_trace(core.bootstrap_new_thread)
+    try:
+        function(*args, **kwargs)
+    except SystemExit:
+        pass
+    except BaseException:
+        _tell_unhandled(function)
+    finally:
+        _set_trace(None)
+        core.thread_exiting()
+
+
+def _tell_unhandled(function):
+    kind, value, tb = sys.exc_info()
+    try:
+        sys.stderr.write("Unhandled exception in thread started by {!r}\n".format(function))
+        sys.stderr.write("".join(_format_exception(kind, value, tb.tb_next)))
+    except BaseException:
+        pass
