@@ -23,12 +23,14 @@ from .programs import (
     DEBUGGEES, DATA, REPOSITORY, Finished, debuggee, run_code, run_program, run_script,
 )
 from .references import growth_of_references
+from .session import Session
 
 __all__ = [
     "DATA",
     "DEBUGGEES",
     "Finished",
     "REPOSITORY",
+    "Session",
     "TestCase",
     "capability",
     "debuggee",
