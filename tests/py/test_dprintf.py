@@ -7,7 +7,7 @@ import os
 import sys
 import unittest
 
-from support import TestCase, growth_of_references, load_native, needs
+from support import TestCase, growth_of_references, has, load_native, needs
 
 kLogFilenames, kLogCore, kLogInternalFailures = 2, 4, 64
 kDefaultMask = 84
@@ -267,7 +267,9 @@ class Descriptions(LogTestCase):
     def test_non_ascii_string_is_not_written(self):
         self.log_to(LogFile())
         self.assertEqual(self.native.dprint_check_str(b"caf\xc3\xa9"), b"(non-ascii string)")
-        self.assertEqual(self.native.dprint_check_pystr(u"caf\xe9"), b"(non-ascii string)")
+        # 2.x cannot give the text of such an object at all
+        self.assertEqual(self.native.dprint_check_pystr(u"caf\xe9"),
+                         b"(NULL)" if has("python2") else b"(non-ascii string)")
         self.assertEqual(self.native.dprint_check_pystr(u"plain"), b"plain")
         self.assertEqual(self.native.dprint_check_pystr("native"), b"native")
         self.assertEqual(self.native.dprint_check_pystr(5), b"(non-PyString PyObject*)")
