@@ -333,6 +333,15 @@ PyObject* _tracer_get_current_tstate_id(PyObject* /*self*/, PyObject* args) {
     return id_for_tstate_ptr(gPy.PyThreadState_Get());
 }
 
+// As the interpreter's own get_ident() shows it: unsigned since 3.7, which in 32 bits is another
+// number.
+static PyObject* new_thread_ident(long thread_id) {
+    if (!version_at_least(3, 7)) {
+        return new_int(thread_id);
+    }
+    return gPy.PyLong_FromLongLong(static_cast<long long>(static_cast<unsigned long>(thread_id)));
+}
+
 PyObject* _tracer_get_thread_ident_for_tstate_id(PyObject* /*self*/, PyObject* args) {
     PyObject* tstate_id = nullptr;
     if (!gPy.PyArg_ParseTuple(args, "O:get_thread_ident_for_tstate_id", &tstate_id)) {
@@ -343,7 +352,7 @@ PyObject* _tracer_get_thread_ident_for_tstate_id(PyObject* /*self*/, PyObject* a
         return nullptr;
     }
     const tThreadData* const td = find_thread_data(&gSelf.thread_data, tstate);
-    return td != nullptr ? new_int(td->thread_id) : new_none();
+    return td != nullptr ? new_thread_ident(td->thread_id) : new_none();
 }
 
 PyObject* _tracer_get_frame_file(PyObject* /*self*/, PyObject* args) {

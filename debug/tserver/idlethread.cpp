@@ -199,8 +199,7 @@ static int start_idle_thread_mutex_held(tIdleThreadPerInterpData* data) {
     data->active_single_data_ptr = single;
     single->thread_id = gPy.PyThread_start_new_thread(idle_thread_func, single);
     if (single->thread_id == kNoThread) {
-        // deliberate: its locks and its thread state are left, since the thread may have got as far
-        // as using them.
+        // deliberate: only the record goes; its locks and its thread state are left.
         data->active_single_data_ptr = nullptr;
         free(single);
         return -1;
@@ -509,8 +508,17 @@ void release_gil_on_idle_thread(tSingleIdleThreadData* /*single_data_ptr*/,
     log_without_tstate("Leaving release_gil_on_idle_thread\n");
 }
 
+// A free-threaded interpreter has no lock to take turns with, and its thread states must not move
+// between threads: their memory belongs to the thread that made them.
+static bool has_interpreter_lock() {
+    return gPy.pyobject_offsets.refcnt != -1;
+}
+
 // Makes the running thread yield, so that it looks at its pending calls.
 static void force_lock_switch(tSingleIdleThreadData* single) {
+    if (!has_interpreter_lock()) {
+        return;
+    }
     log_without_tstate("Acquiring and releasing GIL\n");
     if (acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
         release_gil_on_idle_thread(single, single->interrupt_tstate, nullptr);
@@ -534,7 +542,8 @@ void call_idle_from_idle_thread(tSingleIdleThreadData* single_data_ptr) {
 // What has to be taken off the thread state while the interpreter lock is held; deleting it then
 // does not need the lock.
 static void clear_interrupt_tstate(tSingleIdleThreadData* single) {
-    if (acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
+    if (has_interpreter_lock() &&
+        acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
         gPy.PyThreadState_Clear(single->interrupt_tstate);
         release_gil_on_idle_thread(single, single->interrupt_tstate, nullptr);
     }

@@ -123,8 +123,9 @@ static PyObject* copy_into_buffer(
     return new_int(count);
 }
 
-// Python 3 has no "w#" any more, and "s#" wants to know how its caller was compiled.
-static PyObject* copy_into_buffer_3(PyObject* args) {
+// Pinned buffers for both: with "w#is#" Python 2 refuses a bytearray, and Python 3 has no "w#" and
+// wants to know of "s#" how its caller was compiled.
+PyObject* _tracer_CopyIntoBuffer(PyObject* /*self*/, PyObject* args) {
     tPyBuffer to = {};
     tPyBuffer from = {};
     int offset = 0;
@@ -135,21 +136,6 @@ static PyObject* copy_into_buffer_3(PyObject* args) {
     release_buffer(&from);
     release_buffer(&to);
     return result;
-}
-
-PyObject* _tracer_CopyIntoBuffer(PyObject* /*self*/, PyObject* args) {
-    if (gPy.major_version >= 3) {
-        return copy_into_buffer_3(args);
-    }
-    char* to = nullptr;
-    const char* from = nullptr;
-    int to_length = 0;  // "#" means int to PyArg_ParseTuple itself, on 64-bit too
-    int from_length = 0;
-    int offset = 0;
-    if (!gPy.PyArg_ParseTuple(args, "w#is#", &to, &to_length, &offset, &from, &from_length)) {
-        return nullptr;
-    }
-    return copy_into_buffer(to, to_length, offset, from, from_length);
 }
 
 // ---- Frames ----
