@@ -1,0 +1,2 @@
+kBefore = 1
+kBroken = kBefore / 0

@@ -1,0 +1,5 @@
+__all__ = ["shared"]
+
+
+def shared():
+    return "shared"

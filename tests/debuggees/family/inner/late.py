@@ -1,0 +1,1 @@
+kValue = [number for number in range(3)]

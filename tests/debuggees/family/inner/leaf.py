@@ -1,0 +1,3 @@
+from ..sibling import greet
+
+kLeaf = greet("leaf")
