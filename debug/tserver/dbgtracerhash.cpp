@@ -199,7 +199,7 @@ void CU_RebuildTable(CUt_HashTable* table) {
     const unsigned old_count = table->numBuckets;
     const unsigned new_count = old_count * kGrowthFactor;
     CUt_HashEntry** const new_buckets =
-        static_cast<CUt_HashEntry**>(calloc(new_count, sizeof(CUt_HashEntry*)));
+        static_cast<CUt_HashEntry**>(calloc(new_count, sizeof(void*)));
     if (new_buckets == nullptr) {
         return;  // numBuckets still tells the length of the array; the next create tries again
     }

@@ -169,18 +169,15 @@ static char* copy_resolved(const tFileOpsData* data, const char* name) {
 // Caller frees; null when out of memory.
 static char* copy_joined(const char* directory, const char* name) {
     const size_t directory_length = strlen(directory);
-    const size_t name_size = strlen(name) + 1;
-    char* const joined = static_cast<char*>(malloc(directory_length + 1 + name_size));
+    char* const joined = static_cast<char*>(malloc(directory_length + strlen(name) + 2));
     if (joined == nullptr) {
         return nullptr;
     }
-    memcpy(joined, directory, directory_length);
-    char* end = joined + directory_length;
+    char* end = stpcpy(joined, directory);
     if (directory_length == 0 || end[-1] != '/') {
-        *end = '/';
-        end++;
+        end = stpcpy(end, "/");
     }
-    memcpy(end, name, name_size);
+    stpcpy(end, name);
     return joined;
 }
 
@@ -224,6 +221,9 @@ static const char* keep_absname(tFileOpsData* data, const char* name, char* absn
 }
 
 const char* get_absname_forward_slash_names(tFileOpsData* data, const char* name) {
+    if (data == nullptr) {
+        return nullptr;
+    }
     const char* const cached =
         static_cast<const char*>(find_hash_value(&data->absname_cache, name));
     if (cached != nullptr) {
@@ -284,7 +284,8 @@ static void note_missing(tFileOpsData* data, const char* pathname, uintptr_t now
     int is_new = 0;
     CUt_HashEntry* const entry = create_hash_entry(&data->not_found_table, pathname, &is_new);
     if (entry != nullptr) {
-        entry->clientData = reinterpret_cast<void*>(now);
+        // The slot itself holds the time.
+        entry->clientData = reinterpret_cast<void*>(now);  // NOLINT(performance-no-int-to-ptr)
     }
 }
 
@@ -313,7 +314,7 @@ static const struct stat64* borrow_new_stat(tFileOpsData* data, const char* path
     if (is_known_missing(data, pathname, now)) {
         return nullptr;
     }
-    struct stat64 found;
+    struct stat64 found = {};
     if (libc_stat(pathname, &found) != 0) {
         note_missing(data, pathname, now);
         return nullptr;
@@ -321,14 +322,21 @@ static const struct stat64* borrow_new_stat(tFileOpsData* data, const char* path
     return keep_stat(data, pathname, &found);
 }
 
+// From the cache or the file system. Null: missing.
+static const struct stat64* borrow_stat(tFileOpsData* data, const char* pathname) {
+    if (data == nullptr) {
+        return nullptr;
+    }
+    const CUt_HashEntry* const cached = find_hash_entry(&data->stat_cache, pathname);
+    return cached != nullptr ? static_cast<const struct stat64*>(cached->clientData)
+                             : borrow_new_stat(data, pathname);
+}
+
 int get_unique_file_number(tFileOpsData* data,
                            const char* pathname,
                            tUniqueFileno* number,
                            boolean* exists) {
-    const CUt_HashEntry* const cached = find_hash_entry(&data->stat_cache, pathname);
-    const struct stat64* const known = cached != nullptr
-                                           ? static_cast<const struct stat64*>(cached->clientData)
-                                           : borrow_new_stat(data, pathname);
+    const struct stat64* const known = borrow_stat(data, pathname);
     *exists = known != nullptr;
     number->dev = known != nullptr ? known->st_dev : 0;
     number->ino = known != nullptr ? known->st_ino : 0;
@@ -337,8 +345,8 @@ int get_unique_file_number(tFileOpsData* data,
 
 // True when both files exist; same: whether they are one.
 static bool compare_files(tFileOpsData* data, const char* a, const char* b, bool* same) {
-    tUniqueFileno a_number;
-    tUniqueFileno b_number;
+    tUniqueFileno a_number = {};
+    tUniqueFileno b_number = {};
     boolean a_exists = 0;
     boolean b_exists = 0;
     get_unique_file_number(data, a, &a_number, &a_exists);
@@ -349,11 +357,9 @@ static bool compare_files(tFileOpsData* data, const char* a, const char* b, bool
 
 // The name with the letter c appended: "x.py" becomes "x.pyc". Caller frees; null: out of memory.
 static char* copy_with_c(const char* name) {
-    const size_t length = strlen(name);
-    char* const copy = static_cast<char*>(malloc(length + 2));
+    char* const copy = static_cast<char*>(malloc(strlen(name) + 2));
     if (copy != nullptr) {
-        memcpy(copy, name, length);
-        memcpy(copy + length, "c", 2);
+        stpcpy(stpcpy(copy, name), "c");
     }
     return copy;
 }

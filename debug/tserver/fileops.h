@@ -5,7 +5,8 @@
 // system is cached, so that events in unknown files cost no system call: absolute names and
 // successful stats for the life of the record, failed stats for less than 3 seconds.
 // Texts handed out belong to the record and live as long as it does. Everything here needs the
-// interpreter lock, which alone guards the record.
+// interpreter lock, which alone guards the record. A null record, which is what start-up without
+// memory leaves, knows no name and finds no file.
 #pragma once
 
 #include "dbgtracerhash.h"

@@ -21,7 +21,7 @@ static char* copy_for_canonical(const tFileOpsData* data, const char* name) {
 // The form under which a name is registered. Caller frees; null as above or without an absolute
 // name.
 static char* copy_absname_for_canonical(tFileOpsData* data, const char* pathname) {
-    char* const pruned = copy_for_canonical(data, pathname);
+    char* const pruned = data != nullptr ? copy_for_canonical(data, pathname) : nullptr;
     if (pruned == nullptr) {
         return nullptr;
     }
@@ -43,7 +43,7 @@ static const char* lookup_absname(tFileOpsData* data, const char* absname, const
     if (by_name != nullptr) {
         return by_name;
     }
-    tUniqueFileno number;
+    tUniqueFileno number = {};
     boolean exists = 0;
     get_unique_file_number(data, absname, &number, &exists);
     const char* const by_number =
@@ -98,7 +98,7 @@ static CUt_HashEntry* register_text(CUt_HashTable* table,
 
 // Canonical name of a file whose name is new: that of the same file on disk, or its own. Borrowed.
 static const char* choose_canonical(tFileOpsData* data, const char* absname) {
-    tUniqueFileno number;
+    tUniqueFileno number = {};
     boolean exists = 0;
     get_unique_file_number(data, absname, &number, &exists);
     if (!exists) {
@@ -171,12 +171,15 @@ const char* register_canonical_pathname(tFileOpsData* data,
 // Checksums
 
 int set_checksum_callback(tFileOpsData* data, PyObject* callable) {
-    set_owned(&data->checksum_callback, new_ref(callable));
+    if (data != nullptr) {
+        set_owned(&data->checksum_callback, new_ref(callable));
+    }
     return 0;
 }
 
 PyObject* get_checksum_for_pathname(tFileOpsData* data, PyObject* pathname) {
-    tOwnedRef callback(new_ref(data->checksum_callback));  // it may be replaced by its own call
+    // Held, as its own call may replace it.
+    tOwnedRef callback(data != nullptr ? new_ref(data->checksum_callback) : nullptr);
     if (!callback || callback.borrow() == gPy.Py_None) {
         return new_ref(gPy.Py_None);
     }

@@ -5,11 +5,11 @@
 #include "fileops.h"
 
 inline tSingleDPData* borrow_filenames_sink(const tFileOpsData* data) {
-    return data->dp != nullptr ? data->dp->filenames : nullptr;
+    return data != nullptr && data->dp != nullptr ? data->dp->filenames : nullptr;
 }
 
 inline tSingleDPData* borrow_failures_sink(const tFileOpsData* data) {
-    return data->dp != nullptr ? data->dp->internal_failures : nullptr;
+    return data != nullptr && data->dp != nullptr ? data->dp->internal_failures : nullptr;
 }
 
 // The text, then the pending exception, which stays pending.

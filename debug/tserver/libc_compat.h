@@ -32,5 +32,9 @@ inline constexpr int kStatVersion = sizeof(void*) == 8 ? 1 : 3;
 
 // As stat(), with 64-bit device, inode and size in both word sizes. 0 or -1 with errno.
 inline int libc_stat(const char* path, struct stat64* result) {
+#if defined(__SANITIZE_ADDRESS__)
+    return stat64(path, result);  // the sanitizer has an __xstat64 of its own, without a version
+#else
     return tdbg_xstat64(kStatVersion, path, result);
+#endif
 }

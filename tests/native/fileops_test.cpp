@@ -736,6 +736,22 @@ TEST_F(FileOps, WithoutALogEverythingStillWorks) {
     destroy_file_ops_data(data);
 }
 
+TEST_F(FileOps, ANullRecordKnowsNothing) {
+    const std::string name = make_file("m.py");
+    tUniqueFileno number = {1, 1};
+    boolean found = 1;
+    EXPECT_EQ(get_absname(nullptr, "m.py"), nullptr);
+    EXPECT_EQ(get_unique_file_number(nullptr, name.c_str(), &number, &found), 0);
+    EXPECT_EQ(found, 0);
+    EXPECT_EQ(samefile(nullptr, name.c_str(), "/x/m.py"), 0);
+    EXPECT_EQ(lookup_canonical_pathname(nullptr, name.c_str(), "sum"), nullptr);
+    EXPECT_EQ(register_canonical_pathname(nullptr, name.c_str(), "sum", &found), nullptr);
+    EXPECT_EQ(lookup_canonical_result(nullptr, "/x", nullptr), gPy.Py_None);
+    EXPECT_EQ(as_fake(register_canonical_result(nullptr, "/x", nullptr))->text, "(None, 0)");
+    EXPECT_EQ(set_checksum_callback(nullptr, gPy.Py_None), 0);
+    EXPECT_EQ(get_checksum_for_pathname(nullptr, fake->str("/x")), gPy.Py_None);
+}
+
 // Forms for Python
 
 TEST_F(FileOps, PseudoFilesPassThroughBothForms) {
