@@ -45,10 +45,7 @@ def start(startup_folder, loaded):
     try:
         _import_real_hook_module()
     finally:
-        try:
-            server.start()
-        except Exception as why:
-            _give_up("{}: {}".format(type(why).__name__, why))
+        server.start_with_program()
 
 
 def _clear_traces(startup_folder, settings):

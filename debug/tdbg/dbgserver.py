@@ -27,7 +27,7 @@ kStopOnUnhandled = 2
 kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
 
 _get_ident = compat.get_ident
-_exit_process = os._exit
+_set_trace = sys.settrace
 
 
 class tFrontEnd(object):
@@ -66,7 +66,7 @@ class tServer(object):
     core       the native module
     front_end  object with tFrontEnd's methods
 
-    start() begins tracing; the first stop comes at the first line of the program's main module.
+    The first stop comes at the first line of the program's main module.
     Commands that end a stop, to be called inside on_stop(): step_into, step_over, step_out,
     run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
     """
@@ -85,8 +85,25 @@ class tServer(object):
 
     # --- life ---
 
+    def start_with_program(self):
+        """Begin tracing as soon as the program's main module is entered.
+
+        Until then the interpreter's own start-up runs, which nobody wants to debug; and the core takes
+        the outermost frame that it finds as the bottom of the program, which is then the right one.
+        """
+        _set_trace(self._wait_for_program)
+
+    def _wait_for_program(self, frame, event, arg):
+        """A trace function of the ordinary kind; makes way for the core's."""
+        try:
+            if self._is_program_start(frame):
+                self.start()
+        except BaseException:
+            _set_trace(None)
+            self._tell_internal_error("start")
+
     def start(self):
-        """Begin tracing.  Call it on the main thread, before the program's first line."""
+        """Begin tracing; the thread stops at its next line.  Call it on the main thread."""
         self.core.init(
             kIdleSeconds, kStopOnUnhandled, self._install_thread_hooks_cb, self._get_checksum_cb,
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
@@ -179,7 +196,7 @@ class tServer(object):
     def _line_cb(self, frame):
         ident = _get_ident()
         if not self._entered:
-            if not self._is_program_start(frame):
+            if self._is_own(frame):
                 return  # the thread still steps
             self._entered = True
             self._main_frame = frame
@@ -304,10 +321,11 @@ class tServer(object):
 
     def is_hidden(self, frame):
         """Frames of the debugger and of the import machinery, which has no source."""
+        return self._is_own(frame) or bool(self.core.is_internal_frame(frame))
+
+    def _is_own(self, frame):
         name = frame.f_code.co_filename
-        if name in self._own_files or name.startswith("<frozen "):
-            return True
-        return bool(self.core.is_internal_frame(frame))
+        return name in self._own_files or name.startswith("<frozen ")
 
     def _pass_hidden(self, frame, ident):
         """A step must not end here, but where it would have ended without this frame."""
@@ -323,7 +341,7 @@ class tServer(object):
             main is not None
             and frame.f_globals is main.__dict__
             and frame.f_code.co_name in ("<module>", "?")
-            and not self.is_hidden(frame)
+            and not self._is_own(frame)
         )
 
     def _tell_internal_error(self, where):
