@@ -112,6 +112,10 @@ static Py_ssize_t request_code_extra_index() {
     return kIndexUnavailable;
 }
 
+void forget_code_extra_index() {
+    gCodeExtraIndex = kIndexNotRequested;
+}
+
 static bool has_extra_slot() {
     if (gCodeExtraIndex == kIndexNotRequested) {
         tSavedError saved;

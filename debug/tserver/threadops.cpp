@@ -291,19 +291,26 @@ PyObject* get_thread_data_by_outer_frame_dict(CUt_HashTable* table) {
     return dict.give_away();
 }
 
+// Address of the record of the first frame in the dict, from `frame` outward: borrowed from the
+// dict; null at the end of the walk or with an exception set.
+static PyObject* borrow_address_by_frame(PyFrameObject* frame, PyObject* dict) {
+    tOwnedFrame current(static_cast<PyFrameObject*>(new_ref(frame)));
+    while (current) {
+        PyObject* const address = gPy.PyDict_GetItem(dict, current.borrow());
+        if (address != nullptr || gPy.PyErr_Occurred() != nullptr) {
+            return address;
+        }
+        current.reset(get_frame_back(current.borrow()));
+    }
+    return nullptr;
+}
+
 tThreadData* find_thread_data_from_frame(PyFrameObject* frame, PyObject* dict) {
     if (frame == nullptr || dict == nullptr) {
         return nullptr;
     }
     tSavedError saved;  // an exception on the way is not the caller's
-    tOwnedFrame current(static_cast<PyFrameObject*>(new_ref(frame)));
-    PyObject* address = nullptr;
-    while (current && address == nullptr) {
-        address = gPy.PyDict_GetItem(dict, current.borrow());
-        if (address == nullptr) {
-            current.reset(get_frame_back(current.borrow()));
-        }
-    }
+    PyObject* const address = borrow_address_by_frame(frame, dict);
     if (gPy.PyErr_Occurred() != nullptr) {
         log_failure("Failure in find_thread_data_from_frame()\n");
         return nullptr;
