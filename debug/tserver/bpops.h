@@ -29,6 +29,11 @@ struct tBp {
     int changed;        // 1 while on the changed list
     tBp* next_user;     // next one on the same line, any file
     tBp* next_changed;  // next one on the changed list
+    // Private.
+    PyObject* cond_code;  // owned; the compiled condition, made at the first hit; null = not yet
+    tBp* next_waiting;    // next one of the same user file that waits for its module
+    int users;            // evaluations in progress; the record is not freed before the last ends
+    int is_dropped;       // cleared during an evaluation, which frees it
 };
 
 struct tBpOpsData {
@@ -43,6 +48,10 @@ struct tBpOpsData {
     int checksums_enabled;                        // checksums may identify files
     PyObject* filestring;                         // owned; the native string "__file__"
     PyObject* any_bps_cache;                      // owned; dict
+    // Private.
+    CUt_HashTable waiting_files;     // user file name -> its unresolved breakpoints
+    CUt_HashTable module_bp_counts;  // module file name -> number of breakpoints bound to it
+    CUt_HashTable unknown_files;     // user file name -> when no module was found for it (see .cpp)
 };
 
 // Life of the table. Clearing keeps `checksums_enabled`; ids restart at 1.

@@ -60,6 +60,9 @@ private:
     int errno_;
 };
 
+// Extra stack levels for the debugger's own calls while the program is at its recursion limit.
+inline constexpr int kRecursionHeadroom = 50;
+
 // Room for the debugger's own calls when the program is at its recursion limit. Restores the old
 // limit unless somebody set another one meanwhile (a user at the prompt), which then stays.
 class tRecursionHeadroom : tNoCopy {

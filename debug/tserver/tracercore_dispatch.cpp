@@ -48,11 +48,6 @@ static PyObject* peek_frame_trace(PyFrameObject* frame) {
                                      : borrow_frame_trace(frame);
 }
 
-static bool is_line_quiet(PyFrameObject* frame) {
-    return gSelf.pending_exc_count == 0 && !time_for_idle_call(1) && gSelf.mutex_thread_id == -1 &&
-           peek_frame_trace(frame) == nullptr;
-}
-
 // Nobody is stopped, nothing waits to be done, and no log wants to hear of every event.
 static bool is_process_quiet() {
     return gDPrintfFile == nullptr && gSelf.tracing && gSelf.mutex_thread_id == -1 &&
@@ -62,6 +57,28 @@ static bool is_process_quiet() {
 static bool is_thread_running_freely(const tThreadData* thread_data) {
     return thread_data->stop_frame == nullptr &&
            (gSelf.debug_thread_cb == nullptr || thread_data->debug_thread_policy > 0);
+}
+
+// A line of a watched frame (it holds a breakpoint, or was stopped in) with no breakpoint on it.
+static bool is_watched_line_quiet(PyFrameObject* frame) {
+    if (!is_process_quiet()) {
+        return false;
+    }
+    const tThreadData* const thread_data = current_thread_data();
+    const int line = get_frame_lineno(frame);
+    if (thread_data == nullptr || !is_thread_running_freely(thread_data) ||
+        find_hash_entry(&gSelf.bp_ops_data.userbps, &line) != nullptr) {
+        return false;
+    }
+    gSelf.stat_instructions++;
+    return true;
+}
+
+static bool is_line_quiet(PyFrameObject* frame) {
+    if (gSelf.pending_exc_count != 0 || time_for_idle_call(1) || gSelf.mutex_thread_id != -1) {
+        return false;
+    }
+    return peek_frame_trace(frame) == nullptr || is_watched_line_quiet(frame);
 }
 
 // Functions have fast locals and locals of their own; module and class bodies do not.

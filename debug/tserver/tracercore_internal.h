@@ -6,8 +6,6 @@
 #include "guards.h"
 #include "tracercore.h"
 
-// Extra stack levels for the debugger's own calls while the program is at its recursion limit.
-inline constexpr int kRecursionHeadroom = 50;
 inline constexpr int kExceptionRecursionHeadroom = 100;
 
 // event_type of __tracer_stop_here_without_mutex and of the sub-language hooks.
