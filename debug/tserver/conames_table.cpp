@@ -212,7 +212,7 @@ static PyObject* borrow_new_entry(tCOPathnameTable* table, PyCodeObject* code) {
 static PyObject* borrow_or_create_entry(tCOPathnameTable* table, PyCodeObject* code) {
     bool failed = false;
     PyObject* entry = borrow_entry(table, code, &failed);
-    if (entry == nullptr && !failed) {
+    if (!failed && (entry == nullptr || entry == gPy.Py_None)) {
         entry = borrow_new_entry(table, code);
     }
     if (entry == nullptr) {
