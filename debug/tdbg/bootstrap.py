@@ -9,17 +9,18 @@ import ast
 import os
 import sys
 
-from tdbg import compat, nativelib, program
+from tdbg import compat, nativelib, private, program
 
 kVariable = program.kVariable
 kPathVariable = "PYTHONPATH"
 kHookModule = "sitecustomize"
 
+kFirstDescriptor = 100
+
 # What stays: the debugger itself.
 kShared = ("tdbg", nativelib.kModule)
 
 _exit_process = os._exit
-_kept = []  # modules taken out of sys.modules
 
 
 def settings_to_environment(environment, settings, startup_folder, to_literal):
@@ -37,10 +38,15 @@ def start(startup_folder, loaded):
     settings = ast.literal_eval(os.environ[kVariable])
     original_environment = dict(os.environ)
     _clear_traces(startup_folder, settings)
+    # Libraries below us keep files open (libffi does): not with a number that the program counts on.
+    taken = _take_low_descriptors()
     try:
         server = _make_server(settings, original_environment)
     except Exception as why:
         _give_up("{}: {}".format(type(why).__name__, why))
+    finally:
+        for descriptor in taken:
+            os.close(descriptor)
     _forget_modules(loaded)
     try:
         _import_real_hook_module()
@@ -56,6 +62,18 @@ def _clear_traces(startup_folder, settings):
         os.environ[kPathVariable] = settings["pythonpath"]
     sys.path[:] = [path for path in sys.path if path != startup_folder]
     sys.path_importer_cache.pop(startup_folder, None)
+
+
+def _take_low_descriptors():
+    """Open every free descriptor below the debugger's own."""
+    taken = []
+    try:
+        taken.append(os.open(os.devnull, os.O_RDONLY))
+        while taken[-1] < kFirstDescriptor:
+            taken.append(os.dup(taken[-1]))
+    except OSError:  # as many as there are
+        pass
+    return taken
 
 
 def _make_server(settings, original_environment):
@@ -77,9 +95,9 @@ def _forget_modules(loaded):
     """
     if compat.PY2:
         return
-    for name in set(sys.modules) - loaded:
-        if name.split(".")[0] not in kShared and name != kHookModule:
-            _kept.append(sys.modules.pop(name))
+    private.take_out(
+        name for name in set(sys.modules) - loaded
+        if name.split(".")[0] not in kShared and name != kHookModule)
 
 
 def _import_real_hook_module():

@@ -299,7 +299,7 @@ class tServer(object):
         if ident == self._main_ident:
             return "MainThread"
         name = self.core.get_thread_name(self.core.get_current_tstate_id())
-        return "{} ({})".format(name, ident) if name else "thread {}".format(ident)
+        return "{} ({})".format(name, ident) if name else str(ident)
 
     def _reason_of_line(self, ident):
         asked = self._asked.get(ident)

@@ -9,7 +9,6 @@ import __future__
 import functools
 import sys
 import time
-import traceback
 
 from tdbg import compat
 
@@ -43,7 +42,6 @@ kFutureFlags = _future_flags()
 
 _plain_types = (int, float, bool, type(None), compat.text_type)
 _sleep = time.sleep
-_format_exception_only = traceback.format_exception_only
 _partial = functools.partial
 _call = functools.partial.__call__
 _code_type = type(_future_flags.__code__)
@@ -136,13 +134,26 @@ def describe_error():
 def describe_exception(kind, value):
     """One line, "ValueError: text", for an exception whose own methods may fail."""
     try:
-        lines = call_with_limit(lambda: _format_exception_only(kind, value))
-        text = compat.to_text(lines[-1]).strip()
-        if text:
-            return text
+        name = _exception_name(kind)
+        text = "" if value is None else call_with_limit(lambda: _exception_text(value))
     except BaseException:
-        pass
-    return compat.to_text(getattr(kind, "__name__", "exception"))
+        text = "(its text cannot be had)"
+    text = compat.to_text(text).strip()
+    return u"{}: {}".format(name, text) if text else name
+
+
+def _exception_name(kind):
+    name = compat.to_text(getattr(kind, "__qualname__", None) or getattr(kind, "__name__", "exception"))
+    module = compat.to_text(getattr(kind, "__module__", "") or "")
+    if module in ("", "__main__", "builtins", "exceptions"):
+        return name
+    return module + u"." + name
+
+
+def _exception_text(value):
+    if isinstance(value, SyntaxError) and value.msg:
+        return value.msg  # the place is in the text that was typed
+    return str(value)
 
 
 # --- values as text -------------------------------------------------------------------------

@@ -78,8 +78,7 @@ def start(options, package_folder):
         check_program(options["program"])
         target = [options["program"]]
     library = options["library"] or nativelib.find_library(package_folder)
-    flags = subprocess._args_from_interpreter_flags()
-    argv = [sys.executable] + flags + target + options["arguments"]
+    argv = [sys.executable] + interpreter_flags() + target + options["arguments"]
     settings = {
         "library": os.path.abspath(library),
         "argv": argv,
@@ -102,6 +101,15 @@ def refuse_unusable_interpreter():
         raise tRefused("the interpreter's options -E, -I and -S leave no way into the program")
     if not sys.executable:
         raise tRefused("the interpreter does not know its own path")
+
+
+def interpreter_flags():
+    """Options of the interpreter that the user gave to this process."""
+    words = getattr(sys, "orig_argv", None)
+    if not words:
+        return subprocess._args_from_interpreter_flags()
+    flags = words[1:len(words) - len(sys.argv[1:])]
+    return flags[:-2] if flags[-2:-1] == ["-m"] else flags[:-1]
 
 
 # --- what would fail before the first line ----------------------------------------------------

@@ -9,14 +9,13 @@ import inspect
 import pprint
 import shlex
 
-from tdbg import compat, evaluate, stops
+from tdbg import compat, evaluate, private, stops
 from tdbg.terminal import display
 
 # names: the first is the one in full, the others are short for it.
 tCommand = collections.namedtuple("tCommand", "names arguments help method")
 
 _get_source_lines = inspect.getsourcelines
-_get_source_file = inspect.getsourcefile
 _get_block = inspect.getblock
 _pformat = pprint.pformat
 _split_words = shlex.split
@@ -161,7 +160,8 @@ class tCommands(object):
     def do_source(self, text):
         value = self._value(text, "source")
         try:
-            lines, first = _get_source_lines(value)
+            with private.borrowed():
+                lines, first = _get_source_lines(value)
         except Exception as why:
             raise tUsage(str(why))
         for number, line in enumerate(lines, max(first, 1)):

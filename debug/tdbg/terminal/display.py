@@ -5,7 +5,7 @@ import linecache
 import os
 import types
 
-from tdbg import compat, evaluate, stops
+from tdbg import compat, evaluate, private, stops
 
 kAround = 5  # lines before and after the current one
 kEscapes = {
@@ -58,9 +58,10 @@ class tDisplay(object):
     def source_of(self, frame):
         """All lines of the frame's file, as text with their ends; [] when there is no source."""
         path = self.file_of(frame)
-        _check_cache(path)
         try:
-            lines = _get_lines(path, frame.f_globals)
+            with private.borrowed():
+                _check_cache(path)
+                lines = _get_lines(path, frame.f_globals)
         except Exception:  # an undecodable file
             lines = []
         return [compat.to_text(line) for line in lines]

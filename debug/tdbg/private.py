@@ -1,0 +1,34 @@
+"""Library modules that belong to the debugger alone.
+
+The program must find in sys.modules what it would find without a debugger, so the modules that the
+debugger has loaded are taken out. Some of them load others when they are used: such calls are
+made inside `borrowed()`.
+"""
+from __future__ import absolute_import, division, print_function
+
+import sys
+
+_modules = {}  # name -> module
+
+
+def take_out(names):
+    """Remove modules from the program's sight."""
+    for name in names:
+        _modules[name] = sys.modules.pop(name)
+
+
+class borrowed(object):
+    """While the block runs, the debugger's modules are where imports find them.
+
+    What is imported in the block becomes the debugger's, too. Code of the program must not run in it.
+    """
+
+    def __enter__(self):
+        # None stands for a module that may not be imported, or on version 2 is not there.
+        self._before = set(sys.modules)
+        for name in set(_modules) - self._before:
+            sys.modules[name] = _modules[name]
+
+    def __exit__(self, *exc_info):
+        if _modules:  # else everything is the program's
+            take_out(set(sys.modules) - self._before)
