@@ -527,6 +527,7 @@ TEST_F(Strings, NamesAreMadeOnce) {
     tNameCache cache = {};
     python_.fail_strings = 1;
     EXPECT_EQ(nullptr, borrow_name(&cache, "name"));
+    gPy.PyErr_Clear();
     PyObject* const name = borrow_name(&cache, "name");
     EXPECT_EQ("name", as_fake(name)->text);
     EXPECT_EQ(name, borrow_name(&cache, "name"));

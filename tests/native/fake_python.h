@@ -130,6 +130,7 @@ Py_ssize_t fake_ts_offset(T tFakeThreadState::*field) {
 }
 
 inline PyObject* fake_get_attr(PyObject* obj, PyObject* name) {
+    EXPECT_EQ("", fake->pending()) << "no call with an error pending";
     if (obj == nullptr) {
         fake->raise("SystemError");
         return nullptr;
@@ -160,6 +161,7 @@ inline int fake_set_attr(PyObject* obj, PyObject* name, PyObject* value) {
 }
 
 inline PyObject* fake_string(const char* text) {
+    EXPECT_EQ("", fake->pending()) << "no call with an error pending";
     if (fake->fail_strings > 0) {
         --fake->fail_strings;
         fake->raise("MemoryError");
