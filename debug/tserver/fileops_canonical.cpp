@@ -226,8 +226,9 @@ PyObject* lookup_canonical_result(tFileOpsData* data, const char* pathname, cons
         return new_native_string(pathname);
     }
     const char* const canonical = lookup_canonical_pathname(data, pathname, checksum);
-    if (canonical != nullptr) {
-        return new_native_string(canonical);
+    PyObject* const result = canonical != nullptr ? new_native_string(canonical) : nullptr;
+    if (result != nullptr) {
+        return result;
     }
     if (gPy.PyErr_Occurred() != nullptr) {
         log_file_failure(data, "Failure in get_canonical_pathname_pystr()\n");

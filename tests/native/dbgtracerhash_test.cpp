@@ -418,6 +418,24 @@ TEST(HashTable, TearDownFreesAllEntriesAndTheBuckets) {
     }
 }
 
+TEST(HashTable, GrowthFreesTheBucketsItLeaves) {
+    SKIP_WITHOUT_ALLOC_TAP();
+    CUt_HashTable table;
+    CU_InitHashTable(&table, kHashIntKeys);
+    tAllocTapScope tap;
+    for (int i = 0; i < 200; i++) {
+        int is_new = 0;
+        table.createProc(&table, &i, &is_new);
+    }
+    const long live = tap.live();
+    CU_DeleteHashTable(&table);
+    const long left = tap.live();
+    tap.stop();
+    EXPECT_EQ(table.numBuckets, 256u);
+    EXPECT_EQ(live, 200 + 1);
+    EXPECT_EQ(left, 0);
+}
+
 TEST(HashTable, ADeadTableFindsAndCreatesNothing) {
     for (bool dealloc : {false, true}) {
         for (unsigned key_type : {0u, 4u, 8u, 16u}) {

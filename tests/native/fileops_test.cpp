@@ -65,9 +65,9 @@ protected:
         gPy.Py_BuildValue = fake_build_value;
         os_ = fake->sys["module os"] = fake->make(fake->other_type, "os");
         gNow = 1000;
-        char start[] = "/tmp/fileops-XXXXXX";
-        ASSERT_NE(mkdtemp(start), nullptr);
-        char* const real = realpath(start, nullptr);
+        std::string start = testing::TempDir() + "fileops-XXXXXX";
+        ASSERT_NE(mkdtemp(start.data()), nullptr);
+        char* const real = realpath(start.c_str(), nullptr);
         dir_ = real;
         free(real);
         ASSERT_EQ(chdir(dir_.c_str()), 0);
@@ -316,18 +316,18 @@ TEST_F(FileOps, ResolvesNamesOfManyParts) {
 }
 
 TEST_F(FileOps, LogsHowANameIsResolved) {
-    ASSERT_EQ(chdir("/tmp"), 0);
+    ASSERT_EQ(chdir("/usr"), 0);
     log(kLogFilenames);
     absname("./a/../m.py");
     EXPECT_EQ(fake->written,
-              "In __posix_absname: resolving ./a/../m.py in /tmp\n"
+              "In __posix_absname: resolving ./a/../m.py in /usr\n"
               "parts[0] = \n"
-              "parts[1] = tmp\n"
+              "parts[1] = usr\n"
               "parts[2] = .\n"
               "parts[2] = a\n"
               "parts[3] = ..\n"
               "parts[2] = m.py\n"
-              "resolved ./a/../m.py to /tmp/m.py\n");
+              "resolved ./a/../m.py to /usr/m.py\n");
     fake->written.clear();
     absname("./a/../m.py");
     EXPECT_EQ(fake->written, "");
@@ -624,8 +624,9 @@ TEST_F(FileOps, AnEmptyChecksumIsNotRegistered) {
 }
 
 TEST_F(FileOps, TheFirstFileOfAChecksumStaysAndTheOtherIsLogged) {
-    add("/x/m.py", "abc");
     log(kLogFilenames);
+    add("/x/m.py", "abc");
+    EXPECT_EQ(fake->written, "");
     EXPECT_EQ(add("/y/m.py", "abc"), "+/y/m.py");
     EXPECT_EQ(fake->written,
               "Duplicate files for checksum: canonical = '/x/m.py'; other = '/y/m.py'\n");
@@ -714,6 +715,9 @@ TEST_F(FileOps, FailuresOfTheRegistryAreLogged) {
         EXPECT_STREQ(result != nullptr ? result : "(null)",
                      test.result != nullptr ? test.result : name.c_str())
             << test.fail_at;
+        // With memory again, nothing of the failure is left.
+        EXPECT_STREQ(register_canonical_pathname(data, name.c_str(), "abc", nullptr), name.c_str());
+        EXPECT_STREQ(lookup_canonical_pathname(data, "/other.py", "abc"), name.c_str());
         destroy_file_ops_data(data);
     }
 }
@@ -813,6 +817,13 @@ TEST_F(FileOps, ALookUpFailsWhileAPythonErrorIsPending) {
     EXPECT_EQ(lookup_canonical_pathname_pystr(data_, fake->str("/x"), gPy.Py_None), nullptr);
     EXPECT_EQ(fake->written, "Failure in get_canonical_pathname_pystr()\n");
     EXPECT_EQ(fake->pending(), "ValueError");
+}
+
+TEST_F(FileOps, AFoundNameThatMakesNoStringIsAnError) {
+    add("/x/m.py");
+    fake->fail_strings = 1;
+    EXPECT_EQ(lookup_canonical_result(data_, "/x/m.py", nullptr), nullptr);
+    EXPECT_EQ(fake->pending(), "MemoryError");
 }
 
 TEST_F(FileOps, AnArgumentWithoutTextIsAnError) {
