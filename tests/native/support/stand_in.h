@@ -88,7 +88,8 @@ inline size_t take_out(std::vector<char>* image, const tNames& names) {
 class tStandIn {
 public:
     explicit tStandIn(const tNames& absent = absent_in_python_3()) {
-        std::vector<char> image = read_bytes(TDBG_STAND_IN);
+        static const std::vector<char> original = read_bytes(TDBG_STAND_IN);
+        std::vector<char> image = original;
         EXPECT_EQ(take_out(&image, absent), absent.size()) << "a name is not in the stand-in";
         write_copy(image);
         handle_ = dlopen(path_, RTLD_NOW | RTLD_LOCAL);
