@@ -372,6 +372,7 @@ void install_start_thread_hooks(int install) {
         gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
         return;
     }
+    tTracingOff quiet(gPy.PyThreadState_Get());  // the debug server's own code: nothing to stop in
     tOwnedRef result(do_one_arg_call(gSelf.install_thread_hooks_cb, flag.borrow()));
 }
 
