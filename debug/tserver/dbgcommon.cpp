@@ -41,8 +41,12 @@ PyObject* borrow_name(tNameCache* cache, const char* text) {
     return borrow_cached_name(&cache->obj, text);
 }
 
-// obj.text: new ref; null with the exception set.
+// obj.text: new ref; null with the exception set, without one for a null obj, which the interpreter
+// would follow.
 static PyObject* get_attrib(PyObject* obj, tNameCache* cache, const char* text) {
+    if (obj == nullptr) {
+        return nullptr;
+    }
     PyObject* const name = borrow_name(cache, text);
     return name != nullptr ? gPy.PyObject_GetAttr(obj, name) : nullptr;
 }
@@ -122,7 +126,7 @@ TDBG_API PyObject* do_three_arg_call(PyObject* callable, PyObject* a, PyObject* 
 
 // Frames.
 
-// Result of a slot that should not have failed: its exception is logged and cleared.
+// Result of a slot that never answers null but by failing: its exception is logged and cleared.
 template <class T>
 static T* checked(T* result, const char* operation) {
     if (result == nullptr && gPy.PyErr_Occurred() != nullptr) {
@@ -137,7 +141,7 @@ TDBG_API PyFrameObject* get_frame_back(PyFrameObject* frame) {
         return nullptr;
     }
     if (is_frame(frame)) {
-        return checked(gPy.PyFrame_GetBack(frame), "get_frame_back\n");
+        return gPy.PyFrame_GetBack(frame);  // null is an answer: an error pending is not ours
     }
     tOwnedRef back(get_attrib_or_log(frame, &f_back, "f_back"));
     if (back.borrow() == gPy.Py_None) {
@@ -227,6 +231,9 @@ TDBG_API PyObject* borrow_frame_trace(PyFrameObject* frame) {
 
 static void set_frame_trace_attrib(PyFrameObject* frame, PyObject* trace) {
     static constinit tNameCache f_trace = {};
+    if (frame == nullptr) {
+        return;
+    }
     PyObject* const name = borrow_name(&f_trace, "f_trace");
     PyObject* const value = trace != nullptr ? trace : gPy.Py_None;
     if (name == nullptr || gPy.PyObject_SetAttr(frame, name, value) != 0) {
@@ -242,12 +249,11 @@ static bool line_field_follows_trace() {
 
 static void set_frame_trace_field(PyFrameObject* frame, Py_ssize_t offset, PyObject* trace) {
     PyObject** const field = static_cast<PyObject**>(XPy_GetFieldAddress(frame, offset));
-    if (*field == trace) {
-        return;
-    }
     if (*field == nullptr && line_field_follows_trace()) {
         const int lineno = gPy.PyFrame_GetLineNumber(frame);
-        write_field<int>(frame, gPy.frame_offsets.lineno, lineno);
+        if (lineno != -1) {
+            write_field<int>(frame, gPy.frame_offsets.lineno, lineno);
+        }
     }
     set_owned(field, new_ref(trace));
 }
@@ -272,9 +278,11 @@ static bool can_write_trace() {
 
 TDBG_API void set_frame_trace(PyFrameObject* frame, PyObject* trace) {
     PyObject* const wanted = null_for_none(trace);
-    const Py_ssize_t offset = frame_trace_offset();
-    if (offset == -1 || !can_write_trace() || !is_frame(frame) ||
-        must_switch_opcode_events(frame, wanted)) {
+    const Py_ssize_t offset = is_frame(frame) ? frame_trace_offset() : -1;
+    if (offset != -1 && read_field<PyObject*>(frame, offset) == wanted) {
+        return;
+    }
+    if (offset == -1 || !can_write_trace() || must_switch_opcode_events(frame, wanted)) {
         set_frame_trace_attrib(frame, wanted);
     } else {
         set_frame_trace_field(frame, offset, wanted);
@@ -287,7 +295,7 @@ TDBG_API int is_frame_trace_lines_supported() {
 
 TDBG_API int set_frame_trace_lines(PyFrameObject* frame, int flag) {
     static constinit tNameCache f_trace_lines = {};
-    if (!is_frame_trace_lines_supported()) {
+    if (!is_frame_trace_lines_supported() || frame == nullptr) {
         return 0;
     }
     if (gProbed.frame_trace_lines != -1 && is_frame(frame)) {
@@ -322,13 +330,16 @@ static bool is_suspended_state(int8_t state) {
     return static_cast<uint8_t>(state + 1) < 2;
 }
 
-// 3.11 and later: -1 with the exception pending.
+// 3.11 and later.
 static int get_suspended_by_generator(PyFrameObject* frame) {
+    tSavedError saved;  // an exception thrown into a generator may be pending, and is not a failure
     tOwnedRef generator(get_frame_generator(frame));
-    if (!generator) {
-        return gPy.PyErr_Occurred() == nullptr ? 0 : -1;
+    const int suspended = generator ? get_generator_suspended(generator.borrow()) : 0;
+    if (suspended != 1 && gPy.PyErr_Occurred() != nullptr) {
+        log_failure("Failure in get_frame_suspended_generator()\n");
+        return 0;
     }
-    return get_generator_suspended(generator.borrow());
+    return suspended;
 }
 
 TDBG_API int get_frame_suspended_generator(PyFrameObject* frame) {
@@ -336,12 +347,7 @@ TDBG_API int get_frame_suspended_generator(PyFrameObject* frame) {
         return 0;
     }
     if (version_at_least(3, 11)) {
-        const int suspended = get_suspended_by_generator(frame);
-        if (suspended == -1 && gPy.PyErr_Occurred() != nullptr) {
-            log_failure("Failure in get_frame_suspended_generator()\n");
-            return 0;
-        }
-        return suspended;
+        return get_suspended_by_generator(frame);
     }
     if (version_at_least(3, 10)) {
         if (gPy.frame_offsets.state == -1) {
@@ -420,7 +426,7 @@ TDBG_API int get_code_firstlineno(PyCodeObject* co) {
 
 TDBG_API int get_bool_attrib(PyObject* obj, const char* name, PyObject** cached_name_obj) {
     PyObject* const name_obj = borrow_cached_name(cached_name_obj, name);
-    if (name_obj == nullptr) {
+    if (name_obj == nullptr || obj == nullptr) {
         return -1;
     }
     tOwnedRef value(gPy.PyObject_GetAttr(obj, name_obj));

@@ -105,7 +105,22 @@ TEST_F(Frames, NullFrameIsAnsweredNotFollowed) {
     EXPECT_EQ(-1, get_frame_lineno(nullptr));
     EXPECT_EQ(-1, get_frame_iblock(nullptr));
     EXPECT_EQ(0, get_frame_suspended_generator(nullptr));
+    set_frame_trace(nullptr, python_.true_);
+    EXPECT_EQ(0, set_frame_trace_lines(nullptr, 1));
+    EXPECT_EQ(-1, get_code_firstlineno(nullptr));
+    EXPECT_EQ(nullptr, get_code_filename(nullptr));
+    EXPECT_EQ(nullptr, borrow_traceback_next(nullptr));
     EXPECT_EQ("", python_.pending());
+}
+
+TEST_F(Frames, ExceptionOfTheProgramSurvivesTheStackWalk) {
+    PyFrameObject* const frame = make_frame();
+    fields_of(frame)->attrs["f_back"] = nullptr;
+    python_.raise("ThrownIntoGenerator");
+    EXPECT_EQ(nullptr, get_frame_back(frame));
+    EXPECT_EQ(1, is_outermost_frame(frame));
+    EXPECT_EQ(0, get_frame_suspended_generator(frame));
+    EXPECT_EQ("ThrownIntoGenerator", python_.pending());
 }
 
 TEST_F(Frames, AttributesOfFrameLikes) {
@@ -195,11 +210,16 @@ TEST_F(TraceObject, FirstObjectBringsTheLineFieldUpToDateUpTo39) {
     python_.line_number = 80;
     set_frame_trace(frame, python_.false_);
     EXPECT_EQ(77, fields_of(frame)->f_lineno) << "kept by the interpreter by now";
+    python_.line_number = -1;
+    PyFrameObject* const unknown = make_frame();
+    fields_of(unknown)->f_lineno = 5;
+    set_frame_trace(unknown, python_.true_);
+    EXPECT_EQ(5, fields_of(unknown)->f_lineno);
     set_version(3, 10);
     PyFrameObject* const later = make_frame();
     set_frame_trace(later, python_.true_);
     EXPECT_EQ(0, fields_of(later)->f_lineno);
-    EXPECT_EQ(1, python_.line_number_calls);
+    EXPECT_EQ(2, python_.line_number_calls);
 }
 
 TEST_F(TraceObject, FreeThreadedBuildsKeepTheAttributeForWriting) {

@@ -7,7 +7,7 @@ import os
 import sys
 import unittest
 
-from support import TestCase, growth_of_references, has, load_native, needs
+from support import TestCase, growth_of_references, has, library_path, load_native, needs
 
 kLogFilenames, kLogCore, kLogInternalFailures = 2, 4, 64
 kDefaultMask = 84
@@ -110,6 +110,18 @@ class Lines(LogTestCase):
         self.log_line(kLogCore, b"outer\n")
         self.log_line(kLogCore, b"next\n")
         self.assertEqual(log.lines, ["outer\n", "next\n"])
+
+    def test_thread_without_state_writes_only_plain_text(self):
+        log = LogFile()
+        reader, writer = os.pipe()
+        self.native.set_dprintf_file(log, writer, None)
+        unlocked = ctypes.CDLL(library_path())  # lets go of the interpreter for the call
+        unlocked.do_dprintf(ctypes.c_int(kLogCore), b"line\n")
+        unlocked.do_dlogexception()
+        unlocked.dprint_no_tstate(ctypes.c_int(kLogCore), b"plain\n")
+        os.close(writer)
+        self.assertEqual((log.lines, os.read(reader, 100)), ([], b"plain\n"))
+        os.close(reader)
 
     def test_failing_file_disturbs_nobody(self):
         def fail():
