@@ -59,8 +59,8 @@ TDBG_API void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_op
 // objects' extra slots stay with their code objects.
 void free_co_pathname_table(tCOPathnameTable* table);
 
-// Makes the next look-up ask the interpreter for the extra slot again, as the first one of a process
-// does. For tests that bind to several interpreters.
+// Makes the next look-up ask the interpreter for the extra slot again, as the first one of a
+// process does. For tests that bind to several interpreters.
 void forget_code_extra_index();
 
 // Registered pathname; null when none. Text valid while the code object lives and until another

@@ -148,10 +148,11 @@ TEST_F(ThreadTable, ForgetsTheLastRecordWhenItIsRemovedClearedOrFreed) {
     get_current_thread_data(&table_)->tracing = 1;
     clear_thread_table(&table_);
     EXPECT_EQ(get_current_thread_data(&table_)->tracing, 0);
-    get_current_thread_data(&table_)->tracing = 1;
+    tThreadData* const old = get_current_thread_data(&table_);
     CU_DeleteHashEntry(find_pointer_entry(&table_, own()));
     init_thread_table(&table_);
-    EXPECT_EQ(get_current_thread_data(&table_)->tracing, 0);
+    EXPECT_NE(get_current_thread_data(&table_), old);
+    free_thread_data(old);
 }
 
 TEST_F(ThreadTable, FindsEachThreadsRecordInTurn) {
