@@ -23,6 +23,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 kHere = os.path.dirname(os.path.abspath(__file__))
 kRepository = os.path.dirname(kHere)
@@ -37,7 +38,7 @@ kLastWordsSeconds = 1  # for a hanging child to say where it hangs
 kShownOutput = 8000  # characters of a failed test's output
 kModule = "tdbgtracer"
 
-tResult = collections.namedtuple("tResult", "interpreter test status reason output")
+tResult = collections.namedtuple("tResult", "interpreter test status reason output seconds", defaults=(0.0,))
 
 
 # --- one child ------------------------------------------------------------------------------
@@ -187,14 +188,20 @@ def host_of(interpreters):
 def run_test(interpreter, test, env, arguments, scratch):
     seconds = (test["limit"] or arguments.timeout) * (kSlowBuildFactor if interpreter.debug else 1)
     path = os.path.join(os.path.abspath(arguments.tests), test["id"].partition(".")[0] + ".py")
+    started = time.monotonic()
     with tempfile.TemporaryDirectory(dir=scratch) as folder:
         ended, result, output = run_child([interpreter.path, "run", path, test["id"]], env, seconds, folder)
+    status, reason = judge(ended, result)
+    return tResult(interpreter, test["id"], status, reason, output, time.monotonic() - started)
+
+
+def judge(ended, result):
+    """(status, reason) from how the process ended and what it wrote before."""
     if result is None:
-        return tResult(interpreter, test["id"], "failed", "{} before the test ended".format(ended), output)
+        return "failed", "{} before the test ended".format(ended or "ended")
     if ended is not None and result["status"] != "failed":
-        reason = "{}, but then the process {}".format(result["status"], ended)
-        return tResult(interpreter, test["id"], "failed", reason, output)
-    return tResult(interpreter, test["id"], result["status"], result["reason"], output)
+        return "failed", "{}, but then the process {}".format(result["status"], ended)
+    return result["status"], result["reason"]
 
 
 class tRun:
@@ -287,16 +294,24 @@ def print_skips(results):
         print("  {:5} {}  [{}; {}]".format(len(group), reason, what, where))
 
 
-def print_summary(interpreters, results):
+def print_slowest(results, how_many):
+    print("\nslowest:")
+    for result in sorted(results, key=lambda result: -result.seconds)[:how_many]:
+        print("  {:6.1f} s {} under {}".format(result.seconds, result.test, result.interpreter.name))
+
+
+def print_summary(interpreters, results, slowest=0):
     print_table(interpreters, results)
     print_skips(results)
+    if slowest:
+        print_slowest(results, slowest)
     print("{} passed, {} failed, {} skipped".format(*count(results)))
 
 
 def write_json(path, interpreters, results):
     rows = [
         {"interpreter": result.interpreter.name, "test": result.test, "status": result.status,
-         "reason": result.reason} for result in results
+         "reason": result.reason, "seconds": round(result.seconds, 3)} for result in results
     ]
     with open(path, "w") as out:
         json.dump({"interpreters": [item.name for item in interpreters], "results": rows}, out, indent=1)
@@ -319,6 +334,7 @@ def parse_arguments(argv):
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
+    parser.add_argument("--slowest", type=int, default=0, metavar="N", help="show the N slowest tests")
     parser.add_argument("--no-summary", action="store_true", help="failures only")
     parser.add_argument("-v", "--verbose", action="store_true", help="every test")
     parser.add_argument("pattern", nargs="*", help="part of a test's name, shell pattern or test file")
@@ -376,7 +392,7 @@ def main(argv):
     if arguments.json:
         write_json(arguments.json, interpreters, run.results)
     if not arguments.no_summary:
-        print_summary(interpreters, run.results)
+        print_summary(interpreters, run.results, arguments.slowest)
     return 1 if count(run.results)[1] or not run.results else 0
 
 
