@@ -48,8 +48,8 @@ TDBG_API int is_frame_trace_lines_supported();
 TDBG_API int set_frame_trace_lines(PyFrameObject* frame, int flag);
 TDBG_API PyObject* get_frame_filename(PyFrameObject* frame);   // new ref or null
 TDBG_API PyObject* get_frame_code_name(PyFrameObject* frame);  // new ref; None without code
-// 1 when the frame belongs to a suspended generator, else 0. Up to 3.9 one not yet started counts as
-// well, on 3.10 one that is running.
+// 1 when the frame belongs to a suspended generator, else 0. Up to 3.9 one not yet started counts
+// as well, on 3.10 one that is running.
 TDBG_API int get_frame_suspended_generator(PyFrameObject* frame);
 
 // Tracebacks.
