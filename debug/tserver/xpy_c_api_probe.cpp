@@ -11,15 +11,27 @@ constinit tProbedOffsets gProbed = {-1, -1, -1};
 
 static constexpr Py_ssize_t kWord = sizeof(void*);
 
-// Value of an expression that sees nothing but the builtins. New ref; null with an exception.
+// An attempt that failed leaves no exception: the next one must not begin with it.
+static bool drop_error_unless(bool succeeded) {
+    if (!succeeded) {
+        gPy.PyErr_Clear();
+    }
+    return succeeded;
+}
+
+// Value of an expression that sees nothing but the builtins. New ref; null when it failed.
 static PyObject* evaluate(const char* expression) {
     constexpr int kEvalInput = 258;                       // Py_eval_input
     PyObject* const builtins = gPy.PyEval_GetBuiltins();  // borrowed
     tOwnedRef globals(builtins != nullptr ? gPy.PyDict_New() : nullptr);
     if (!globals || gPy.PyDict_SetItemString(globals.borrow(), "__builtins__", builtins) == -1) {
+        gPy.PyErr_Clear();
         return nullptr;
     }
-    return gPy.PyRun_String(expression, kEvalInput, globals.borrow(), globals.borrow());
+    PyObject* const value =
+        gPy.PyRun_String(expression, kEvalInput, globals.borrow(), globals.borrow());
+    drop_error_unless(value != nullptr);
+    return value;
 }
 
 // Size of the header that every object begins with.
@@ -30,7 +42,7 @@ static Py_ssize_t get_header_size() {
 // Frame objects.
 
 static bool set_attribute(PyObject* obj, const char* name, PyObject* value) {
-    return gPy.PyObject_SetAttrString(obj, name, value) == 0;
+    return drop_error_unless(gPy.PyObject_SetAttrString(obj, name, value) == 0);
 }
 
 // The field is empty, holds exactly the object once the attribute is set, and is empty again once
