@@ -185,7 +185,10 @@ static bool raise_pending_exception(tThreadData* thread_data) {
     thread_data->pending_exc = nullptr;
     gSelf.pending_exc_count--;
     DPRINTF(kLogCore, "Raising pending exception: %p\n", static_cast<void*>(exc.borrow()));
-    if (is_instance_of(exc.borrow(), gPy.PyType_Type_ptr)) {
+    if (!gPy.PyErr_GivenExceptionMatches(exc.borrow(), gPy.PyExc_BaseException)) {
+        // Python 2 would take it and then lose its way in the program's handlers.
+        gPy.PyErr_SetString(gPy.PyExc_TypeError, "exceptions must derive from BaseException");
+    } else if (is_instance_of(exc.borrow(), gPy.PyType_Type_ptr)) {
         gPy.PyErr_SetObject(exc.borrow(), nullptr);  // a class: the interpreter makes the instance
     } else {
         gPy.PyErr_SetObject(borrow_type(exc.borrow()), exc.borrow());
