@@ -14,6 +14,7 @@ see (the debugger's own, the import machinery): those are passed over here.
 """
 from __future__ import absolute_import, division, print_function
 
+import dis
 import functools
 import os
 import sys
@@ -25,6 +26,10 @@ kStopOnUnhandled = 2
 
 # What a thread was last asked to do.
 kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
+
+kReturnOpcodes = frozenset(
+    dis.opmap[name] for name in ("RETURN_VALUE", "RETURN_CONST", "YIELD_VALUE", "YIELD_FROM")
+    if name in dis.opmap)
 
 _get_ident = compat.get_ident
 _set_trace = sys.settrace
@@ -78,6 +83,7 @@ class tServer(object):
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
+        self._goals = {}        # thread ident -> frame whose return is waited for
         self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
         self._entered = False   # the first stop has been made
         self._main_frame = None  # frame of the program's main module while it runs
@@ -109,6 +115,10 @@ class tServer(object):
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
             self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
         self.core.start_trace()
+        if getattr(sys, "breakpointhook", None) is getattr(sys, "__breakpointhook__", 0):
+            if not os.environ.get("PYTHONBREAKPOINT"):
+                # The core's function itself: it stops in the innermost Python frame.
+                sys.breakpointhook = self.core.breakpointhook
         self.core.step_into()
 
     def leave_alone(self):
@@ -148,10 +158,13 @@ class tServer(object):
         if self._is_over(stop):
             return self.continue_run()
         if frame is not None and frame is not stop.frame:
-            return self._leave(frame)
-        if stop.reason == stops.kReturn:
-            return self._leave(stop.frame)
-        self._resume(kAskedNext, self.core.step_out)
+            # The core waits for the return of the frame that it is in: go there first.
+            self._resume(kAskedNext, self.core.step_out_to_frame, frame)
+            self._goals[_get_ident()] = frame
+        elif stop.reason == stops.kReturn:
+            self._leave(stop.frame)
+        else:
+            self._resume(kAskedNext, self.core.step_out)
 
     def continue_run(self):
         """Run until something stops the program."""
@@ -173,7 +186,9 @@ class tServer(object):
         return stop
 
     def _resume(self, asked, command, *args):
-        self._asked[_get_ident()] = asked
+        ident = _get_ident()
+        self._asked[ident] = asked
+        self._goals.pop(ident, None)
         command(*args)
 
     def _leave(self, frame):
@@ -204,7 +219,10 @@ class tServer(object):
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         self._unwinding.pop(ident, None)
-        self._present(self._make_stop(self._reason_of_line(ident), frame))
+        reason = self._reason_of_line(ident)
+        if reason == stops.kStep and self._goals.pop(ident, None) is frame:
+            return self.core.step_out()
+        self._present(self._make_stop(reason, frame))
 
     @_callback
     def _return_cb(self, frame, value):
@@ -213,8 +231,8 @@ class tServer(object):
             return
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
-        if self._unwinding.get(ident, (None,))[0] == id(frame):
-            return self._leave(frame)  # left by an exception that was shown already
+        if value is None and not _is_returning(frame):
+            return self._leave(frame)  # left by an exception, which the caller gets
         self._present(self._make_stop(stops.kReturn, frame, value=value))
 
     @_callback
@@ -265,6 +283,7 @@ class tServer(object):
         ident = stop.thread.ident
         if not stop.stack:
             return self._pass_hidden(stop.frame, ident)
+        self._goals.pop(ident, None)
         self._stops[ident] = stop
         self._asked[ident] = None
         try:
@@ -321,7 +340,11 @@ class tServer(object):
 
     def is_hidden(self, frame):
         """Frames of the debugger and of the import machinery, which has no source."""
-        return self._is_own(frame) or bool(self.core.is_internal_frame(frame))
+        return (
+            self._is_own(frame)
+            or bool(self.core.is_internal_frame(frame))
+            or _is_finding_module(frame)
+        )
 
     def _is_own(self, frame):
         name = frame.f_code.co_filename
@@ -359,6 +382,25 @@ class tServer(object):
 
 
 tStop = stops.tStop
+
+
+def _is_returning(frame):
+    """Whether the frame, in its return event, has come to a return or a yield.
+
+    Python code is not told: an exception that leaves a frame is a return event without value, too.
+    """
+    code = frame.f_code.co_code[frame.f_lasti]
+    return (ord(code) if compat.PY2 else code) in kReturnOpcodes
+
+
+def _is_finding_module(frame):
+    """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module."""
+    while frame is not None:
+        if frame.f_code.co_filename.startswith("<frozen importlib"):
+            name = frame.f_code.co_name
+            return "find_spec" in name or "find_module" in name or "path_hook" in name
+        frame = frame.f_back
+    return False
 
 
 def _own_files():

@@ -10,7 +10,7 @@ import functools
 import sys
 import time
 
-from tdbg import compat
+from tdbg import compat, private
 
 try:
     import ctypes
@@ -97,7 +97,8 @@ def execute(source, frame, core):
 
 def _compile(source, frame, mode):
     flags = frame.f_code.co_flags & kFutureFlags
-    return compile(source, "<debugger>", mode, flags, True)
+    with private.quiet():
+        return compile(source, "<debugger>", mode, flags, True)
 
 
 def _run_expression(code, frame, core=None):
@@ -122,7 +123,8 @@ def _run_in_frame(code, frame, core):
         return eval(code, frame.f_globals, names)
     finally:
         if not compat.kNoLocalsToFast and names is not frame.f_globals:
-            core.PyFrame_LocalsToFast(frame, 1)
+            with private.quiet():  # 3.12 warns when a deleted variable becomes None
+                core.PyFrame_LocalsToFast(frame, 1)
 
 
 def describe_error():

@@ -7,6 +7,7 @@ made inside `borrowed()`.
 from __future__ import absolute_import, division, print_function
 
 import sys
+import warnings  # noqa: F401  must be among the debugger's modules, for quiet()
 
 _modules = {}  # name -> module
 
@@ -32,3 +33,19 @@ class borrowed(object):
     def __exit__(self, *exc_info):
         if _modules:  # else everything is the program's
             take_out(set(sys.modules) - self._before)
+
+
+class quiet(borrowed):
+    """borrowed(), and warnings of the interpreter about what runs in the block are not shown."""
+
+    def __enter__(self):
+        borrowed.__enter__(self)
+        # The interpreter asks the module that it finds by name, which may be the program's.
+        warnings = sys.modules["warnings"]
+        self._catcher = warnings.catch_warnings()
+        self._catcher.__enter__()
+        warnings.simplefilter("ignore")
+
+    def __exit__(self, *exc_info):
+        self._catcher.__exit__(*exc_info)
+        borrowed.__exit__(self, *exc_info)

@@ -75,15 +75,23 @@ class Terminal(object):
             if not self._read(end - time.time()):
                 raise AssertionError("no {!r}; output so far:\n{}".format(text, self.output))
 
+    def comes(self, text, seconds):
+        """Whether the text comes in that time."""
+        try:
+            self.expect(text, seconds)
+        except AssertionError:
+            return False
+        return True
+
     def command(self, text):
         """Type a command at the prompt; returns its output, up to the next prompt."""
         self.send_line(text)
         self.expect(text)
-        return self.expect(PROMPT).replace("\r\n", "\n").strip("\n")
+        return self.expect(PROMPT).strip("\n")
 
     def start(self):
         """What comes before the first prompt."""
-        return self.expect(PROMPT).replace("\r\n", "\n")
+        return self.expect(PROMPT)
 
     def wait(self, seconds=kSeconds):
         """Read to the end; exit status (negative: the signal)."""
@@ -98,7 +106,7 @@ class Terminal(object):
 
     def rest(self):
         """What has come since the last expect()."""
-        return self.output[self._seen:].replace("\r\n", "\n")
+        return self.output[self._seen:]
 
     def close(self):
         if self._child.poll() is None:
@@ -118,7 +126,7 @@ class Terminal(object):
                 return False
             raise
         self.raw += data
-        self.output = _escapes.sub("", self.raw.decode("utf-8", "replace"))
+        self.output = _escapes.sub("", self.raw.decode("utf-8", "replace")).replace("\r", "")
         return bool(data)
 
 

@@ -3,9 +3,8 @@ from __future__ import absolute_import, division, print_function
 
 import codeop
 import re
-import warnings
 
-from tdbg import compat, dbgserver, interrupts, stops
+from tdbg import compat, dbgserver, interrupts, private, stops
 from tdbg.terminal import commands, completion, display, lineinput
 
 kPrompt = "(Tdb) "
@@ -16,8 +15,6 @@ kSeparator = ";;"
 _statement = re.compile(r"\w+(\s*=[^=]|\.|\[)")
 _word = re.compile(r"[A-Za-z_]\w*")
 _compile_command = codeop.compile_command
-_catch_warnings = warnings.catch_warnings
-_ignore_warnings = warnings.simplefilter
 
 
 class tTerminal(dbgserver.tFrontEnd):
@@ -48,7 +45,7 @@ class tTerminal(dbgserver.tFrontEnd):
         self._commands = commands.tCommands(self)
         self._completer = completion.tCompleter(
             self._commands.names(), self.console.line_being_edited, lambda: self.frame)
-        self._interrupts = interrupts.tInterrupts(server.pause)
+        self._interrupts = interrupts.tInterrupts(self._pause)
 
     @property
     def entry(self):
@@ -171,11 +168,16 @@ class tTerminal(dbgserver.tFrontEnd):
     @staticmethod
     def _is_incomplete(text):
         try:
-            with _catch_warnings():
-                _ignore_warnings("ignore")
+            with private.quiet():
                 return _compile_command(text, "<debugger>", "single") is None
-        except BaseException:  # wrong rather than incomplete: executing it tells how
+        except (SyntaxError, ValueError, OverflowError):  # wrong rather than incomplete: executing it tells how
             return False
+
+    def _pause(self):
+        """Ctrl-C was typed while the program runs; in the context of a signal handler."""
+        self.server.pause()
+        # It may be long until then: the program may be waiting in native code.
+        self.console.write(u"\n[stops at the next line; Ctrl-C again raises KeyboardInterrupt]\n")
 
     # --- ending ---
 

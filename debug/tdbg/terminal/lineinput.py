@@ -36,7 +36,7 @@ class tConsole(object):
         self.out_is_terminal = self.is_terminal or _is_terminal(1)
         self._out = self._open_output()
         self._stdin = self._stdout = None
-        self._input = _duplicate(0) if self.is_terminal else None
+        self._input = _duplicate(0)
         self._editor = None
         if self.is_terminal and _is_terminal(1):
             self._editor = _make_editor()
@@ -79,13 +79,25 @@ class tConsole(object):
             self._editor.program_uses_it()
 
     def _read_stream(self):
+        """A line and not one byte more: what follows may be for the program or for its next run."""
+        data = b""
+        while not data.endswith(b"\n"):
+            byte = _read(self._input, 1)
+            if not byte:
+                break
+            data += byte
+        if not data:
+            data = self._read_what_program_has_taken()
+        if not data:
+            raise EOFError
+        return compat.to_text(data).rstrip(u"\r\n")
+
+    def _read_what_program_has_taken(self):
+        """The program's own reading may have taken in more than it has used so far."""
         try:
-            line = self._stdin.readline()
+            return self._stdin.readline()
         except (AttributeError, IOError, OSError, ValueError):
-            raise EOFError
-        if not line:
-            raise EOFError
-        return compat.to_text(line).rstrip("\r\n")
+            return ""
 
     def _read_terminal(self):
         data = _read(self._input, 4096)  # a terminal gives one line
