@@ -82,6 +82,9 @@ bool find_code_entry(tCOPathnameTable* table,
                      PyObject** any_bps,
                      PyObject** any_bps_version);
 
+// Makes an empty entry for a code object without one, the sign that its file was asked for.
+void ensure_code_entry(tCOPathnameTable* table, PyCodeObject* code);
+
 // Cached answer to "any breakpoint in this code object?": new ref to a bool, null when there is
 // none for the current set of breakpoints (no exception set).
 TDBG_API PyObject* GetAnyBpsInCodeObject(tCOPathnameTable* table, PyCodeObject* code);

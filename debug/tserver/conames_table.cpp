@@ -389,6 +389,11 @@ int RegisterCOPathname(tCOPathnameTable* table,
     return 0;
 }
 
+void ensure_code_entry(tCOPathnameTable* table, PyCodeObject* code) {
+    tSavedError saved;
+    borrow_or_create_entry(table, code);
+}
+
 // ---- Breakpoint presence ----
 
 PyObject* GetAnyBpsInCodeObject(tCOPathnameTable* table, PyCodeObject* code) {

@@ -89,19 +89,16 @@ static bool is_function_code(PyCodeObject* code) {
            (read_field<int>(code, gProbed.code_flags) & kFunctionCodeFlags) == kFunctionCodeFlags;
 }
 
-// The code object's file is known and holds no breakpoint in it.
+// The code object was met before (its file is known, or known to be none) and holds no breakpoint.
 static bool is_known_without_breakpoints(PyCodeObject* code) {
     PyObject* path = nullptr;
     PyObject* any_bps = nullptr;
     PyObject* any_bps_version = nullptr;
-    if (!find_code_entry(path_table(), code, &path, &any_bps, &any_bps_version) ||
-        path == gPy.Py_None) {
+    if (!find_code_entry(path_table(), code, &path, &any_bps, &any_bps_version)) {
         return false;
     }
-    if (gSelf.bp_ops_data.userbps.numEntries == 0) {
-        return true;
-    }
-    return any_bps == gPy.Py_False && any_bps_version == path_table()->bp_version;
+    return gSelf.bp_ops_data.userbps.numEntries == 0 ||
+           (any_bps == gPy.Py_False && any_bps_version == path_table()->bp_version);
 }
 
 static bool is_naming_settled(tThreadData* thread_data, PyFrameObject* frame) {

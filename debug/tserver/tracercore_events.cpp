@@ -87,7 +87,11 @@ static int ensure_path_of_code(tDispatchCtx* ctx, PyCodeObject* code, bool is_to
     }
     tRecursionHeadroom room(kRecursionHeadroom);
     __resolve_full_path_for_frame(path_table(), ctx->frame, 0);
-    return gPy.PyErr_Occurred() != nullptr ? kCallRaises : kCallDone;
+    if (gPy.PyErr_Occurred() != nullptr) {
+        return kCallRaises;
+    }
+    ensure_code_entry(path_table(), code);  // "<string>" and its like get no path: asked only once
+    return kCallDone;
 }
 
 static void set_bottom_frame_if_none(tThreadData* thread_data, PyFrameObject* frame) {
