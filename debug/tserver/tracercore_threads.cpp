@@ -42,6 +42,19 @@ int __should_debug_thread(tThreadData* thread_data) {
 
 // ---- Adoption ----
 
+// A record that ends or starts anew gives up an exception that still waits to be raised.
+static void drop_pending_exception(tThreadData* thread_data) {
+    if (thread_data != nullptr && thread_data->pending_exc != nullptr) {
+        gSelf.pending_exc_count--;
+        set_owned<PyObject>(&thread_data->pending_exc, nullptr);
+    }
+}
+
+static void start_record_anew(tThreadData* thread_data, PyThreadState* tstate) {
+    drop_pending_exception(thread_data);
+    reinit_thread_data_for_tstate(thread_data, tstate);
+}
+
 bool adopt_current_thread(PyThreadState* tstate) {
     if (borrow_thread_state_traceobj(tstate) != nullptr) {
         return true;
@@ -58,7 +71,7 @@ bool adopt_current_thread(PyThreadState* tstate) {
         return false;
     }
     tSavedError saved;
-    reinit_thread_data_for_tstate(thread_data, tstate);
+    start_record_anew(thread_data, tstate);
     install_tracer_into_frames(tstate);
     return set_tstate_trace_function(tstate, thread_data) == 0;
 }
@@ -72,7 +85,7 @@ PyObject* _tracer_bootstrap_new_thread(PyObject* self, PyObject* args) {
     if (gSelf.trace_function == nullptr) {
         return new_ref(gPy.Py_None);
     }
-    reinit_thread_data_for_tstate(thread_data, tstate);
+    start_record_anew(thread_data, tstate);
     if (!gSelf.tracing || !__should_debug_thread(thread_data)) {
         gPy.PyEval_SetTrace(nullptr, nullptr);
         return new_ref(gPy.Py_None);
@@ -83,7 +96,9 @@ PyObject* _tracer_bootstrap_new_thread(PyObject* self, PyObject* args) {
 }
 
 PyObject* _tracer_thread_exiting(PyObject* /*self*/, PyObject* /*args*/) {
-    remove_thread_data(&gSelf.thread_data, gPy.PyThreadState_Get());
+    PyThreadState* const tstate = gPy.PyThreadState_Get();
+    drop_pending_exception(find_thread_data(&gSelf.thread_data, tstate));
+    remove_thread_data(&gSelf.thread_data, tstate);
     return new_ref(gPy.Py_None);
 }
 
