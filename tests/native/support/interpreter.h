@@ -9,6 +9,7 @@
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,11 +55,26 @@ inline std::string home_of(const std::string& library) {
     return library.substr(0, library.rfind("/lib/"));
 }
 
+// Loads the library. In the cache's folders it stands among libraries that this system may lack for
+// the word size; the one that it is linked with is taken from there.
+inline void* load_libpython(const std::string& library) {
+    for (const char* const folder : {"/usr/lib/", "/lib/"}) {
+        const size_t usr = library.rfind("/usr/lib/");
+        if (usr != std::string::npos && usr != 0) {
+            const std::string triplet = library.substr(usr + strlen("/usr/lib/"));
+            const std::string beside =
+                library.substr(0, usr) + folder + triplet.substr(0, triplet.find('/'));
+            dlopen((beside + "/libz.so.1").c_str(), RTLD_NOW | RTLD_GLOBAL);
+        }
+    }
+    return dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL);
+}
+
 // Starts the interpreter in this process and binds the library to it.
 inline bool start_interpreter(const std::string& library) {
     setenv("PYTHONHOME", home_of(library).c_str(), 1);
     setenv("PYTHONNOUSERSITE", "1", 1);
-    void* const handle = dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    void* const handle = load_libpython(library);
     if (handle == nullptr) {
         return false;
     }
@@ -70,7 +86,7 @@ inline bool start_interpreter(const std::string& library) {
 inline bool can_load(const std::string& library) {
     const pid_t child = fork();
     if (child == 0) {
-        _exit(dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL) != nullptr ? 0 : 1);
+        _exit(load_libpython(library) != nullptr ? 0 : 1);
     }
     int status = -1;
     waitpid(child, &status, 0);
