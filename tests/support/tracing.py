@@ -12,6 +12,7 @@ from __future__ import absolute_import, division, print_function
 
 import os
 import sys
+import threading
 
 from .library import import_tracer
 from .marks import marks_of
@@ -115,3 +116,23 @@ class Session(object):
             self.tracer.stop_trace()
             if self.failures:
                 raise self.failures[0]
+
+
+class ThreadSession(Session):
+    """Brings the threads of the module `threading` under the tracer, as a debug server does."""
+
+    def thread_hooks_cb(self, install):
+        threading.settrace(self.tracer.bootstrap_new_thread if install else None)
+
+    def run_thread(self, function, *args):
+        """Run the function in a new thread, which tells the tracer of its end."""
+        def whole_thread():
+            try:
+                function(*args)
+            finally:
+                sys.settrace(None)
+                self.tracer.thread_exiting()
+
+        thread = threading.Thread(target=whole_thread)
+        thread.start()
+        thread.join()
