@@ -35,8 +35,8 @@ allocate_lock = _thread.allocate_lock
 start_new_thread = _thread.start_new_thread
 default_import = builtins.__import__
 
-# Threads are adopted at their first frame where the interpreter lets us in there (3.6).
-kHasEvalFrame = sys.version_info >= (3, 6)
+# The core adopts every thread at its first frame where it can get in there.
+kAdoptsThreads = (3, 6) <= sys.version_info[:2] <= (3, 11)
 
 if PY2:
     from itertools import imap as lazy_map

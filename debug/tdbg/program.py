@@ -82,13 +82,10 @@ def _run_exit_functions():
         if run is not None:
             run()
         return
-    _atexit._run_exitfuncs()
-
-
-if compat.PY2:
-    _atexit = None
-else:
-    import atexit as _atexit
+    # The program's own module: where each import makes one anew, each has functions of its own.
+    atexit = sys.modules.get("atexit")
+    if atexit is not None:
+        atexit._run_exitfuncs()
 
 
 def _flush_streams():

@@ -6,7 +6,6 @@ from __future__ import absolute_import, division, print_function
 
 import functools
 import sys
-import traceback
 
 from tdbg import compat
 
@@ -18,7 +17,8 @@ else:
     _names_of_delete = "_delete"
 
 _set_trace = sys.settrace
-_format_exception = traceback.format_exception
+_partial = functools.partial
+_call = functools.partial.__call__
 
 
 class tThreadHooks(object):
@@ -36,7 +36,7 @@ class tThreadHooks(object):
         threading = sys.modules.get("threading")
         if threading is not None:
             self._hook_threading(threading)
-        if not compat.kHasEvalFrame:
+        if not compat.kAdoptsThreads:
             self._hook_start_new_thread()
 
     def remove(self):
@@ -81,7 +81,7 @@ class tThreadHooks(object):
             threading._start_new_thread = self._start_new_thread
 
     def _hook_start_new_thread(self):
-        """Version 2 has no other way into threads that are started below `threading`."""
+        """Threads that are started below `threading` have no trace hook: give them ours."""
         if self._start_new_thread is not None:
             return
         original = self._start_new_thread = _thread.start_new_thread
@@ -89,32 +89,27 @@ class tThreadHooks(object):
 
         @functools.wraps(original)
         def start_new_thread(function, args, kwargs=None):
-            if not callable(function) or not isinstance(args, tuple) or (
-                    kwargs is not None and not isinstance(kwargs, dict)):
-                return original(function, args, kwargs)  # its own error
-            return original(_run_thread, (core, function, args, kwargs or {}))
+            given = (function, args) if kwargs is None else (function, args, kwargs)
+            if not callable(function) or not isinstance(args, tuple) or not isinstance(given[-1], (tuple, dict)):
+                return original(*given)  # its own error
+            return original(_make_body(core, function, args, kwargs or {}), ())
 
         _thread.start_new_thread = _thread.start_new = start_new_thread
 
 
-def _run_thread(core, function, args, kwargs):
-    """Body of a thread of version 2: as the interpreter does it, but traced from the start."""
-    _set_trace(core.bootstrap_new_thread)
-    try:
-        function(*args, **kwargs)
-    except SystemExit:
-        pass
-    except BaseException:
-        _tell_unhandled(function)
-    finally:
-        _set_trace(None)
-        core.thread_exiting()
+def _make_body(core, function, args, kwargs):
+    """Callable that sets the trace function and calls `function`, without a Python frame of its own.
 
-
-def _tell_unhandled(function):
-    kind, value, tb = sys.exc_info()
-    try:
-        sys.stderr.write("Unhandled exception in thread started by {!r}\n".format(function))
-        sys.stderr.write("".join(_format_exception(kind, value, tb.tb_next)))
-    except BaseException:
-        pass
+    So the function's frame is the outermost one, and its exceptions reach the interpreter, which tells
+    which function the thread was started with: by the text of the body.
+    """
+    steps = [
+        _partial(_set_trace, core.bootstrap_new_thread),
+        _partial(function, *args, **kwargs),
+        _partial(_set_trace, None),
+        core.thread_exiting,
+    ]
+    run = _partial(list, compat.lazy_map(_call, map(_partial, steps)))
+    kind = type("thread_body", (object,), {
+        "__call__": staticmethod(run), "__repr__": lambda body: repr(function), "__slots__": ()})
+    return kind()

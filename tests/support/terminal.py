@@ -131,6 +131,7 @@ class Terminal(object):
 
 
 def _take_terminal():
+    signal.signal(signal.SIGINT, signal.SIG_DFL)  # whoever runs the tests may ignore it
     os.setsid()
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
 
