@@ -10,6 +10,7 @@
 #include "idlethread.h"
 
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "dbgcommon.h"
@@ -22,6 +23,8 @@ static constexpr tIdleThreadID kNoThread = static_cast<tIdleThreadID>(-1);
 static constexpr long long kShortestWait = 100 * 1000;                   // microseconds
 static constexpr long long kLongestWait = 24LL * 60 * 60 * 1000 * 1000;  // far below 32-bit time_t
 static constexpr long long kWaitForThreadTakingGil = 1000;
+static constexpr timespec kEndPollInterval = {0, 100 * 1000};  // a tenth of a millisecond
+static constexpr int kEndPolls = 1000;
 static constexpr int kNoWait = 0;
 static constexpr int kWait = 1;
 static constexpr int kLockAcquired = 1;  // of the timed wait
@@ -108,6 +111,49 @@ static void resume_record_lock(tIdleThreadPerInterpData* data, int depth) {
     }
 }
 
+// ---- Threads that still run ----
+
+// Idle threads that were started and have not let go of all that is the interpreter's.
+static constinit int gLiveThreads = 0;
+
+// The idle thread while it calls the server itself; 0 = none does. Only that thread finds its own
+// number here.
+static constinit unsigned long gIdleCaller = 0;
+
+static int live_threads() {
+    return __atomic_load_n(&gLiveThreads, __ATOMIC_ACQUIRE);
+}
+
+static void count_live_threads(int change) {
+    __atomic_fetch_add(&gLiveThreads, change, __ATOMIC_ACQ_REL);
+}
+
+static void forget_live_threads() {
+    __atomic_store_n(&gLiveThreads, 0, __ATOMIC_RELEASE);
+}
+
+// A program often ends right after it has stopped tracing, and the interpreter would take the
+// thread state from under the thread. Needs the interpreter lock and gives it away meanwhile. Not
+// for ever: the thread may be in the server, which waits for whoever is stopped.
+static void wait_for_end_of_threads() {
+    const unsigned long self = gPy.PyThread_get_thread_ident();
+    if (live_threads() == 0 || record_holder() == self || gIdleCaller == self) {
+        return;  // the last two: called from inside the idle callback, which the thread waits for
+    }
+    tSavedErrno keep_errno;
+    PyThreadState* const tstate = gPy.PyEval_SaveThread();
+    for (int i = 0; i < kEndPolls && live_threads() != 0; i += 1) {
+        nanosleep(&kEndPollInterval, nullptr);
+    }
+    gPy.PyEval_RestoreThread(tstate);
+}
+
+// Its objects are then left alone, and nobody waits for its lock any more.
+static bool is_interpreter_ending(const tIdleThreadPerInterpData* data) {
+    return data->py_finalize_called || data->low_level_py_at_exit_called ||
+           gPy._Py_IsFinalizing() != 0;
+}
+
 // ---- Life ----
 
 void init_idle_thread_data(tIdleThreadPerInterpData* data) {
@@ -117,6 +163,7 @@ void init_idle_thread_data(tIdleThreadPerInterpData* data) {
     } else {
         data->mutex = nullptr;
         set_record_holder(0, 0);
+        forget_live_threads();
     }
     data->initialization_failed = 0;
     data->active_single_data_ptr = nullptr;
@@ -197,8 +244,10 @@ static int start_idle_thread_mutex_held(tIdleThreadPerInterpData* data) {
     }
     gPy.PyThread_acquire_lock(single->stop_lock, kWait);
     data->active_single_data_ptr = single;
+    count_live_threads(1);
     single->thread_id = gPy.PyThread_start_new_thread(idle_thread_func, single);
     if (single->thread_id == kNoThread) {
+        count_live_threads(-1);
         // deliberate: only the record goes; its locks and its thread state are left.
         data->active_single_data_ptr = nullptr;
         free(single);
@@ -234,7 +283,11 @@ int stop_idle_thread(tIdleThreadPerInterpData* data) {
     if (data->use_idle_thread) {
         stop_idle_thread_mutex_held(data, kNoWait);
     }
-    return unlock_record(data) ? 0 : -1;
+    if (!unlock_record(data)) {
+        return -1;
+    }
+    wait_for_end_of_threads();
+    return 0;
 }
 
 // deliberate: waits a millisecond, whatever the line says.
@@ -368,6 +421,7 @@ int update_idle_thread_maybe_after_fork(tIdleThreadPerInterpData* data) {
     // The old mutex may have been held by a thread that does not exist here; it is left alone.
     data->mutex = gPy.PyThread_allocate_lock();
     set_record_holder(0, 0);
+    forget_live_threads();
     data->pending_call_scheduled = 0;
     forget_parents_thread(data);
     if (data->mutex == nullptr) {
@@ -464,7 +518,7 @@ boolean acquire_gil_on_idle_thread(tSingleIdleThreadData* single_data_ptr,
         log_without_tstate("Failure in acquire_gil_on_idle_thread\n");
         return 0;
     }
-    if (data->py_finalize_called) {
+    if (is_interpreter_ending(data)) {
         single_data_ptr->stop = 1;
         unlock_record(data);
         return 0;
@@ -532,7 +586,9 @@ void call_idle_from_idle_thread(tSingleIdleThreadData* single_data_ptr) {
         log_without_tstate("Failure in call_idle_from_idle_thread: unable to acquire the GIL\n");
         return;
     }
+    gIdleCaller = gPy.PyThread_get_thread_ident();
     call_idle_callback_if_allowed();
+    gIdleCaller = 0;
     // Our own record is not one of a thread to debug.
     remove_thread_data(&gSelf.thread_data, gPy.PyThreadState_Get());
     release_gil_on_idle_thread(single_data_ptr, nullptr, &gil_state);
@@ -560,7 +616,7 @@ void cleanup_at_end_of_idle_thread_func(tIdleThreadPerInterpData* per_interp_dat
         per_interp_data->active_single_data_ptr = nullptr;  // nobody asked us to stop
     }
     // deliberate: once the interpreter is on its way out its objects are left alone.
-    if (!per_interp_data->py_finalize_called && !per_interp_data->low_level_py_at_exit_called) {
+    if (!is_interpreter_ending(per_interp_data)) {
         gPy.PyThreadState_Delete(our_single_data_ptr->interrupt_tstate);
         free_locks(our_single_data_ptr);
     }
@@ -665,6 +721,7 @@ void idle_thread_func(void* arg) {
         clear_interrupt_tstate(single);
     }
     cleanup_at_end_of_idle_thread_func(data, single);
+    count_live_threads(-1);
     if (valid) {
         log_without_tstate("leaving idle_thread_func())\n");
     }

@@ -38,6 +38,7 @@ struct tWorld {
     int fail_lock = -1;  // number of the lock that cannot be made
     bool fail_tstate = false;
     bool fail_start = false;
+    bool finalizing = false;
     int add_pending_result = 0;
     int at_exit_result = 0;
     int idle_calls = 0;
@@ -161,6 +162,7 @@ protected:
     }
     static void bind_calls() {
         gPy.Py_AtExit = [](void (*)()) { return world->at_exit_result; };
+        gPy._Py_IsFinalizing = [] { return static_cast<int>(world->finalizing); };
         gPy.Py_AddPendingCall = [](int (*)(void*), void*) {
             note("add pending call");
             return world->add_pending_result;
@@ -511,6 +513,12 @@ TEST_F(Turns, SomebodyElseTakingTheLockSkipsTheTurn) {
     release_gil_on_idle_thread(single, nullptr, nullptr);
     EXPECT_EQ("release gil state", world_.calls.back());
     run_body();
+}
+
+TEST_F(Turns, FinalizingInterpreterIsLeftAlone) {
+    world_.finalizing = true;
+    run_thread();
+    EXPECT_EQ(tStrings{"add pending call"}, world_.calls);
 }
 
 // The pending call.
