@@ -86,7 +86,7 @@ void __tracer_free_bp(tBpOpsData* /*data*/, tBp* bp) {
         return;
     }
     if (bp->users > 0) {
-        bp->is_dropped = 1;  // the evaluation that looks at it frees it
+        bp->is_dropped = 1;  // whoever holds it frees it
         return;
     }
     tOwnedRef code(bp->cond_code);
@@ -97,14 +97,50 @@ void __tracer_free_bp(tBpOpsData* /*data*/, tBp* bp) {
     free(bp);
 }
 
-void hold_bp(tBp* bp) {
-    bp->users++;
+tHeldBps::~tHeldBps() {
+    for (size_t i = 0; i < count_; i++) {
+        tBp* const bp = bps_[i];
+        if (--bp->users == 0 && bp->is_dropped) {
+            __tracer_free_bp(data_, bp);
+        }
+    }
+    if (bps_ != few_) {
+        free(bps_);
+    }
 }
 
-void let_go_of_bp(tBpOpsData* data, tBp* bp) {
-    if (--bp->users == 0 && bp->is_dropped) {
-        __tracer_free_bp(data, bp);
+bool tHeldBps::grow() {
+    const size_t new_room = 2 * room_;
+    tBp** const old = bps_ != few_ ? bps_ : nullptr;
+    tBp** const grown = static_cast<tBp**>(realloc(old, new_room * sizeof(tBp*)));
+    if (grown == nullptr) {
+        return false;
     }
+    if (old == nullptr) {
+        memcpy(grown, few_, sizeof(few_));
+    }
+    bps_ = grown;
+    room_ = new_room;
+    return true;
+}
+
+bool tHeldBps::add(tBp* bp) {
+    if (count_ == room_ && !grow()) {
+        return false;
+    }
+    bp->users++;
+    bps_[count_] = bp;
+    count_++;
+    return true;
+}
+
+bool tHeldBps::add_chain(tBp* head, tBp* tBp::*next) {
+    for (tBp* bp = head; bp != nullptr; bp = bp->*next) {
+        if (!add(bp)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // ---- Lines ----
@@ -121,7 +157,9 @@ int __tracer_add_userbp(tBpOpsData* data, tBp* bp) {
     }
     bp->next_user = static_cast<tBp*>(entry->clientData);
     entry->clientData = bp;
-    enter_bp_by_file(data, bp);
+    if (!enter_bp_by_file(data, bp)) {
+        return 0;
+    }
     return ClearAnyBpsInAllCodeObjects(data->co_pathname_table) == 0;
 }
 
@@ -200,6 +238,9 @@ static bool bind_to_loaded_module(tBpOpsData* data, tBp* bp) {
     const char* const module_file =
         __tracer_find_module(data, bp->user_filename, bp->user_checksum);
     DPRINTF(kLogBreakpoints, "  modfile = %s\n", dprint_check_str(module_file));
+    if (bp->is_dropped || bp->module_filename != nullptr) {
+        return true;  // cleared or bound by what the server did when asked for a checksum
+    }
     if (module_file == nullptr) {
         DPRINTF(kLogBreakpoints,
                 "No loaded module for the bp... exiting find_bp_filename_synonyms\n");
@@ -212,15 +253,6 @@ static bool bind_to_loaded_module(tBpOpsData* data, tBp* bp) {
     DPRINTF(kLogBreakpoints, "^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^\n");
     DPRINTF(kLogBreakpoints, "Added bp %s, %i\n", dprint_check_str(bp->user_filename), bp->lineno);
     return true;
-}
-
-// Whether the record is still on its line: finding its module may have run Python code.
-static bool is_on_its_line(tBpOpsData* data, int lineno, const tBp* wanted) {
-    tBp* bp = find_bps_on_line(data, lineno);
-    while (bp != nullptr && bp != wanted) {
-        bp = bp->next_user;
-    }
-    return bp != nullptr;
 }
 
 int __tracer_set_break(tBpOpsData* data,
@@ -242,57 +274,75 @@ int __tracer_set_break(tBpOpsData* data,
         __tracer_free_bp(data, bp);
         return -1;
     }
-    hold_bp(bp);
-    const bool bound = bind_to_loaded_module(data, bp);
-    if (!bound && is_on_its_line(data, lineno, bp)) {
-        gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
-        __tracer_del_userbp(data, bp);
-        __tracer_free_bp(data, bp);
+    tHeldBps held(data);  // finding the module may run Python code
+    held.add(bp);
+    if (bind_to_loaded_module(data, bp)) {
+        return id;
     }
-    let_go_of_bp(data, bp);
-    return bound ? id : -1;
+    gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
+    __tracer_del_userbp(data, bp);
+    __tracer_free_bp(data, bp);
+    return -1;
+}
+
+// Records that are on no list any more.
+static void free_chain(tBpOpsData* data, tBp* bp) {
+    while (bp != nullptr) {
+        tBp* const next = bp->next_user;
+        bp->next_user = nullptr;
+        __tracer_free_bp(data, bp);
+        bp = next;
+    }
 }
 
 void __tracer_clear_breaks(tBpOpsData* data, const char* filename, int lineno) {
     tBp* bp = find_bps_on_line(data, lineno);
+    tBp* cleared = nullptr;
     while (bp != nullptr) {
         tBp* const next = bp->next_user;
         if (strcmp(bp->user_filename, filename) == 0) {
             __tracer_del_userbp(data, bp);
             __tracer_remove_bp_from_changed(data, bp);
-            __tracer_free_bp(data, bp);
+            bp->next_user = cleared;
+            cleared = bp;
         }
         bp = next;
     }
+    free_chain(data, cleared);
     ClearAnyBpsInAllCodeObjects(data->co_pathname_table);
 }
 
-static void free_chain(tBpOpsData* data, tBp* bp) {
-    while (bp != nullptr) {
-        tBp* const next = bp->next_user;
-        __tracer_remove_bp_from_changed(data, bp);
-        __tracer_free_bp(data, bp);
-        bp = next;
+// Empties the table: all its records as one chain.
+static tBp* take_all_bps(tBpOpsData* data) {
+    tBp* all = nullptr;
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->userbps, &search); entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        tBp* bp = static_cast<tBp*>(entry->clientData);
+        while (bp != nullptr) {
+            tBp* const next = bp->next_user;
+            bp->next_user = all;
+            all = bp;
+            bp = next;
+        }
     }
+    CU_DeleteHashTable(&data->userbps);
+    CU_InitHashTable(&data->userbps, kHashIntKeys);
+    return all;
 }
 
 void __tracer_clear_all_breaks(tBpOpsData* data) {
     clear_file_lists(data);
     init_file_lists(data);
-    CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->userbps, &search); entry != nullptr;
-         entry = CU_NextHashEntry(&search)) {
-        free_chain(data, static_cast<tBp*>(entry->clientData));
-    }
-    CU_DeleteHashTable(&data->userbps);
-    CU_InitHashTable(&data->userbps, kHashIntKeys);
-    __tracer_clear_changed_bps(data);  // fired temporary ones are on no line any more
+    __tracer_clear_changed_bps(data);  // frees the fired temporary ones, which are on no line
+    free_chain(data, take_all_bps(data));
     ClearAnyBpsInAllCodeObjects(data->co_pathname_table);
 }
 
 // ---- Changing ----
 
-// Calls `change` for each breakpoint of the file on the line; the number of them.
+// Calls `change` for each breakpoint of the file on the line, newest first; the number of them.
+// Must not run Python code.
 template <class Change>
 static int for_each_match(tBpOpsData* data, const char* filename, int lineno, Change change) {
     int count = 0;
@@ -303,6 +353,13 @@ static int for_each_match(tBpOpsData* data, const char* filename, int lineno, Ch
         }
     }
     return count;
+}
+
+// Those breakpoints, held. False = out of memory.
+static bool hold_matches(tBpOpsData* data, const char* filename, int lineno, tHeldBps* held) {
+    bool ok = true;
+    for_each_match(data, filename, lineno, [&ok, held](tBp* bp) { ok = held->add(bp) && ok; });
+    return ok;
 }
 
 int __tracer_enable_breaks(tBpOpsData* data, const char* filename, int lineno, int enabled) {
@@ -318,12 +375,19 @@ int __tracer_ignore_breaks(tBpOpsData* data, const char* filename, int lineno, i
 }
 
 int __tracer_set_breaks_cond(tBpOpsData* data, const char* filename, int lineno, PyObject* cond) {
-    return for_each_match(data, filename, lineno, [cond](tBp* bp) {
-               bool ok = false;
-               free(bp->cond);
-               bp->cond = copy_condition(cond, &ok);
-               set_owned<PyObject>(&bp->cond_code, nullptr);
-           }) > 0;
+    tHeldBps held(data);
+    hold_matches(data, filename, lineno, &held);
+    for (size_t i = 0; i < held.count(); i++) {
+        bool ok = false;
+        char* const text = copy_condition(cond, &ok);
+        if (!ok) {
+            continue;  // the old condition stays
+        }
+        free(held[i]->cond);
+        held[i]->cond = text;
+        set_owned<PyObject>(&held[i]->cond_code, nullptr);
+    }
+    return held.count() > 0;
 }
 
 void __tracer_enable_checksums(tBpOpsData* data, int enable) {
@@ -364,40 +428,53 @@ static bool append_new(PyObject* list, PyObject* new_item) {
     return item && gPy.PyList_Append(list, item.borrow()) == 0;
 }
 
-PyObject* __tracer_get_breaks(tBpOpsData* data, const char* filename, int lineno) {
-    tOwnedRef list(gPy.PyList_New(0));
+// New list of what `describe` makes of each; null with an exception set.
+template <class Describe>
+static PyObject* new_list_of(const tHeldBps& held, bool all_held, Describe describe) {
+    tOwnedRef list(all_held ? gPy.PyList_New(0) : nullptr);
     bool ok = static_cast<bool>(list);
-    for_each_match(data, filename, lineno, [&](tBp* bp) {
-        ok = ok && append_new(list.borrow(),
-                              new_tuple({new_int(bp->id),
-                                         new_int(bp->enabled),
-                                         new_int(bp->temporary),
-                                         new_text_or_none(bp->cond),
-                                         new_int(bp->ignore_count),
-                                         new_int(bp->hit_count)}));
-    });
+    for (size_t i = 0; i < held.count() && ok; i++) {
+        ok = append_new(list.borrow(), describe(held[i]));
+    }
     return ok ? list.give_away() : fail_for_memory();
 }
 
+static PyObject* new_break_tuple(const tBp* bp) {
+    return new_tuple({new_int(bp->id),
+                      new_int(bp->enabled),
+                      new_int(bp->temporary),
+                      new_text_or_none(bp->cond),
+                      new_int(bp->ignore_count),
+                      new_int(bp->hit_count)});
+}
+
+static PyObject* new_file_break_tuple(const tBp* bp) {
+    return new_tuple({new_int(bp->lineno),
+                      new_int(bp->id),
+                      new_int(bp->enabled),
+                      new_int(bp->temporary),
+                      new_text_or_none(bp->cond),
+                      new_int(bp->ignore_count),
+                      new_int(bp->hit_count)});
+}
+
+PyObject* __tracer_get_breaks(tBpOpsData* data, const char* filename, int lineno) {
+    tHeldBps held(data);
+    const bool all_held = hold_matches(data, filename, lineno, &held);
+    return new_list_of(held, all_held, new_break_tuple);
+}
+
 PyObject* __tracer_get_file_breaks(tBpOpsData* data, const char* filename) {
-    tOwnedRef list(gPy.PyList_New(0));
-    bool ok = static_cast<bool>(list);
+    tHeldBps held(data);
+    bool all_held = true;
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->userbps, &search); entry != nullptr && ok;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->userbps, &search);
+         entry != nullptr && all_held;
          entry = CU_NextHashEntry(&search)) {
         const int lineno = static_cast<tBp*>(entry->clientData)->lineno;
-        for_each_match(data, filename, lineno, [&](tBp* bp) {
-            ok = ok && append_new(list.borrow(),
-                                  new_tuple({new_int(bp->lineno),
-                                             new_int(bp->id),
-                                             new_int(bp->enabled),
-                                             new_int(bp->temporary),
-                                             new_text_or_none(bp->cond),
-                                             new_int(bp->ignore_count),
-                                             new_int(bp->hit_count)}));
-        });
+        all_held = hold_matches(data, filename, lineno, &held);
     }
-    return ok ? list.give_away() : fail_for_memory();
+    return new_list_of(held, all_held, new_file_break_tuple);
 }
 
 static PyObject* new_changed_tuple(const tBp* bp) {
@@ -411,25 +488,42 @@ static PyObject* new_changed_tuple(const tBp* bp) {
                       new_int(bp->hit_count)});
 }
 
+// The server has been told of these. Others may have joined the list while it was.
+static void collect_changed_bps(tBpOpsData* data, const tHeldBps& told) {
+    if (told.count() == 0) {
+        return;
+    }
+    if (data->changed_bps == told[0]) {
+        __tracer_clear_changed_bps(data);
+        return;
+    }
+    for (size_t i = 0; i < told.count(); i++) {
+        tBp* const bp = told[i];
+        if (bp->is_dropped) {
+            continue;
+        }
+        __tracer_remove_bp_from_changed(data, bp);
+        if (bp->deleted) {
+            __tracer_free_bp(data, bp);
+        }
+    }
+}
+
 PyObject* __tracer_get_changed_bps_lists(tBpOpsData* data) {
-    tOwnedRef both(gPy.PyTuple_New(2));
-    PyObject* const deleted = gPy.PyList_New(0);
-    PyObject* const changed = gPy.PyList_New(0);
-    bool ok = both && deleted != nullptr && changed != nullptr;
-    if (!ok) {
-        XPy_DoDecRef(deleted);
-        XPy_DoDecRef(changed);
+    tHeldBps held(data);
+    bool ok = held.add_chain(data->changed_bps, &tBp::next_changed);
+    tOwnedRef deleted(ok ? gPy.PyList_New(0) : nullptr);
+    tOwnedRef changed(deleted ? gPy.PyList_New(0) : nullptr);
+    ok = static_cast<bool>(changed);
+    for (size_t i = 0; i < held.count() && ok; i++) {
+        const tBp* const bp = held[i];
+        ok = bp->deleted ? append_new(deleted.borrow(), new_int(bp->id))
+                         : append_new(changed.borrow(), new_changed_tuple(bp));
+    }
+    PyObject* const both = ok ? new_tuple({deleted.give_away(), changed.give_away()}) : nullptr;
+    if (both == nullptr) {
         return fail_for_memory();
     }
-    gPy.PyTuple_SetItem(both.borrow(), 0, deleted);
-    gPy.PyTuple_SetItem(both.borrow(), 1, changed);
-    for (const tBp* bp = data->changed_bps; bp != nullptr && ok; bp = bp->next_changed) {
-        ok = bp->deleted ? append_new(deleted, new_int(bp->id))
-                         : append_new(changed, new_changed_tuple(bp));
-    }
-    if (!ok) {
-        return fail_for_memory();
-    }
-    __tracer_clear_changed_bps(data);
-    return both.give_away();
+    collect_changed_bps(data, held);
+    return both;
 }

@@ -32,8 +32,8 @@ struct tBp {
     // Private.
     PyObject* cond_code;  // owned; the compiled condition, made at the first hit; null = not yet
     tBp* next_waiting;    // next one of the same user file that waits for its module
-    int users;            // evaluations in progress; the record is not freed before the last ends
-    int is_dropped;       // cleared during an evaluation, which frees it
+    int users;            // walks in progress that hold it; the last one frees a dropped record
+    int is_dropped;       // cleared while held
 };
 
 struct tBpOpsData {
@@ -51,7 +51,7 @@ struct tBpOpsData {
     // Private.
     CUt_HashTable waiting_files;     // user file name -> its unresolved breakpoints
     CUt_HashTable module_bp_counts;  // module file name -> number of breakpoints bound to it
-    CUt_HashTable unknown_files;     // user file name -> when no module was found for it (see .cpp)
+    CUt_HashTable unknown_files;     // user file name -> owned: when no module was found for it
 };
 
 // Life of the table. Clearing keeps `checksums_enabled`; ids restart at 1.

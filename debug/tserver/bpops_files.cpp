@@ -33,20 +33,23 @@ static void add_to_count(CUt_HashEntry* entry, intptr_t change) {
     entry->clientData = reinterpret_cast<void*>(count);
 }
 
-static void count_bp_of_module(tBpOpsData* data, const char* module_filename) {
+// False = out of memory.
+static bool count_bp_of_module(tBpOpsData* data, const char* module_filename) {
     int is_new = 0;
     CUt_HashEntry* const entry =
         create_hash_entry(&data->module_bp_counts, module_filename, &is_new);
     if (entry != nullptr) {
         add_to_count(entry, 1);
     }
+    return entry != nullptr;
 }
 
 bool has_module_bps(tBpOpsData* data, const char* module_filename) {
     return find_hash_value(&data->module_bp_counts, module_filename) != nullptr;
 }
 
-static void start_waiting(tBpOpsData* data, tBp* bp) {
+// False = out of memory.
+static bool start_waiting(tBpOpsData* data, tBp* bp) {
     int is_new = 0;
     CUt_HashEntry* const entry =
         create_hash_entry(&data->waiting_files, bp->user_filename, &is_new);
@@ -54,6 +57,7 @@ static void start_waiting(tBpOpsData* data, tBp* bp) {
         bp->next_waiting = static_cast<tBp*>(entry->clientData);
         entry->clientData = bp;
     }
+    return entry != nullptr;
 }
 
 static void stop_waiting(tBpOpsData* data, tBp* bp) {
@@ -75,12 +79,9 @@ static void stop_waiting(tBpOpsData* data, tBp* bp) {
     }
 }
 
-void enter_bp_by_file(tBpOpsData* data, tBp* bp) {
-    if (bp->module_filename != nullptr) {
-        count_bp_of_module(data, bp->module_filename);
-    } else {
-        start_waiting(data, bp);
-    }
+bool enter_bp_by_file(tBpOpsData* data, tBp* bp) {
+    return bp->module_filename != nullptr ? count_bp_of_module(data, bp->module_filename)
+                                          : start_waiting(data, bp);
 }
 
 void remove_bp_by_file(tBpOpsData* data, tBp* bp) {
@@ -99,12 +100,12 @@ void remove_bp_by_file(tBpOpsData* data, tBp* bp) {
 
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename) {
     char* const copy = strdup(module_filename);
-    if (copy == nullptr) {
+    if (copy == nullptr || !count_bp_of_module(data, copy)) {
+        free(copy);
         return false;
     }
     stop_waiting(data, bp);
     bp->module_filename = copy;
-    count_bp_of_module(data, copy);
     return true;
 }
 
@@ -228,12 +229,13 @@ static const char* find_synonym_by_checksum(tBpOpsData* data, const char* user_c
     return found;
 }
 
-// A search that found nothing is not repeated for the next breakpoint of that file, unless a module
-// was loaded or a second has passed in which the file may have come into being.
+// A search on disk that found nothing is not repeated for the next breakpoint of that file, unless
+// a module was loaded or a second has passed in which the file may have come into being.
 struct tFailedSearch {
     int import_count;
     uint64_t ticks;
 };
+static constexpr unsigned kMaxUnknownFiles = 4096;  // then they are forgotten
 
 static bool has_just_failed(tBpOpsData* data, const char* user_filename) {
     const tFailedSearch* const last =
@@ -243,6 +245,10 @@ static bool has_just_failed(tBpOpsData* data, const char* user_filename) {
 }
 
 static void remember_failure(tBpOpsData* data, const char* user_filename) {
+    if (data->unknown_files.numEntries >= kMaxUnknownFiles) {
+        CU_DeallocHashTable(&data->unknown_files);
+        CU_InitHashTable(&data->unknown_files, kHashStringKeys);
+    }
     int is_new = 0;
     CUt_HashEntry* const entry = create_hash_entry(&data->unknown_files, user_filename, &is_new);
     if (entry == nullptr) {
@@ -260,17 +266,15 @@ static void remember_failure(tBpOpsData* data, const char* user_filename) {
 static const char* search_for_synonym(tBpOpsData* data,
                                       const char* user_filename,
                                       const char* user_checksum) {
-    if (has_just_failed(data, user_filename)) {
-        return nullptr;
-    }
-    const char* found = find_synonym_on_disk(data, user_filename);
-    if (found == nullptr && uses_checksum(data, user_checksum)) {
-        found = find_synonym_by_checksum(data, user_checksum);
-    }
-    if (found == nullptr) {
+    if (!has_just_failed(data, user_filename)) {
+        const char* const found = find_synonym_on_disk(data, user_filename);
+        if (found != nullptr) {
+            return found;
+        }
         remember_failure(data, user_filename);
     }
-    return found;
+    return uses_checksum(data, user_checksum) ? find_synonym_by_checksum(data, user_checksum)
+                                              : nullptr;
 }
 
 static const char* find_module_by_synonym(tBpOpsData* data,
@@ -308,15 +312,16 @@ const char* __tracer_find_module(tBpOpsData* data,
 
 // ---- A newly seen module file ----
 
-// Fills the scratch buffer with the pruned name. False = too long for it.
-static bool take_module_name(tBpOpsData* data, const char* module_filename) {
+// Copy of the pruned name, for the scratch buffer may be wanted for another module by what the
+// server does when it is asked for a checksum. Caller frees; null = too long, or out of memory.
+static char* copy_module_name(tBpOpsData* data, const char* module_filename) {
     const size_t length = strlen(module_filename);
     if (length >= kResolveBufferSize) {
-        return false;
+        return nullptr;
     }
     memcpy(data->resolve_bp_tmpfile, module_filename, length + 1);
     prune_py_c_or_o(data->resolve_bp_tmpfile);
-    return true;
+    return strdup(data->resolve_bp_tmpfile);
 }
 
 // The entry module file -> itself. False = it was there, or out of memory.
@@ -329,130 +334,105 @@ static bool register_module_file(tBpOpsData* data, const char* file) {
     return true;
 }
 
-static void log_waiting(const tBp* bp) {
-    DPRINTF(kLogBreakpoints,
-            "lineno = %d, user_filename = %s, module_filename = %s\n",
-            bp->lineno,
-            dprint_check_str(bp->user_filename),
-            dprint_check_str(bp->module_filename));
-}
-
-// Which waiting breakpoints a newly seen module file gets.
+// The new module, and what is known of it.
 struct tNewModule {
     const char* file;
-    PyObject* checksum;  // borrowed; null = none, or not asked for
+    PyObject* checksum;       // owned; null = none, or not asked for yet
+    bool is_checksum_known;   // asked for
+    const char* compared;     // user file name that was compared last; null = none yet
+    const char* checksum_of;  // canonical regime: the checksum that went with it
+    const char* found;        // canonical regime: its canonical name
+    bool is_same_file;        // synonym regime: it is the module's file on disk
 };
 
-static bool is_file_of_module(tBpOpsData* data, const char* user_filename, const tNewModule& mod) {
+static bool has_module_checksum(const tNewModule* mod, const char* user_checksum) {
+    return mod->checksum != nullptr && is_text_equal(mod->checksum, user_checksum);
+}
+
+static bool is_file_of_module(tBpOpsData* data, tNewModule* mod, const tBp* bp) {
+    if (mod->compared == nullptr || strcmp(mod->compared, bp->user_filename) != 0) {
+        mod->compared = bp->user_filename;
+        mod->is_same_file = names_same_file(data, bp->user_filename, mod->file);
+    }
+    if (mod->is_same_file || !uses_checksum(data, bp->user_checksum)) {
+        return mod->is_same_file;
+    }
+    if (!mod->is_checksum_known) {
+        mod->checksum = get_checksum_text(mod->file);
+        mod->is_checksum_known = true;
+    }
+    return has_module_checksum(mod, bp->user_checksum);
+}
+
+// The module file that the breakpoint belongs to; null when it goes on waiting.
+static const char* find_file_for_waiting(tBpOpsData* data, tNewModule* mod, const tBp* bp) {
     if (!gUseCanonicalPathnames) {
-        return names_same_file(data, user_filename, mod.file);
+        return is_file_of_module(data, mod, bp) ? mod->file : nullptr;
     }
-    return false;
+    // Any name that is registered will do, whether or not it is this module's.
+    if (mod->compared == nullptr || strcmp(mod->compared, bp->user_filename) != 0 ||
+        strcmp(mod->checksum_of, bp->user_checksum) != 0) {
+        mod->compared = bp->user_filename;
+        mod->checksum_of = bp->user_checksum;
+        mod->found = lookup_canonical_pathname(file_ops(data), mod->compared, mod->checksum_of);
+    }
+    DPRINTF(kLogBreakpoints, "  found = %s\n", dprint_check_str(mod->found));
+    return mod->found;
 }
 
-static bool is_bp_of_module(tBpOpsData* data,
-                            const tBp* bp,
-                            const tNewModule& mod,
-                            bool same_file) {
-    if (!gUseCanonicalPathnames) {
-        return same_file || (uses_checksum(data, bp->user_checksum) &&
-                             is_text_equal(mod.checksum, bp->user_checksum));
+// False when it goes on waiting.
+static bool bind_waiting_bp(tBpOpsData* data, tNewModule* mod, tBp* bp) {
+    const char* const file = find_file_for_waiting(data, mod, bp);
+    if (file == nullptr || bp->is_dropped || bp->module_filename != nullptr ||
+        !bind_bp(data, bp, file)) {
+        return false;
     }
-    const char* const found =
-        lookup_canonical_pathname(file_ops(data), bp->user_filename, bp->user_checksum);
-    DPRINTF(kLogBreakpoints, "  found = %s\n", dprint_check_str(found));
-    return found != nullptr && strcmp(found, mod.file) == 0;
+    if (!gUseCanonicalPathnames && put_loaded_module(data, bp->user_filename, file) != nullptr) {
+        DPRINTF(kLogBreakpoints, "Found synonym %s\n", dprint_check_str(bp->user_filename));
+    }
+    return true;
 }
 
-// Takes the breakpoints of one user file that belong to the module off the waiting list `head`.
-static tBp* take_matching(tBpOpsData* data, tBp** head, const tNewModule& mod) {
-    const bool same_file = *head != nullptr && is_file_of_module(data, (*head)->user_filename, mod);
-    tBp* taken = nullptr;
-    tBp** link = head;
-    while (*link != nullptr) {
-        tBp* const bp = *link;
-        log_waiting(bp);
-        if (is_bp_of_module(data, bp, mod, same_file)) {
-            *link = bp->next_waiting;
-            bp->next_waiting = taken;
-            taken = bp;
-        } else {
-            link = &bp->next_waiting;
-        }
-    }
-    return taken;
-}
-
-static void bind_taken(tBpOpsData* data, tBp* taken, const tNewModule& mod) {
-    while (taken != nullptr) {
-        tBp* const bp = taken;
-        taken = bp->next_waiting;
-        bp->next_waiting = nullptr;
-        if (!gUseCanonicalPathnames &&
-            put_loaded_module(data, bp->user_filename, mod.file) != nullptr) {
-            DPRINTF(kLogBreakpoints, "Found synonym %s\n", dprint_check_str(bp->user_filename));
-        }
-        if (!bind_bp(data, bp, mod.file)) {
-            start_waiting(data, bp);
-        }
-    }
-}
-
-// No Python code runs in here: the lists stay as they are under the walk.
-static void bind_waiting_bps(tBpOpsData* data, const tNewModule& mod) {
-    tBp* all_taken = nullptr;
+static void hold_chains(CUt_HashTable* heads, tBp* tBp::*next, tHeldBps* held) {
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(heads, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
-        tBp* head = static_cast<tBp*>(entry->clientData);
-        tBp* taken = take_matching(data, &head, mod);
-        entry->clientData = head;
-        if (head == nullptr) {
-            CU_DeleteHashEntry(entry);
-        }
-        while (taken != nullptr) {
-            tBp* const bp = taken;
-            taken = bp->next_waiting;
-            bp->next_waiting = all_taken;
-            all_taken = bp;
+        held->add_chain(static_cast<tBp*>(entry->clientData), next);
+    }
+}
+
+static void bind_waiting_bps(tBpOpsData* data, const char* file) {
+    tNewModule mod = {file, nullptr, false, nullptr, nullptr, nullptr, false};
+    tHeldBps held(data);
+    if (gDPrintfFile != nullptr) {
+        hold_chains(&data->userbps, &tBp::next_user, &held);  // the log wants to hear of all
+    } else {
+        hold_chains(&data->waiting_files, &tBp::next_waiting, &held);
+    }
+    bool any_bound = false;
+    for (size_t i = 0; i < held.count(); i++) {
+        tBp* const bp = held[i];
+        DPRINTF(kLogBreakpoints,
+                "lineno = %d, user_filename = %s, module_filename = %s\n",
+                bp->lineno,
+                dprint_check_str(bp->user_filename),
+                dprint_check_str(bp->module_filename));
+        if (bp->module_filename == nullptr) {
+            any_bound = bind_waiting_bp(data, &mod, bp) || any_bound;
         }
     }
-    const bool any_bound = all_taken != nullptr;
-    bind_taken(data, all_taken, mod);
+    XPy_DoDecRef(mod.checksum);
     if (any_bound) {
         ClearAnyBpsInAllCodeObjects(data->co_pathname_table);
     }
 }
 
-static bool waits_for_checksum(tBpOpsData* data) {
-    CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
-         entry = CU_NextHashEntry(&search)) {
-        for (const tBp* bp = static_cast<const tBp*>(entry->clientData); bp != nullptr;
-             bp = bp->next_waiting) {
-            if (uses_checksum(data, bp->user_checksum)) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
-
-static void resolve_by_synonym(tBpOpsData* data) {
-    const char* const file = data->resolve_bp_tmpfile;
+static void resolve_by_synonym(tBpOpsData* data, const char* file) {
     if (find_module_by_synonym(data, file, nullptr) != nullptr ||
         !register_module_file(data, file)) {
         return;
     }
-    // The callback may come back here for another module and use the scratch buffer.
-    const char* const stored =
-        static_cast<const char*>(find_hash_value(&data->loaded_modules, file));
-    tOwnedRef checksum(waits_for_checksum(data) ? get_checksum_text(stored) : nullptr);
-    char* const name = strdup(stored);
-    if (name != nullptr) {
-        bind_waiting_bps(data, {name, checksum.borrow()});
-        free(name);
-    }
+    bind_waiting_bps(data, file);
     DPRINTF(kLogBreakpoints, "Done resolving\n");
 }
 
@@ -468,9 +448,11 @@ void __tracer_resolve_bp_filenames(tBpOpsData* data, const char* module_filename
         DPRINTF(kLogBreakpoints, "  returning because module_filename is NULL\n");
         return;
     }
-    if (take_module_name(data, module_filename)) {
-        resolve_by_synonym(data);
+    char* const file = copy_module_name(data, module_filename);
+    if (file != nullptr) {
+        resolve_by_synonym(data, file);
     }
+    free(file);
 }
 
 // Canonical name of a module file, registered with its checksum: borrowed; null after logging.
@@ -489,6 +471,19 @@ static const char* register_canonical(tBpOpsData* data, const char* file) {
     return canonical;
 }
 
+static void resolve_by_canonical(tBpOpsData* data, const char* file) {
+    if (__tracer_find_module(data, file, nullptr) != nullptr) {
+        return;
+    }
+    tSavedError saved;
+    const char* const canonical = register_canonical(data, file);
+    if (canonical == nullptr || !register_module_file(data, canonical)) {
+        return;
+    }
+    bind_waiting_bps(data, canonical);
+    DPRINTF(kLogBreakpoints, "Done with __tracer_resolve_bp_filenames_using_canonical()\n");
+}
+
 void __tracer_resolve_bp_filenames_using_canonical(tBpOpsData* data, const char* module_filename) {
     DPRINTF(kLogBreakpoints,
             "__tracer_resolve_bp_filenames_using_canonical(module_filename = %s)\n",
@@ -497,19 +492,11 @@ void __tracer_resolve_bp_filenames_using_canonical(tBpOpsData* data, const char*
         DPRINTF(kLogBreakpoints, "  returning because module_filename is NULL\n");
         return;
     }
-    if (!take_module_name(data, module_filename) ||
-        __tracer_find_module(data, data->resolve_bp_tmpfile, nullptr) != nullptr) {
-        return;
+    char* const file = copy_module_name(data, module_filename);
+    if (file != nullptr) {
+        resolve_by_canonical(data, file);
     }
-    tSavedError saved;
-    char* const file = strdup(data->resolve_bp_tmpfile);
-    const char* const canonical = file != nullptr ? register_canonical(data, file) : nullptr;
     free(file);
-    if (canonical == nullptr || !register_module_file(data, canonical)) {
-        return;
-    }
-    bind_waiting_bps(data, {canonical, nullptr});
-    DPRINTF(kLogBreakpoints, "Done with __tracer_resolve_bp_filenames_using_canonical()\n");
 }
 
 void __tracer_xfer_module_bps(tBpOpsData* data, PyObject* mod) {
@@ -524,7 +511,8 @@ void __tracer_xfer_module_bps(tBpOpsData* data, PyObject* mod) {
         DPRINTF(kLogBreakpoints, "MDICT IS NULL for %s\n", dprint_check_str(name));
         return;
     }
-    tOwnedRef file(new_ref(gPy.PyDict_GetItem(dict, data->filestring)));
+    tOwnedRef file(data->filestring != nullptr ? new_ref(gPy.PyDict_GetItem(dict, data->filestring))
+                                               : nullptr);
     const char* const text =
         is_native_string(file.borrow()) ? _pystring_to_c_string(file.borrow()) : nullptr;
     DPRINTF(kLogBreakpoints, "XFER %s\n", dprint_check_str(text));

@@ -11,15 +11,15 @@
 // ---- Is there one? ----
 
 static bool is_bound_to(const tBp* bp, const char* module_file) {
+    const bool matches = module_file != nullptr && strcmp(module_file, bp->module_filename) == 0;
     DPRINTF(kLogBreakpoints,
             "modfile = %s, bp->module_filename = %s\n",
             dprint_check_str(module_file),
             dprint_check_str(bp->module_filename));
-    if (module_file == nullptr || strcmp(module_file, bp->module_filename) != 0) {
-        return false;
+    if (matches) {
+        DPRINTF(kLogBreakpoints, "  filename match\n");
     }
-    DPRINTF(kLogBreakpoints, "  filename match\n");
-    return true;
+    return matches;
 }
 
 int any_bp_on_line(tBpOpsData* data, int lineno, const char** codefile, PyFrameObject* frame) {
@@ -37,8 +37,10 @@ int any_bp_on_line(tBpOpsData* data, int lineno, const char** codefile, PyFrameO
     if (module_file == nullptr || !has_module_bps(data, module_file)) {
         return 0;
     }
-    for (const tBp* bp = find_bps_on_line(data, lineno); bp != nullptr; bp = bp->next_user) {
-        if (bp->module_filename != nullptr && is_bound_to(bp, module_file)) {
+    tHeldBps held(data);  // log lines may run Python code
+    held.add_chain(find_bps_on_line(data, lineno), &tBp::next_user);
+    for (size_t i = 0; i < held.count(); i++) {
+        if (held[i]->module_filename != nullptr && is_bound_to(held[i], module_file)) {
             return 1;
         }
     }
@@ -69,7 +71,8 @@ static bool translate_position(tThreadData* td,
                                int event_type,
                                tPosition* pos) {
     tSavedError saved;
-    PyObject* const hook = td->sub_language_hook;
+    tOwnedRef owned_hook(new_ref(td->sub_language_hook));  // it may take itself off the thread
+    PyObject* const hook = owned_hook.borrow();
     tOwnedRef stops(gPy.PyObject_CallMethod(hook, "_StopHere", "Oii", frame, event_type, 1));
     if (!stops) {
         DPRINTF(kLogCore, "Exception from _StopHere in __tracer_sub_language_get_frame_category\n");
@@ -130,9 +133,10 @@ static bool matches_file(tBpOpsData* data, const tBp* bp, const tPosition& pos) 
 // The condition in the sub-language's own terms.
 static tCondition evaluate_by_hook(const tBp* bp, tThreadData* td, PyFrameObject* frame) {
     tSavedError saved;
+    tOwnedRef hook(new_ref(td->sub_language_hook));
     tOwnedRef text(new_native_string(bp->cond));
     tOwnedRef result(
-        text ? gPy.PyObject_CallMethod(td->sub_language_hook, "_Eval", "OO", text.borrow(), frame)
+        text ? gPy.PyObject_CallMethod(hook.borrow(), "_Eval", "OO", text.borrow(), frame)
              : nullptr);
     const int truth = result ? gPy.PyObject_IsTrue(result.borrow()) : -1;
     return truth == -1 ? kConditionBroken : truth == 1 ? kConditionTrue : kConditionFalse;
@@ -164,8 +168,8 @@ static bool hit_bp(tBpOpsData* data,
         __tracer_add_changed_bp(data, bp);
     }
     const tCondition outcome = evaluate(bp, td, frame, pos);
-    if (outcome == kConditionFalse || bp->is_dropped) {
-        return false;
+    if (outcome == kConditionFalse || bp->is_dropped || bp->deleted) {
+        return false;  // it does not hold, or there is no such breakpoint any more
     }
     if (outcome == kConditionBroken) {
         return true;
@@ -183,36 +187,13 @@ static bool hit_bp(tBpOpsData* data,
     return true;
 }
 
-// The breakpoints of a line as they stood when the event came.
-struct tBpsOnLine {
-    tBp** bps;  // owned array; each record is held
-    size_t count;
-};
-
-static tBpsOnLine hold_bps_on_line(tBpOpsData* data, int lineno) {
-    size_t count = 0;
-    for (const tBp* bp = find_bps_on_line(data, lineno); bp != nullptr; bp = bp->next_user) {
-        count++;
-    }
-    tBpsOnLine held = {count != 0 ? static_cast<tBp**>(calloc(count, sizeof(tBp*))) : nullptr, 0};
-    for (tBp* bp = find_bps_on_line(data, lineno); bp != nullptr && held.bps != nullptr;
-         bp = bp->next_user) {
-        hold_bp(bp);
-        held.bps[held.count++] = bp;
-    }
-    return held;
-}
-
 // Temporary ones that fired leave their line; they are freed once the server has heard of them.
-static void let_go_of_bps(tBpOpsData* data, const tBpsOnLine& held) {
-    for (size_t i = 0; i < held.count; i++) {
-        tBp* const bp = held.bps[i];
-        if (bp->deleted && !bp->is_dropped) {
-            __tracer_del_userbp(data, bp);
+static void remove_fired(tBpOpsData* data, const tHeldBps& held) {
+    for (size_t i = 0; i < held.count(); i++) {
+        if (held[i]->deleted && !held[i]->is_dropped) {
+            __tracer_del_userbp(data, held[i]);
         }
-        let_go_of_bp(data, bp);
     }
-    free(held.bps);
 }
 
 static bool hit_bps_on_line(
@@ -225,12 +206,13 @@ static bool hit_bps_on_line(
         const char* const codefile = resolve_code_file(data, frame);
         pos->codefile = codefile != nullptr ? strdup(codefile) : nullptr;
     }
-    const tBpsOnLine held = hold_bps_on_line(data, pos->lineno);
+    tHeldBps held(data);
+    held.add_chain(find_bps_on_line(data, pos->lineno), &tBp::next_user);
     bool stop = false;
-    for (size_t i = 0; i < held.count; i++) {
-        stop = hit_bp(data, held.bps[i], td, frame, *pos, update) || stop;
+    for (size_t i = 0; i < held.count(); i++) {
+        stop = hit_bp(data, held[i], td, frame, *pos, update) || stop;
     }
-    let_go_of_bps(data, held);
+    remove_fired(data, held);
     return stop;
 }
 

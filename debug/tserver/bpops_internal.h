@@ -10,18 +10,39 @@
 
 // bpops.cpp: head of the line's chain; null when no breakpoint is on the line.
 tBp* find_bps_on_line(tBpOpsData* data, int lineno);
-// Keeps a record from being freed while it is evaluated.
-void hold_bp(tBp* bp);
-void let_go_of_bp(tBpOpsData* data, tBp* bp);
+
+// Records as they stood at one moment. Whoever walks over breakpoints and may run Python code on
+// the way (a callback, a log line, a new object that starts the collector) walks over these: the
+// table may change meanwhile, but a held record is not freed; is_dropped tells that it was cleared.
+class tHeldBps : tNoCopy {
+public:
+    explicit tHeldBps(tBpOpsData* data) : data_(data) {}
+    ~tHeldBps();  // frees those that were dropped
+    // False = out of memory; those that were added stay.
+    bool add(tBp* bp);
+    bool add_chain(tBp* head, tBp* tBp::*next);
+    size_t count() const { return count_; }
+    tBp* operator[](size_t i) const { return bps_[i]; }
+
+private:
+    bool grow();
+
+    static constexpr size_t kFew = 8;
+    tBpOpsData* data_;
+    tBp* few_[kFew];
+    tBp** bps_ = few_;  // owned when it is not few_
+    size_t count_ = 0;
+    size_t room_ = kFew;
+};
 
 // bpops_files.cpp: the lists by file, kept in step with the records.
 void init_file_lists(tBpOpsData* data);
 void clear_file_lists(tBpOpsData* data);
 // A new record waits for its module, or was bound to one (module_filename set): both are entered
-// here; a record that leaves its line is taken out.
-void enter_bp_by_file(tBpOpsData* data, tBp* bp);
+// here (false = out of memory); a record that leaves its line is taken out.
+bool enter_bp_by_file(tBpOpsData* data, tBp* bp);
 void remove_bp_by_file(tBpOpsData* data, tBp* bp);
-// Stores a copy of the module's name in the record. False = out of memory.
+// Stores a copy of the module's name in the record. False = out of memory, the record as it was.
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename);
 bool has_module_bps(tBpOpsData* data, const char* module_filename);
 // File that the frame runs in, its breakpoints resolved; borrowed, null when not known. A pending

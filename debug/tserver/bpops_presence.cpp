@@ -120,7 +120,13 @@ static tAnswer calculate_using_co_lines(tBpOpsData* data,
 
 static bool has_file_bps(tBpOpsData* data, const char* codefile) {
     const char* const module_file = __tracer_find_module(data, codefile, nullptr);
-    return module_file != nullptr && has_module_bps(data, module_file);
+    if (module_file == nullptr || !has_module_bps(data, module_file)) {
+        return false;
+    }
+    const char* const name = dprint_check_str(module_file);
+    DPRINTF(kLogBreakpoints, "modfile = %s, bp->module_filename = %s\n", name, name);
+    DPRINTF(kLogBreakpoints, "  filename match\n");
+    return true;
 }
 
 static tAnswer calculate_any_bps(tBpOpsData* data, PyCodeObject* code, PyFrameObject* frame) {
