@@ -38,7 +38,8 @@ def start(startup_folder, loaded):
     settings = ast.literal_eval(os.environ[kVariable])
     original_environment = dict(os.environ)
     _clear_traces(startup_folder, settings)
-    # Libraries below us keep files open (libffi does): not with a number that the program counts on.
+    # Libraries below us keep files open (libffi does): not with a number that the program
+    # counts on.
     taken = _take_low_descriptors()
     try:
         server = _make_server(settings, original_environment)

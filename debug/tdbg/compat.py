@@ -10,7 +10,7 @@ PY2 = sys.version_info[0] == 2
 
 if PY2:
     import __builtin__ as builtins
-    import repr as reprlib
+    import repr as reprlib  # noqa: F401
     import signal
     import thread as _thread
 

@@ -94,8 +94,8 @@ class tServer(object):
     def start_with_program(self):
         """Begin tracing as soon as the program's main module is entered.
 
-        Until then the interpreter's own start-up runs, which nobody wants to debug; and the core takes
-        the outermost frame that it finds as the bottom of the program, which is then the right one.
+        Until then the interpreter's own start-up runs, which nobody wants to debug; and the core
+        takes the outermost frame that it finds as the program's bottom, which is then right.
         """
         _set_trace(self._wait_for_program)
 

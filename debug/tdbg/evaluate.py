@@ -145,7 +145,8 @@ def describe_exception(kind, value):
 
 
 def _exception_name(kind):
-    name = compat.to_text(getattr(kind, "__qualname__", None) or getattr(kind, "__name__", "exception"))
+    name = getattr(kind, "__qualname__", None) or getattr(kind, "__name__", "exception")
+    name = compat.to_text(name)
     module = compat.to_text(getattr(kind, "__module__", "") or "")
     if module in ("", "__main__", "builtins", "exceptions"):
         return name

@@ -181,7 +181,8 @@ def find_module_3(name, parts):
         if spec is None:
             break
         if spec.submodule_search_locations is None:
-            raise tRefused("no module named {}: {} is not a package".format(name, ".".join(parts[:count - 1])))
+            outer = ".".join(parts[:count - 1])
+            raise tRefused("no module named {}: {} is not a package".format(name, outer))
         spec = PathFinder.find_spec(".".join(parts[:count]), spec.submodule_search_locations)
     if spec is None:
         if parts[-1] == "__main__":

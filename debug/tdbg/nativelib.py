@@ -43,15 +43,13 @@ def load_library(path):
 
 
 def _load(path):
-    is_source = path.endswith(".py")  # a stand-in for tests
     try:
         from importlib import machinery, util
     except ImportError:
         import imp
 
-        return imp.load_source(kModule, path) if is_source else imp.load_dynamic(kModule, path)
-    kind = machinery.SourceFileLoader if is_source else machinery.ExtensionFileLoader
-    loader = kind(kModule, path)
+        return imp.load_dynamic(kModule, path)
+    loader = machinery.ExtensionFileLoader(kModule, path)
     spec = util.spec_from_file_location(kModule, path, loader=loader)
     module = util.module_from_spec(spec)
     sys.modules[kModule] = module

@@ -21,7 +21,8 @@ def take_out(names):
 class borrowed(object):
     """While the block runs, the debugger's modules are where imports find them.
 
-    What is imported in the block becomes the debugger's, too. Code of the program must not run in it.
+    What is imported in the block becomes the debugger's, too.  Code of the program must not run
+    in it.
     """
 
     def __enter__(self):

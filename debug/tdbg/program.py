@@ -111,7 +111,8 @@ def _close_at_exec(descriptor):
 
 
 def _ignored_signals():
-    return set(n for n in range(1, compat.signal.NSIG) if compat.signal.getsignal(n) == compat.signal.SIG_IGN)
+    module = compat.signal
+    return set(n for n in range(1, module.NSIG) if module.getsignal(n) == module.SIG_IGN)
 
 
 def _restore_signals(ignored):
@@ -126,5 +127,5 @@ def _restore_signals(ignored):
 
 def _stop_timers():
     if hasattr(compat.signal, "setitimer"):
-        for timer in (compat.signal.ITIMER_REAL, compat.signal.ITIMER_VIRTUAL, compat.signal.ITIMER_PROF):
-            compat.signal.setitimer(timer, 0)
+        for name in ("ITIMER_REAL", "ITIMER_VIRTUAL", "ITIMER_PROF"):
+            compat.signal.setitimer(getattr(compat.signal, name), 0)

@@ -77,8 +77,8 @@ class tThreadHooks(object):
                 core.thread_exiting()
 
         setattr(threading.Thread, _names_of_delete, _delete)
-        if self._start_new_thread is not None:
-            threading._start_new_thread = self._start_new_thread
+        if self._start_new_thread is not None and hasattr(threading, "_start_new_thread"):
+            threading._start_new_thread = self._start_new_thread  # it has the trace hook
 
     def _hook_start_new_thread(self):
         """Threads that are started below `threading` have no trace hook: give them ours."""
@@ -90,7 +90,8 @@ class tThreadHooks(object):
         @functools.wraps(original)
         def start_new_thread(function, args, kwargs=None):
             given = (function, args) if kwargs is None else (function, args, kwargs)
-            if not callable(function) or not isinstance(args, tuple) or not isinstance(given[-1], (tuple, dict)):
+            if not (callable(function) and isinstance(args, tuple)
+                    and isinstance(given[-1], (tuple, dict))):
                 return original(*given)  # its own error
             return original(_make_body(core, function, args, kwargs or {}), ())
 
@@ -98,10 +99,10 @@ class tThreadHooks(object):
 
 
 def _make_body(core, function, args, kwargs):
-    """Callable that sets the trace function and calls `function`, without a Python frame of its own.
+    """Callable that sets the trace function and calls `function`, without a frame of its own.
 
-    So the function's frame is the outermost one, and its exceptions reach the interpreter, which tells
-    which function the thread was started with: by the text of the body.
+    So the function's frame is the outermost one, and its exceptions reach the interpreter, which
+    tells which function the thread was started with: by the text of the body.
     """
     steps = [
         _partial(_set_trace, core.bootstrap_new_thread),

@@ -5,7 +5,7 @@ folder at the front of the module path for that one import: so the program is ru
 interpreter itself, with no frame of the debugger below it, and everything that depends on
 how a program is started (argv, path, exit status, exit functions, signals) is as without us.
 
-The real module of this name, if there is one, is imported in its turn, and this one leaves no trace.
+The real module of this name, if there is one, is imported in its turn; this one leaves no trace.
 """
 import os
 import sys

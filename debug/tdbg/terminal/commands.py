@@ -28,8 +28,8 @@ kTable = [
     tCommand(("return", "r"), "", "Run to the end of this function and show what it returns.",
              "do_return"),
     tCommand(("continue", "cont", "c"), "", "Run on.", "do_continue"),
-    tCommand(("list", "l"), "[. | FIRST[, LAST]]", "Show eleven lines: those around the current one, "
-             "then the following ones; `.` begins again; LAST less than FIRST is a count.",
+    tCommand(("list", "l"), "[. | FIRST[, LAST]]", "Show eleven lines: those around the current "
+             "one, then the following ones; `.` begins again; LAST less than FIRST is a count.",
              "do_list"),
     tCommand(("longlist", "ll"), "", "Show the whole function.", "do_longlist"),
     tCommand(("where", "bt", "w"), "", "Show the stack, the innermost frame last.", "do_where"),
@@ -43,8 +43,8 @@ kTable = [
     tCommand(("source",), "EXPRESSION", "Show the source of a function, class or module.",
              "do_source"),
     tCommand(("retval", "rv"), "", "Show what the function returns (after `return`).", "do_retval"),
-    tCommand(("!",), "STATEMENT", "Execute in the selected frame; also for anything that is no command.",
-             "do_statement"),
+    tCommand(("!",), "STATEMENT", "Execute in the selected frame; also for anything that is no "
+             "command.", "do_statement"),
     tCommand(("help", "h"), "[COMMAND]", "Show all commands, or more of one.", "do_help"),
     tCommand(("restart", "run"), "[ARGUMENTS]", "Start the program from scratch.", "do_restart"),
     tCommand(("quit", "exit", "q"), "", "End the program (exit status 0); its exit functions run.",
@@ -165,7 +165,8 @@ class tCommands(object):
         except Exception as why:
             raise tUsage(str(why))
         for number, line in enumerate(lines, max(first, 1)):
-            self._display.line(u"{:>3}  \t{}".format(number, compat.to_text(line).rstrip()).rstrip())
+            text = compat.to_text(line).rstrip()
+            self._display.line(u"{:>3}  \t{}".format(number, text).rstrip())
 
     # --- stack ---
 

@@ -103,7 +103,7 @@ class tDisplay(object):
                 self.note(u"--Uncaught exception, the program ends after this--")
             self.line(self.colour("error", text))
 
-    def show_stack(self, stack, current, innermost_first=False):
+    def show_stack(self, stack, current):
         for index, (frame, lineno) in enumerate(stack):
             mark = u"> " if index == current else u"  "
             self.line(mark + self.colour("location", self.location(frame, lineno)))

@@ -170,8 +170,8 @@ class tTerminal(dbgserver.tFrontEnd):
         try:
             with private.quiet():
                 return _compile_command(text, "<debugger>", "single") is None
-        except (SyntaxError, ValueError, OverflowError):  # wrong rather than incomplete: executing it tells how
-            return False
+        except (SyntaxError, ValueError, OverflowError):
+            return False  # wrong rather than incomplete: executing it tells how
 
     def _pause(self):
         """Ctrl-C was typed while the program runs; in the context of a signal handler."""
