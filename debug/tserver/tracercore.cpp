@@ -131,10 +131,14 @@ static void clear_earlier_state() {
     update_eval_frame();  // tracing is off: takes the eval-frame hook out
     clear_thread_table(&gSelf.thread_data);
     __tracer_clear_exception_filters(&gSelf.exception_filters);
-    __tracer_clear_bp_ops_data(
-        &gSelf.bp_ops_data, &gSelf.co_pathname_table, gSelf.bp_ops_data.get_checksum_cb);
     reset_exc_data(&gSelf.exc_data);
     sub_language_clear();
+}
+
+// The record was filled when the module was made or by an earlier init; clearing fills it anew.
+static void start_without_breakpoints(PyObject* get_checksum_cb) {
+    __tracer_clear_bp_ops_data(&gSelf.bp_ops_data, &gSelf.co_pathname_table, get_checksum_cb);
+    gSelf.bp_ops_data.checksums_enabled = 1;
 }
 
 static bool find_sys_settrace() {
@@ -213,7 +217,7 @@ int __tracer_init(PyObject* module,
     set_owned<PyObject>(&gSelf.catch_all_code_objects, nullptr);
     start_idle_counting();
 
-    __tracer_init_bp_ops_data(&gSelf.bp_ops_data, &gSelf.co_pathname_table, get_checksum_cb, 1);
+    start_without_breakpoints(get_checksum_cb);
     __tracer_init_exception_filters(&gSelf.exception_filters);
 
     set_owned(&gSelf.newly_imported_module_files, gPy.PyList_New(0));
