@@ -29,6 +29,7 @@ class BreakCase(TestCase):
         self.session = Session()
         self.tracer = self.session.tracer
         self.tracer.set_use_canonical_pathnames(self.regime)
+        self.tracer.set_autoquit(0)
 
     # --- programs ---
 
