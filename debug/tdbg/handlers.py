@@ -1,0 +1,817 @@
+"""Whether an exception will be caught, told at the moment it is raised.
+
+The stack is walked outwards from the frame that raises.  For each frame the handlers around its
+current instruction are read off the byte code: which `except` clauses there are, and whether a
+clause or a `finally` lets the exception go on.  No source is needed, so it works for `-c`, exec()
+and modules without source, and nothing of the program runs: an `except` expression is evaluated
+only when it is made of plain names, attributes of modules and classes, and tuples of those.
+
+What cannot be known counts as caught (kUnknown): a stop that is missed here is made one frame
+further out, when the exception has left the frame that was thought to catch it (tRaiseWatch).
+
+Byte code differs from version to version.  What is used of it:
+
+  up to 3.10   SETUP_... instructions put a handler on the frame's block stack, POP_BLOCK takes it
+               off; the block stack of each instruction follows from the flow of control
+  up to 3.8    one copy of a `finally` body serves the normal way and the exception, and
+               END_FINALLY decides where it goes on
+  from 3.9     the exception has a copy of its own, which ends in RERAISE
+  from 3.11    a table says which handler covers an instruction; handlers themselves are covered,
+               too, by code that ends in RERAISE
+"""
+from __future__ import absolute_import, division, print_function
+
+import bisect
+import dis
+import sys
+import types
+
+from tdbg import compat
+
+# Answers, the first two of which are reasons to stop.
+kUncaught = "uncaught"  # nothing will catch it
+kReported = "reported"  # what catches it only prints or logs it
+kCaught = "caught"      # a handler matches, or a `finally` drops it
+kUnknown = "unknown"    # it may be caught: to be taken for caught
+
+_kSetups = frozenset(("SETUP_FINALLY", "SETUP_EXCEPT", "SETUP_WITH", "SETUP_ASYNC_WITH"))
+_kHasTable = sys.version_info >= (3, 11)
+_kUnitJumps = sys.version_info >= (3, 10)  # jumps count instructions, not bytes
+_kExceptionMatch = 10  # COMPARE_OP's argument, where there is no instruction of its own
+_kMaxSteps = 3000      # instructions looked at in one handler
+_kMaxPlans = 4096      # code objects remembered
+
+_hasjrel, _hasjabs = frozenset(dis.hasjrel), frozenset(dis.hasjabs)
+_opname = tuple(dis.opname)
+_EXTENDED_ARG = dis.opmap["EXTENDED_ARG"]
+_HAVE_ARGUMENT = dis.HAVE_ARGUMENT
+_find_line_starts = dis.findlinestarts
+_bisect = bisect.bisect_right
+_ModuleType = types.ModuleType
+_OldStyleClass = getattr(types, "ClassType", None)
+_mro_of = type.__dict__["__mro__"].__get__
+_dict_of_type = type.__dict__["__dict__"].__get__
+_dict_of_module = _ModuleType.__dict__["__dict__"].__get__
+_BaseException = BaseException
+_Group = getattr(compat.builtins, "BaseExceptionGroup", None)
+_members_of = _Group.__dict__["exceptions"].__get__ if _Group else None
+
+# How loops and generators end; never worth a stop.
+kNeverNews = tuple(
+    getattr(compat.builtins, name) for name in ("StopIteration", "GeneratorExit", "StopAsyncIteration")
+    if hasattr(compat.builtins, name))
+
+# What becomes of an exception in a frame: the `kind` of the tuples (kind, line, what, yes, no).
+_kLeaves = 0   # it goes on to the caller
+_kCatches = 1  # ends here; line: of the clause, or of the body of `finally`
+_kMay = 2      # not to be known; what: offset of the `with` that decides, or None
+_kMatch = 3    # an `except` clause; what: operations of its expression or None; yes, no: nodes
+_kGroup = 4    # `except*` clauses; what: list of such operations; no: node for the rest
+
+_leaves = (_kLeaves, None, None, None, None)
+_unknown = (_kMay, None, None, None, None)
+
+
+# --- instructions ---------------------------------------------------------------------------
+
+
+def _decode_2(text):
+    place, extended = 0, 0
+    while place < len(text):
+        start, op, arg = place, ord(text[place]), None
+        place += 1
+        if op >= _HAVE_ARGUMENT:
+            arg = ord(text[place]) + (ord(text[place + 1]) << 8) + extended
+            place += 2
+            extended = arg << 16 if op == _EXTENDED_ARG else 0
+        if op != _EXTENDED_ARG:
+            yield start, place, op, arg
+
+
+def _decode_3(text):
+    place, extended = 0, 0
+    while place < len(text):
+        start, op, arg = place, text[place], text[place + 1] | extended
+        place += 2
+        if op == _EXTENDED_ARG:
+            extended = arg << 8
+            continue
+        extended = 0
+        while _kHasTable and place < len(text) and text[place] == 0:  # inline caches
+            place += 2
+        yield start, place, op, arg
+
+
+_decode = _decode_2 if compat.PY2 else _decode_3
+
+
+def _jump_target(name, op, arg, end):
+    """Offset that the instruction may jump to, or None."""
+    if op in _hasjabs:
+        return arg * 2 if _kUnitJumps else arg
+    if op not in _hasjrel:
+        return None
+    distance = arg * 2 if _kUnitJumps else arg
+    return end - distance if "BACKWARD" in name else end + distance
+
+
+def _read_table(table):
+    """[(start, end, handler)] in bytes, from the exception table of a code object."""
+    rows, numbers, value = [], [], 0
+    for byte in table:
+        value = value << 6 | byte & 63
+        if not byte & 64:
+            numbers.append(value)
+            value = 0
+            if len(numbers) == 4:
+                start, length, handler, _ = numbers
+                rows.append((2 * start, 2 * (start + length), 2 * handler))
+                numbers = []
+    return rows
+
+
+# --- one code object ------------------------------------------------------------------------
+
+
+class tCodePlan(object):
+    """What becomes of exceptions at each instruction of a code object; worked out when asked."""
+
+    def __init__(self, code):
+        self.code = code
+        self.nodes = {}      # offset of an instruction -> node
+        self._handlers = {}  # offset of a handler -> node
+        self._loaded = False
+
+    def node_at(self, offset):
+        """Node for an exception that appears at the instruction."""
+        node = self.nodes.get(offset)
+        if node is None:
+            if not self._loaded:
+                self._load()
+            node = self.nodes[offset] = self._resolve(offset)
+        return node
+
+    def op_at(self, offset):
+        """Name of the instruction at the offset, which may be inside of one."""
+        if not self._loaded:
+            self._load()
+        place = self._index_at(offset)
+        return self.names[place] if place >= 0 else ""
+
+    def _load(self):
+        self._loaded = True
+        self.offsets, self.names, self.args, self.jumps = [], [], [], []
+        for start, end, op, arg in _decode(self.code.co_code):
+            name = _opname[op]
+            self.offsets.append(start)
+            self.names.append(name)
+            self.args.append(arg)
+            self.jumps.append(_jump_target(name, op, arg, end))
+        # The first instruction's prefixes belong to it: jumps lead to them.
+        self._lines = [(start, line) for start, line in _find_line_starts(self.code)]
+        self._line_offsets = [start for start, _ in self._lines]
+        if _kHasTable:
+            self._table = _read_table(self.code.co_exceptiontable)
+        else:
+            self._blocks = {}
+            if _kSetups.intersection(self.names):
+                self._follow_blocks()
+            else:
+                self._blocks = None
+
+    def _index_at(self, offset):
+        return _bisect(self.offsets, offset) - 1
+
+    def _index_of_jump(self, offset):
+        """A jump may lead to the EXTENDED_ARG in front of an instruction."""
+        place = bisect.bisect_left(self.offsets, offset)
+        return min(place, len(self.offsets) - 1)
+
+    def line_at(self, offset):
+        place = _bisect(self._line_offsets, offset) - 1
+        return self._lines[place][1] if place >= 0 else None
+
+    # --- which handler is active ---
+
+    def _follow_blocks(self):
+        """Fill _blocks: instruction -> handlers around it, the innermost last."""
+        pending = [(0, ())]
+        while pending:
+            place, blocks = pending.pop()
+            while place < len(self.names) and place not in self._blocks:
+                self._blocks[place] = blocks
+                name, jump = self.names[place], self.jumps[place]
+                if name in _kSetups or name == "SETUP_LOOP":
+                    pending.append((self._index_of_jump(jump), blocks))
+                    blocks += ((name, jump, self.offsets[place]),)
+                elif name == "POP_BLOCK":
+                    blocks = blocks[:-1]
+                elif name == "CALL_FINALLY":
+                    pass  # its target is a handler, which SETUP_FINALLY has led to
+                elif jump is not None:
+                    pending.append((self._index_of_jump(jump), blocks))
+                if name in _kNoWayOn:
+                    break
+                place += 1
+
+    def _handler_at(self, offset):
+        """(instruction that set it up, offset of the handler, offset of that instruction)
+
+        None where there is no handler.
+        """
+        if _kHasTable:
+            for start, end, handler in self._table:
+                if start <= offset < end:
+                    first = min(row[0] for row in self._table if row[2] == handler)
+                    return "", handler, self.offsets[self._index_at(first) - 1]
+            return None
+        if self._blocks is None:
+            return None
+        blocks = self._blocks[self._index_at(offset)]
+        for block in reversed(blocks):
+            if block[0] != "SETUP_LOOP":
+                return block
+        return None
+
+    def _resolve(self, offset):
+        try:
+            found = self._handler_at(offset)
+        except LookupError:  # an instruction that no way leads to
+            return _unknown
+        if found is None:
+            return _leaves
+        name, handler, setup = found
+        if handler not in self._handlers:
+            self._handlers[handler] = _unknown  # should code lead back to itself
+            first = self._index_of_jump(handler)
+            region = None
+            if compat.PY2 and name == "SETUP_EXCEPT":
+                region = (handler, self._end_of_clauses(first))
+            self._handlers[handler] = self._explore(first, setup, region)
+        return self._handlers[handler]
+
+    # --- what a handler does ---
+
+    def _explore(self, first, setup, region, line=None):
+        """Node for an exception that arrives at a handler, or at the body of a clause.
+
+        Every way through the code is followed.  setup: offset of what set the handler up; region: for
+        `except` on version 2, where outside of it the exception has been caught; line: of the clause.
+        """
+        if line is None:
+            line = self._line_of_clause(first)
+        outcomes, seen = [], set()
+        # (instruction, blocks set up on the way, `finally` bodies to come, those being run)
+        pending = [(first, (), (), 0)]
+        while pending:
+            state = pending.pop()
+            while state is not None:
+                if state in seen:
+                    break
+                seen.add(state)
+                if len(seen) > _kMaxSteps:
+                    return _unknown
+                outcome, state, other = self._step(state, setup, region, line)
+                if outcome is not None and outcome not in outcomes:
+                    outcomes.append(outcome)
+                if other is not None:
+                    pending.append(other)
+        if len(outcomes) == 1:
+            return outcomes[0]
+        if outcomes and all(outcome[0] == _kCatches for outcome in outcomes):
+            return outcomes[0]
+        return (_kMay, line, None, None, None)
+
+    def _step(self, state, setup, region, line):
+        """(outcome, next state, another next state), each may be None."""
+        place, blocks, waiting, running = state
+        name, offset = self.names[place], self.offsets[place]
+        if region is not None and not region[0] <= offset <= region[1]:
+            return (_kCatches, line, None, None, None), None, None
+        if offset in waiting:  # a `finally` body, on the normal way
+            waiting, running = tuple(item for item in waiting if item != offset), running + 1
+        if self._is_end(place) and not (running and name in _kShared):
+            return self._end(place, setup, region, line), None, None
+        if name in _kShared:
+            running -= name in ("END_FINALLY", "POP_FINALLY")
+        jump = self.jumps[place]
+        if name in _kSetups or name == "SETUP_LOOP":
+            blocks, jump = blocks + ((name, jump),), None
+        elif name == "POP_BLOCK" and blocks:
+            if blocks[-1][0] != "SETUP_LOOP":
+                waiting += (blocks[-1][1],)
+            blocks = blocks[:-1]
+        elif name in ("BREAK_LOOP", "CONTINUE_LOOP"):
+            while blocks and blocks[-1][0] != "SETUP_LOOP":
+                blocks = blocks[:-1]
+            if not blocks:
+                return (_kCatches, line, None, None, None), None, None
+            if name == "BREAK_LOOP":
+                jump, blocks = blocks[-1][1], blocks[:-1]
+        elif name == "CALL_FINALLY":
+            jump = None
+        other = None
+        if jump is not None:
+            other = (self._index_of_jump(jump), blocks, waiting, running)
+        if name in _kNoWayOn or place + 1 >= len(self.names):
+            return None, other, None
+        return None, (place + 1, blocks, waiting, running), other
+
+    def _is_end(self, place):
+        name = self.names[place]
+        if name == "COMPARE_OP":
+            return not _kHasTable and self.args[place] == _kExceptionMatch
+        return name in _kEndings
+
+    def _end(self, place, setup, region, line):
+        """Node for an instruction that decides."""
+        name, arg, offset = self.names[place], self.args[place], self.offsets[place]
+        following = self.names[place + 1] if place + 1 < len(self.names) else ""
+        if name in _kGoingOn or (name == "RAISE_VARARGS" and not arg):
+            return self._resolve(offset)
+        if name == "POP_EXCEPT" and following == "RERAISE":
+            return self._resolve(self.offsets[place + 1])
+        if name in _kWithEnds:
+            return (_kMay, line, setup, None, None)
+        if name == "CHECK_EG_MATCH":
+            return self._group(place)
+        if name in _kMatches:
+            return self._clause(place, setup, region)
+        return (_kCatches, line, None, None, None)
+
+    def _clause(self, place, setup, region):
+        line = self.line_at(self.offsets[place])
+        branch = place if self.names[place] == "JUMP_IF_NOT_EXC_MATCH" else place + 1
+        if self.jumps[branch] is None:
+            return _unknown
+        yes, no = branch + 1, self._index_of_jump(self.jumps[branch])
+        if "IF_TRUE" in self.names[branch]:
+            yes, no = no, yes
+        return (_kMatch, line, self._expression(place),
+                self._explore(yes, setup, region, line), self._explore(no, setup, region))
+
+    def _end_of_clauses(self, place):
+        """Offset of the END_FINALLY of the handler that the instruction is in."""
+        depth = 0
+        for position in range(place, len(self.names)):
+            if self.names[position] in _kSetups:
+                depth += 1
+            elif self.names[position] == "END_FINALLY":
+                if not depth:
+                    return self.offsets[position]
+                depth -= 1
+        return self.offsets[-1]
+
+    def _group(self, place):
+        """The `except*` clauses from this one on."""
+        expressions = []
+        for position in range(place, len(self.names)):
+            name = self.names[position]
+            if name == "CHECK_EG_MATCH":
+                expressions.append(self._expression(position))
+            elif name == "PREP_RERAISE_STAR" or (
+                    name == "CALL_INTRINSIC_2" and self.args[position] == 1):
+                break
+        for last in range(position, len(self.names)):
+            if self.names[last] == "RERAISE":
+                line = self.line_at(self.offsets[place])
+                return (_kGroup, line, expressions, None, self._resolve(self.offsets[last]))
+        return _unknown
+
+    def _line_of_clause(self, place):
+        for position in range(place, min(place + 3, len(self.names))):
+            line = self.line_at(self.offsets[position])
+            if line is not None and self.names[position] != "PUSH_EXC_INFO":
+                return line
+        return None
+
+    # --- the expression of a clause ---
+
+    def _expression(self, place):
+        """Operations that compute what stands behind `except`; None when that takes more."""
+        first = place
+        while first > 0 and self.names[first - 1] in _kLoads:
+            first -= 1
+        operations, depth = [], 0
+        for position in range(first, place):
+            name, arg = self.names[position], self.args[position]
+            for operation in _kLoads[name](self.code, arg):
+                operations.append(operation)
+                if operation[0] == "attr":
+                    depth -= 1
+                elif operation[0] == "tuple":
+                    depth -= operation[1]
+                if depth < 0:
+                    return None
+                depth += 1
+        return tuple(operations) if depth == 1 else None
+
+
+_kGoingOn = frozenset(("END_FINALLY", "RERAISE", "END_ASYNC_FOR", "CLEANUP_THROW"))
+_kWithEnds = frozenset(("WITH_CLEANUP", "WITH_CLEANUP_START", "WITH_EXCEPT_START"))
+_kMatches = frozenset(("COMPARE_OP", "JUMP_IF_NOT_EXC_MATCH", "CHECK_EXC_MATCH"))
+_kReturns = frozenset(("RETURN_VALUE", "RETURN_CONST"))
+_kEndings = _kGoingOn | _kWithEnds | _kMatches | _kReturns | frozenset(
+    ("RAISE_VARARGS", "POP_EXCEPT", "POP_FINALLY", "CHECK_EG_MATCH"))
+# These are met on the normal way, too, where a `finally` body has one copy.
+_kShared = frozenset(("END_FINALLY", "POP_FINALLY", "WITH_CLEANUP", "WITH_CLEANUP_START"))
+_kNoWayOn = _kReturns | frozenset((
+    "RAISE_VARARGS", "RERAISE", "BREAK_LOOP", "CONTINUE_LOOP", "JUMP_FORWARD", "JUMP_ABSOLUTE",
+    "JUMP_BACKWARD", "JUMP_BACKWARD_NO_INTERRUPT", "JUMP_NO_INTERRUPT"))
+
+
+def _load_deref(code, arg):
+    if hasattr(code, "_varname_from_oparg"):
+        return [("local", code._varname_from_oparg(arg))]
+    return [("local", (code.co_cellvars + code.co_freevars)[arg])]
+
+
+def _load_global(code, arg):
+    return [("global", code.co_names[arg >> 1 if _kHasTable else arg])]
+
+
+def _load_attr(code, arg):
+    return [("attr", code.co_names[arg >> 1 if sys.version_info >= (3, 12) else arg])]
+
+
+def _load_fast(code, arg):
+    return [("local", code.co_varnames[arg])]
+
+
+def _load_two(code, arg):
+    return [("local", code.co_varnames[arg >> 4]), ("local", code.co_varnames[arg & 15])]
+
+
+_kLoads = {
+    "LOAD_GLOBAL": _load_global,
+    "LOAD_NAME": lambda code, arg: [("name", code.co_names[arg])],
+    "LOAD_FAST": _load_fast,
+    "LOAD_FAST_CHECK": _load_fast,
+    "LOAD_FAST_BORROW": _load_fast,
+    "LOAD_FAST_LOAD_FAST": _load_two,
+    "LOAD_FAST_BORROW_LOAD_FAST_BORROW": _load_two,
+    "LOAD_DEREF": _load_deref,
+    "LOAD_CLASSDEREF": _load_deref,
+    "LOAD_CONST": lambda code, arg: [("const", code.co_consts[arg])],
+    "LOAD_ATTR": _load_attr,
+    "BUILD_TUPLE": lambda code, arg: [("tuple", arg)],
+}
+
+
+# --- values, without running code of the program --------------------------------------------
+
+
+def _is_type(value):
+    return type in _mro_of(type(value))
+
+
+def _derives(kind, base):
+    """Whether the class is or derives from the other, as `except` sees it."""
+    if _is_type(kind):
+        return base in _mro_of(kind)
+    if kind is base:
+        return True  # an old-style class of version 2
+    return any(_derives(parent, base) for parent in getattr(kind, "__bases__", ()))
+
+
+def _look_up(frame, kind, name):
+    """Value of a name in the frame; LookupError."""
+    if kind != "global":
+        places = frame.f_locals
+        if name in places:
+            return places[name]
+        if kind == "local":
+            raise LookupError(name)
+    if name in frame.f_globals:
+        return frame.f_globals[name]
+    return frame.f_builtins[name]
+
+
+def _attribute(value, name):
+    """What the attribute of a module or class is, where nothing but a dictionary decides that."""
+    if type(value) is _ModuleType:
+        return _dict_of_module(value)[name]
+    if type(value) is type:
+        for parent in _mro_of(value):
+            if name in _dict_of_type(parent):
+                return _dict_of_type(parent)[name]
+    raise LookupError(name)
+
+
+def _evaluate(frame, operations):
+    """Value of an `except` expression; LookupError when it is not to be had."""
+    stack = []
+    for what, arg in operations:
+        if what == "attr":
+            stack[-1] = _attribute(stack[-1], arg)
+        elif what == "tuple":
+            parts = stack[len(stack) - arg:]
+            del stack[len(stack) - arg:]
+            stack.append(tuple(parts))
+        elif what == "const":
+            stack.append(arg)
+        else:
+            stack.append(_look_up(frame, what, arg))
+    return stack[0]
+
+
+def _matches(frame, operations, kind):
+    """Whether the clause catches the exception: True, False, or None for perhaps."""
+    if operations is None:
+        return None
+    try:
+        if len(operations) == 1:
+            wanted = _look_up(frame, *operations[0]) if operations[0][0] != "const" else operations[0][1]
+        else:
+            wanted = _evaluate(frame, operations)
+    except (LookupError, AttributeError):
+        return None
+    return _matches_value(wanted, kind)
+
+
+def _matches_value(wanted, kind):
+    if isinstance(wanted, tuple):
+        answers = [_matches_value(part, kind) for part in tuple.__iter__(wanted)]
+        return True if True in answers else None if None in answers else False
+    if _is_type(wanted):
+        if _BaseException not in _mro_of(wanted):
+            return None  # an error of its own, or ignored
+        if _derives(kind, wanted):
+            return True
+        # Version 2 asks the class's metaclass.
+        return None if compat.PY2 and type(wanted) is not type else False
+    if _OldStyleClass is not None and isinstance(wanted, _OldStyleClass):
+        return _derives(kind, wanted)
+    return None
+
+
+def _leaves_of(group):
+    """Exceptions in a group, and in the groups in it."""
+    found, pending = [], [group]
+    while pending:
+        value = pending.pop()
+        if _Group in _mro_of(type(value)):
+            pending.extend(_members_of(value))
+        else:
+            found.append(value)
+    return found
+
+
+# --- the walk -------------------------------------------------------------------------------
+
+
+class tVerdict(object):
+    """answer: one of the constants above; frame, line: of the handler where there is one."""
+
+    __slots__ = ("answer", "frame", "line")
+
+    def __init__(self, answer, frame=None, line=None):
+        self.answer, self.frame, self.line = answer, frame, line
+
+    def __repr__(self):
+        where = self.frame.f_code.co_name if self.frame is not None else None
+        return "tVerdict({}, {}, {})".format(self.answer, where, self.line)
+
+
+_plans = {}  # id of a code object -> its plan, which keeps it alive
+
+
+def plan_of(code):
+    """The plan of the code object; remembered."""
+    plan = _plans.get(id(code))
+    if plan is None:
+        if len(_plans) >= _kMaxPlans:
+            _plans.clear()
+        plan = _plans[id(code)] = tCodePlan(code)
+    return plan
+
+
+def scan(frame, kind, value=None, reports=None, outermost=None):
+    """tVerdict for an exception that appears at the frame's current instruction.
+
+    kind, value   as in exc_info; the value matters for groups of exceptions only
+    reports       function (frame, line of the handler) -> whether that handler only prints or logs
+                  what it catches
+    outermost     frame beyond which nobody looks; default: the thread's outermost one
+    """
+    tracked = tException(kind, value)
+    inner = None
+    while frame is not None:
+        if inner is not None:
+            answer = _what_lies_between(inner, frame, tracked)
+            if answer is not None:
+                return tVerdict(answer, inner)
+        offset = frame.f_lasti
+        if offset >= 0:
+            code = frame.f_code
+            plan = _plans.get(id(code)) or plan_of(code)
+            node = plan.nodes.get(offset) or plan.node_at(offset)
+            if node is not _leaves:
+                node = tracked.follow(frame, node)
+                if node[0] != _kLeaves:
+                    return _conclude(node, frame, reports)
+        if frame is outermost:
+            break
+        inner, frame = frame, frame.f_back
+    return tVerdict(kUncaught)
+
+
+def _conclude(node, frame, reports):
+    if node[0] == _kMay:
+        return tVerdict(kUnknown, frame, node[1])
+    if reports is not None and reports(frame, node[1]):
+        return tVerdict(kReported, frame, node[1])
+    return tVerdict(kCaught, frame, node[1])
+
+
+class tException(object):
+    """An exception on its way outwards; what is left of it, when it is a group."""
+
+    __slots__ = ("kind", "parts", "is_attribute_error")
+
+    def __init__(self, kind, value):
+        self.kind, self.parts = kind, None
+        self.is_attribute_error = _derives(kind, AttributeError)
+        if _Group is not None and _Group in _mro_of(type(value)):
+            self.parts = _leaves_of(value)
+
+    def derives(self, base):
+        return _derives(self.kind, base)
+
+    def follow(self, frame, node):
+        """The node at which the exception ends: leaves, catches or may."""
+        while node[0] >= _kMatch:
+            if node[0] == _kMatch:
+                answer = _matches(frame, node[2], self.kind)
+                if answer is None:
+                    return (_kMay, node[1], None, None, None)
+                node = node[3] if answer else node[4]
+            else:
+                answer = self._match_group(frame, node[2])
+                if answer is None:
+                    return (_kMay, node[1], None, None, None)
+                node = (_kCatches, node[1], None, None, None) if answer else node[4]
+        return node
+
+    def _match_group(self, frame, clauses):
+        """Whether `except*` clauses leave nothing of the exception; None: perhaps."""
+        if self.parts is None:
+            answers = [_matches(frame, clause, self.kind) for clause in clauses]
+            return True if True in answers else None if None in answers else False
+        for clause in clauses:
+            answers = [_matches(frame, clause, type(part)) for part in self.parts]
+            if None in answers:
+                return None
+            self.parts = [part for part, found in zip(self.parts, answers) if not found]
+        return not self.parts
+
+
+# --- code in C between two frames -----------------------------------------------------------
+
+_kCoroutine = 0x80
+_kProbes = frozenset(("getattr", "hasattr"))
+_kGeneratorCalls = frozenset(("send", "throw", "close", "next", "__next__"))
+_kSubscripts = ("BINARY_SUBSCR", "BINARY_OP", "STORE_SUBSCR", "DELETE_SUBSCR", "BINARY_SLICE")
+_kSpecialCalls = frozenset(("__init__", "__new__", "__call__"))
+
+
+def _what_lies_between(inner, outer, tracked):
+    """The answer when the C code through which `outer` runs `inner` ends the exception, or may."""
+    code = inner.f_code
+    if code.co_flags & _kCoroutine and _is_call(outer):
+        # An await goes on outwards; a task of asyncio keeps the exception.
+        if not _kGeneratorCalls.intersection(outer.f_code.co_names):
+            return kUnknown
+    if tracked.is_attribute_error:
+        return _may_attribute_error_end(inner, outer)
+    if code.co_name[:2] == "__":
+        return _may_special_method_end(code.co_name, outer, tracked)
+    if compat.PY2 and "hasattr" in outer.f_code.co_names and _is_call(outer):
+        return kUnknown
+    return None
+
+
+def _may_special_method_end(name, outer, tracked):
+    if name in outer.f_code.co_names:
+        return None  # called like any function
+    if name == "__del__":
+        return kReported  # the interpreter prints and drops it
+    if name == "__getitem__" and tracked.derives(IndexError):
+        # How a loop over an object without __iter__ ends.
+        return None if _op_of(outer).startswith(_kSubscripts) else kUnknown
+    if name in ("__len__", "__length_hint__") and tracked.derives(TypeError):
+        return kUnknown
+    return None
+
+
+def _may_attribute_error_end(inner, outer):
+    """getattr() with a default, hasattr() and __getattr__ take it for an answer."""
+    op, code, names = _op_of(outer), inner.f_code, outer.f_code.co_names
+    if op.startswith(("LOAD_ATTR", "LOAD_METHOD", "LOAD_SUPER_ATTR")):
+        return kUnknown if _has_getattr(inner) else None
+    if not op.startswith(("CALL", "PRECALL", "IMPORT_FROM", "MATCH_")):
+        return None
+    if _kProbes.intersection(names):
+        return kUnknown
+    called = code.co_name in names or code.co_name in outer.f_code.co_varnames
+    return None if called or code.co_name in _kSpecialCalls or code.co_name[:1] == "<" else kUnknown
+
+
+def _has_getattr(frame):
+    """Whether the object that the method was called on computes attributes that it has not."""
+    code = frame.f_code
+    if code.co_name == "__getattr__" or not code.co_argcount:
+        return False
+    try:
+        first = frame.f_locals[code.co_varnames[0]]
+    except LookupError:
+        return True
+    return any("__getattr__" in _dict_of_type(parent) for parent in _mro_of(type(first)))
+
+
+def _op_of(frame):
+    return plan_of(frame.f_code).op_at(frame.f_lasti)
+
+
+def _is_call(frame):
+    op = _op_of(frame)
+    return op.startswith(("CALL", "PRECALL")) and not op.startswith("CALL_INTRINSIC")
+
+
+# --- all exception events of a process ------------------------------------------------------
+
+
+class tPassing(object):
+    """An exception on its way: the traceback of its last event, and what was said of it."""
+
+    __slots__ = ("traceback", "told", "catcher", "passed")
+
+    def __init__(self, traceback):
+        self.traceback = traceback  # its id: the object must be able to die
+        self.told = False
+        self.catcher = None         # id of the frame that was thought to end it
+        self.passed = False         # the exception has reached that frame
+
+
+_kMaxNested = 8  # exceptions in progress at the same time (raised in `finally` and `except`)
+
+
+class tRaiseWatch(object):
+    """Sorts exception events: one answer for each exception, at the first frame that is sure.
+
+    judge(frame, exc_info) is given every exception event, each frame that an exception passes
+    sends one.  The answer is a tVerdict when the event is a raise, or when an exception has gone
+    on where it was thought to end; None when it is on its way, and when it is no news.
+    """
+
+    def __init__(self, reports=None):
+        self._reports = reports
+        self._threads = {}  # thread ident -> [tPassing], the latest last
+
+    def judge(self, frame, exc_info, ident=None):
+        kind, value, traceback = exc_info
+        if traceback is None or kind in kNeverNews or self._is_never_news(kind):
+            return None
+        passing = self._find(traceback, ident)
+        if passing is not None:
+            if passing.told:
+                return None
+            if not passing.passed:
+                passing.passed = passing.catcher == id(frame)
+                return None
+        else:
+            passing = self._add(traceback, ident)
+        verdict = scan(frame, kind, value, self._reports)
+        passing.told = verdict.answer in (kUncaught, kReported)
+        passing.catcher = id(verdict.frame)
+        passing.passed = verdict.frame is frame
+        return verdict
+
+    def forget(self, ident=None):
+        """The thread has ended."""
+        self._threads.pop(compat.get_ident() if ident is None else ident, None)
+
+    def _is_never_news(self, kind):
+        return _is_type(kind) and any(base in _mro_of(kind) for base in kNeverNews)
+
+    def _find(self, traceback, ident):
+        before = traceback.tb_next
+        if before is None:
+            return None
+        before = id(before)
+        known = self._threads.get(compat.get_ident() if ident is None else ident, ())
+        for place in range(len(known) - 1, -1, -1):
+            passing = known[place]
+            if passing.traceback == before:
+                passing.traceback = id(traceback)
+                del known[place + 1:]
+                return passing
+        return None
+
+    def _add(self, traceback, ident):
+        known = self._threads.setdefault(compat.get_ident() if ident is None else ident, [])
+        if len(known) >= _kMaxNested:
+            del known[0]
+        passing = tPassing(id(traceback))
+        known.append(passing)
+        return passing
