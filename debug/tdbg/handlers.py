@@ -591,7 +591,7 @@ def scan(frame, kind, value=None, reports=None, outermost=None):
 
     kind, value   as in exc_info; the value matters for groups of exceptions only
     reports       function (frame, line of the handler) -> whether that handler only prints or logs
-                  what it catches
+                  what it catches; the line is None where it is not sure that a handler catches
     outermost     frame beyond which nobody looks; default: the thread's outermost one
     """
     tracked = tException(kind, value)
@@ -618,7 +618,8 @@ def scan(frame, kind, value=None, reports=None, outermost=None):
 
 def _conclude(node, frame, reports):
     if node[0] == _kMay:
-        return tVerdict(kUnknown, frame, node[1])
+        reported = reports is not None and reports(frame, None)
+        return tVerdict(kReported if reported else kUnknown, frame, node[1])
     if reports is not None and reports(frame, node[1]):
         return tVerdict(kReported, frame, node[1])
     return tVerdict(kCaught, frame, node[1])
@@ -765,12 +766,13 @@ class tRaiseWatch(object):
     """
 
     def __init__(self, reports=None):
+        self.quiet = ()     # types that are no news either
         self._reports = reports
         self._threads = {}  # thread ident -> [tPassing], the latest last
 
     def judge(self, frame, exc_info, ident=None):
         kind, value, traceback = exc_info
-        if traceback is None or kind in kNeverNews or self._is_never_news(kind):
+        if traceback is None or self._is_never_news(kind):
             return None
         passing = self._find(traceback, ident)
         if passing is not None:
@@ -792,7 +794,13 @@ class tRaiseWatch(object):
         self._threads.pop(compat.get_ident() if ident is None else ident, None)
 
     def _is_never_news(self, kind):
-        return _is_type(kind) and any(base in _mro_of(kind) for base in kNeverNews)
+        if not _is_type(kind):
+            return False
+        parents = _mro_of(kind)
+        for base in kNeverNews + self.quiet:
+            if base in parents:
+                return True
+        return False
 
     def _find(self, traceback, ident):
         before = traceback.tb_next
