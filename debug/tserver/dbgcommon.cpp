@@ -425,11 +425,12 @@ TDBG_API int get_code_firstlineno(PyCodeObject* co) {
 // Generators.
 
 TDBG_API int get_bool_attrib(PyObject* obj, const char* name, PyObject** cached_name_obj) {
-    PyObject* const name_obj = borrow_cached_name(cached_name_obj, name);
-    if (name_obj == nullptr || obj == nullptr) {
+    // Held: the owner of the cache may drop it while the object's own code runs.
+    tOwnedRef name_obj(new_ref(borrow_cached_name(cached_name_obj, name)));
+    if (!name_obj || obj == nullptr) {
         return -1;
     }
-    tOwnedRef value(gPy.PyObject_GetAttr(obj, name_obj));
+    tOwnedRef value(gPy.PyObject_GetAttr(obj, name_obj.borrow()));
     if (!value) {
         return -1;
     }

@@ -34,8 +34,9 @@ void reset_exc_data(tExcData* exc_data) {
 // ---- The index ----
 
 static PyObject* get_attribute(PyObject* obj, tNameCache* cache, const char* name) {  // new ref
-    PyObject* const name_obj = borrow_name(cache, name);
-    return name_obj != nullptr ? gPy.PyObject_GetAttr(obj, name_obj) : nullptr;
+    tOwnedRef name_obj(
+        new_ref(borrow_name(cache, name)));  // a reset meanwhile drops the cached one
+    return name_obj ? gPy.PyObject_GetAttr(obj, name_obj.borrow()) : nullptr;
 }
 
 // The list of the instances with this code name, made when there is none: borrowed from the dict.
@@ -51,13 +52,13 @@ static PyObject* borrow_or_make_list(PyObject* dict, PyObject* co_name) {
     return made.borrow();  // the dict holds it
 }
 
-static int add_to_index(tExcData* exc_data, PyObject* instance) {
+static int add_to_index(tExcData* exc_data, PyObject* dict, PyObject* instance) {
     tOwnedRef co_name(get_attribute(instance, &exc_data->syms.co_name, "co_name"));
     if (!co_name) {
         return -1;
     }
-    PyObject* const list = borrow_or_make_list(exc_data->catch_info_dict, co_name.borrow());
-    return list != nullptr ? gPy.PyList_Append(list, instance) : -1;
+    tOwnedRef list(new_ref(borrow_or_make_list(dict, co_name.borrow())));
+    return list ? gPy.PyList_Append(list.borrow(), instance) : -1;
 }
 
 int set_catch_info_list(tExcData* exc_data, PyObject* list) {
@@ -70,7 +71,8 @@ int set_catch_info_list(tExcData* exc_data, PyObject* list) {
         return count == 0 ? 0 : -1;
     }
     exc_data->catch_info_dict = gPy.PyDict_New();
-    if (exc_data->catch_info_dict == nullptr) {
+    tOwnedRef dict(new_ref(exc_data->catch_info_dict));  // an instance's code may reset us
+    if (!dict) {
         return -1;
     }
     for (Py_ssize_t i = 0; i < gPy.PyList_Size(list); i++) {
@@ -78,7 +80,7 @@ int set_catch_info_list(tExcData* exc_data, PyObject* list) {
         if (!instance && gPy.PyErr_Occurred() == nullptr) {
             continue;
         }
-        if (!instance || add_to_index(exc_data, instance.borrow()) == -1) {
+        if (!instance || add_to_index(exc_data, dict.borrow(), instance.borrow()) == -1) {
             return -1;
         }
     }
@@ -107,9 +109,9 @@ static tMatch match_module(tExcData* exc_data, PyObject* instance, PyFrameObject
         return wanted == nullptr ? kNoMatch : kMatch;
     }
     tOwnedRef globals(get_frame_globals(frame));
-    PyObject* const dunder_name = borrow_name(&exc_data->syms.dunder_name, "__name__");
-    tOwnedRef own(globals && dunder_name != nullptr
-                      ? gPy.PyObject_GetItem(globals.borrow(), dunder_name)
+    tOwnedRef dunder_name(new_ref(borrow_name(&exc_data->syms.dunder_name, "__name__")));
+    tOwnedRef own(globals && dunder_name
+                      ? gPy.PyObject_GetItem(globals.borrow(), dunder_name.borrow())
                       : nullptr);
     if (!own) {
         return kMatchFailed;
@@ -157,7 +159,8 @@ PyObject* find_catch_info(tExcData* exc_data, PyFrameObject* frame) {
     if (!name || name.borrow() == gPy.Py_None || exc_data->catch_info_dict == nullptr) {
         return fail_search();
     }
-    tOwnedRef list(new_ref(gPy.PyDict_GetItemWithError(exc_data->catch_info_dict, name.borrow())));
+    tOwnedRef dict(new_ref(exc_data->catch_info_dict));
+    tOwnedRef list(new_ref(gPy.PyDict_GetItemWithError(dict.borrow(), name.borrow())));
     if (!list) {
         DPRINTF(kLogExceptions,
                 "  null info_list; looking for %s\n",

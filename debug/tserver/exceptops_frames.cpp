@@ -102,7 +102,8 @@ int set_frame_exc_info(tExcData* exc_data, PyFrameObject* frame, PyObject* exc_i
     if (exc_data->exc_info_for_frame == nullptr) {
         return -1;
     }
-    return gPy.PyDict_SetItem(exc_data->exc_info_for_frame, frame, exc_info);
+    tOwnedRef dict(new_ref(exc_data->exc_info_for_frame));
+    return gPy.PyDict_SetItem(dict.borrow(), frame, exc_info);
 }
 
 PyObject* find_frame_exc_info(tExcData* exc_data, PyFrameObject* frame) {

@@ -129,6 +129,7 @@ void reinit_thread_data_for_tstate(tThreadData* td, PyThreadState* tstate) {
     forget_last_record(td);
     const tThreadData old = *td;
     fill_thread_data(td, tstate);
+    td->hold_count = old.hold_count;
     if (td->tstate_id == old.tstate_id) {
         td->debug_thread_policy = old.debug_thread_policy;
     }
@@ -146,7 +147,8 @@ void free_thread_data(tThreadData* td) {
 }
 
 static bool is_in_use(const tThreadData* td) {
-    return td->dbgserver_mutex_acquired_count != 0 || td->active_dispatch_ctx != nullptr;
+    return td->dbgserver_mutex_acquired_count != 0 || td->active_dispatch_ctx != nullptr ||
+           td->hold_count != 0;
 }
 
 bool free_thread_data_if_unused(tThreadData* td) {

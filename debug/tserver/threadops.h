@@ -39,6 +39,7 @@ struct tThreadData {
     int f_trace_update_counted;         // need_f_trace_update is counted in the tracer's state
     PyFrameObject* unnamed_parents[8];  // only compared: below these frames no name was found
     tThreadData* next_removed;  // list of the records that clear_thread_table is about to free
+    int hold_count;             // uses across Python calls, see tHeldThreadData; survives reinit
 };
 
 using tThreadIdentFunc = long (*)();
@@ -67,6 +68,28 @@ TDBG_API void free_thread_data(tThreadData* td);
 // For the holder: frees a removed record once neither the mutex nor a dispatch keeps it. True =
 // freed.
 bool free_thread_data_if_unused(tThreadData* td);
+
+// Keeps a record, which may be null, while Python code runs that may take it out of its table: a
+// reset by the debug server or a wait in which other threads run.
+class tHeldThreadData {
+public:
+    explicit tHeldThreadData(tThreadData* td) : td_(td) {
+        if (td_ != nullptr) {
+            td_->hold_count++;
+        }
+    }
+    ~tHeldThreadData() {
+        if (td_ != nullptr) {
+            td_->hold_count--;
+            free_thread_data_if_unused(td_);
+        }
+    }
+    tHeldThreadData(const tHeldThreadData&) = delete;
+    tHeldThreadData& operator=(const tHeldThreadData&) = delete;
+
+private:
+    tThreadData* td_;
+};
 
 // The table. Records found are borrowed.
 TDBG_API void init_thread_table(CUt_HashTable* table);

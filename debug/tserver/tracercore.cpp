@@ -232,6 +232,7 @@ int __tracer_init(PyObject* module,
     gSelf.stat_imports = 0;
     gSelf.pid = gPy.cached_pid;
     init_exc_data(&gSelf.exc_data);
+    gSelf.pending_exc_count = 0;
     gSelf.thread_f_trace_update_count = 0;
     gSelf.use_eval_frame = 1;
     forget_eval_frame_defaults();
@@ -262,19 +263,13 @@ void __tracer_destroy() {
     set_owned<PyObject>(&gSelf.catch_all_code_objects, nullptr);
 }
 
-// The mutex of the parent may be held by a thread that does not exist here.
-static void forget_mutex_of_lost_thread() {
-    if (gSelf.mutex_thread_id == -1 || gSelf.mutex_thread_id == get_thread_ident()) {
-        return;
-    }
-    gSelf.mutex = allocate_thread_mutex();  // the old one stays locked for ever: leaked
-    gSelf.mutex_thread_id = -1;
-}
-
 void __tracer_fork_ok() {
+    const bool is_child = gSelf.pid != getpid();
     gSelf.idle_time_threshold = 0;
     gSelf.pid = getpid();
-    forget_mutex_of_lost_thread();
+    if (is_child) {
+        renew_mutex_after_fork();
+    }
     update_idle_thread_maybe_after_fork(&gSelf.global_idle_thread_data);
 }
 

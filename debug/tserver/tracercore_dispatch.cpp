@@ -34,6 +34,7 @@ static PyObject* call_with_arguments(PyObject* callback, PyObject* a, PyObject* 
 bool call_server(const char* failure, PyObject* callback, PyObject* a, PyObject* b) {
     tMaybeSavedErrno keep_errno;
     tRecursionHeadroom room(kRecursionHeadroom);
+    tOwnedRef held(new_ref(callback));  // init may replace it meanwhile
     tOwnedRef result(call_with_arguments(callback, a, b));
     if (!result) {
         log_failure(failure);

@@ -17,7 +17,8 @@ static int stop_tracer(tDispatchCtx* ctx, const char* message) {
 // ---- Line ----
 
 static bool stops_at_breakpoint(tDispatchCtx* ctx) {
-    if (!tracer_maybe_break_here_without_mutex(&gSelf.bp_ops_data, ctx->thread_data, ctx->frame) ||
+    if (ctx->breakpoints_asked ||
+        !tracer_maybe_break_here_without_mutex(&gSelf.bp_ops_data, ctx->thread_data, ctx->frame) ||
         !dispatch_ctx_acquire_mutex(ctx)) {
         return false;
     }
@@ -139,7 +140,7 @@ int dispatch_call(tDispatchCtx* ctx) {
         return 0;
     }
     DPRINTF(kLogInternalFailures, "Failure: dispatch_call_without_mutex()\n");
-    if (outcome == kCallRaises) {
+    if (outcome == kCallRaises && gPy.PyErr_Occurred() != nullptr) {
         DPRINTF(kLogCore, "PROPAGATING EXCEPTION INTO USER CODE\n");
         ctx->propagate_exception = 1;
         return 0;
@@ -269,6 +270,7 @@ static int translate_key_frame(tThreadData* thread_data, tExcPlace* place, tOwne
     tOwnedRef file(*translation ? gPy.PySequence_GetItem(translation->borrow(), 0) : nullptr);
     tOwnedRef line(*translation ? gPy.PySequence_GetItem(translation->borrow(), 1) : nullptr);
     place->file = file ? _pystring_to_c_string(file.borrow()) : nullptr;
+    translation->reset(file.give_away());  // the answer need not keep it
     place->line = line ? static_cast<long>(int_from_object(line.borrow())) : -1;
     if (place->file == nullptr || gPy.PyErr_Occurred() != nullptr) {
         log_failure("Exception from _TranslateFrame in __tracer_sub_language_get_frame_category\n");
@@ -324,8 +326,9 @@ static bool is_filtered(const tExcPlace& place) {
 static PyObject* call_exception_cb(PyFrameObject* frame, PyObject* exc_info) {
     tMaybeSavedErrno keep_errno;
     tRecursionHeadroom room(kExceptionRecursionHeadroom);
-    return exc_info != nullptr ? do_two_arg_call(gSelf.exception_cb, frame, exc_info)
-                               : do_one_arg_call(gSelf.exception_cb, frame);
+    tOwnedRef callback(new_ref(gSelf.exception_cb));
+    return exc_info != nullptr ? do_two_arg_call(callback.borrow(), frame, exc_info)
+                               : do_one_arg_call(callback.borrow(), frame);
 }
 
 int do_exception_callback_if_not_filtered(PyFrameObject* frame, PyObject* exc_info) {
@@ -363,7 +366,7 @@ static int report_exception(tDispatchCtx* ctx, PyObject* exc_info) {
 }
 
 // What the frame raised, for the moment at which the exception leaves it.
-static void record_exception(tDispatchCtx* ctx) {
+static void record_exception(tDispatchCtx* ctx, bool was_reported) {
     if (gSelf.exc_data.to_be_ignored) {
         return;
     }
@@ -373,7 +376,9 @@ static void record_exception(tDispatchCtx* ctx) {
     if (!prints && (!is_bottom || get_frame_iblock(ctx->frame) != -1)) {
         return;
     }
-    if (set_frame_exc_info(&gSelf.exc_data, ctx->frame, ctx->arg) == -1) {
+    // None: the user has seen it already, and it is not reported again where it leaves the frame.
+    PyObject* const exc_info = was_reported ? gPy.Py_None : ctx->arg;
+    if (set_frame_exc_info(&gSelf.exc_data, ctx->frame, exc_info) == -1) {
         log_failure("  set_frame_exc_info failed\n");
     }
 }
@@ -398,13 +403,19 @@ static int stop_on_stop_iteration(tDispatchCtx* ctx) {
     return -1;
 }
 
-static int treat_exception(tDispatchCtx* ctx, PyObject* exc_type) {
+enum tExceptionAction { kPassOn, kReport, kShowAsLine };
+
+static tExceptionAction decide_on_exception(tDispatchCtx* ctx, PyObject* exc_type) {
     if (!__tracer_stop_here_without_mutex(ctx, kStopException)) {
-        return stop_at_exception_no_filters(ctx->frame, exc_type) ? report_exception(ctx, ctx->arg)
-                                                                  : 0;
+        return stop_at_exception_no_filters(ctx->frame, exc_type) ? kReport : kPassOn;
     }
-    return is_end_of_stepped_over_generator(ctx, exc_type) ? stop_on_stop_iteration(ctx)
-                                                           : report_exception(ctx, ctx->arg);
+    return is_end_of_stepped_over_generator(ctx, exc_type) ? kShowAsLine : kReport;
+}
+
+static int treat_exception(tDispatchCtx* ctx, tExceptionAction action) {
+    return action == kReport       ? report_exception(ctx, ctx->arg)
+           : action == kShowAsLine ? stop_on_stop_iteration(ctx)
+                                   : 0;
 }
 
 int dispatch_exception(tDispatchCtx* ctx) {
@@ -423,10 +434,11 @@ int dispatch_exception(tDispatchCtx* ctx) {
     if (gDPrintfFile != nullptr) {
         do_dprintf(kLogExceptions, "exc_type: %s\n", get_dprintf_repr_str1(nullptr, exc_type));
     }
-    if (treat_exception(ctx, exc_type) != 0) {
+    const tExceptionAction action = decide_on_exception(ctx, exc_type);
+    if (treat_exception(ctx, action) != 0) {
         return stop_tracer(ctx, "TRACER EXC STOPPED TRACER\n");
     }
-    record_exception(ctx);
+    record_exception(ctx, action == kReport);
     return 0;
 }
 
@@ -485,17 +497,25 @@ static PyObject* new_exc_info_of_pending_error() {  // new ref; null with an exc
     return info;
 }
 
+// Reported already where it was raised, or of a kind that never stops.
+static bool is_settled(PyObject* exc_info) {
+    if (exc_info == nullptr) {
+        return false;
+    }
+    return exc_info == gPy.Py_None ||
+           matches_exception(gPy.PyTuple_GetItem(exc_info, 0), gSelf.never_stop_excepts);
+}
+
 static bool is_exit_reported(tDispatchCtx* ctx, PyObject* exc_info) {
     const bool prints =
         asks_who_prints() && parent_frame_prints_exc(&gSelf.exc_data, ctx->frame) != 0;
     if (ctx->frame != ctx->thread_data->bot_frame || get_frame_iblock(ctx->frame) != -1) {
-        return prints;
+        return prints && !is_settled(exc_info);
     }
     // From 3.11 on nothing tells at the raise whether the bottom frame will catch it, so here is
     // where the exception that ends the thread is reported.
     ctx->thread_data->exiting_on_exception = 1;
-    return exc_info == nullptr ||
-           !matches_exception(gPy.PyTuple_GetItem(exc_info, 0), gSelf.never_stop_excepts);
+    return !is_settled(exc_info);
 }
 
 static int report_exit_by_exception(tDispatchCtx* ctx) {

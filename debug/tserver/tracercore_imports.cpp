@@ -17,7 +17,8 @@ void __call_import_cb(PyObject* module) {
     tOwnedRef result(do_one_arg_call(callback.borrow(), module));
     tThreadData* const thread_data = gSelf.sub_language_hooks ? current_thread_data() : nullptr;
     if (thread_data != nullptr && thread_data->sub_language_hook != nullptr) {
-        __tracer_load_sub_language_frames(thread_data->sub_language_hook);
+        tOwnedRef hook(new_ref(thread_data->sub_language_hook));
+        __tracer_load_sub_language_frames(hook.borrow());
     }
     gSelf.import_cb_active = 0;
 }
@@ -67,6 +68,7 @@ static PyObject* call_default_import(PyObject* args, PyObject* kw) {
 // Runs for the program: what goes wrong here is ours, and the import stands.
 static void process_imported_module(PyThreadState* tstate, PyObject* module) {
     tThreadData* const thread_data = current_thread_data();
+    tHeldThreadData held(thread_data);
     tSavedError saved;
     tServerLock lock(thread_data);
     if (!lock.held()) {

@@ -48,7 +48,7 @@ int update_f_trace(PyFrameObject* frame, tThreadData* thread_data) {
 
 // ---- A stack ----
 
-static void forget_scheduled_update(tThreadData* thread_data) {
+void forget_scheduled_update(tThreadData* thread_data) {
     thread_data->need_f_trace_update = 0;
     if (thread_data->f_trace_update_counted) {
         thread_data->f_trace_update_counted = 0;
@@ -57,6 +57,7 @@ static void forget_scheduled_update(tThreadData* thread_data) {
 }
 
 int update_all_f_trace_in_stack(PyFrameObject* frame, tThreadData* thread_data) {
+    tHeldThreadData held(thread_data);  // breakpoints may be looked for with the server's help
     int failed = 0;
     tOwnedFrame current(static_cast<PyFrameObject*>(new_ref(frame)));
     while (current) {
@@ -78,13 +79,23 @@ int update_all_f_trace_in_thread(PyThreadState* tstate, tThreadData* thread_data
 // ---- All stacks ----
 
 PyObject* call_sys_current_frames() {
-    PyObject* const function = gPy.PySys_GetObject("_current_frames");
-    tOwnedRef frames(function != nullptr ? gPy.PyObject_CallObject(function, nullptr) : nullptr);
+    tOwnedRef function(new_ref(gPy.PySys_GetObject("_current_frames")));
+    tOwnedRef frames(function ? gPy.PyObject_CallObject(function.borrow(), nullptr) : nullptr);
     if (!frames || !is_instance_of(frames.borrow(), gPy.PyDict_Type_ptr)) {
         log_failure("Failure in call_sys_current_frame()\n");
         return nullptr;
     }
     return frames.give_away();
+}
+
+// Records are known by their addresses there, and looking for breakpoints may reset the tracer.
+static bool is_record_in_table(const tThreadData* thread_data) {
+    CUt_HashSearch search;
+    CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search);
+    while (entry != nullptr && entry->clientData != thread_data) {
+        entry = CU_NextHashEntry(&search);
+    }
+    return entry != nullptr;
 }
 
 int sync_update_f_trace_in_all_threads() {
@@ -103,7 +114,7 @@ int sync_update_f_trace_in_all_threads() {
         }
         PyFrameObject* const frame = static_cast<PyFrameObject*>(value);
         tThreadData* const thread_data = find_thread_data_from_frame(frame, records.borrow());
-        if (thread_data != nullptr) {
+        if (thread_data != nullptr && is_record_in_table(thread_data)) {
             update_all_f_trace_in_stack(frame, thread_data);
         }
     }
@@ -194,9 +205,9 @@ int set_tstate_trace_function(PyThreadState* tstate, tThreadData* thread_data) {
     return result;
 }
 
-static PyFrameObject* get_outermost_real_frame(PyThreadState* tstate) {  // new ref or null
+static PyFrameObject* get_outermost_real_frame(PyFrameObject* innermost) {  // new ref or null
     tOwnedFrame outermost;
-    tOwnedFrame frame(get_thread_state_frame(tstate));
+    tOwnedFrame frame(static_cast<PyFrameObject*>(new_ref(innermost)));
     while (frame) {
         tOwnedFrame back(get_frame_back(frame.borrow()));
         if (is_frame(frame.borrow())) {
@@ -213,7 +224,10 @@ void install_tracer_into_frames(PyThreadState* tstate) {
         log_failure("Failure in install_tracer_into_frames()\n");
         return;
     }
-    PyFrameObject* const bottom = get_outermost_real_frame(tstate);
+    tHeldThreadData held(thread_data);
+    // Taken now: what follows may let the thread run on, and end.
+    tOwnedFrame innermost(get_thread_state_frame(tstate));
+    PyFrameObject* const bottom = get_outermost_real_frame(innermost.borrow());
     set_owned(&thread_data->curr_frame, static_cast<PyFrameObject*>(new_ref(gPy.Py_None)));
     set_owned(&thread_data->bot_frame,
               bottom != nullptr ? bottom : static_cast<PyFrameObject*>(new_ref(gPy.Py_None)));
@@ -222,7 +236,7 @@ void install_tracer_into_frames(PyThreadState* tstate) {
             "install_tracer_into_frames(): thread_data->bot_frame = %p (Py_None is %p)\n",
             static_cast<void*>(thread_data->bot_frame),
             static_cast<void*>(gPy.Py_None));
-    update_all_f_trace_in_thread(tstate, thread_data);
+    update_all_f_trace_in_stack(innermost.borrow(), thread_data);
     thread_data->tracing = 1;
 }
 
@@ -241,12 +255,12 @@ static void remove_tracer_from_frame(PyFrameObject* frame) {
 }
 
 void remove_tracer_from_frames(PyThreadState* tstate) {
+    tOwnedFrame frame(get_thread_state_frame(tstate));
     tThreadData* const thread_data = get_other_thread_data(&gSelf.thread_data, tstate);
     if (thread_data != nullptr) {
-        DPRINTF(kLogCore, "Setting thread_data->tracing to FALSE\n");
         thread_data->tracing = 0;
+        DPRINTF(kLogCore, "Setting thread_data->tracing to FALSE\n");
     }
-    tOwnedFrame frame(get_thread_state_frame(tstate));
     while (frame) {
         remove_tracer_from_frame(frame.borrow());
         frame.reset(get_frame_back(frame.borrow()));
@@ -345,7 +359,9 @@ static void start_tracing_thread(PyThreadState* tstate) {
         return;
     }
     set_tstate_trace_function(tstate, thread_data);
-    install_tracer_into_frames(tstate);
+    if (is_thread_state_alive(tstate)) {
+        install_tracer_into_frames(tstate);
+    }
 }
 
 // 3.12 and later have a function for all threads at once, and offer no other for foreign ones.
@@ -373,7 +389,8 @@ void install_start_thread_hooks(int install) {
         return;
     }
     tTracingOff quiet(gPy.PyThreadState_Get());  // the debug server's own code: nothing to stop in
-    tOwnedRef result(do_one_arg_call(gSelf.install_thread_hooks_cb, flag.borrow()));
+    tOwnedRef callback(new_ref(gSelf.install_thread_hooks_cb));
+    tOwnedRef result(do_one_arg_call(callback.borrow(), flag.borrow()));
 }
 
 static bool is_interpreter_supported() {
@@ -400,6 +417,9 @@ int __tracer_start_trace() {
     gSelf.tracing = 1;
     initial_module_scan();
     initial_frame_scan();
+    if (!gSelf.tracing) {
+        return 1;  // import_cb has thought better of it
+    }
     start_tracing_all_threads();
     tThreadData* const thread_data = current_thread_data();
     if (thread_data != nullptr) {
@@ -407,7 +427,9 @@ int __tracer_start_trace() {
     }
     install_start_thread_hooks(1);
     update_eval_frame();
-    start_idle_thread(&gSelf.global_idle_thread_data);
+    if (gSelf.tracing) {
+        start_idle_thread(&gSelf.global_idle_thread_data);
+    }
     return 1;
 }
 
@@ -426,7 +448,9 @@ static void stop_tracing_thread(PyThreadState* tstate) {
         // finds tracing off, takes the function out from within.
         set_tstate_trace_function(tstate, thread_data);
     }
-    remove_tracer_from_frames(tstate);
+    if (is_thread_state_alive(tstate)) {
+        remove_tracer_from_frames(tstate);
+    }
 }
 
 static void stop_tracing_current_thread() {

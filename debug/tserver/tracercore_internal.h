@@ -1,6 +1,8 @@
 // tracercore_internal.h -- what only the parts of the tracer core share.
 #pragma once
 
+#include <stdlib.h>
+
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "guards.h"
@@ -61,17 +63,26 @@ private:
     int errno_;
 };
 
-// Calls `visit` for every thread state of the calling thread's interpreter.
+// tracercore_threads.cpp: the thread states of the calling thread's interpreter as they are now,
+// without the idle thread's, which runs nothing of the program.
+struct tThreadStates {
+    PyThreadState** states;  // owned: free()
+    size_t count;
+};
+tThreadStates list_thread_states();
+// The thread has not ended meanwhile.
+bool is_thread_state_alive(const PyThreadState* tstate);
+
+// Calls `visit` for each of them. A visit may let other threads run, and so end.
 template <class Visit>
 inline void for_each_thread_state(Visit visit) {
-    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
-    if (interp == nullptr) {
-        return;
+    const tThreadStates list = list_thread_states();
+    for (size_t i = 0; i < list.count; i++) {
+        if (is_thread_state_alive(list.states[i])) {
+            visit(list.states[i]);
+        }
     }
-    for (PyThreadState* tstate = gPy.PyInterpreterState_ThreadHead(interp); tstate != nullptr;
-         tstate = gPy.PyThreadState_Next(tstate)) {
-        visit(tstate);
-    }
+    free(list.states);
 }
 
 // tracercore_dispatch.cpp: a callback of the debug server with up to two arguments, with room on
@@ -89,6 +100,12 @@ int dispatch_return(tDispatchCtx* ctx);
 int dispatch_exception(tDispatchCtx* ctx);
 // The frame is being left by an exception (return event).
 bool is_left_by_exception(const tDispatchCtx* ctx);
+
+// tracercore_mutex.cpp: in a forked child, where only the forking thread lives on.
+void renew_mutex_after_fork();
+
+// tracercore_install.cpp: the record's own look at its frames is not due any more.
+void forget_scheduled_update(tThreadData* thread_data);
 
 // tracercore_threads.cpp
 // The record of the thread that Python names by its id: null for an unknown one, and with an

@@ -13,15 +13,26 @@ static void refresh_other_threads_lines() {
     }
 }
 
+// How often the holder has it, by whatever record: a reset inside a callback leaves a thread with
+// two, the one of the dispatch that is running and a new one.
+static constinit int gMutexDepth = 0;
+
+static bool holds_mutex(const tThreadData* thread_data) {
+    return gSelf.mutex_thread_id != -1 && gSelf.mutex_thread_id == thread_data->thread_id;
+}
+
 int acquire_dbgserver_mutex(tThreadData* thread_data) {
-    if (thread_data->dbgserver_mutex_acquired_count > 0) {
+    if (thread_data->dbgserver_mutex_acquired_count > 0 || holds_mutex(thread_data)) {
         thread_data->dbgserver_mutex_acquired_count++;
+        gMutexDepth++;
         return 1;
     }
+    tHeldThreadData held(thread_data);  // while this thread waits another one may reset
     if (!acquire_thread_mutex(gSelf.mutex, 1)) {
         return 0;
     }
     gSelf.mutex_thread_id = thread_data->thread_id;
+    gMutexDepth = 1;
     thread_data->dbgserver_mutex_acquired_count++;
     refresh_other_threads_lines();
     return 1;
@@ -31,18 +42,27 @@ void release_dbgserver_mutex(tThreadData* thread_data) {
     if (thread_data->dbgserver_mutex_acquired_count == 0) {
         return;  // never acquired: there is nothing to give back
     }
-    if (--thread_data->dbgserver_mutex_acquired_count != 0) {
+    tHeldThreadData held(thread_data);  // frees a removed one at the end
+    thread_data->dbgserver_mutex_acquired_count--;
+    if (!holds_mutex(thread_data) || --gMutexDepth != 0) {
         return;
     }
-    if (gSelf.mutex_thread_id == thread_data->thread_id) {
-        gSelf.mutex_thread_id = -1;
-        release_thread_mutex(gSelf.mutex);
-        refresh_other_threads_lines();
-        if (thread_data->dbgserver_mutex_acquired_count != 0) {
-            return;
-        }
+    gSelf.mutex_thread_id = -1;
+    release_thread_mutex(gSelf.mutex);
+    refresh_other_threads_lines();
+}
+
+// A child has the lock as it was in its parent: perhaps locked by a thread that does not exist
+// here, which need not even have got to writing down that it holds it.
+void renew_mutex_after_fork() {
+    if (gSelf.mutex_thread_id == get_thread_ident()) {
+        return;  // this thread forked in a callback
     }
-    free_thread_data_if_unused(thread_data);
+    gSelf.mutex = allocate_thread_mutex();  // the old one is leaked
+    gSelf.mutex_thread_id = -1;
+    gMutexDepth = 0;
+    gSelf.idling = 0;  // whoever ran these callbacks held it
+    gSelf.import_cb_active = 0;
 }
 
 int dbgserver_mutex_held(tThreadData* thread_data) {
@@ -80,8 +100,9 @@ int dispatch_ctx_acquire_mutex(tDispatchCtx* ctx) {
 }
 
 static PyObject* get_checksum(const char* file_name) {
+    tOwnedRef callback(new_ref(gSelf.get_checksum_cb));
     tOwnedRef name(new_native_string(file_name));
-    tOwnedRef checksum(name ? do_one_arg_call(gSelf.get_checksum_cb, name.borrow()) : nullptr);
+    tOwnedRef checksum(name ? do_one_arg_call(callback.borrow(), name.borrow()) : nullptr);
     if (!checksum) {
         log_failure("Failure: get_file_checksum()\n");
         return new_ref(gPy.Py_None);

@@ -10,6 +10,9 @@
 
 // A stop that is due anyway still counts the hits of breakpoints on its line.
 static void count_breakpoint_hits(tDispatchCtx* ctx, int event_type) {
+    if (ctx->breakpoints_asked) {
+        return;
+    }
     __tracer_break_here(&gSelf.bp_ops_data, event_type, ctx->thread_data, ctx->frame, 1);
 }
 
@@ -63,6 +66,15 @@ static bool stops_by_stepping_state(tDispatchCtx* ctx, int event_type) {
     return stops_after_leaving_stop_frame(ctx, event_type);
 }
 
+// An answer that cannot be had counts as yes; its exception is not the program's.
+static bool is_in_implementation(tThreadData* thread_data, PyFrameObject* frame) {
+    const long in_impl = __tracer_sub_language_in_impl(thread_data, frame);
+    if (in_impl == -1 && gPy.PyErr_Occurred() != nullptr) {
+        log_failure("__tracer_sub_language_in_impl failed\n");
+    }
+    return in_impl != 0;
+}
+
 int __tracer_stop_here_without_mutex(tDispatchCtx* ctx, int event_type) {
     if (gSelf.import_cb_active) {
         DPRINTF(kLogCore, "Not stopping here because import callback is active\n");
@@ -83,7 +95,7 @@ int __tracer_stop_here_without_mutex(tDispatchCtx* ctx, int event_type) {
             return 1;
         }
         if (!dispatch_ctx_acquire_mutex(ctx) ||
-            __tracer_sub_language_in_impl(ctx->thread_data, ctx->frame) != 0) {
+            is_in_implementation(ctx->thread_data, ctx->frame)) {
             return 0;
         }
     }
@@ -119,14 +131,19 @@ struct tStep {
     int stop_when_exited;
 };
 
+// The old frames are dropped last: what they drag along may run Python code.
 static PyObject* start_step(tThreadData* thread_data, const tStep& step) {
+    tHeldThreadData held(thread_data);
+    tOwnedFrame old_stop_frame(thread_data->stop_frame);
+    tOwnedFrame old_return_frame(step.return_frame != nullptr ? thread_data->return_frame
+                                                              : nullptr);
+    thread_data->stop_frame = step.stop_frame;
+    if (step.return_frame != nullptr) {
+        thread_data->return_frame = step.return_frame;
+    }
     thread_data->step_over_lineno_start = step.first_line;
     thread_data->step_over_lineno_end = step.last_line;
     thread_data->stop_when_exited_stop_frame = step.stop_when_exited;
-    if (step.return_frame != nullptr) {
-        set_owned(&thread_data->return_frame, step.return_frame);
-    }
-    set_owned(&thread_data->stop_frame, step.stop_frame);
     return finish_command(thread_data);
 }
 
@@ -183,13 +200,26 @@ PyObject* _tracer_step_over_line_range(PyObject* /*self*/, PyObject* args) {
     return thread_data == nullptr ? nullptr : step_over_lines(thread_data, first_line, last_line);
 }
 
+static bool is_frame_or_none(PyObject* obj) {
+    return is_frame(obj) || obj == gPy.Py_None;
+}
+
+// New ref; null with an exception set, its own or that of a bad answer.
+static PyFrameObject* ask_hook_for_step_out_frame(PyObject* hook, PyFrameObject* current) {
+    tOwnedRef answer(gPy.PyObject_CallMethod(hook, "_GetStepOutFrame", "O", current));
+    if (answer && !is_frame_or_none(answer.borrow())) {
+        gPy.PyErr_SetString(gPy.PyExc_TypeError, "_GetStepOutFrame must return a frame or None");
+        return nullptr;
+    }
+    return static_cast<PyFrameObject*>(answer.give_away());
+}
+
 // Frame that a step out of `current` stops in: new ref, None when there is none; null with an
 // exception of the sub-language hook.
-static PyFrameObject* get_step_out_frame(tThreadData* thread_data) {
-    PyFrameObject* const current = thread_data->curr_frame;
+static PyFrameObject* get_step_out_frame(tThreadData* thread_data, PyFrameObject* current) {
     if (thread_data->sub_language_hook != nullptr) {
-        return static_cast<PyFrameObject*>(gPy.PyObject_CallMethod(
-            thread_data->sub_language_hook, "_GetStepOutFrame", "O", current));
+        tOwnedRef hook(new_ref(thread_data->sub_language_hook));
+        return ask_hook_for_step_out_frame(hook.borrow(), current);
     }
     PyFrameObject* const parent = is_frame(current) ? get_frame_back(current) : nullptr;
     return parent != nullptr ? parent : new_none_frame();
@@ -200,11 +230,13 @@ PyObject* _tracer_step_out(PyObject* /*self*/, PyObject* /*args*/) {
     if (thread_data == nullptr) {
         return nullptr;
     }
-    PyFrameObject* const target = get_step_out_frame(thread_data);
+    tHeldThreadData held(thread_data);
+    tOwnedFrame current(new_frame_ref(thread_data->curr_frame));
+    PyFrameObject* const target = get_step_out_frame(thread_data, current.borrow());
     if (target == nullptr) {
         return nullptr;
     }
-    return start_step(thread_data, {target, new_frame_ref(thread_data->curr_frame), -1, -1, 1});
+    return start_step(thread_data, {target, current.give_away(), -1, -1, 1});
 }
 
 PyObject* _tracer_step_out_to_frame(PyObject* /*self*/, PyObject* args) {
@@ -212,7 +244,7 @@ PyObject* _tracer_step_out_to_frame(PyObject* /*self*/, PyObject* args) {
     if (!gPy.PyArg_ParseTuple(args, "O:step_out_to_frame", &frame)) {
         return nullptr;
     }
-    if (!is_frame(frame) && frame != gPy.Py_None) {
+    if (!is_frame_or_none(frame)) {
         gPy.PyErr_SetString(gPy.PyExc_TypeError, "step_out_to_frame needs a frame object");
         return nullptr;
     }
@@ -232,15 +264,20 @@ static int show_frame_to_server(tThreadData* thread_data, PyFrameObject* frame) 
     PyFrameObject* const saved_frame = thread_data->curr_frame;
     thread_data->curr_frame = new_frame_ref(frame);
     tRecursionHeadroom room(kRecursionHeadroom);
-    tOwnedRef result(do_one_arg_call(gSelf.line_cb, frame));
+    tOwnedRef callback(new_ref(gSelf.line_cb));
+    tOwnedRef result(do_one_arg_call(callback.borrow(), frame));
     set_owned(&thread_data->curr_frame, saved_frame);
     return result ? 0 : -1;
 }
 
 int tracer_break_at_current_line(int obtain_mutex) {
+    if (gPy.cached_pid != gSelf.pid) {
+        return 0;  // a forked child that is not to be debugged
+    }
     PyThreadState* const tstate = gPy.PyThreadState_Get();
     adopt_current_thread(tstate);
     tThreadData* const thread_data = current_thread_data();
+    tHeldThreadData held(thread_data);
     tOwnedFrame frame(get_thread_state_frame(tstate));
     if (thread_data == nullptr || !frame || gSelf.line_cb == nullptr) {
         return gPy.PyErr_Occurred() != nullptr ? -1 : 0;

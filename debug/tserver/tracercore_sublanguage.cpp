@@ -28,6 +28,9 @@ static long find_flag_of_path(PyObject* pairs, const char* path) {
     for (Py_ssize_t i = 0; i < count; i++) {
         tOwnedRef pair(gPy.PySequence_GetItem(pairs, i));
         tOwnedRef prefix(pair ? gPy.PySequence_GetItem(pair.borrow(), 0) : nullptr);
+        if (!prefix) {
+            return -1;
+        }
         const char* const text =
             is_native_string(prefix.borrow()) ? _pystring_to_c_string(prefix.borrow()) : nullptr;
         if (text == nullptr || strncmp(path, text, strlen(text)) != 0) {
@@ -54,7 +57,7 @@ static void log_lookup_failure(PyCodeObject* code) {
 }
 
 // -2 = not to be cached.
-static long work_out_in_impl(PyObject* hook, PyCodeObject* code) {
+static long work_out_in_impl(PyObject* hook, PyFrameObject* frame, PyCodeObject* code) {
     PyObject* pairs = nullptr;
     const int found = gSelf.sub_language_module_paths != nullptr
                           ? gPy.PyDict_GetItemRef(gSelf.sub_language_module_paths, hook, &pairs)
@@ -64,10 +67,16 @@ static long work_out_in_impl(PyObject* hook, PyCodeObject* code) {
         log_lookup_failure(code);
         return -2;
     }
-    const char* const path = found == 1 ? LookupCOPathname(path_table(), code) : nullptr;
-    if (path == nullptr) {
-        gPy.PyErr_Clear();
+    if (found == 0) {
         return 0;
+    }
+    const char* path = LookupCOPathname(path_table(), code);
+    if (path == nullptr) {  // a frame from before tracing began
+        path = __resolve_full_path_for_frame(path_table(), frame, 0);
+    }
+    if (path == nullptr) {
+        log_lookup_failure(code);
+        return -2;
     }
     const long flag = find_flag_of_path(pairs, path);
     return flag == -1 && gPy.PyErr_Occurred() != nullptr ? -2 : flag;
@@ -87,14 +96,17 @@ long __tracer_sub_language_in_impl(tThreadData* thread_data, PyFrameObject* fram
     if (entry != nullptr) {
         return static_cast<long>(reinterpret_cast<intptr_t>(entry->clientData));
     }
-    const long answer = work_out_in_impl(thread_data->sub_language_hook, key);
+    tOwnedRef hook(new_ref(thread_data->sub_language_hook));
+    const long answer = work_out_in_impl(hook.borrow(), frame, key);
     if (answer == -2) {
         return -1;
     }
     int is_new = 0;
     entry = cache->createProc(cache, &key, &is_new);
     if (entry != nullptr) {
-        XPy_DoIncRef(key);  // for the life of the cache: its address is the key
+        if (is_new) {
+            XPy_DoIncRef(key);  // for the life of the cache: its address is the key
+        }
         entry->clientData = reinterpret_cast<void*>(static_cast<intptr_t>(answer));
     }
     return answer;
@@ -138,7 +150,8 @@ static PyObject* ask_hook(PyObject* hook, const char* method) {  // new ref: a n
 
 int __tracer_load_sub_language_frames(PyObject* hook) {
     tSavedError saved;
-    if (gSelf.sub_language_code_objects == nullptr) {
+    tOwnedRef code_objects(new_ref(gSelf.sub_language_code_objects));  // init may drop it meanwhile
+    if (!code_objects) {
         saved.abandon();  // deliberate: the exception that was pending is dropped here
         return 0;
     }
@@ -147,7 +160,7 @@ int __tracer_load_sub_language_frames(PyObject* hook) {
         log_failure("Exception from _GetSubLanguageFrames in __tracer_load_sub_language_frames\n");
         return 0;
     }
-    if (!store_each_code(frames.borrow(), hook, gSelf.sub_language_code_objects)) {
+    if (!store_each_code(frames.borrow(), hook, code_objects.borrow())) {
         gPy.PyErr_Clear();
         return 0;
     }
@@ -155,33 +168,40 @@ int __tracer_load_sub_language_frames(PyObject* hook) {
 }
 
 static bool load_hook(PyObject* hook) {
-    tOwnedRef markers(ask_hook(hook, "_GetMarkerFrames"));
-    if (!markers || !store_each_code(markers.borrow(), hook, gSelf.sub_language_markers)) {
+    tOwnedRef hooks_by_marker(new_ref(gSelf.sub_language_markers));  // init may drop them meanwhile
+    tOwnedRef paths_by_hook(new_ref(gSelf.sub_language_module_paths));
+    tOwnedRef markers(hooks_by_marker ? ask_hook(hook, "_GetMarkerFrames") : nullptr);
+    if (!markers || !store_each_code(markers.borrow(), hook, hooks_by_marker.borrow())) {
         return false;
     }
     tOwnedRef paths(ask_hook(hook, "_GetModulePaths"));
-    if (!paths || gPy.PyDict_SetItem(gSelf.sub_language_module_paths, hook, paths.borrow()) == -1) {
+    if (!paths || gPy.PyDict_SetItem(paths_by_hook.borrow(), hook, paths.borrow()) == -1) {
         return false;
     }
     return __tracer_load_sub_language_frames(hook) != 0;
 }
 
 static void load_pending_hooks(tDispatchCtx* ctx) {
-    tOwnedRef pending(new_ref(gSelf.sub_language_pending_hooks));
-    tOwnedRef still_pending(gPy.PyList_New(0));
-    const Py_ssize_t count = gPy.PyList_Size(pending.borrow());
-    if (!still_pending || !dispatch_ctx_acquire_mutex(ctx)) {
+    // The wait for the mutex may have been long: another thread may have loaded them.
+    tOwnedRef pending(dispatch_ctx_acquire_mutex(ctx) ? new_ref(gSelf.sub_language_pending_hooks)
+                                                      : nullptr);
+    tOwnedRef still_pending(pending ? gPy.PyList_New(0) : nullptr);
+    if (!still_pending) {
         gPy.PyErr_Clear();
         return;
     }
     tRecursionHeadroom room(kRecursionHeadroom);
-    for (Py_ssize_t i = 0; i < count; i++) {
-        PyObject* const hook = gPy.PyList_GetItem(pending.borrow(), i);
-        const bool is_loaded = load_hook(hook);
+    // One that is being loaded may register others.
+    for (Py_ssize_t i = 0; i < gPy.PyList_Size(pending.borrow()); i++) {
+        tOwnedRef hook(new_ref(gPy.PyList_GetItem(pending.borrow(), i)));
+        const bool is_loaded = load_hook(hook.borrow());
         gPy.PyErr_Clear();
-        if (!is_loaded && gPy.PyList_Append(still_pending.borrow(), hook) == -1) {
+        if (!is_loaded && gPy.PyList_Append(still_pending.borrow(), hook.borrow()) == -1) {
             gPy.PyErr_Clear();
         }
+    }
+    if (gSelf.sub_language_pending_hooks != pending.borrow()) {
+        return;  // init has begun anew meanwhile
     }
     const bool all_loaded = gPy.PyList_Size(still_pending.borrow()) == 0;
     set_owned(&gSelf.sub_language_pending_hooks, all_loaded ? nullptr : still_pending.give_away());
@@ -256,6 +276,7 @@ int sub_language_stop_here(tDispatchCtx* ctx, int event_type) {
         return 1;
     }
     gPy.PyErr_Clear();
+    ctx->breakpoints_asked = 1;
     return __tracer_break_here(&gSelf.bp_ops_data, event_type, thread_data, ctx->frame, 1) != 0;
 }
 
@@ -272,15 +293,19 @@ static void release_registry() {
 void sub_language_clear() {
     release_registry();
     gSelf.sub_language_hooks = 0;
+    // From the start each time: what is dropped may run code that comes back here.
+    CUt_HashTable* const cache = &gSelf.sub_language_cache;
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.sub_language_cache, &search);
-         entry != nullptr;
-         entry = CU_NextHashEntry(&search)) {
+    CUt_HashEntry* entry = CU_FirstHashEntry(cache, &search);
+    while (entry != nullptr) {
         PyObject* code = nullptr;
         memcpy(&code, entry->key.bytes, sizeof(code));
         CU_DeleteHashEntry(entry);
         XPy_DoDecRef(code);
+        entry = CU_FirstHashEntry(cache, &search);
     }
+    CU_DeleteHashTable(cache);
+    CU_InitHashTable(cache, sizeof(void*));
 }
 
 static bool make_registry() {

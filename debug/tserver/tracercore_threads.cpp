@@ -6,10 +6,52 @@
 
 #include "tracercore_internal.h"
 
+// ---- All thread states ----
+
+static PyThreadState* borrow_first_thread_state() {
+    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
+    return interp != nullptr ? gPy.PyInterpreterState_ThreadHead(interp) : nullptr;
+}
+
+static bool is_state_of_idle_thread(const PyThreadState* tstate) {
+    const tSingleIdleThreadData* const idle = gSelf.global_idle_thread_data.active_single_data_ptr;
+    return idle != nullptr && idle->interrupt_tstate == tstate;
+}
+
+tThreadStates list_thread_states() {
+    PyThreadState* const first = borrow_first_thread_state();
+    size_t count = 0;
+    for (PyThreadState* tstate = first; tstate != nullptr;
+         tstate = gPy.PyThreadState_Next(tstate)) {
+        count++;
+    }
+    tThreadStates list = {static_cast<PyThreadState**>(malloc((count + 1) * sizeof(void*))), 0};
+    if (list.states == nullptr) {
+        log_failure("Failure in list_thread_states()\n");
+        return list;
+    }
+    for (PyThreadState* tstate = first; tstate != nullptr && list.count < count;
+         tstate = gPy.PyThreadState_Next(tstate)) {
+        if (!is_state_of_idle_thread(tstate)) {
+            list.states[list.count++] = tstate;
+        }
+    }
+    return list;
+}
+
+bool is_thread_state_alive(const PyThreadState* wanted) {
+    PyThreadState* tstate = borrow_first_thread_state();
+    while (tstate != nullptr && tstate != wanted) {
+        tstate = gPy.PyThreadState_Next(tstate);
+    }
+    return tstate != nullptr;
+}
+
 // ---- Policy ----
 
 static int ask_policy_callback(tThreadData* thread_data, PyThreadState* tstate) {
     tMaybeSavedErrno keep_errno;
+    tHeldThreadData held(thread_data);
     tRecursionHeadroom room(kRecursionHeadroom);
     tTracingOff quiet(tstate);
     tSavedError saved;
@@ -50,7 +92,13 @@ static void drop_pending_exception(tThreadData* thread_data) {
     }
 }
 
+// A record in use stays as it is: the server mutex and the dispatch that is running hang on it.
 static void start_record_anew(tThreadData* thread_data, PyThreadState* tstate) {
+    if (thread_data->dbgserver_mutex_acquired_count != 0 ||
+        thread_data->active_dispatch_ctx != nullptr) {
+        return;
+    }
+    forget_scheduled_update(thread_data);
     drop_pending_exception(thread_data);
     reinit_thread_data_for_tstate(thread_data, tstate);
 }
@@ -62,23 +110,25 @@ bool adopt_current_thread(PyThreadState* tstate) {
     if (!gSelf.tracing || gPy.cached_pid != gSelf.pid || get_thread_state_tracing(tstate) > 0) {
         return false;
     }
+    tSavedError saved;  // a generator may be about to get an exception thrown in
     tThreadData* const thread_data = current_thread_data();
+    tHeldThreadData held(thread_data);
     if (thread_data == nullptr) {
         log_failure("Failure in adopt_current_thread()\n");
         return false;
     }
-    if (!__should_debug_thread(thread_data)) {
+    if (!__should_debug_thread(thread_data) || !gSelf.tracing) {
         return false;
     }
-    tSavedError saved;
     start_record_anew(thread_data, tstate);
     install_tracer_into_frames(tstate);
-    return set_tstate_trace_function(tstate, thread_data) == 0;
+    return !thread_data->removed_from_table && set_tstate_trace_function(tstate, thread_data) == 0;
 }
 
 PyObject* _tracer_bootstrap_new_thread(PyObject* self, PyObject* args) {
     PyThreadState* const tstate = gPy.PyThreadState_Get();
     tThreadData* const thread_data = current_thread_data();
+    tHeldThreadData held(thread_data);
     if (thread_data == nullptr) {
         return nullptr;
     }
@@ -97,7 +147,12 @@ PyObject* _tracer_bootstrap_new_thread(PyObject* self, PyObject* args) {
 
 PyObject* _tracer_thread_exiting(PyObject* /*self*/, PyObject* /*args*/) {
     PyThreadState* const tstate = gPy.PyThreadState_Get();
-    drop_pending_exception(find_thread_data(&gSelf.thread_data, tstate));
+    tThreadData* const thread_data = find_thread_data(&gSelf.thread_data, tstate);
+    tHeldThreadData held(thread_data);
+    if (thread_data != nullptr) {
+        forget_scheduled_update(thread_data);
+        drop_pending_exception(thread_data);
+    }
     remove_thread_data(&gSelf.thread_data, tstate);
     return new_ref(gPy.Py_None);
 }
