@@ -28,8 +28,7 @@ PyObject* _tracer_PyFile_SetEncoding(PyObject* /*self*/, PyObject* args) {
         return nullptr;
     }
     if (gPy.PyFile_SetEncoding == nullptr) {
-        gPy.PyErr_SetString(gPy.PyExc_NotImplementedError,
-                            "This version of Python has no PyFile_SetEncoding");
+        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "PyFile_SetEncoding not available");
         return nullptr;
     }
     if (!is_stdio_file(file)) {
