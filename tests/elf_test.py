@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""What the built library exports and what it needs from the system it is loaded on.
+"""What the built library exports, which texts it says and what it needs from the system.
 
 Works on the file alone (with readelf), so it says the same for both word sizes on any machine.
 Under sanitizers (--sanitized) the compiler adds libraries and start-up code of its own; then only
-the exported names are compared.
+the exported names and the texts are compared.
 
   tests/elf_test.py --library build/tdbgtracer.so [--names tests/data/exported_names.txt]
 """
@@ -16,6 +16,9 @@ import sys
 import unittest
 
 kNamesFile = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data", "exported_names.txt")
+# Texts of the log, of exceptions and of standard error that others search for: C literals, one a
+# line. A text that is reworded is lost to them.
+kMessagesFile = os.path.join(os.path.dirname(kNamesFile), "messages.txt")
 kNewestLibc = (2, 17)
 
 # What a library may name as needed. The dynamic loader itself is named on some word sizes.
@@ -96,6 +99,25 @@ class ExportedNames(unittest.TestCase):
             and not symbol.name.startswith("__odr_asan")
         ]
         self.assertEqual(wrong, [])
+
+
+def list_messages():
+    with open(kMessagesFile) as messages:
+        return messages.read().splitlines()
+
+
+class Messages(unittest.TestCase):
+    def test_list_is_sorted_and_has_no_text_twice(self):
+        self.assertEqual(list_messages(), sorted(set(list_messages())))
+
+    def test_every_listed_text_is_in_the_library(self):
+        with open(gArguments.library, "rb") as library:
+            contents = library.read()
+        missing = [
+            text for text in list_messages()
+            if text.encode().decode("unicode_escape").encode() + b"\0" not in contents
+        ]
+        self.assertEqual(missing, [])
 
 
 class Needs(unittest.TestCase):
