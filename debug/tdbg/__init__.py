@@ -1,5 +1,7 @@
 """A debugger for programs of Python 2.7 and 3.6 to 3.14.
 
+tdbg.set_trace() in a program stops it there, whether it runs under the debugger or not
+
 tdbg.dbgserver   the debug server: lives in the debugged process, drives the native core and
                  offers stops and commands to one front end; knows nothing of terminals
 tdbg.terminal    the front end for a terminal
@@ -8,4 +10,23 @@ tdbg.launch      starts a program under the debugger (`python -m tdbg PROGRAM`)
 Importing the package does nothing; see README.md for the command line.
 """
 
-__all__ = ["dbgserver", "terminal"]
+import functools
+
+__all__ = ["dbgserver", "set_trace", "terminal"]
+
+
+class _Attaching(object):
+    """Iterating over it starts the debugger if need be, and then stops the program.
+
+    The core stops in the innermost Python frame.  That has to be the caller's: so set_trace() is
+    no Python function, and what is one here has returned by the time of the stop.
+    """
+
+    def __iter__(self):
+        from tdbg import attach
+
+        return attach.steps_to_stop()
+
+
+# Under the debugger this is the core's own function.
+set_trace = functools.partial(max, _Attaching())

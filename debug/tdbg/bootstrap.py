@@ -85,6 +85,7 @@ def _make_server(settings, original_environment):
     front_end = terminal.tTerminal(this_program)
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
+    front_end.restore(settings)
     return server
 
 

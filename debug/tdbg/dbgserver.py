@@ -19,7 +19,8 @@ import functools
 import os
 import sys
 
-from tdbg import compat, stops, threads
+import tdbg
+from tdbg import breakpoints, compat, stops, threads
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
 kStopOnUnhandled = 2
@@ -74,11 +75,14 @@ class tServer(object):
     The first stop comes at the first line of the program's main module.
     Commands that end a stop, to be called inside on_stop(): step_into, step_over, step_out,
     run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
+    breakpoints (tBreakpoints): to be used inside the front end's calls, on_idle() among them; what is
+    set before start() waits for it.
     """
 
     def __init__(self, core, front_end):
         self.core = core
         self.front_end = front_end
+        self.breakpoints = breakpoints.tBreakpoints(core)
         self._hooks = threads.tThreadHooks(core)
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
@@ -87,6 +91,7 @@ class tServer(object):
         self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
         self._entered = False   # the first stop has been made
         self._main_frame = None  # frame of the program's main module while it runs
+        self._first_frame = None  # outermost one, where the program has been running for a while
         self._own_files = _own_files()
 
     # --- life ---
@@ -108,13 +113,23 @@ class tServer(object):
             _set_trace(None)
             self._tell_internal_error("start")
 
+    def start_in_running_program(self):
+        """Begin tracing in the middle of the program; as start()."""
+        frame = sys._getframe()
+        while frame.f_back is not None:
+            frame = frame.f_back
+        self._first_frame = frame
+        self.start()
+
     def start(self):
         """Begin tracing; the thread stops at its next line.  Call it on the main thread."""
         self.core.init(
             kIdleSeconds, kStopOnUnhandled, self._install_thread_hooks_cb, self._get_checksum_cb,
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
             self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
+        self.breakpoints.go_live()
         self.core.start_trace()
+        tdbg.set_trace = self.core.breakpointhook
         if getattr(sys, "breakpointhook", None) is getattr(sys, "__breakpointhook__", 0):
             if not os.environ.get("PYTHONBREAKPOINT"):
                 # The core's function itself: it stops in the innermost Python frame.
@@ -214,21 +229,25 @@ class tServer(object):
             if self._is_own(frame):
                 return  # the thread still steps
             self._entered = True
-            self._main_frame = frame
-            return self._present(self._make_stop(stops.kEntry, frame))
+            self._main_frame = self._first_frame or frame
+            self._first_frame = None
+            return self._present(self._make_stop(
+                stops.kEntry, frame, hits=self.breakpoints.hits_at(frame)))
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         self._unwinding.pop(ident, None)
-        reason = self._reason_of_line(ident)
+        hits = self.breakpoints.hits_at(frame)
+        reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
         if reason == stops.kStep and self._goals.pop(ident, None) is frame:
             return self.core.step_out()
-        self._present(self._make_stop(reason, frame))
+        self._present(self._make_stop(reason, frame, hits=hits))
 
     @_callback
     def _return_cb(self, frame, value):
         ident = _get_ident()
         if not self._entered:
             return
+        self.breakpoints.forget_event(frame)
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         if value is None and not _is_returning(frame):
@@ -240,6 +259,7 @@ class tServer(object):
         ident = _get_ident()
         if not self._entered or not exc_info:
             return
+        self.breakpoints.forget_event(frame)
         uncaught = bool(self.core.exiting_on_exception())
         if self._is_no_news(exc_info, uncaught):
             return
@@ -298,12 +318,12 @@ class tServer(object):
                 self.front_end.on_program_end()
             self._stops.pop(ident, None)
 
-    def _make_stop(self, reason, frame, value=None, exc_info=None):
+    def _make_stop(self, reason, frame, value=None, exc_info=None, hits=()):
         traceback = exc_info[2] if exc_info else None
         stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
         if reason == stops.kUncaught and stack:
             index = len(stack) - 1
-        return tStop(self._thread(), reason, frame, stack, index, value, exc_info)
+        return tStop(self._thread(), reason, frame, stack, index, value, exc_info, hits)
 
     def _thread(self):
         ident = _get_ident()
@@ -322,8 +342,7 @@ class tServer(object):
 
     def _reason_of_line(self, ident):
         asked = self._asked.get(ident)
-        deleted, changed = self.core.get_changed_bps_lists()
-        if deleted or changed or asked in (None, kAskedRun):
+        if asked in (None, kAskedRun):
             return stops.kBreakpoint
         return stops.kPause if asked == kAskedPause else stops.kStep
 

@@ -79,6 +79,14 @@ def evaluate(source, frame):
         return tResult(False, error=describe_error())
 
 
+def evaluate_limited(source, frame):
+    """The same for expressions that nobody has just typed: given up when they take too long."""
+    try:
+        return call_with_limit(lambda: evaluate(source, frame))
+    except BaseException:
+        return tResult(False, error=describe_error())
+
+
 def execute(source, frame, core):
     """Run a statement, or evaluate an expression, in the frame; assigned locals are kept."""
     try:

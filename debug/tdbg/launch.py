@@ -93,10 +93,14 @@ def start(options, package_folder):
         raise tRefused("cannot run {}: {}".format(argv[0], why.strerror))
 
 
-def refuse_unusable_interpreter():
+def refuse_unknown_version():
     version = sys.version_info[:2]
     if version != (2, 7) and not (3, 6) <= version <= (3, 14):
         raise tRefused("Python {}.{} is not supported: 2.7 and 3.6 to 3.14 are".format(*version))
+
+
+def refuse_unusable_interpreter():
+    refuse_unknown_version()
     if sys.flags.no_site or sys.flags.ignore_environment:
         raise tRefused("the interpreter's options -E, -I and -S leave no way into the program")
     if not sys.executable:

@@ -32,6 +32,22 @@ def find_library(package_folder):
     raise tNoLibrary("no {}.so for {} bits in {}".format(kModule, word_size(), " or ".join(places)))
 
 
+def build_library(package_folder):
+    """Have the core built where find_library() looks; tNoLibrary where the tree is not at hand."""
+    import subprocess
+
+    script = os.path.join(os.path.dirname(os.path.dirname(package_folder)), "tdbg")
+    if not os.path.isfile(script):
+        raise tNoLibrary("no {}.so for {} bits, nor the tree to build it in".format(
+            kModule, word_size()))
+    try:
+        status = subprocess.call(["/bin/sh", script, "--python", sys.executable, "--build"])
+    except OSError as why:
+        raise tNoLibrary("cannot build the core: {}".format(why))
+    if status != 0:
+        raise tNoLibrary("the core cannot be built")
+
+
 def load_library(path):
     """The module at the path; a module of that name that is loaded already is taken instead."""
     if kModule in sys.modules:

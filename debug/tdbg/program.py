@@ -28,11 +28,14 @@ class tProgram(object):
         self._descriptors = _open_descriptors()
         self._ignored = _ignored_signals()
 
-    def restart(self, arguments=None):
+    def restart(self, arguments=None, saved=None):
         """Replace the process by a new run; does not return.  OSError when that fails.
 
-        arguments: new ones for the program (default: the old ones).
+        arguments: new ones for the program (default: the old ones); saved: {name: plain value} that
+        the new run's front end gets.
         """
+        if self.argv is None:
+            raise ValueError("it is not known how the program was started")
         argv = list(self.argv)
         if arguments is not None:
             argv[self.count_of_fixed_arguments():] = arguments
@@ -42,9 +45,7 @@ class tProgram(object):
         for descriptor in _open_descriptors() - self._descriptors:
             _close_at_exec(descriptor)
         _chdir(self.cwd)
-        environment = dict(self.environment)
-        if arguments is not None:
-            environment = _with_argv(environment, argv)
+        environment = _with_settings(self.environment, argv, saved or {})
         _execve(argv[0], argv, environment)
 
     def count_of_fixed_arguments(self):
@@ -69,9 +70,10 @@ class tProgram(object):
         _exit_process(status)
 
 
-def _with_argv(environment, argv):
-    settings = ast.literal_eval(environment[kVariable])
-    settings["argv"] = argv
+def _with_settings(environment, argv, saved):
+    environment = dict(environment)
+    settings = ast.literal_eval(environment.get(kVariable, "{}"))
+    settings.update(saved, argv=argv)
     environment[kVariable] = compat.to_literal(settings)
     return environment
 

@@ -33,16 +33,18 @@ class tStop(object):
     value     for kReturn: what the function returns
     exc_info  for kException and kUncaught: (type, value, traceback); on 2.7 the value may be
               the argument or None instead of an instance
+    hits      [breakpoints.tHit]: the breakpoints that stop here, whatever the reason
     stack     [(frame, line)], the outermost first; frames of the debugger are left out
     index     position in `stack` of the frame to show first
     """
 
-    __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index")
+    __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index", "hits")
 
-    def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None):
+    def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None, hits=()):
         self.thread, self.reason, self.frame = thread, reason, frame
         self.stack, self.index = stack, index
         self.value, self.exc_info = value, exc_info
+        self.hits = hits
 
 
 def collect_stack(frame, traceback, is_hidden):

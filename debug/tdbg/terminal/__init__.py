@@ -1,7 +1,7 @@
 """The front end for a terminal: pdb's commands on a prompt.
 
 frontend    stops in, commands out
-commands    the table of commands and what each does
+commands    the table of commands and what each does; those on breakpoints are in breakcommands
 display     how stops, source and values look
 lineinput   the user's terminal: reading lines with history and completion, writing
 completion  what Tab offers

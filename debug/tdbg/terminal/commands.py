@@ -10,7 +10,8 @@ import pprint
 import shlex
 
 from tdbg import compat, evaluate, private, stops
-from tdbg.terminal import display
+from tdbg.terminal import breakcommands, display
+from tdbg.terminal.usage import number, tUsage
 
 # names: the first is the one in full, the others are short for it.
 tCommand = collections.namedtuple("tCommand", "names arguments help method")
@@ -28,6 +29,21 @@ kTable = [
     tCommand(("return", "r"), "", "Run to the end of this function and show what it returns.",
              "do_return"),
     tCommand(("continue", "cont", "c"), "", "Run on.", "do_continue"),
+    tCommand(("break", "b"), "[[FILE:]LINE | [FILE:]FUNCTION[, CONDITION]]", "Stop there; without "
+             "arguments, show all breakpoints.", "do_break"),
+    tCommand(("tbreak",), "[FILE:]LINE | [FILE:]FUNCTION[, CONDITION]", "Stop there once.",
+             "do_tbreak"),
+    tCommand(("condition",), "NUMBER [CONDITION]", "Stop at the breakpoint only when the "
+             "condition holds.", "do_condition"),
+    tCommand(("ignore",), "NUMBER [COUNT]", "Do not stop at the breakpoint that many times.",
+             "do_ignore"),
+    tCommand(("enable",), "NUMBER...", "Stop at these breakpoints again.", "do_enable"),
+    tCommand(("disable",), "NUMBER...", "Do not stop at these breakpoints.", "do_disable"),
+    tCommand(("clear", "cl"), "[NUMBER... | FILE:LINE]", "Delete these breakpoints, or all.",
+             "do_clear"),
+    tCommand(("commands",), "[NUMBER]", "Give commands, one in a line, to be run when the "
+             "breakpoint (default: the last one set) stops; `end` ends them, and so does one that "
+             "runs the program; `silent` among them: do not show the stop.", "do_commands"),
     tCommand(("list", "l"), "[. | FIRST[, LAST]]", "Show eleven lines: those around the current "
              "one, then the following ones; `.` begins again; LAST less than FIRST is a count.",
              "do_list"),
@@ -52,16 +68,11 @@ kTable = [
 ]
 
 
-class tUsage(Exception):
-    """The command was called wrongly; the text is for the user."""
-
-
-class tCommands(object):
+class tCommands(breakcommands.tBreakCommands):
     """terminal: the tTerminal that the commands work for."""
 
     def __init__(self, terminal):
-        self._terminal = terminal
-        self._display = terminal.display
+        breakcommands.tBreakCommands.__init__(self, terminal)
         self._by_name = {}
         for command in kTable:
             for name in command.names:
@@ -251,15 +262,9 @@ class tCommands(object):
 
     @staticmethod
     def _number(text):
-        try:
-            return int(text)
-        except ValueError:
-            raise tUsage("{} is no line number".format(text))
+        return number(text, "line number")
 
     @staticmethod
     def _count(text):
-        try:
-            count = int(text or 1)
-        except ValueError:
-            raise tUsage("{} is no count".format(text))
+        count = number(text or 1, "count")
         return count if count > 0 else 10 ** 6

@@ -5,6 +5,8 @@ import keyword
 
 from tdbg import compat
 
+kPlaceCommands = ("break", "b", "tbreak", "clear", "cl")
+
 _keywords = tuple(keyword.kwlist)
 _builtin_names = tuple(dir(compat.builtins))
 
@@ -14,11 +16,13 @@ class tCompleter(object):
 
     get_line()   the whole line so far
     get_frame()  the frame that names are looked up in
+    find_places(word)  where a breakpoint can be, of what begins with the word
     """
 
-    def __init__(self, command_names, get_line, get_frame):
+    def __init__(self, command_names, get_line, get_frame, find_places=None):
         self._command_names = sorted(command_names)
         self._get_line, self._get_frame = get_line, get_frame
+        self._find_places = find_places
         self._matches = []
 
     def complete(self, text, state):
@@ -39,6 +43,11 @@ class tCompleter(object):
                 return commands
         if words and words[0] in ("help", "h"):
             return [name for name in self._command_names if name.startswith(text)]
+        if words and words[0] in kPlaceCommands and self._find_places and "," not in line:
+            # readline's word may be only the end of ours: `-` and `/` separate words.
+            word = "" if line[-1:].isspace() else words[-1]
+            head = len(word) - len(text)
+            return [place[head:] for place in self._find_places(word)]
         return self._find_attributes(text) if "." in text else self._find_names(text)
 
     def _find_names(self, text):

@@ -93,6 +93,8 @@ class tDisplay(object):
     def show_stop(self, stop, thread_changed):
         if thread_changed:
             self.note(u"[thread {}]".format(compat.to_text(stop.thread.name)))
+        for hit in stop.hits:
+            self._show_hit(hit)
         if stop.reason == stops.kReturn:
             self.note(u"--Return--")
         elif stop.reason == stops.kPause:
@@ -102,6 +104,40 @@ class tDisplay(object):
             if stop.reason == stops.kUncaught:
                 self.note(u"--Uncaught exception, the program ends after this--")
             self.line(self.colour("error", text))
+
+    def _show_hit(self, hit):
+        bp = hit.breakpoint
+        if hit.error is not None:
+            self.error(u"condition {} of breakpoint {}: {}".format(
+                compat.to_text(bp.condition), bp.number, compat.to_text(hit.error)))
+        elif bp.temporary:
+            self.note(u"--Breakpoint {}, deleted--".format(bp.number))
+        else:
+            self.note(u"--Breakpoint {}--".format(bp.number))
+
+    # --- breakpoints ---
+
+    @staticmethod
+    def place_of(bp):
+        return u"{}:{}".format(compat.to_text(bp.path), bp.line)
+
+    def show_breakpoints(self, all_of_them):
+        if not all_of_them:
+            return self.line(u"No breakpoints.")
+        self.line(u"Num  Kind       Enabled  Hits  Where")
+        for bp in all_of_them:
+            place = self.place_of(bp)
+            if bp.function:
+                place += u" in " + compat.to_text(bp.function)
+            self.line(u"{:<4} {:<10} {:<7} {:>5}  {}".format(
+                bp.number, u"temporary" if bp.temporary else u"breakpoint",
+                u"yes" if bp.enabled else u"no", bp.hits, place))
+            if bp.condition:
+                self.line(u"     stop only if {}".format(compat.to_text(bp.condition)))
+            if bp.ignore:
+                self.line(u"     ignore next {} hits".format(bp.ignore))
+
+    # --- stack and source ---
 
     def show_stack(self, stack, current):
         for index, (frame, lineno) in enumerate(stack):

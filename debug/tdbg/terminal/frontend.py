@@ -4,7 +4,7 @@ from __future__ import absolute_import, division, print_function
 import codeop
 import re
 
-from tdbg import compat, dbgserver, interrupts, private, stops
+from tdbg import breakpoints, compat, dbgserver, interrupts, private, stops
 from tdbg.terminal import commands, completion, display, lineinput
 
 kPrompt = "(Tdb) "
@@ -44,8 +44,14 @@ class tTerminal(dbgserver.tFrontEnd):
         self.display = display.tDisplay(self.console, server.core, self.program.cwd)
         self._commands = commands.tCommands(self)
         self._completer = completion.tCompleter(
-            self._commands.names(), self.console.line_being_edited, lambda: self.frame)
+            self._commands.names(), self.console.line_being_edited, lambda: self.frame,
+            self._commands.complete_place)
         self._interrupts = interrupts.tInterrupts(self._pause)
+
+    def restore(self, settings):
+        """Set the breakpoints again that an earlier run has left."""
+        self.server.breakpoints.restore(settings.get("breakpoints", []))
+        self._commands.lists = dict(settings.get("commands", {}))
 
     @property
     def entry(self):
@@ -85,8 +91,11 @@ class tTerminal(dbgserver.tFrontEnd):
         changed = stop.thread.ident != self._last_thread
         first = self._last_thread is None
         self._last_thread = stop.thread.ident
-        self.display.show_stop(stop, changed and not first)
-        self._show_selected()
+        lines, silent = self._commands.take_lists(stop.hits)
+        self._pending = lines + self._pending
+        if not silent:
+            self.display.show_stop(stop, changed and not first)
+            self._show_selected()
         while not self._run_line():
             pass
 
@@ -119,7 +128,7 @@ class tTerminal(dbgserver.tFrontEnd):
         except KeyboardInterrupt:
             self._pending = []
             self.display.line()
-        except commands.tUsage as why:
+        except (commands.tUsage, breakpoints.tRefused) as why:
             self.display.error(why)
         return False
 
@@ -192,6 +201,8 @@ class tTerminal(dbgserver.tFrontEnd):
 
     def restart(self, arguments):
         try:
-            self.program.restart(arguments)
+            self.program.restart(arguments, {
+                "breakpoints": self.server.breakpoints.as_settings(),
+                "commands": self._commands.lists})
         except (OSError, ValueError) as why:
             raise commands.tUsage("cannot restart: {}".format(why))

@@ -1,0 +1,162 @@
+"""Which lines of a source file have code, and where its functions begin.
+
+The source is compiled, never run; lines come from the tables of the code objects, nested ones
+included, so they are exactly those that the interpreter reports.
+"""
+from __future__ import absolute_import, division, print_function
+
+import dis
+import inspect
+import io
+import os
+
+from tdbg import compat, private
+
+_find_line_starts = dis.findlinestarts
+_get_block = inspect.getblock
+_open = io.open
+_stat = os.stat
+_code_type = type(_get_block.__code__)
+
+kLocals = "<locals>"
+_cache = {}  # path -> ((modification time, size), tSource)
+
+
+class tNoSource(Exception):
+    """The file cannot be read or compiled; the text is for the user."""
+
+
+class tSource(object):
+    """One source file.  text: bytes, or lines of text that need no decoding any more."""
+
+    def __init__(self, path, text):
+        self.path = path
+        self._lines = _split_lines(text)
+        self.count = len(self._lines)
+        self._code = _compile(path, text)
+        self._lines_with_code = set()
+        for code in _walk(self._code):
+            self._lines_with_code.update(lines_of(code))
+
+    def line_with_code(self, line):
+        """The line, or the next one with code in the same function, class or module; else None."""
+        if line in self._lines_with_code:
+            return line
+        scope = self._innermost_scope(line)
+        lines = set(lines_of(scope))
+        for code in _children(scope):
+            if _is_part(code):  # a comprehension is the function's own text
+                for inner in _walk(code):
+                    lines.update(lines_of(inner))
+            else:
+                lines.add(code.co_firstlineno)  # the statement that makes the function
+        own = self._lines_with_code
+        if scope is not self._code:  # its `def` is not in it
+            lines.discard(scope.co_firstlineno)
+        following = [number for number in lines if number > line and number in own]
+        return min(following) if following else None
+
+    def functions(self):
+        """{qualified name: first line of the body} of functions; nested ones as `outer.inner`."""
+        found = {}
+        self._find_functions(self._code, "", found)
+        return found
+
+    def function_line(self, name):
+        """First line of the body of a function, or None."""
+        return self.functions().get(name.replace(kLocals + ".", ""))
+
+    def _find_functions(self, code, prefix, found):
+        for child in _children(code):
+            if _is_part(child):
+                continue
+            name = prefix + child.co_name
+            if child.co_flags & inspect.CO_OPTIMIZED:
+                found.setdefault(name, first_line_of(child))
+            self._find_functions(child, name + ".", found)
+
+    def _innermost_scope(self, line):
+        scope, inner = self._code, self._code
+        while inner is not None:
+            scope = inner
+            inner = None
+            for code in _children(scope):
+                if not _is_part(code) and code.co_firstlineno <= line <= self._last_line(code):
+                    inner = code
+        return scope
+
+    def _last_line(self, code):
+        last = max([max(list(lines_of(inner)) or [0]) for inner in _walk(code)])
+        try:
+            # The text goes further than the code: closing brackets, comments.
+            block = _get_block(self._lines[code.co_firstlineno - 1:])
+            return max(last, code.co_firstlineno + len(block) - 1)
+        except Exception:  # the tokenizer, at text that is no block
+            return last
+
+
+def read(path):
+    """The tSource of a file; tNoSource with the reason."""
+    try:
+        status = _stat(path)
+        mark = (status.st_mtime, status.st_size)
+        known = _cache.get(path)
+        if known is not None and known[0] == mark:
+            return known[1]
+        with _open(path, "rb") as source:
+            text = source.read()
+    except (IOError, OSError) as why:
+        raise tNoSource("cannot read {}: {}".format(path, why.strerror))
+    source = tSource(path, text)
+    _cache[path] = (mark, source)
+    return source
+
+
+def lines_of(code):
+    """Every line that the code object has code for."""
+    return [line for _, line in _find_line_starts(code) if line]
+
+
+def first_line_of(code):
+    """Line that the function stops at first: that of its body, where it is not all on one line."""
+    lines = lines_of(code)
+    for line in lines:
+        if line != code.co_firstlineno:
+            return line
+    return lines[0] if lines else code.co_firstlineno
+
+
+def _compile(path, text):
+    if not isinstance(text, bytes):
+        text = u"".join(text)
+    try:
+        with private.quiet():
+            return compile(text, path, "exec", 0, True)
+    except SyntaxError as why:
+        raise tNoSource("{} does not compile: {}, line {}".format(path, why.msg, why.lineno))
+    except (TypeError, ValueError, OverflowError, MemoryError, RuntimeError) as why:
+        raise tNoSource("{} is no Python source: {}".format(path, why))
+
+
+def _split_lines(text):
+    if isinstance(text, bytes):
+        text = text.decode("utf-8", "replace") if not compat.PY2 else text
+        text = text.replace("\r\n", "\n").replace("\r", "\n")
+        return [line + "\n" for line in text.split("\n")][:None if text[-1:] not in ("\n", "") else -1]
+    return list(text)
+
+
+def _children(code):
+    return [item for item in code.co_consts if isinstance(item, _code_type)]
+
+
+def _walk(code):
+    yield code
+    for child in _children(code):
+        for inner in _walk(child):
+            yield inner
+
+
+def _is_part(code):
+    """Whether it is a lambda or a comprehension, which has no block of its own."""
+    return code.co_name.startswith("<")
