@@ -188,6 +188,19 @@ TEST_F(Backup, TraceFunctionOfAnotherThreadIsNotApplied) {
     EXPECT_TRUE(gTraced.empty());
 }
 
+TEST_F(Backup, SettingTheCurrentThreadStateInitialisesItBefore311) {
+    static std::vector<PyThreadState*> initialised;
+    initialised.clear();
+    gPy._PyThreadState_Init = [](PyThreadState* tstate) { initialised.push_back(tstate); };
+    PyThreadState* const tstate = reinterpret_cast<PyThreadState*>(&gState);
+    gPy.minor_version = 10;
+    Backup_PyThreadState_SetCurrent(tstate);
+    EXPECT_EQ(initialised, std::vector<PyThreadState*>{tstate});
+    gPy.minor_version = 11;
+    Backup_PyThreadState_SetCurrent(tstate);
+    EXPECT_EQ(initialised.size(), 1u);
+}
+
 TEST_F(Backup, TypeDataFollowsTheBaseInstance) {
     struct tType {
         Py_ssize_t basicsize;
