@@ -126,7 +126,7 @@ static PyObject* import_hook_after_init(PyObject* self, PyObject* args, PyObject
 #define AS_CFUNCTION(function) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function))
 
 // deliberate: some formats, and so the interpreter's messages, name another function than their
-// own.
+// own, and is_internal_frame has the doc string of get_thread_ident_for_tstate_id.
 PyMethodDef TracerMethods[] = {
     {"init",
      _tracer_init,

@@ -385,6 +385,7 @@ TDBG_API const char* get_dprintf_repr_str1(tDPData* dp, PyObject* obj) {
 
 TDBG_API const char* get_dprintf_repr_str2(tDPData* dp, PyObject* obj) {
     if (dp->_repr_str2 == nullptr) {
+        // deliberate: not the other function's text, so that a log tells which of the two it was
         return "<error generating repr: no buffer available>";
     }
     fill_str_with_repr(dp, dp->_repr_str2, obj);
