@@ -99,10 +99,19 @@ int dispatch_ctx_acquire_mutex(tDispatchCtx* ctx) {
     return 0;
 }
 
+// The callback's own frames have files, too, whose checksums are not asked for from inside it. The
+// mutex is held, so it is this thread's callback that is running.
+static constinit bool gIsAskingForChecksum = false;
+
 static PyObject* get_checksum(const char* file_name) {
+    if (gIsAskingForChecksum) {
+        return new_ref(gPy.Py_None);
+    }
     tOwnedRef callback(new_ref(gSelf.get_checksum_cb));
     tOwnedRef name(new_native_string(file_name));
+    gIsAskingForChecksum = true;
     tOwnedRef checksum(name ? do_one_arg_call(callback.borrow(), name.borrow()) : nullptr);
+    gIsAskingForChecksum = false;
     if (!checksum) {
         log_failure("Failure: get_file_checksum()\n");
         return new_ref(gPy.Py_None);
