@@ -22,8 +22,7 @@ import sys
 import threading
 import types
 
-_own = set(code.co_filename for code in [(lambda: None).__code__])
-kModes = ("none", "settrace", "free", "into")
+_own = set([(lambda: None).__code__.co_filename])
 
 
 class Recorder(object):
