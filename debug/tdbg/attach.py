@@ -74,6 +74,9 @@ def _refuse_other_threads():
 
 def _command_line():
     """Words that the process was started with; the interpreter by its full path."""
+    words = getattr(sys, "orig_argv", None)
+    if words and sys.executable:
+        return [sys.executable] + words[1:]
     try:
         with open("/proc/self/cmdline", "rb") as source:
             words = source.read().split(b"\0")[:-1]
@@ -83,4 +86,7 @@ def _command_line():
         return None  # nothing to start again
     if not compat.PY2:
         words = [os.fsdecode(word) for word in words]
+    if os.path.basename(words[0]).startswith("ld"):  # run through the dynamic loader
+        names = [os.path.basename(word).startswith("python") for word in words]
+        words = words[names.index(True):] if True in names else words
     return [sys.executable] + words[1:]

@@ -365,7 +365,7 @@ class tBreakpoints(object):
             if found is None:
                 raise tRefused("no function {}".format(name))
             return found
-        line = self.source(path, frame).function_line(name)
+        line = _only_function(self.source(path, frame), name)
         if line is None:
             raise tRefused("no function {} in {}".format(name, path))
         return path, line
@@ -388,11 +388,12 @@ class tBreakpoints(object):
     def _function_in_frame_file(self, name, frame):
         if frame is None:
             return None
+        path = self.path_of(frame)
         try:
-            path = self.path_of(frame)
-            line = self.source(path, frame).function_line(name)
+            source = self.source(path, frame)
         except tRefused:
             return None
+        line = _only_function(source, name)
         return None if line is None else (path, line)
 
     def _function_in_module(self, name, frame):
@@ -400,10 +401,18 @@ class tBreakpoints(object):
         for count in range(len(parts) - 1, 0, -1):
             path = self.find_module(".".join(parts[:count]), frame)
             if path is not None:
-                line = self.source(path).function_line(".".join(parts[count:]))
+                line = _only_function(self.source(path), ".".join(parts[count:]))
                 if line is not None:
                     return path, line
         return None
+
+
+def _only_function(source, name):
+    """First line of the function of that name, or None; tRefused when several are meant."""
+    found = source.find_functions(name)
+    if len(found) > 1:
+        raise tRefused("which one: {}?".format(", ".join(sorted(found))))
+    return list(found.values())[0] if found else None
 
 
 def code_of(value):

@@ -62,9 +62,13 @@ class tSource(object):
         self._find_functions(self._code, "", found)
         return found
 
-    def function_line(self, name):
-        """First line of the body of a function, or None."""
-        return self.functions().get(name.replace(kLocals + ".", ""))
+    def find_functions(self, name):
+        """{qualified name: first line} of the function of that name, else of those that it ends."""
+        found = self.functions()
+        name = name.replace(kLocals + ".", "")
+        if name in found:
+            return {name: found[name]}
+        return dict(item for item in found.items() if item[0].endswith("." + name))
 
     def _find_functions(self, code, prefix, found):
         for child in _children(code):

@@ -1,0 +1,569 @@
+"""Breakpoints of the debug server: places, conditions, counts; set before, during and between."""
+from __future__ import absolute_import, division, print_function
+
+import os
+import sys
+import unittest
+
+from support import TestCase, import_tracer, line_of
+
+SOURCE = '''\
+"""A module."""
+
+
+def loop(count):
+    # nothing here
+
+    total = 0  #@ loop-first
+    for i in range(count):
+        total += i  #@ loop-body
+    return total  #@ loop-return
+    # the end of it
+
+
+class Thing(object):
+    def method(self,
+               value):
+        """Text."""
+        return (
+            value)  #@ method-end
+
+    def other(self):
+        def inner():
+            return 1  #@ inner
+
+        return inner()  #@ other-return
+
+
+def call():
+    thing = Thing()  #@ call-first
+    return thing.method(loop(3)) + thing.other()  #@ call-return
+# the end of the file
+'''
+
+
+class FrontEnd(object):
+    """Stops at `enter`, where the test gives commands, and records what stops afterwards."""
+
+    def __init__(self, code, begin, commands):
+        self.code, self.begin, self.commands = code, begin, list(commands)
+        self.server = None
+        self.seen, self.errors = [], []
+        self.idle = None
+        self.began = False
+
+    def on_stop(self, stop):
+        if not self.began:
+            if stop.frame.f_code is not self.code:
+                return self.server.step_into()
+            self.began = True
+            self.begin(self.server.breakpoints)
+            return self.server.continue_run()
+        name = stop.frame.f_code.co_name
+        self.seen.append((stop.reason, name, stop.frame.f_lineno, [hit.breakpoint.number for hit in stop.hits]))
+        command = self.commands.pop(0) if self.commands else "continue_run"
+        if callable(command):
+            if not command(self.server, stop):  # a true result: it has given one
+                self.server.continue_run()
+        else:
+            getattr(self.server, command)()
+
+    def on_idle(self):
+        if self.idle is not None:
+            self.idle(self.server)
+
+    def on_program_end(self):
+        pass
+
+    def on_import(self, module):
+        pass
+
+    def on_internal_error(self, text):
+        self.errors.append(text)
+
+
+class BreakTest(TestCase):
+    """The program is a module, named after the test's folder so that none is imported twice."""
+
+    def setUp(self):
+        self.folder = self.make_dir()
+        self.name = "prog_" + os.path.basename(self.folder).replace("-", "_")
+        self.path = self.make_file(self.name + ".py", SOURCE, self.folder)
+        sys.path.insert(0, self.folder)
+        self.addCleanup(sys.path.remove, self.folder)
+
+    def line(self, mark):
+        return line_of(self.path, mark)
+
+    def load(self):
+        return __import__(self.name)
+
+    def debug(self, begin, commands=(), work=None, idle=None):
+        """Run `work` (call() of the imported module) with breakpoints set by begin(table) before
+        the import; the front end."""
+        from tdbg import dbgserver
+
+        def enter():
+            return work()
+
+        work = work or (lambda: self.load().call())
+        front_end = FrontEnd(enter.__code__, begin, commands)
+        front_end.idle = idle
+        server = front_end.server = dbgserver.tServer(import_tracer(), front_end)
+        server.start()
+        try:
+            front_end.result = enter()
+        finally:
+            server.leave_alone()
+        self.assertEqual(front_end.errors, [])
+        self.table = server.breakpoints
+        return front_end
+
+    def hits(self, begin, commands=(), work=None):
+        return [(name, line) for _, name, line, _ in self.debug(begin, commands, work).seen]
+
+    def counts(self):
+        return [(bp.number, bp.hits) for bp in self.table.all()]
+
+
+class Lines(BreakTest):
+    """What needs no program to run."""
+
+    def make_table(self):
+        from tdbg import breakpoints
+
+        return breakpoints.tBreakpoints(import_tracer(), self.folder)
+
+    def refusal(self, function, *arguments):
+        from tdbg import breakpoints
+
+        with self.assertRaises(breakpoints.tRefused) as caught:
+            function(*arguments)
+        return str(caught.exception)
+
+    def test_line_without_code_moves_to_the_next_of_the_function(self):
+        table = self.make_table()
+        for line, mark in ((5, "loop-first"), (6, "loop-first"), (7, "loop-first"), (24, "other-return"),
+                           (9, "loop-body"), (16, "method-end")):
+            found = table.add(self.path, line).line
+            self.assertIn(found, (self.line(mark), self.line(mark) - 1), (line, mark))
+
+    def test_line_after_the_last_code_of_a_function_is_refused(self):
+        table = self.make_table()
+        self.assertIn("no code at line 31", self.refusal(table.add, self.path, 31))
+        self.assertEqual(table.all(), [])
+
+    def test_line_past_the_end(self):
+        table = self.make_table()
+        for line in (32, 10 ** 9, 0, -1):
+            self.assertIn("it ends with line 31", self.refusal(table.add, self.path, line))
+        self.assertEqual(table.all(), [])
+
+    def test_file_that_is_not_there(self):
+        table = self.make_table()
+        missing = os.path.join(self.folder, "missing.py")
+        self.assertEqual(self.refusal(table.find_file, missing), "no file " + missing)
+        self.assertIn("No such file", self.refusal(table.add, missing, 1))
+        self.assertEqual(table.all(), [])
+
+    def test_file_that_does_not_compile(self):
+        table = self.make_table()
+        path = self.make_file("broken.py", "x = 1\ndef\n")
+        self.assertIn("does not compile", self.refusal(table.add, path, 1))
+        path = self.make_file("binary.py", b"x = '\0'\n")
+        self.assertNotEqual(self.refusal(table.add, path, 1), "")
+
+    def test_source_of_any_encoding_and_line_ends(self):
+        table = self.make_table()
+        path = self.make_file("latin.py", b"# coding: latin-1\r\nx = '\xe4'\r\n\r\ny = 1\r\n")
+        self.assertEqual(table.add(path, 3).line, 4)
+        self.assertEqual(table.add(self.make_file("bom.py", b"\xef\xbb\xbfx = 1\n"), 1).line, 1)
+
+    def test_empty_file(self):
+        table = self.make_table()
+        self.assertIn("has no line 1", self.refusal(table.add, self.make_file("empty.py", ""), 1))
+
+    def test_changed_file_is_read_again(self):
+        table = self.make_table()
+        path = self.make_file("other.py", "x = 1\n")
+        self.assertEqual(table.add(path, 1).line, 1)
+        with open(path, "w") as out:
+            out.write("\n\nlonger = 1\n")
+        self.assertEqual(table.add(path, 1).line, 3)
+
+    def test_condition_that_is_no_expression(self):
+        table = self.make_table()
+        self.assertIn("no expression", self.refusal(table.add, self.path, 7, "x ="))
+        bp = table.add(self.path, 7)
+        self.assertIn("no expression", self.refusal(table.set_condition, bp, "import os"))
+        self.assertEqual((len(table.all()), bp.condition), (1, None))
+
+    def test_functions_by_name(self):
+        table = self.make_table()
+        for name, mark in (("loop", "loop-first"), ("Thing.other.inner", "inner"), ("call", "call-first"),
+                           ("Thing.other.<locals>.inner", "inner")):
+            self.assertEqual(table.find_function(name, None, self.path), (self.path, self.line(mark)))
+            if name != "Thing.other.<locals>.inner":
+                found = table.find_function(self.name + "." + name)
+                self.assertEqual(found, (self.path, self.line(mark)))
+        self.assertIn("no function nothing", self.refusal(table.find_function, "nothing", None, self.path))
+        self.assertIn("no function", self.refusal(table.find_function, self.name + ".Thing"))
+        self.assertEqual(table.find_function("inner", None, self.path), (self.path, self.line("inner")))
+        path = self.make_file("two.py", "class A:\n  def m(self): pass\nclass B:\n  def m(self): pass\n")
+        self.assertEqual(self.refusal(table.find_function, "m", None, path), "which one: A.m, B.m?")
+        self.assertNotIn(self.name, sys.modules)
+
+    def test_functions_by_value(self):
+        import functools
+
+        table = self.make_table()
+
+        def plain():
+            return 1  #@ plain
+
+        @functools.wraps(plain)
+        def wrapper():
+            return plain()
+
+        wrapper.__wrapped__ = plain  # version 2 does not set it
+        here = os.path.realpath(__file__.replace(".pyc", ".py"))
+        for name in ("plain", "wrapper", "self.line"):
+            path, line = table.find_function(name, sys._getframe())
+            self.assertEqual(path, here)
+            if name != "self.line":
+                self.assertEqual(line, line_of(here, "plain"))
+        self.assertIn("no function len", self.refusal(table.find_function, "len", sys._getframe()))
+
+    def test_every_spelling_of_a_path(self):
+        table = self.make_table()
+        link = os.path.join(self.folder, "link.py")
+        os.symlink(self.path, link)
+        before = os.getcwd()
+        os.chdir("/")
+        self.addCleanup(os.chdir, before)
+        name = os.path.basename(self.path)
+        for text in (self.path, link, name, self.name, self.path + "c", os.path.join(self.folder, ".", name),
+                     os.path.join("..", self.folder.lstrip("/"), name)):
+            self.assertEqual(table.find_file(text), self.path, text)
+
+    def test_package_and_module_names(self):
+        table = self.make_table()
+        init = self.make_file("pack_{}/__init__.py".format(self.name), "def f():\n    return 1\n", self.folder)
+        sub = self.make_file("pack_{}/sub.py".format(self.name), "def g():\n    return 1\n", self.folder)
+        self.assertEqual(table.find_file("pack_" + self.name), init)
+        self.assertEqual(table.find_file("pack_{}.sub".format(self.name)), sub)
+        self.assertEqual(table.find_function("pack_{}.sub.g".format(self.name)), (sub, 2))
+
+    def test_numbers_are_never_used_again(self):
+        table = self.make_table()
+        first = table.add(self.path, 7)
+        table.remove(first)
+        self.assertEqual(table.add(self.path, 7).number, 2)
+        self.assertIn("no breakpoint 1", self.refusal(table.get, 1))
+        self.assertIn("gone", self.refusal(table.set_ignore, first, 2))
+
+    def test_settings_are_restored(self):
+        table = self.make_table()
+        table.add(self.path, 7)
+        bp = table.add(self.path, 9, "i > 1", True, "loop")
+        table.set_ignore(bp, 4)
+        table.set_enabled(bp, False)
+        table.remove(table.get(1))
+        other = self.make_table()
+        other.restore(table.as_settings())
+        self.assertEqual(other.as_settings(), table.as_settings())
+        self.assertEqual(other.add(self.path, 7).number, 3)
+
+
+class Running(BreakTest):
+    def test_set_before_the_import(self):
+        self.assertNotIn(self.name, sys.modules)
+        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-first")))
+        self.assertEqual(front_end.seen, [("breakpoint", "loop", self.line("loop-first"), [1])])
+        self.assertEqual(front_end.result, 4)
+        self.assertEqual(self.counts(), [(1, 1)])
+
+    def test_set_after_the_import(self):
+        self.load()
+        self.assertEqual(
+            self.hits(lambda table: table.add(self.path, self.line("loop-return"))),
+            [("loop", self.line("loop-return"))])
+
+    def test_set_by_another_spelling(self):
+        other = self.make_dir()
+        link = os.path.join(other, "linked.py")
+        os.symlink(self.path, link)
+        self.assertEqual(
+            self.hits(lambda table: table.add(table.find_file(link), self.line("inner"))),
+            [("inner", self.line("inner"))])
+
+    def test_module_imported_through_a_link(self):
+        os.mkdir(os.path.join(self.folder, "real"))
+        path = self.make_file("real/linked_{}.py".format(self.name), SOURCE, self.folder)
+        os.symlink(path, os.path.join(self.folder, "linked_{}.py".format(self.name)))
+        seen = self.debug(
+            lambda table: table.add(path, self.line("inner")),
+            work=lambda: __import__("linked_" + self.name).call()).seen
+        self.assertEqual(seen, [("breakpoint", "inner", self.line("inner"), [1])])
+
+    def test_function_before_and_after_the_import(self):
+        def begin(table):
+            path, line = table.find_function(self.name + ".Thing.other")
+            table.add(path, line, function="Thing.other")
+
+        def add_the_other(server, stop):
+            path, line = server.breakpoints.find_function("inner", stop.frame)
+            server.breakpoints.add(path, line)
+
+        first = self.line("inner") - 1
+        self.assertEqual(self.hits(begin, [add_the_other]), [("other", first), ("inner", self.line("inner"))])
+
+    def test_condition(self):
+        begin = lambda table: table.add(self.path, self.line("loop-body"), "i == 2")  # noqa: E731
+        values = []
+        front_end = self.debug(begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])])
+        self.assertEqual((values, len(front_end.seen)), ([2], 1))
+        self.assertEqual(self.counts(), [(1, 3)])  # a false condition counts
+
+    def test_broken_condition_stops_and_says_why(self):
+        errors = []
+        begin = lambda table: table.add(self.path, self.line("loop-body"), "nothing")  # noqa: E731
+        look = lambda server, stop: errors.append(stop.hits[0].error)  # noqa: E731
+        self.debug(begin, [look])
+        self.assertEqual(errors, ["NameError: name 'nothing' is not defined"])
+
+    def test_condition_taken_away_and_changed(self):
+        def begin(table):
+            table.add(self.path, self.line("loop-body"), "False")
+            table.set_condition(table.get(1), "i == 1")
+
+        def drop(server, stop):
+            server.breakpoints.set_condition(server.breakpoints.get(1), None)
+
+        body = self.line("loop-body")
+        self.assertEqual(self.hits(begin, [drop]), [("loop", body), ("loop", body)])
+        self.assertEqual(self.counts(), [(1, 3)])
+
+    def test_ignore(self):
+        def begin(table):
+            table.set_ignore(table.add(self.path, self.line("loop-body")), 2)
+
+        values, left = [], []
+
+        def look(server, stop):
+            values.append(stop.frame.f_locals["i"])
+            left.append(server.breakpoints.get(1).ignore)
+
+        self.debug(begin, [look])
+        self.assertEqual((values, left, self.counts()), ([2], [0], [(1, 3)]))
+
+    def test_ignore_counts_only_hits_with_a_true_condition(self):
+        def begin(table):
+            table.set_ignore(table.add(self.path, self.line("loop-body"), "i > 0"), 1)
+
+        values = []
+        self.debug(begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])])
+        self.assertEqual(values, [2])
+
+    def test_temporary_vanishes(self):
+        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-body"), temporary=True))
+        self.assertEqual(front_end.seen, [("breakpoint", "loop", self.line("loop-body"), [1])])
+        self.assertEqual(self.counts(), [])
+
+    def test_disabled_and_enabled(self):
+        def begin(table):
+            table.set_enabled(table.add(self.path, self.line("loop-first")), False)
+            table.add(self.path, self.line("loop-return"))
+
+        self.assertEqual(self.hits(begin), [("loop", self.line("loop-return"))])
+        self.assertEqual(self.counts(), [(1, 0), (2, 1)])
+
+    def test_disabled_while_running_and_enabled_again(self):
+        body = self.line("loop-body")
+
+        def begin(table):
+            table.add(self.path, body)
+            table.add(self.path, self.line("loop-return"))
+
+        def switch(enabled):
+            return lambda server, stop: server.breakpoints.set_enabled(server.breakpoints.get(1), enabled)
+
+        work = lambda: self.load().loop(2) + self.load().loop(2)  # noqa: E731
+        back = ("loop", self.line("loop-return"))
+        self.assertEqual(
+            self.hits(begin, [switch(False), switch(True)], work),
+            [("loop", body), back, ("loop", body), ("loop", body), back])
+        self.assertEqual(self.counts(), [(1, 3), (2, 2)])
+
+    def test_removed_while_running(self):
+        remove = lambda server, stop: server.breakpoints.remove(server.breakpoints.get(1))  # noqa: E731
+        begin = lambda table: table.add(self.path, self.line("loop-body"))  # noqa: E731
+        self.assertEqual(self.hits(begin, [remove]), [("loop", self.line("loop-body"))])
+        self.assertEqual(self.counts(), [])
+
+    def test_two_on_one_line(self):
+        body = self.line("loop-body")
+
+        def begin(table):
+            table.add(self.path, body, "i == 1")
+            table.add(self.path, body, "i >= 1")
+
+        front_end = self.debug(begin)
+        self.assertEqual([row[3] for row in front_end.seen], [[1, 2], [2]])
+        self.assertEqual(self.counts(), [(1, 3), (2, 3)])
+
+    def test_changing_one_of_two_on_a_line_leaves_the_other(self):
+        body = self.line("loop-body")
+
+        def begin(table):
+            table.add(self.path, body)
+            table.add(self.path, body, "i == 2")
+
+        def switch(server, stop):
+            server.breakpoints.set_enabled(server.breakpoints.get(1), False)
+
+        front_end = self.debug(begin, [switch])
+        self.assertEqual([row[3] for row in front_end.seen], [[1], [2]])
+        self.assertEqual(self.counts(), [(1, 1), (2, 3)])
+
+    def test_temporary_beside_another(self):
+        body = self.line("loop-body")
+
+        def begin(table):
+            table.add(self.path, body, temporary=True)
+            table.add(self.path, body)
+
+        front_end = self.debug(begin)
+        self.assertEqual([row[3] for row in front_end.seen], [[1, 2], [2], [2]])
+        self.assertEqual(self.counts(), [(2, 3)])
+
+    def test_counts_are_right_when_stepping_over_the_line(self):
+        begin = lambda table: table.add(self.path, self.line("loop-return"))  # noqa: E731
+        front_end = self.debug(begin, ["step_over", "step_over", "continue_run"])
+        self.assertEqual([row[0] for row in front_end.seen][:2], ["breakpoint", "return"])
+        self.assertEqual(self.counts(), [(1, 1)])
+
+    def test_step_that_ends_at_a_breakpoint_is_a_hit(self):
+        def begin(table):
+            table.add(self.path, self.line("call-first"))
+            table.add(self.path, self.line("call-return"))
+
+        front_end = self.debug(begin, ["step_over", "continue_run"])
+        self.assertEqual([(row[0], row[3]) for row in front_end.seen], [("breakpoint", [1]), ("breakpoint", [2])])
+        self.assertEqual(self.counts(), [(1, 1), (2, 1)])
+
+    def test_temporary_survives_the_return_of_a_step_on_its_line(self):
+        def begin(table):
+            table.add(self.path, self.line("loop-return"))
+
+        def add(server, stop):
+            server.breakpoints.add(self.path, self.line("loop-return"), temporary=True)
+            server.step_over()
+            return True
+
+        work = lambda: self.load().loop(1) + self.load().loop(1)  # noqa: E731
+        front_end = self.debug(begin, [add], work)
+        self.assertEqual([(row[0], row[3]) for row in front_end.seen], [
+            ("breakpoint", [1]), ("return", []), ("breakpoint", [1, 2])])
+        self.assertEqual(self.counts(), [(1, 2)])
+
+    def test_ignored_hits_survive_the_return_of_a_step_on_its_line(self):
+        def begin(table):
+            table.add(self.path, self.line("loop-return"))
+
+        def add(server, stop):
+            bp = server.breakpoints.add(self.path, self.line("loop-return"))
+            server.breakpoints.set_ignore(bp, 1)
+            server.step_over()
+            return True
+
+        work = lambda: [self.load().loop(1) for _ in range(3)]  # noqa: E731
+        front_end = self.debug(begin, [add], work)
+        self.assertEqual([(row[0], row[3]) for row in front_end.seen], [
+            ("breakpoint", [1]), ("return", []), ("breakpoint", [1]), ("breakpoint", [1, 2])])
+        self.assertEqual(self.counts(), [(1, 3), (2, 2)])
+
+    def test_breakpoint_in_module_code_on_its_first_import(self):
+        begin = lambda table: table.add(self.path, 4)  # noqa: E731
+        self.assertEqual(self.hits(begin), [("<module>", 4)])
+
+    def test_step_over_a_call_stops_at_a_breakpoint_in_it(self):
+        def begin(table):
+            table.add(self.path, self.line("call-return"))
+            table.add(self.path, self.line("inner"))
+
+        self.assertEqual(self.hits(begin, ["step_over"]), [
+            ("call", self.line("call-return")), ("inner", self.line("inner"))])
+
+    def test_pending_exception_and_result_are_the_programs(self):
+        def work():
+            try:
+                raise KeyError("mine")
+            except KeyError:
+                self.load().loop(2)
+                return sys.exc_info()[1].args
+
+        begin = lambda table: table.add(self.path, self.line("loop-body"), "1/0")  # noqa: E731
+        front_end = self.debug(begin, work=work)
+        self.assertEqual(front_end.result, ("mine",))
+        self.assertEqual(len(front_end.seen), 2)
+
+    def test_set_while_the_program_computes(self):
+        """From the idle call, in a function that nothing had to be traced in."""
+        path = self.make_file("busy_{}.py".format(self.name), (
+            "def busy(stop):\n"
+            "    turns = 0\n"
+            "    while not stop:\n"
+            "        turns += 1  #@ turn\n"
+            "    return turns\n"), self.folder)
+        stop = []
+
+        def idle(server):
+            if not server.breakpoints.all():
+                server.breakpoints.add(path, line_of(path, "turn"))
+
+        def end(server, stopped):
+            stop.append(1)
+            server.breakpoints.remove(server.breakpoints.get(1))
+
+        work = lambda: __import__("busy_" + self.name).busy(stop)  # noqa: E731
+        front_end = self.debug(lambda table: None, [end], work, idle)
+        self.assertEqual(front_end.seen, [("breakpoint", "busy", line_of(path, "turn"), [1])])
+        self.assertGreater(front_end.result, 0)
+
+    def test_in_another_thread(self):
+        import threading
+
+        def work():
+            module = self.load()
+            thread = threading.Thread(target=module.loop, args=(2,))
+            thread.start()
+            thread.join()
+
+        self.assertEqual(
+            self.hits(lambda table: table.add(self.path, self.line("loop-return")), work=work),
+            [("loop", self.line("loop-return"))])
+
+    def test_in_a_generator_and_a_comprehension(self):
+        path = self.make_file("gen_{}.py".format(self.name), (
+            "def gen():\n"
+            "    yield 1  #@ yield\n"
+            "    yield 2\n"
+            "\n"
+            "def use():\n"
+            "    return [\n"
+            "        item * 2  #@ item\n"
+            "        for item in gen()]\n"), self.folder)
+
+        def begin(table):
+            table.add(path, line_of(path, "yield"))
+            table.add(path, line_of(path, "item"))
+
+        seen = self.debug(begin, work=lambda: __import__("gen_" + self.name).use()).seen
+        # How often a comprehension of several lines comes to one of them is the compiler's business.
+        self.assertEqual([row[3] for row in seen].count([1]), 1)
+        self.assertIn([2], [row[3] for row in seen])
+
+
+if __name__ == "__main__":
+    unittest.main()
