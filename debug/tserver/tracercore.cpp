@@ -127,6 +127,7 @@ static void clear_earlier_state() {
     if (gSelf.tracing) {
         __tracer_stop_trace();
         gPy.PyErr_Clear();
+        stop_trace_without_callback();  // the thread-hooks callback may have started it again
     }
     update_eval_frame();  // tracing is off: takes the eval-frame hook out
     clear_thread_table(&gSelf.thread_data);

@@ -462,17 +462,27 @@ static void stop_tracing_current_thread() {
     }
 }
 
-void __tracer_stop_trace() {
-    DPRINTF(kLogCore, "in __tracer_stop_trace()\n");
+static void stop_tracing_all_threads() {
     const bool was_tracing = gSelf.tracing != 0;
     gSelf.tracing = 0;
-    if (was_tracing) {
-        if (has_function_for_all_threads()) {
-            gPy.PyEval_SetTraceAllThreads(nullptr, nullptr);
-        }
-        for_each_thread_state(stop_tracing_thread);
-        stop_tracing_current_thread();
+    if (!was_tracing) {
+        return;
     }
+    if (has_function_for_all_threads()) {
+        gPy.PyEval_SetTraceAllThreads(nullptr, nullptr);
+    }
+    for_each_thread_state(stop_tracing_thread);
+    stop_tracing_current_thread();
+}
+
+void stop_trace_without_callback() {
+    stop_tracing_all_threads();
+    stop_idle_thread(&gSelf.global_idle_thread_data);
+}
+
+void __tracer_stop_trace() {
+    DPRINTF(kLogCore, "in __tracer_stop_trace()\n");
+    stop_tracing_all_threads();
     install_start_thread_hooks(0);
     stop_idle_thread(&gSelf.global_idle_thread_data);
 }

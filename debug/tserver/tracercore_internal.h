@@ -34,7 +34,8 @@ inline tCOPathnameTable* path_table() {
 class tServerLock : tNoCopy {
 public:
     explicit tServerLock(tThreadData* thread_data)
-        : thread_data_(thread_data != nullptr && acquire_dbgserver_mutex(thread_data) != 0
+        : held_(thread_data),
+          thread_data_(thread_data != nullptr && acquire_dbgserver_mutex(thread_data) != 0
                            ? thread_data
                            : nullptr) {}
     ~tServerLock() {
@@ -45,6 +46,7 @@ public:
     bool held() const { return thread_data_ != nullptr; }
 
 private:
+    tHeldThreadData held_;  // a callback may give the mutex back and end the thread's record
     tThreadData* thread_data_;
 };
 
@@ -104,7 +106,9 @@ bool is_left_by_exception(const tDispatchCtx* ctx);
 // tracercore_mutex.cpp: in a forked child, where only the forking thread lives on.
 void renew_mutex_after_fork();
 
-// tracercore_install.cpp: the record's own look at its frames is not due any more.
+// tracercore_install.cpp: stops tracing when the thread-hooks callback must not be asked again.
+void stop_trace_without_callback();
+// The record's own look at its frames is not due any more.
 void forget_scheduled_update(tThreadData* thread_data);
 
 // tracercore_threads.cpp

@@ -39,11 +39,13 @@ int acquire_dbgserver_mutex(tThreadData* thread_data) {
 }
 
 void release_dbgserver_mutex(tThreadData* thread_data) {
-    if (thread_data->dbgserver_mutex_acquired_count == 0) {
+    if (thread_data->dbgserver_mutex_acquired_count > 0) {
+        thread_data->dbgserver_mutex_acquired_count--;
+    } else if (!holds_mutex(thread_data)) {
         return;  // never acquired: there is nothing to give back
     }
+    // A record with a count of 0 gives back what one that a reset removed since had acquired.
     tHeldThreadData held(thread_data);  // frees a removed one at the end
-    thread_data->dbgserver_mutex_acquired_count--;
     if (!holds_mutex(thread_data) || --gMutexDepth != 0) {
         return;
     }
