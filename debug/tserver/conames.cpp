@@ -183,8 +183,13 @@ static const char* keep_copy(tCOPathnameTable* table, const char* text) {
     return copy;
 }
 
-// Asks the server for the file's checksum, so that a copy of a known file gets that one's name. The
-// callback may give the interpreter lock away: rel must not be in the table's buffer.
+// The chosen name in a copy: log lines and callbacks let other threads run, which use the table's
+// buffer. Caller frees; null when out of memory.
+static char* copy_relative_path(tCOPathnameTable* table, PyObject* globals, PyObject* co_filename) {
+    return strdup(__tracer_get_relative_path(table, globals, co_filename));
+}
+
+// Asks the server for the file's checksum, so that a copy of a known file gets that one's name.
 static const char* register_with_checksum(tCOPathnameTable* table, const char* rel) {
     tOwnedRef checksum(call_get_checksum_cb(rel));
     if (!checksum) {
@@ -194,19 +199,30 @@ static const char* register_with_checksum(tCOPathnameTable* table, const char* r
     return register_canonical_pathname(table->file_ops_data, rel, text, nullptr);
 }
 
-// Owned by the file-name caches; null after logging.
+// Registered when it is not yet. Owned by the file-name caches; null after logging.
 static const char* get_canonical_name(tCOPathnameTable* table, const char* rel) {
     const char* const known = lookup_canonical_pathname(table->file_ops_data, rel, nullptr);
-    if (known != nullptr) {
-        return known;
+    return known != nullptr ? known : register_with_checksum(table, rel);
+}
+
+static const char* get_full_name(tCOPathnameTable* table, const char* rel) {
+    const char* const full = gUseCanonicalPathnames != 0 ? get_canonical_name(table, rel)
+                                                         : get_absname(table->file_ops_data, rel);
+    DPRINTF(kLogFilenames, "fullname = %s\n", dprint_check_str(full));
+    return full;
+}
+
+// As get_full_name, registering nothing.
+static const char* find_full_name(tCOPathnameTable* table, const char* rel) {
+    const char* full = gUseCanonicalPathnames != 0
+                           ? lookup_canonical_pathname(table->file_ops_data, rel, nullptr)
+                           : nullptr;
+    if (full == nullptr) {
+        full = get_absname(table->file_ops_data, rel);
     }
-    char* const copy = strdup(rel);
-    if (copy == nullptr) {
-        log_failure("Failure: get_full_path_using_canonical_pathnames()\n");
-        return nullptr;
+    if (full == nullptr) {
+        DPRINTF(kLogFilenames, "No full name found for relative name %s\n", dprint_check_str(rel));
     }
-    const char* const full = register_with_checksum(table, copy);
-    free(copy);
     return full;
 }
 
@@ -229,17 +245,18 @@ const char* __resolve_module_full_path(tCOPathnameTable* table,
                                        int register_all_in_globals) {
     tSavedErrno keep_errno;
     tSavedError saved;
-    const char* const rel = __tracer_get_relative_path(table, globals, co_filename);
-    DPRINTF(kLogFilenames, "resolving '%s'\n", dprint_check_str(rel));
-    if (is_pseudo_name(rel)) {
+    char* const rel = copy_relative_path(table, globals, co_filename);
+    if (rel == nullptr) {
         return nullptr;
     }
-    if (always_use_co_filename(co_filename) != 0) {
+    DPRINTF(kLogFilenames, "resolving '%s'\n", dprint_check_str(rel));
+    const bool is_file = !is_pseudo_name(rel);
+    const bool is_used_as_it_is = is_file && always_use_co_filename(co_filename) != 0;
+    const char* const full = is_file && !is_used_as_it_is ? get_full_name(table, rel) : nullptr;
+    free(rel);
+    if (is_used_as_it_is) {
         return keep_copy(table, get_native_text(co_filename));
     }
-    const char* const full = gUseCanonicalPathnames != 0 ? get_canonical_name(table, rel)
-                                                         : get_absname(table->file_ops_data, rel);
-    DPRINTF(kLogFilenames, "fullname = %s\n", dprint_check_str(full));
     if (full != nullptr) {
         register_full_path(table, full, code, register_all_in_globals != 0 ? globals : nullptr);
     }
@@ -274,21 +291,16 @@ static const char* compute_full_path(tCOPathnameTable* table,
     if (co_name != nullptr && stands_for_itself(co_name)) {
         return keep_copy(table, co_name);
     }
-    const char* const rel =
-        __tracer_get_relative_path(table, globals.borrow(), co_filename.borrow());
-    if (co_name == nullptr && is_pseudo_name(rel)) {
+    char* const rel = copy_relative_path(table, globals.borrow(), co_filename.borrow());
+    if (rel == nullptr) {
         return nullptr;
     }
-    const char* full = gUseCanonicalPathnames != 0
-                           ? lookup_canonical_pathname(table->file_ops_data, rel, nullptr)
-                           : nullptr;
-    if (full == nullptr) {
-        full = get_absname(table->file_ops_data, rel);
-    }
+    const bool has_name = co_name != nullptr || !is_pseudo_name(rel);
+    const char* const full = has_name ? find_full_name(table, rel) : nullptr;
+    free(rel);
     if (full != nullptr) {
         return full;
     }
-    DPRINTF(kLogFilenames, "No full name found for relative name %s\n", dprint_check_str(rel));
     return co_name != nullptr ? keep_copy(table, co_name) : nullptr;
 }
 

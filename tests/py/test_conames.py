@@ -40,6 +40,11 @@ class tCOPathnameTable(ctypes.Structure):
 
 
 kFunctions = {
+    "create_dp_data": (kPointer, []),
+    "set_dp_data_mask": (None, [kPointer, ctypes.c_int]),
+    "set_dp_data_file_obj": (None, [kPointer, kObject, ctypes.c_int, kPointer]),
+    "set_dprintf_mask": (None, [ctypes.c_int]),
+    "set_dprintf_file": (None, [kObject, ctypes.c_int, kPointer]),
     "create_file_ops_data": (kPointer, [kPointer]),
     "InitCOPathnameTable": (None, [kPointer, kPointer]),
     "LookupCOPathname": (kText, [kPointer, kObject]),
@@ -515,6 +520,51 @@ class FullPathTest(NamesCase):
                 self.full(frame)
 
         self.assertEqual(growth_of_references(ask), 0)
+
+
+class LogThatUsesTheBuffer(object):
+    """A log file that asks for another name with each line, as another thread may meanwhile."""
+
+    def __init__(self, case):
+        self.case = case
+        self.lines = []
+
+    def write(self, line):
+        self.lines.append(line)
+        self.case.relative("/other.py")
+
+    def flush(self):
+        pass
+
+
+class BufferTest(NamesCase):
+    kLogFilenames = 2
+
+    def setUp(self):
+        super(BufferTest, self).setUp()
+        self.log = LogThatUsesTheBuffer(self)
+        sinks = self.call("create_dp_data")
+        self.call("set_dp_data_mask", sinks, self.kLogFilenames)
+        self.call("set_dp_data_file_obj", sinks, self.log, -1, None)
+        self.call("InitCOPathnameTable", self.address, self.call("create_file_ops_data", sinks))
+        self.call("set_dprintf_mask", self.kLogFilenames)
+        self.call("set_dprintf_file", self.log, -1, None)
+        self.addCleanup(self.call, "set_dprintf_file", None, -1, None)
+        self.addCleanup(self.call, "set_dp_data_file_obj", sinks, None, -1, None)
+
+    def test_a_resolved_name_is_not_that_of_another_thread(self):
+        code = compile_code("mine.py")
+        expected = os.path.join(os.getcwd(), "mine.py")
+        self.assertEqual(self.resolve({}, "mine.py", code), expected)
+        self.assertEqual(self.lookup(code), expected)
+        self.assertIn("resolving 'mine.py'\n", self.log.lines)
+
+    def test_a_computed_name_is_not_that_of_another_thread(self):
+        expected = os.path.join(os.getcwd(), "mine.py")
+        frame = frame_of("mine.py")
+        self.assertEqual(self.full(frame), expected)
+        self.assertEqual(self.full(frame), expected)
+        self.assertIn("resolved mine.py to {}\n".format(expected), self.log.lines)
 
 
 class ResolveTest(NamesCase):
