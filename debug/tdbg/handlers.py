@@ -64,9 +64,10 @@ kNeverNews = tuple(
 # What becomes of an exception in a frame: the `kind` of the tuples (kind, line, what, yes, no).
 _kLeaves = 0   # it goes on to the caller
 _kCatches = 1  # ends here; line: of the clause, or of the body of `finally`
-_kMay = 2      # not to be known; what: offset of the `with` that decides, or None
+_kMay = 2      # not to be known
 _kMatch = 3    # an `except` clause; what: operations of its expression or None; yes, no: nodes
 _kGroup = 4    # `except*` clauses; what: list of such operations; no: node for the rest
+_kWith = 5     # what: (operations, whether their value is called) of the manager; no: node behind it
 
 _leaves = (_kLeaves, None, None, None, None)
 _unknown = (_kMay, None, None, None, None)
@@ -156,7 +157,11 @@ class tCodePlan(object):
         if not self._loaded:
             self._load()
         place = self._index_at(offset)
-        return self.names[place] if place >= 0 else ""
+        if place < 0:
+            return ""
+        if self.names[place] == "BINARY_OP" and self.args[place] == _kSubscriptOperator:
+            return "BINARY_SUBSCR"
+        return self.names[place]
 
     def _load(self):
         self._loaded = True
@@ -332,7 +337,8 @@ class tCodePlan(object):
         if name == "POP_EXCEPT" and following == "RERAISE":
             return self._resolve(self.offsets[place + 1])
         if name in _kWithEnds:
-            return (_kMay, line, setup, None, None)
+            goes_on = self._resolve(offset) if "WITH_CLEANUP" in name else self._after_with(place)
+            return (_kWith, line, self._manager(setup), None, goes_on)
         if name == "CHECK_EG_MATCH":
             return self._group(place)
         if name in _kMatches:
@@ -378,6 +384,49 @@ class tCodePlan(object):
                 return (_kGroup, line, expressions, None, self._resolve(self.offsets[last]))
         return _unknown
 
+    # --- the manager of a `with` block ---
+
+    def _after_with(self, place):
+        """Node for an exception that the block's manager lets go on."""
+        for position in range(place, min(place + 6, len(self.names))):
+            if self.names[position] == "RERAISE":
+                return self._resolve(self.offsets[position])
+        return _unknown
+
+    def _manager(self, setup):
+        """(operations, whether their value is called) of the block's expression; None: not plain."""
+        place = self._index_at(setup)
+        if not self.names[place].startswith(("SETUP_WITH", "BEFORE_WITH")):
+            # 3.14 looks the methods up one by one, on a copy of the manager.
+            copies = [at for at in range(max(place - 8, 0), place) if self.names[at] == "COPY"]
+            if self.names[place] != "CALL" or not copies:
+                return None
+            place = copies[-1]
+        first, needed = place, 1
+        while needed > 0 and first > 0:
+            first -= 1
+            effect = _stack_effect(self.names[first], self.args[first])
+            if effect is None:
+                return None
+            needed += effect[0] - effect[1]
+        operations = []
+        while first < place and (
+                self.names[first] in _kNames if not operations else
+                self.names[first] in ("LOAD_ATTR", "LOAD_METHOD")) or self.names[first] == "PUSH_NULL":
+            if self.names[first] != "PUSH_NULL":
+                load = _kLoads["LOAD_ATTR" if operations else self.names[first]]
+                if self.names[first] == "LOAD_METHOD":
+                    operations.append(("attr", self.code.co_names[self.args[first]]))
+                else:
+                    operations.extend(load(self.code, self.args[first]))
+            elif operations:
+                break
+            first += 1
+        is_called = self.names[place - 1].startswith("CALL")
+        if not operations or (first < place) != is_called:
+            return None
+        return tuple(operations), is_called
+
     def _line_of_clause(self, place):
         for position in range(place, min(place + 3, len(self.names))):
             line = self.line_at(self.offsets[position])
@@ -418,6 +467,33 @@ _kShared = frozenset(("END_FINALLY", "POP_FINALLY", "WITH_CLEANUP", "WITH_CLEANU
 _kNoWayOn = _kReturns | frozenset((
     "RAISE_VARARGS", "RERAISE", "BREAK_LOOP", "CONTINUE_LOOP", "JUMP_FORWARD", "JUMP_ABSOLUTE",
     "JUMP_BACKWARD", "JUMP_BACKWARD_NO_INTERRUPT", "JUMP_NO_INTERRUPT"))
+
+
+_kNames = frozenset((
+    "LOAD_GLOBAL", "LOAD_NAME", "LOAD_FAST", "LOAD_FAST_CHECK", "LOAD_FAST_BORROW", "LOAD_DEREF"))
+
+
+def _stack_effect(name, arg):
+    """(values taken, values put) by instructions of plain calls; None for any other."""
+    if name == "LOAD_GLOBAL":
+        return 0, 1 + (_kHasTable and arg & 1)
+    if name in _kNames or name in ("LOAD_CONST", "LOAD_SMALL_INT", "PUSH_NULL"):
+        return 0, 1
+    if name == "LOAD_ATTR":
+        return 1, 1 + (sys.version_info >= (3, 12) and arg & 1)
+    if name == "LOAD_METHOD":
+        return 1, 2
+    if name in ("PRECALL", "KW_NAMES"):
+        return 0, 0
+    if name in ("CALL", "CALL_METHOD", "CALL_FUNCTION_KW"):
+        return arg + 2, 1
+    if name == "CALL_FUNCTION":  # version 2 counts pairs for keywords, too
+        return (arg & 255) + 2 * (arg >> 8 if compat.PY2 else 0) + 1, 1
+    if name == "CALL_KW":
+        return arg + 3, 1
+    if name in ("BUILD_TUPLE", "BUILD_LIST", "BUILD_STRING"):
+        return arg, 1
+    return None
 
 
 def _load_deref(code, arg):
@@ -545,6 +621,89 @@ def _matches_value(wanted, kind):
     return None
 
 
+def _lets_pass(frame, manager):
+    """Whether the manager of the `with` block never ends an exception, as far as is known."""
+    if manager is None:
+        return False
+    operations, is_called = manager
+    try:
+        value = _evaluate(frame, operations)
+    except (LookupError, AttributeError):
+        return False
+    if not is_called:
+        value = type(value)
+    elif any(value is function for function in _kMakers):
+        return True
+    if not isinstance(value, type) or (is_called and type(value) is not type):
+        return False
+    for parent in _mro_of(value):
+        names = _dict_of_type(parent)
+        if "__new__" in names and is_called and isinstance(names["__new__"], staticmethod):
+            if isinstance(names["__new__"].__get__(None, parent), types.FunctionType):
+                return False  # may make anything
+        if "__exit__" in names:
+            method = names["__exit__"]
+            if isinstance(method, types.FunctionType):
+                return _returns_nothing(method.__code__)
+            return parent in _kPassing
+    return False
+
+
+_quiet_codes = {}
+
+
+def _returns_nothing(code):
+    """Whether all that the code returns is None or False, written down as such."""
+    known = _quiet_codes.get(id(code))
+    if known is None or known[0] is not code:
+        if len(_quiet_codes) > _kMaxPlans:
+            _quiet_codes.clear()
+        known = _quiet_codes[id(code)] = (code, _find_returns(code))
+    return known[1]
+
+
+def _find_returns(code):
+    if code.co_flags & _kGeneratorFlags:
+        return False
+    before = None
+    for _, _, op, arg in _decode(code.co_code):
+        name = _opname[op]
+        value = True
+        if name == "RETURN_CONST":
+            value = code.co_consts[arg]
+        elif name == "RETURN_VALUE" and before is not None and before[0] == "LOAD_CONST":
+            value = code.co_consts[before[1]]
+        elif name == "RETURN_VALUE" and before == ("LOAD_GLOBAL", "False"):
+            value = False  # version 2 has no constant for it
+        elif name != "RETURN_VALUE":
+            value = None
+        if value is not None and value is not False:
+            return False
+        before = (name, code.co_names[arg]) if compat.PY2 and name == "LOAD_GLOBAL" else (name, arg)
+    return True
+
+
+_kGeneratorFlags = 0x20 | 0x80 | 0x200
+
+
+def _passing_types():
+    """Types of the interpreter whose __exit__ only closes or releases."""
+    found = [type(compat.allocate_lock())]
+    for module, name in (("_io", "_IOBase"), ("_thread", "RLock")):
+        kind = getattr(sys.modules.get(module), name, None)
+        if isinstance(kind, type):
+            found.append(kind)
+    if compat.PY2:
+        found.append(compat.builtins.file)
+    return tuple(found)
+
+
+_kPassing = _passing_types()
+# Functions that make such objects.
+_kMakers = (compat.allocate_lock,) + tuple(
+    getattr(module, "open") for module in (compat.builtins, sys.modules.get("_io")) if module)
+
+
 def _leaves_of(group):
     """Exceptions in a group, and in the groups in it."""
     found, pending = [], [group]
@@ -647,6 +806,10 @@ class tException(object):
                 if answer is None:
                     return (_kMay, node[1], None, None, None)
                 node = node[3] if answer else node[4]
+            elif node[0] == _kWith:
+                if not _lets_pass(frame, node[2]):
+                    return (_kMay, node[1], None, None, None)
+                node = node[4]
             else:
                 answer = self._match_group(frame, node[2])
                 if answer is None:
@@ -672,7 +835,9 @@ class tException(object):
 _kCoroutine = 0x80
 _kProbes = frozenset(("getattr", "hasattr"))
 _kGeneratorCalls = frozenset(("send", "throw", "close", "next", "__next__"))
-_kSubscripts = ("BINARY_SUBSCR", "BINARY_OP", "STORE_SUBSCR", "DELETE_SUBSCR", "BINARY_SLICE")
+# Other instructions iterate: `first[:] = second`, `first += second`.
+_kSubscripts = ("BINARY_SUBSCR", "BINARY_SLICE", "SLICE")
+_kSubscriptOperator = 26  # argument of BINARY_OP, from 3.14 on
 _kSpecialCalls = frozenset(("__init__", "__new__", "__call__"))
 
 
@@ -745,13 +910,18 @@ def _is_call(frame):
 class tPassing(object):
     """An exception on its way: the traceback of its last event, and what was said of it."""
 
-    __slots__ = ("traceback", "told", "catcher", "passed")
+    __slots__ = ("traceback", "value", "told", "catcher", "passed")
 
-    def __init__(self, traceback):
+    def __init__(self, traceback, value):
         self.traceback = traceback  # its id: the object must be able to die
+        self.value = value          # likewise
         self.told = False
         self.catcher = None         # id of the frame that was thought to end it
         self.passed = False         # the exception has reached that frame
+
+
+def _is_outermost(frame):
+    return frame.f_back is None
 
 
 _kMaxNested = 8  # exceptions in progress at the same time (raised in `finally` and `except`)
@@ -763,18 +933,25 @@ class tRaiseWatch(object):
     judge(frame, exc_info) is given every exception event, each frame that an exception passes
     sends one.  The answer is a tVerdict when the event is a raise, or when an exception has gone
     on where it was thought to end; None when it is on its way, and when it is no news.
+
+    is_bottom: function (frame) -> whether it is the thread's bottom frame for the core, which tells
+    twice what leaves that frame: when it comes, and when the frame is left.
     """
 
-    def __init__(self, reports=None):
+    def __init__(self, reports=None, is_bottom=None):
         self.quiet = ()     # types that are no news either
         self._reports = reports
+        self._is_bottom = is_bottom or _is_outermost
         self._threads = {}  # thread ident -> [tPassing], the latest last
+        self._latest = {}   # thread ident -> id of the traceback last seen in the bottom frame
 
     def judge(self, frame, exc_info, ident=None):
         kind, value, traceback = exc_info
         if traceback is None or self._is_never_news(kind):
             return None
-        passing = self._find(traceback, ident)
+        if _kHasTable and self.is_repeat(frame, exc_info, ident):
+            return None
+        passing = self._find(frame, traceback, value, ident)
         if passing is not None:
             if passing.told:
                 return None
@@ -782,16 +959,31 @@ class tRaiseWatch(object):
                 passing.passed = passing.catcher == id(frame)
                 return None
         else:
-            passing = self._add(traceback, ident)
+            passing = self._add(traceback, value, ident)
         verdict = scan(frame, kind, value, self._reports)
         passing.told = verdict.answer in (kUncaught, kReported)
         passing.catcher = id(verdict.frame)
         passing.passed = verdict.frame is frame
         return verdict
 
+    def is_repeat(self, frame, exc_info, ident=None):
+        """Whether the core has told this before: of the bottom frame, in modes 4 and 5 or on 3.11.
+
+        The core keeps the exception of the bottom frame in these cases, so that no other one can
+        have its address.
+        """
+        if not self._is_bottom(frame):
+            return False
+        ident = compat.get_ident() if ident is None else ident
+        latest = self._latest.get(ident)
+        self._latest[ident] = id(exc_info[2])
+        return latest == id(exc_info[2])
+
     def forget(self, ident=None):
         """The thread has ended."""
-        self._threads.pop(compat.get_ident() if ident is None else ident, None)
+        ident = compat.get_ident() if ident is None else ident
+        self._threads.pop(ident, None)
+        self._latest.pop(ident, None)
 
     def _is_never_news(self, kind):
         if not _is_type(kind):
@@ -802,24 +994,29 @@ class tRaiseWatch(object):
                 return True
         return False
 
-    def _find(self, traceback, ident):
-        before = traceback.tb_next
-        if before is None:
+    def _find(self, frame, traceback, value, ident):
+        """The exception of which this is not the first event, or None."""
+        known = self._threads.get(compat.get_ident() if ident is None else ident)
+        if not known:
             return None
+        before, value = traceback.tb_next, id(value)
+        if before is None:
+            # The import system takes its own entries out of tracebacks, which may leave none.
+            if compat.PY2 or known[-1].value != value or not _op_of(frame).startswith("IMPORT_"):
+                return None
         before = id(before)
-        known = self._threads.get(compat.get_ident() if ident is None else ident, ())
         for place in range(len(known) - 1, -1, -1):
             passing = known[place]
-            if passing.traceback == before:
+            if passing.traceback == before or passing.value == value:
                 passing.traceback = id(traceback)
                 del known[place + 1:]
                 return passing
         return None
 
-    def _add(self, traceback, ident):
+    def _add(self, traceback, value, ident):
         known = self._threads.setdefault(compat.get_ident() if ident is None else ident, [])
         if len(known) >= _kMaxNested:
             del known[0]
-        passing = tPassing(id(traceback))
+        passing = tPassing(id(traceback), id(value))
         known.append(passing)
         return passing

@@ -387,8 +387,41 @@ class With(ScanCase):
     def test_may_swallow_several(self):
         self.check(kUnknown, """
             def case():
-                with Keep() as one, Swallow() as two: boom()
+                with Swallow() as one, Keep() as two: boom()
         """, escapes=False)
+
+    def test_passes_on_what_it_is_known_to(self):
+        for manager in (
+                "Keep()", "open('/dev/null')", "open('/dev/null', mode='r') as f", "lock", "threading.Lock()",
+                "io.open('/dev/null') as f, lock", "Keep() as kept"):
+            self.check(kUncaught, """
+                import io, threading
+                lock = threading.Lock()
+                def case():
+                    with {}: boom()
+            """.format(manager))
+
+    def test_passes_on_into_a_clause(self):
+        self.check(kCaught, """
+            def case():
+                try:
+                    with Keep(): boom()
+                except ValueError: pass
+        """)
+
+    def test_manager_that_is_not_to_be_foreseen(self):
+        for manager in ("make()", "Sometimes()", "Odd()", "keeps[0]", "Keep() if boom else None",
+                        "(lambda: Swallow())()"):
+            self.check(kUnknown, """
+                class Sometimes(Keep):
+                    def __exit__(self, kind, value, tb): return kind is ValueError
+                class Odd(Keep):
+                    def __new__(cls): return Swallow()
+                keeps = [Swallow()]
+                def make(): return Swallow()
+                def case():
+                    with {}: boom()
+            """.format(manager), escapes="if boom" in manager)
 
     def test_its_own_expression_is_outside(self):
         self.check(kUncaught, """
@@ -594,6 +627,19 @@ class CodeInC(ScanCase):
             def case():
                 for item in row: pass
         """, escapes=False)
+
+    def test_index_error_ends_what_iterates_otherwise(self):
+        for statement in ("[][:] = row", "items += row", "list(row)", "1 in row"):
+            source = """
+                class Row(object):
+                    def __getitem__(self, index): boom(IndexError)
+                row, items = Row(), []
+                def case():
+                    global items
+                    try: {}
+                    except ZeroDivisionError: pass
+            """.format(statement)
+            self.assertEqual(Probe(source).run(), (kUnknown, False), statement)
 
     def test_index_error_of_a_subscript(self):
         self.check(kUncaught, """
@@ -839,7 +885,7 @@ class Oracle(TestCase):
             plan = handlers.tCodePlan(code)
             plan._load()
             for offset in plan.offsets:
-                self.assertIn(plan.node_at(offset)[0], range(5))
+                self.assertIn(plan.node_at(offset)[0], range(6))
                 count += 1
         self.assertGreater(count, 50000)
 
@@ -994,7 +1040,7 @@ class Watch(TestCase):
                 return self
 
             def __exit__(self, *info):
-                return None
+                return bool(0)
 
         def inner():
             with Keep():
