@@ -9,6 +9,7 @@ tdbg.launch      starts a program under the debugger (`python -m tdbg PROGRAM`)
 
 Importing the package does nothing; see README.md for the command line.
 """
+from __future__ import absolute_import, division, print_function
 
 import functools
 
