@@ -93,19 +93,15 @@ PyObject* Backup_PyFrame_GetLocals(PyFrameObject* frame) {
 }
 
 int Backup_PyFrame_GetLineNumber(PyFrameObject* frame) {
+    tSavedError saved;  // the program's, which comes back in place of one of ours
     tOwnedRef lineno(gPy.PyObject_GetAttrString(frame, "f_lineno"));
     if (!lineno) {
-        gPy.PyErr_Clear();
         return -1;
     }
     const Py_ssize_t number = gPy.PyInt_AsSsize_t != nullptr
                                   ? gPy.PyInt_AsSsize_t(lineno.borrow())
                                   : gPy.PyLong_AsSsize_t(lineno.borrow());
-    if (gPy.PyErr_Occurred() != nullptr) {
-        gPy.PyErr_Clear();
-        return -1;
-    }
-    return static_cast<int>(number);
+    return gPy.PyErr_Occurred() == nullptr ? static_cast<int>(number) : -1;
 }
 
 // Thread states.

@@ -105,6 +105,31 @@ TEST_F(Backup, FrameFieldsAreNewReferences) {
     EXPECT_EQ(held.refcnt, 9);
 }
 
+TEST_F(Backup, LineNumberKeepsTheProgramsError) {
+    static tCounted number = {5, nullptr};
+    static PyObject* lineno = nullptr;
+    static std::string pending;
+    gPy.PyErr_Fetch = [](PyObject** type, PyObject** value, PyObject** traceback) {
+        *type = *value = *traceback = nullptr;
+        pending = gRaised;
+        gRaised.clear();
+    };
+    gPy.PyErr_Restore = [](PyObject*, PyObject*, PyObject*) { gRaised = pending; };
+    gPy.PyErr_Clear = [] { gRaised.clear(); };
+    gPy.PyObject_GetAttrString = [](PyObject*, const char*) {
+        gRaised += lineno == nullptr ? "no attribute" : "";
+        return lineno;
+    };
+    gPy.PyInt_AsSsize_t = [](PyObject*) { return Py_ssize_t{12}; };
+    tRecord frame = {};
+    gRaised = "of the program";
+    EXPECT_EQ(Backup_PyFrame_GetLineNumber(as_frame(&frame)), -1);
+    EXPECT_EQ(gRaised, "of the program");
+    lineno = number.obj();
+    EXPECT_EQ(Backup_PyFrame_GetLineNumber(as_frame(&frame)), 12);
+    EXPECT_EQ(gRaised, "of the program");
+}
+
 TEST_F(Backup, EmptyFrameFieldsGiveNoneButNotForCode) {
     tRecord frame = {};
     gPy.frame_offsets.code = kObjectField;
