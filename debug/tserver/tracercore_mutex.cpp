@@ -147,39 +147,35 @@ PyObject* call_get_checksum_cb(const char* file_name) {
     return get_checksum(file_name);
 }
 
-PyObject* _tracer_acquire_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
-    if (!gPy.PyArg_ParseTuple(args, ":acquire_dbgserver_mutex")) {
+// ---- Module functions ----
+
+// The calling thread's record; null with an exception set. `format` takes no arguments.
+static tThreadData* get_record_of_caller(PyObject* args, const char* format) {
+    if (!gPy.PyArg_ParseTuple(args, format)) {
         return nullptr;
     }
     tThreadData* const thread_data = current_thread_data();
     if (thread_data == nullptr) {
         gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
-        return nullptr;
     }
-    return new_int(acquire_dbgserver_mutex(thread_data));
+    return thread_data;
+}
+
+PyObject* _tracer_acquire_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
+    tThreadData* const record = get_record_of_caller(args, ":acquire_dbgserver_mutex");
+    return record != nullptr ? new_int(acquire_dbgserver_mutex(record)) : nullptr;
 }
 
 PyObject* _tracer_release_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
-    if (!gPy.PyArg_ParseTuple(args, ":release_dbgserver_mutex")) {
+    tThreadData* const record = get_record_of_caller(args, ":release_dbgserver_mutex");
+    if (record == nullptr) {
         return nullptr;
     }
-    tThreadData* const thread_data = current_thread_data();
-    if (thread_data == nullptr) {
-        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
-        return nullptr;
-    }
-    release_dbgserver_mutex(thread_data);
+    release_dbgserver_mutex(record);
     return new_ref(gPy.Py_None);
 }
 
 PyObject* _tracer_is_dbgserver_mutex_held(PyObject* /*self*/, PyObject* args) {
-    if (!gPy.PyArg_ParseTuple(args, ":is_dbgserver_mutex_held")) {
-        return nullptr;
-    }
-    tThreadData* const thread_data = current_thread_data();
-    if (thread_data == nullptr) {
-        gPy.PyErr_SetString(gPy.PyExc_RuntimeError, "Unable to get debugger per-thread data");
-        return nullptr;
-    }
-    return new_int(dbgserver_mutex_held(thread_data));
+    tThreadData* const record = get_record_of_caller(args, ":is_dbgserver_mutex_held");
+    return record != nullptr ? new_int(dbgserver_mutex_held(record)) : nullptr;
 }
