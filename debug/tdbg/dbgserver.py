@@ -28,6 +28,8 @@ kStopOnUnhandled = 2
 # What a thread was last asked to do.
 kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
 
+kAnywhere = "anywhere"
+
 kReturnOpcodes = frozenset(
     dis.opmap[name] for name in ("RETURN_VALUE", "RETURN_CONST", "YIELD_VALUE", "YIELD_FROM")
     if name in dis.opmap)
@@ -87,6 +89,7 @@ class tServer(object):
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
+        self._places = {}       # thread ident -> id of the frame that the core steps in
         self._goals = {}        # thread ident -> frame whose return is waited for
         self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
         self._entered = False   # the first stop has been made
@@ -147,7 +150,7 @@ class tServer(object):
         stop = self._current_stop()
         if self._is_over(stop):
             return self.continue_run()
-        self._resume(kAskedStep, self.core.step_into)
+        self._resume(kAskedStep, kAnywhere, self.core.step_into)
 
     def step_over(self, frame=None):
         """Stop at the next line of the frame (default: the stopped one) or its end."""
@@ -155,17 +158,17 @@ class tServer(object):
         if self._is_over(stop):
             return self.continue_run()
         if frame is not None and frame is not stop.frame:
-            return self._resume(kAskedNext, self.core.step_out_to_frame, frame)
+            return self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
         if stop.reason == stops.kReturn:
             return self._leave(stop.frame)
-        self._resume(kAskedNext, self.core.step_over_line)
+        self._resume(kAskedNext, stop.frame, self.core.step_over_line)
 
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
         if stop.reason in (stops.kReturn, stops.kUncaught) or frame not in (None, stop.frame):
             return self.step_over(frame)
-        self._resume(kAskedNext, self.core.step_over_line_range, 0, line - 1)
+        self._resume(kAskedNext, stop.frame, self.core.step_over_line_range, 0, line - 1)
 
     def step_out(self, frame=None):
         """Stop when the frame (default: the stopped one) returns."""
@@ -174,20 +177,21 @@ class tServer(object):
             return self.continue_run()
         if frame is not None and frame is not stop.frame:
             # The core waits for the return of the frame that it is in: go there first.
-            self._resume(kAskedNext, self.core.step_out_to_frame, frame)
+            self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
             self._goals[_get_ident()] = frame
         elif stop.reason == stops.kReturn:
             self._leave(stop.frame)
         else:
-            self._resume(kAskedNext, self.core.step_out)
+            self._resume(kAskedNext, stop.frame.f_back, self.core.step_out)
 
     def continue_run(self):
         """Run until something stops the program."""
-        self._resume(kAskedRun, self.core.continue_run)
+        self._resume(kAskedRun, None, self.core.continue_run)
 
     def pause(self):
         """Stop the calling thread at its next line; for signal handlers and idle calls."""
         self._asked[_get_ident()] = kAskedPause
+        self._places[_get_ident()] = id(kAnywhere)
         self.core.stop()
 
     def current_stop(self):
@@ -200,9 +204,11 @@ class tServer(object):
             raise RuntimeError("the thread is not stopped")
         return stop
 
-    def _resume(self, asked, command, *args):
+    def _resume(self, asked, place, command, *args):
+        """place: where the core stops at any event: a frame, kAnywhere, or None for nowhere."""
         ident = _get_ident()
         self._asked[ident] = asked
+        self._places[ident] = id(place)
         self._goals.pop(ident, None)
         command(*args)
 
@@ -213,7 +219,7 @@ class tServer(object):
             parent = parent.f_back
         if parent is None or frame is self._main_frame:
             return self.continue_run()
-        self._resume(kAskedNext, self.core.step_out_to_frame, parent)
+        self._resume(kAskedNext, parent, self.core.step_out_to_frame, parent)
 
     def _is_over(self, stop):
         """Whether nothing of the program is left to step through."""
@@ -239,6 +245,7 @@ class tServer(object):
         hits = self.breakpoints.hits_at(frame)
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
         if reason == stops.kStep and self._goals.pop(ident, None) is frame:
+            self._places[ident] = id(frame.f_back)
             return self.core.step_out()
         self._present(self._make_stop(reason, frame, hits=hits))
 
@@ -247,7 +254,7 @@ class tServer(object):
         ident = _get_ident()
         if not self._entered:
             return
-        self.breakpoints.forget_event(frame)
+        self._forget_event(frame, ident)
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         if value is None and not _is_returning(frame):
@@ -259,7 +266,7 @@ class tServer(object):
         ident = _get_ident()
         if not self._entered or not exc_info:
             return
-        self.breakpoints.forget_event(frame)
+        self._forget_event(frame, ident)
         uncaught = bool(self.core.exiting_on_exception())
         if self._is_no_news(exc_info, uncaught):
             return
@@ -296,6 +303,11 @@ class tServer(object):
 
     def _get_checksum_cb(self, name):
         return ""
+
+    def _forget_event(self, frame, ident):
+        """A return or an exception at which the core's stepping ends has counted as a hit."""
+        if self._places.get(ident) in (id(frame), id(kAnywhere)):
+            self.breakpoints.forget_event(frame)
 
     # --- stops ---
 
@@ -375,6 +387,7 @@ class tServer(object):
             return  # no command: the core goes on stepping
         if self._asked.get(ident) == kAskedNext:
             return self._leave(frame)
+        self._places[ident] = id(None)
         self.core.continue_run()
 
     def _is_program_start(self, frame):

@@ -443,6 +443,40 @@ class Running(BreakTest):
         self.assertEqual([row[0] for row in front_end.seen][:2], ["breakpoint", "return"])
         self.assertEqual(self.counts(), [(1, 1)])
 
+    def test_counts_are_right_when_stepping_out_from_the_line(self):
+        begin = lambda table: table.add(self.path, self.line("loop-return"))  # noqa: E731
+        front_end = self.debug(begin, ["step_out"])
+        self.assertEqual([row[0] for row in front_end.seen], ["breakpoint", "return"])
+        self.assertEqual(self.counts(), [(1, 1)])
+
+    def test_counts_are_right_when_stepping_out_passes_the_line(self):
+        def begin(table):
+            table.add(self.path, self.line("loop-first"))
+            table.add(self.path, self.line("loop-return"), "False")
+
+        front_end = self.debug(begin, ["step_out"])
+        self.assertEqual([row[0] for row in front_end.seen], ["breakpoint", "return"])
+        self.assertEqual(self.counts(), [(1, 1), (2, 1)])
+
+    def test_counts_are_right_when_the_line_raises(self):
+        path = self.make_file("raise_{}.py".format(self.name), (
+            "def fail():\n"
+            "    raise ValueError('bad')  #@ raise\n"
+            "\n"
+            "def careful():\n"
+            "    try:\n"
+            "        fail()  #@ try\n"
+            "    except ValueError:\n"
+            "        return 1\n"), self.folder)
+
+        def begin(table):
+            table.add(path, line_of(path, "raise"))
+            table.add(path, line_of(path, "try"))
+
+        front_end = self.debug(begin, ["step_into"] * 9, lambda: __import__("raise_" + self.name).careful())
+        self.assertIn("exception", [row[0] for row in front_end.seen])
+        self.assertEqual(self.counts(), [(1, 1), (2, 1)])
+
     def test_step_that_ends_at_a_breakpoint_is_a_hit(self):
         def begin(table):
             table.add(self.path, self.line("call-first"))

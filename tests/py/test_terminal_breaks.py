@@ -157,6 +157,19 @@ class Setting(BreakTest):
         self.assertIn("(3)<module>()", out[1])
 
 
+    def test_help_tells_all_of_them(self):
+        out = self.run_in(["help", "h tbreak", "h cl", "q"])
+        for name in ("break, b", "tbreak", "condition", "ignore", "enable", "disable", "clear, cl", "commands"):
+            self.assertRegex(out[0], r"(?m)^{}( |$)".format(name))
+        self.assertIn("Stop there once.", out[1])
+        self.assertIn("Delete these breakpoints", out[2])
+
+    def test_place_in_the_selected_frame(self):
+        out = self.run_in(["b help_out", "b helper_module:2", "c", "up", "b 17", "q"])
+        self.assertEqual(out[0], "*** no function help_out\n")
+        self.assertEqual(out[4], "Breakpoint 2 at {}\n".format(self.at(17)))
+
+
 class Changing(BreakTest):
     def test_temporary(self):
         out = self.run_in(["tbreak factorial", "b", "c", "b", "c"])
@@ -230,6 +243,11 @@ class Lists(BreakTest):
         text = "".join(out)
         self.assertIn("(com) (com) ", text)
         self.assertRegex(text, r"(?s)--Breakpoint 1--.*\('n is', 0\)\n.*'prompt'\n")
+
+    def test_several_commands_in_a_line(self):
+        done = run_commands(["b 16", "commands", "p 'one' ;; p 'two'", "p 'three' ;; c", "c"], self.path)
+        self.assertIn("'one'\n'two'\n'three'\n", done.out)
+        self.assertIn("end\n", done.out)
 
     def test_silent_and_running_on(self):
         out = "".join(self.run_in(

@@ -7,6 +7,7 @@ from tdbg import breakpoints, compat
 from tdbg.terminal.usage import number, tUsage
 
 kListPrompt = "(com) "
+kSeparator = ";;"  # of commands in one line
 kEnd, kSilent = "end", "silent"
 # Commands after which a list cannot go on: the stop is over.
 kLast = frozenset((
@@ -155,10 +156,10 @@ class tBreakCommands(object):
                 break
             if line == kEnd:
                 break
-            if line:
-                lines.append(compat.to_native(line))
-                if self._is_last(line):
-                    break
+            parts = [compat.to_native(part.strip()) for part in line.split(kSeparator)]
+            lines.extend(part for part in parts if part)
+            if lines and self._is_last(lines[-1]):
+                break
         if lines:
             self.lists[bp.number] = lines
         else:

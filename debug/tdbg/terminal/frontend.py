@@ -5,11 +5,11 @@ import codeop
 import re
 
 from tdbg import breakpoints, compat, dbgserver, interrupts, private, stops
-from tdbg.terminal import commands, completion, display, lineinput
+from tdbg.terminal import breakcommands, commands, completion, display, lineinput
 
 kPrompt = "(Tdb) "
 kMorePrompt = "  ... "
-kSeparator = ";;"
+kSeparator = breakcommands.kSeparator
 
 # Looks like a command, but is a statement of the program's names: `n = 1`, `c.x`, `s[0]`.
 _statement = re.compile(r"\w+(\s*=[^=]|\.|\[)")
