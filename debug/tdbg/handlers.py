@@ -47,8 +47,9 @@ _EXTENDED_ARG = dis.opmap["EXTENDED_ARG"]
 _HAVE_ARGUMENT = dis.HAVE_ARGUMENT
 _find_line_starts = dis.findlinestarts
 _bisect = bisect.bisect_right
+_get_ident = compat.get_ident
 _ModuleType = types.ModuleType
-_OldStyleClass = getattr(types, "ClassType", None)
+_OldStyleClass = getattr(types, "ClassType", Ellipsis)
 _mro_of = type.__dict__["__mro__"].__get__
 _dict_of_type = type.__dict__["__dict__"].__get__
 _dict_of_module = _ModuleType.__dict__["__dict__"].__get__
@@ -537,14 +538,25 @@ _kLoads = {
 # --- values, without running code of the program --------------------------------------------
 
 
+# Classes are compared by identity: == and isinstance() may run code of the program.
+
+
 def _is_type(value):
-    return type in _mro_of(type(value))
+    kind = type(value)
+    return kind is type or _is_one_of(type, _mro_of(kind))
+
+
+def _is_one_of(kind, kinds):
+    for item in kinds:
+        if item is kind:
+            return True
+    return False
 
 
 def _derives(kind, base):
     """Whether the class is or derives from the other, as `except` sees it."""
     if _is_type(kind):
-        return base in _mro_of(kind)
+        return _is_one_of(base, _mro_of(kind))
     if kind is base:
         return True  # an old-style class of version 2
     return any(_derives(parent, base) for parent in getattr(kind, "__bases__", ()))
@@ -606,19 +618,17 @@ def _matches(frame, operations, kind):
 
 
 def _matches_value(wanted, kind):
-    if isinstance(wanted, tuple):
-        answers = [_matches_value(part, kind) for part in tuple.__iter__(wanted)]
-        return True if True in answers else None if None in answers else False
+    if _derives(kind, wanted):
+        return True if wanted is not object else None
     if _is_type(wanted):
-        if _BaseException not in _mro_of(wanted):
+        if not _is_one_of(_BaseException, _mro_of(wanted)):
             return None  # an error of its own, or ignored
-        if _derives(kind, wanted):
-            return True
         # Version 2 asks the class's metaclass.
         return None if compat.PY2 and type(wanted) is not type else False
-    if _OldStyleClass is not None and isinstance(wanted, _OldStyleClass):
-        return _derives(kind, wanted)
-    return None
+    if _is_one_of(tuple, _mro_of(type(wanted))):
+        answers = [_matches_value(part, kind) for part in tuple.__iter__(wanted)]
+        return True if True in answers else None if None in answers else False
+    return False if type(wanted) is _OldStyleClass else None
 
 
 def _lets_pass(frame, manager):
@@ -634,18 +644,17 @@ def _lets_pass(frame, manager):
         value = type(value)
     elif any(value is function for function in _kMakers):
         return True
-    if not isinstance(value, type) or (is_called and type(value) is not type):
+    if not _is_type(value) or (is_called and type(value) is not type):
         return False
     for parent in _mro_of(value):
         names = _dict_of_type(parent)
-        if "__new__" in names and is_called and isinstance(names["__new__"], staticmethod):
-            if isinstance(names["__new__"].__get__(None, parent), types.FunctionType):
-                return False  # may make anything
+        if is_called and type(names.get("__new__")) is staticmethod:
+            return False  # may make anything
         if "__exit__" in names:
             method = names["__exit__"]
-            if isinstance(method, types.FunctionType):
+            if type(method) is types.FunctionType:
                 return _returns_nothing(method.__code__)
-            return parent in _kPassing
+            return _is_one_of(parent, _kPassing)
     return False
 
 
@@ -709,7 +718,7 @@ def _leaves_of(group):
     found, pending = [], [group]
     while pending:
         value = pending.pop()
-        if _Group in _mro_of(type(value)):
+        if _is_one_of(_Group, _mro_of(type(value))):
             pending.extend(_members_of(value))
         else:
             found.append(value)
@@ -753,20 +762,26 @@ def scan(frame, kind, value=None, reports=None, outermost=None):
                   what it catches; the line is None where it is not sure that a handler catches
     outermost     frame beyond which nobody looks; default: the thread's outermost one
     """
-    tracked = tException(kind, value)
-    inner = None
+    parts = None
+    if _Group is not None and _is_one_of(_Group, _mro_of(type(value))):
+        parts = _leaves_of(value)
+    inner = is_probe = None
     while frame is not None:
         if inner is not None:
-            answer = _what_lies_between(inner, frame, tracked)
-            if answer is not None:
-                return tVerdict(answer, inner)
+            if is_probe is None:
+                is_probe = compat.PY2 or _derives(kind, AttributeError)
+            inner_code = inner.f_code
+            if is_probe or inner_code.co_flags & _kCoroutine or inner_code.co_name[:2] == "__":
+                answer = _what_lies_between(inner, frame, kind)
+                if answer is not None:
+                    return tVerdict(answer, inner)
         offset = frame.f_lasti
         if offset >= 0:
             code = frame.f_code
             plan = _plans.get(id(code)) or plan_of(code)
             node = plan.nodes.get(offset) or plan.node_at(offset)
             if node is not _leaves:
-                node = tracked.follow(frame, node)
+                node, parts = _follow(frame, node, kind, parts)
                 if node[0] != _kLeaves:
                     return _conclude(node, frame, reports)
         if frame is outermost:
@@ -784,50 +799,37 @@ def _conclude(node, frame, reports):
     return tVerdict(kCaught, frame, node[1])
 
 
-class tException(object):
-    """An exception on its way outwards; what is left of it, when it is a group."""
+def _follow(frame, node, kind, parts):
+    """(the node at which the exception ends: leaves, catches or may; what is left of a group)"""
+    while node[0] >= _kMatch:
+        if node[0] == _kMatch:
+            answer = _matches(frame, node[2], kind)
+            if answer is None:
+                return (_kMay, node[1], None, None, None), parts
+            node = node[3] if answer else node[4]
+        elif node[0] == _kWith:
+            if not _lets_pass(frame, node[2]):
+                return (_kMay, node[1], None, None, None), parts
+            node = node[4]
+        else:
+            answer, parts = _match_group(frame, node[2], kind, parts)
+            if answer is None:
+                return (_kMay, node[1], None, None, None), parts
+            node = (_kCatches, node[1], None, None, None) if answer else node[4]
+    return node, parts
 
-    __slots__ = ("kind", "parts", "is_attribute_error")
 
-    def __init__(self, kind, value):
-        self.kind, self.parts = kind, None
-        self.is_attribute_error = _derives(kind, AttributeError)
-        if _Group is not None and _Group in _mro_of(type(value)):
-            self.parts = _leaves_of(value)
-
-    def derives(self, base):
-        return _derives(self.kind, base)
-
-    def follow(self, frame, node):
-        """The node at which the exception ends: leaves, catches or may."""
-        while node[0] >= _kMatch:
-            if node[0] == _kMatch:
-                answer = _matches(frame, node[2], self.kind)
-                if answer is None:
-                    return (_kMay, node[1], None, None, None)
-                node = node[3] if answer else node[4]
-            elif node[0] == _kWith:
-                if not _lets_pass(frame, node[2]):
-                    return (_kMay, node[1], None, None, None)
-                node = node[4]
-            else:
-                answer = self._match_group(frame, node[2])
-                if answer is None:
-                    return (_kMay, node[1], None, None, None)
-                node = (_kCatches, node[1], None, None, None) if answer else node[4]
-        return node
-
-    def _match_group(self, frame, clauses):
-        """Whether `except*` clauses leave nothing of the exception; None: perhaps."""
-        if self.parts is None:
-            answers = [_matches(frame, clause, self.kind) for clause in clauses]
-            return True if True in answers else None if None in answers else False
-        for clause in clauses:
-            answers = [_matches(frame, clause, type(part)) for part in self.parts]
-            if None in answers:
-                return None
-            self.parts = [part for part, found in zip(self.parts, answers) if not found]
-        return not self.parts
+def _match_group(frame, clauses, kind, parts):
+    """(whether `except*` clauses leave nothing of the exception, None: perhaps; what is left)"""
+    if parts is None:
+        answers = [_matches(frame, clause, kind) for clause in clauses]
+        return (True if True in answers else None if None in answers else False), None
+    for clause in clauses:
+        answers = [_matches(frame, clause, type(part)) for part in parts]
+        if None in answers:
+            return None, parts
+        parts = [part for part, found in zip(parts, answers) if not found]
+    return not parts, parts
 
 
 # --- code in C between two frames -----------------------------------------------------------
@@ -841,31 +843,31 @@ _kSubscriptOperator = 26  # argument of BINARY_OP, from 3.14 on
 _kSpecialCalls = frozenset(("__init__", "__new__", "__call__"))
 
 
-def _what_lies_between(inner, outer, tracked):
+def _what_lies_between(inner, outer, kind):
     """The answer when the C code through which `outer` runs `inner` ends the exception, or may."""
     code = inner.f_code
     if code.co_flags & _kCoroutine and _is_call(outer):
         # An await goes on outwards; a task of asyncio keeps the exception.
         if not _kGeneratorCalls.intersection(outer.f_code.co_names):
             return kUnknown
-    if tracked.is_attribute_error:
+    if _derives(kind, AttributeError):
         return _may_attribute_error_end(inner, outer)
     if code.co_name[:2] == "__":
-        return _may_special_method_end(code.co_name, outer, tracked)
+        return _may_special_method_end(code.co_name, outer, kind)
     if compat.PY2 and "hasattr" in outer.f_code.co_names and _is_call(outer):
         return kUnknown
     return None
 
 
-def _may_special_method_end(name, outer, tracked):
+def _may_special_method_end(name, outer, kind):
     if name in outer.f_code.co_names:
         return None  # called like any function
     if name == "__del__":
         return kReported  # the interpreter prints and drops it
-    if name == "__getitem__" and tracked.derives(IndexError):
+    if name == "__getitem__" and _derives(kind, IndexError):
         # How a loop over an object without __iter__ ends.
         return None if _op_of(outer).startswith(_kSubscripts) else kUnknown
-    if name in ("__len__", "__length_hint__") and tracked.derives(TypeError):
+    if name in ("__len__", "__length_hint__") and _derives(kind, TypeError):
         return kUnknown
     return None
 
@@ -939,7 +941,7 @@ class tRaiseWatch(object):
     """
 
     def __init__(self, reports=None, is_bottom=None):
-        self.quiet = ()     # types that are no news either
+        self._never_news = kNeverNews
         self._reports = reports
         self._is_bottom = is_bottom or _is_outermost
         self._threads = {}  # thread ident -> [tPassing], the latest last
@@ -949,6 +951,8 @@ class tRaiseWatch(object):
         kind, value, traceback = exc_info
         if traceback is None or self._is_never_news(kind):
             return None
+        if ident is None:
+            ident = _get_ident()
         if _kHasTable and self.is_repeat(frame, exc_info, ident):
             return None
         passing = self._find(frame, traceback, value, ident)
@@ -958,13 +962,19 @@ class tRaiseWatch(object):
             if not passing.passed:
                 passing.passed = passing.catcher == id(frame)
                 return None
-        else:
-            passing = self._add(traceback, value, ident)
         verdict = scan(frame, kind, value, self._reports)
+        if verdict.frame is frame and passing is None and verdict.answer == kCaught:
+            return verdict  # should it go on, its next event is like a first one
+        if passing is None:
+            passing = self._add(traceback, value, ident)
         passing.told = verdict.answer in (kUncaught, kReported)
         passing.catcher = id(verdict.frame)
         passing.passed = verdict.frame is frame
         return verdict
+
+    def set_quiet(self, kinds):
+        """More exception types that are no news, beside kNeverNews."""
+        self._never_news = kNeverNews + tuple(kinds)
 
     def is_repeat(self, frame, exc_info, ident=None):
         """Whether the core has told this before: of the bottom frame, in modes 4 and 5 or on 3.11.
@@ -974,29 +984,29 @@ class tRaiseWatch(object):
         """
         if not self._is_bottom(frame):
             return False
-        ident = compat.get_ident() if ident is None else ident
+        ident = _get_ident() if ident is None else ident
         latest = self._latest.get(ident)
         self._latest[ident] = id(exc_info[2])
         return latest == id(exc_info[2])
 
     def forget(self, ident=None):
         """The thread has ended."""
-        ident = compat.get_ident() if ident is None else ident
+        ident = _get_ident() if ident is None else ident
         self._threads.pop(ident, None)
         self._latest.pop(ident, None)
 
     def _is_never_news(self, kind):
         if not _is_type(kind):
             return False
-        parents = _mro_of(kind)
-        for base in kNeverNews + self.quiet:
-            if base in parents:
-                return True
+        for parent in _mro_of(kind):
+            for base in self._never_news:
+                if parent is base:
+                    return True
         return False
 
     def _find(self, frame, traceback, value, ident):
         """The exception of which this is not the first event, or None."""
-        known = self._threads.get(compat.get_ident() if ident is None else ident)
+        known = self._threads.get(ident)
         if not known:
             return None
         before, value = traceback.tb_next, id(value)
@@ -1014,7 +1024,7 @@ class tRaiseWatch(object):
         return None
 
     def _add(self, traceback, value, ident):
-        known = self._threads.setdefault(compat.get_ident() if ident is None else ident, [])
+        known = self._threads.setdefault(ident, [])
         if len(known) >= _kMaxNested:
             del known[0]
         passing = tPassing(id(traceback), id(value))

@@ -78,7 +78,7 @@ class Server(object):
             if mode >= 4 and issubclass(exc_info[0], self.quiet()):
                 return
             if mode == 1 and not settings["raw"]:
-                self.watch.quiet = catchinfo.quiet_types()
+                self.watch.set_quiet(catchinfo.quiet_types())
                 verdict = self.watch.judge(frame, exc_info)
                 if verdict is None or verdict.answer in (handlers.kCaught, handlers.kUnknown):
                     return

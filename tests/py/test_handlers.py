@@ -191,6 +191,17 @@ class OneFrame(ScanCase):
                 except owner.kind: pass
         """, escapes=False)
 
+    def test_comparing_classes_runs_no_code_of_the_program(self):
+        self.check(kUncaught, """
+            class Meta(type):
+                def __eq__(self, other): raise AssertionError('run by the debugger')
+                __hash__ = type.__hash__
+            Odd = Meta('Odd', (Exception,), {})
+            def case():
+                try: boom(Odd)
+                except KeyError: pass
+        """)
+
     def test_name_that_is_not_there_may_catch(self):
         self.check(kUnknown, """
             def case():
@@ -1059,9 +1070,21 @@ class Watch(TestCase):
                 except ValueError:
                     pass
 
-        found = self.watch_outermost(case)
-        self.assertEqual(found, [("case", kCaught)] * 1000)
-        self.assertLess(len(self.watch._threads[handlers.compat.get_ident()]), 10)
+        self.assertEqual(self.watch_outermost(case), [("case", kCaught)] * 1000)
+
+        def deep():
+            for _ in range(1000):
+                try:
+                    inner()
+                except ValueError:
+                    pass
+
+        def inner():
+            raise ValueError("caught outside")
+
+        self.assertEqual(self.watch_outermost(deep), [("inner", kCaught)] * 1000)
+        for known in self.watch._threads.values():
+            self.assertLess(len(known), 10)
 
     def test_exceptions_are_not_kept_alive(self):
         class Noted(Exception):
