@@ -458,6 +458,7 @@ void check_and_call_dbgserver_idle_callback() {
     // Whoever is stopped holds the server mutex and may want to stop this thread.
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
     tThreadData* const thread_data = get_current_thread_data(&gSelf.thread_data);
+    tHeldThreadData held(thread_data);  // the callback may reset the tracer
     const int depth = suspend_record_lock(data);
     const bool acquired = thread_data != nullptr && acquire_dbgserver_mutex(thread_data);
     resume_record_lock(data, depth);

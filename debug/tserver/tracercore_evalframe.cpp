@@ -8,6 +8,12 @@
 #include "tracercore_internal.h"
 #include "xpy_c_api_evalframe.h"
 
+// What the hooks call, kept for good: another tool that found our hook in place may put it back
+// after we have gone, and by then gSelf has forgotten.
+static constinit tEvalFrameWithThreadState gRunWithThreadState = nullptr;
+static constinit tEvalFrameNoThreadState gRunNoThreadState = nullptr;
+static constinit tEvalFrameInterpreterFrame gRunInterpreterFrame = nullptr;
+
 // ---- The hooks ----
 // Each takes the saved function before it adopts: adopting may let other threads run, and one of
 // them may take the hook out.
@@ -15,7 +21,7 @@
 PyObject* briodb_eval_frame_with_thread_state(PyThreadState* tstate,
                                               PyFrameObject* frame,
                                               int throw_flag) {
-    const tEvalFrameWithThreadState run = gSelf.default_eval_frame_with_thread_state;
+    const tEvalFrameWithThreadState run = gRunWithThreadState;
     if (read_field<void*>(frame, gPy.frame_offsets.back) == nullptr) {
         DPRINTF(kLogCore, "In briodb_eval_frame(); thread:%ld\n", get_thread_ident());
         adopt_current_thread(tstate);
@@ -24,7 +30,7 @@ PyObject* briodb_eval_frame_with_thread_state(PyThreadState* tstate,
 }
 
 PyObject* briodb_eval_frame_no_thread_state(PyFrameObject* frame, int throw_flag) {
-    const tEvalFrameNoThreadState run = gSelf.default_eval_frame_no_thread_state;
+    const tEvalFrameNoThreadState run = gRunNoThreadState;
     if (read_field<void*>(frame, gPy.frame_offsets.back) == nullptr) {
         DPRINTF(kLogCore, "In briodb_eval_frame(); thread:%ld\n", get_thread_ident());
         adopt_current_thread(gPy.PyThreadState_Get());
@@ -45,7 +51,7 @@ static bool is_first_frame(PyThreadState* tstate) {
 PyObject* briodb_eval_frame_py_interpreter_frame(PyThreadState* tstate,
                                                  PyInterpreterFrame* frame,
                                                  int throw_flag) {
-    const tEvalFrameInterpreterFrame run = gSelf.default_eval_frame_py_interpreter_frame;
+    const tEvalFrameInterpreterFrame run = gRunInterpreterFrame;
     if (is_first_frame(tstate)) {
         DPRINTF(kLogCore,
                 "In briodb_eval_frame_py_interpreter_frame(); thread:%ld\n",
@@ -63,6 +69,7 @@ struct tEvalFrameKind {
     int (*set)(Fn func);
     Fn hook;
     Fn* saved;         // the interpreter's own function while the hook is installed
+    Fn* run;           // the same, for ever
     void (*forget)();  // after the interpreter's function was put back
     const char* installed;
     const char* not_installed;
@@ -74,6 +81,7 @@ static constexpr tEvalFrameKind<tEvalFrameWithThreadState> kWithThreadState = {
     XPy_SetEvalFrameFunctionWithThreadState,
     briodb_eval_frame_with_thread_state,
     &gSelf.default_eval_frame_with_thread_state,
+    &gRunWithThreadState,
     [] { gSelf.default_eval_frame_with_thread_state = nullptr; },
     "Succeeded to set eval_frame_with_thread_state function\n",
     "Failed to set eval_frame_with_thread_state function\n",
@@ -85,6 +93,7 @@ static constexpr tEvalFrameKind<tEvalFrameNoThreadState> kNoThreadState = {
     XPy_SetEvalFrameFunctionNoThreadState,
     briodb_eval_frame_no_thread_state,
     &gSelf.default_eval_frame_no_thread_state,
+    &gRunNoThreadState,
     [] { gSelf.default_eval_frame_no_thread_state = nullptr; },
     "Succeeded to set eval_frame_no_thread_state function (no tstate)\n",
     "Failed to set eval_frame_no_thread_state function (no tstate)\n",
@@ -96,6 +105,7 @@ static constexpr tEvalFrameKind<tEvalFrameInterpreterFrame> kInterpreterFrame = 
     XPy_SetEvalFrameFunctionPyInterpreterFrame,
     briodb_eval_frame_py_interpreter_frame,
     &gSelf.default_eval_frame_py_interpreter_frame,
+    &gRunInterpreterFrame,
     // deliberate: the slot of another kind, so the hook is not installed a second time here
     [] { gSelf.default_eval_frame_no_thread_state = nullptr; },
     "Succeeded to set eval_frame_py_interpreter_frame function\n",
@@ -116,6 +126,7 @@ static bool try_to_install(const tEvalFrameKind<Fn>& kind) {
         return false;
     }
     *kind.saved = own;
+    *kind.run = own;
     if (kind.set(kind.hook) == 0) {
         DPRINTF(kLogCore, "%s", kind.installed);
     } else {
