@@ -299,12 +299,13 @@ print("end")
     def script(self, stop):
         return self.make_file("stopping.py", self.STOPPING.replace("STOP", stop), self.folder)
 
-    def run_plainly(self, commands, path, flags=(), **options):
+    def run_plainly(self, commands, path):
         """Under the interpreter alone, with the debugger's package on the path."""
-        start = "import tdbgtracer, sys; sys.argv.pop(0); exec(compile(open({0!r}).read(), {0!r}, 'exec'))".format(path)
-        env = dict({"PYTHONPATH": python_path()}, **(options.pop("env", None) or {}))
-        argv = [sys.executable] + list(flags) + (["-c", start] if not flags else [path])
-        self.done = run_program(argv, stdin="".join(c + "\n" for c in commands), env=env, **options)
+        with open(path) as source:  # loading the core before the program tells which one is meant
+            start = "import tdbgtracer; exec(compile({!r}, {!r}, 'exec'))".format(source.read(), path)
+        self.done = run_program(
+            [sys.executable, "-c", start], stdin="".join(c + "\n" for c in commands),
+            env={"PYTHONPATH": python_path()})
         return self.done.out.split(PROMPT)
 
     @needs("!python2")
