@@ -92,7 +92,8 @@ _kServers = "SocketServer" if compat.PY2 else "socketserver"
 
 # (first version, last version, module, class, function, parent)
 _kRows = (
-    ((2, 6), (9, 9), "threading", kAny, "__bootstrap_inner" if compat.PY2 else "_bootstrap_inner", 0),
+    ((2, 6), (2, 7), "threading", kAny, "__bootstrap_inner", 0),
+    ((3, 6), (9, 9), "threading", kAny, "_bootstrap_inner", 0),
     ((3, 6), (9, 9), "asyncio.events", kAny, "_run", 0),  # callbacks of a loop
     ((3, 6), (9, 9), "concurrent.futures._base", kAny, "_invoke_callbacks", 0),
     ((3, 6), (9, 9), "concurrent.futures._base", kAny, "add_done_callback", 0),
@@ -106,7 +107,7 @@ _kRows = (
     ((2, 6), (9, 9), "multiprocessing.queues", kAny, "_feed", 0),
     ((2, 6), (9, 9), "multiprocessing.managers", kAny, "serve_client", 0),
     ((2, 6), (9, 9), "multiprocessing.managers", kAny, "handle_request", 0),
-    ((3, 9), (9, 9), "multiprocessing.managers", kAny, "_handle_request", 0),
+    ((3, 10), (9, 9), "multiprocessing.managers", kAny, "_handle_request", 0),
     ((2, 6), (9, 9), "SimpleXMLRPCServer" if compat.PY2 else "xmlrpc.server", kAny, "do_POST", 0),
     ((2, 6), (9, 9), "wsgiref.handlers", kAny, "run", 0),
     ((2, 6), (9, 9), "atexit" if compat.PY2 else "weakref", kAny,

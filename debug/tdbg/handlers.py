@@ -59,7 +59,8 @@ _members_of = _Group.__dict__["exceptions"].__get__ if _Group else None
 
 # How loops and generators end; never worth a stop.
 kNeverNews = tuple(
-    getattr(compat.builtins, name) for name in ("StopIteration", "GeneratorExit", "StopAsyncIteration")
+    getattr(compat.builtins, name)
+    for name in ("StopIteration", "GeneratorExit", "StopAsyncIteration")
     if hasattr(compat.builtins, name))
 
 # What becomes of an exception in a frame: the `kind` of the tuples (kind, line, what, yes, no).
@@ -68,7 +69,7 @@ _kCatches = 1  # ends here; line: of the clause, or of the body of `finally`
 _kMay = 2      # not to be known
 _kMatch = 3    # an `except` clause; what: operations of its expression or None; yes, no: nodes
 _kGroup = 4    # `except*` clauses; what: list of such operations; no: node for the rest
-_kWith = 5     # what: (operations, whether their value is called) of the manager; no: node behind it
+_kWith = 5     # what: (operations, whether their value is called) of the manager; no: behind it
 
 _leaves = (_kLeaves, None, None, None, None)
 _unknown = (_kMay, None, None, None, None)
@@ -261,8 +262,8 @@ class tCodePlan(object):
     def _explore(self, first, setup, region, line=None):
         """Node for an exception that arrives at a handler, or at the body of a clause.
 
-        Every way through the code is followed.  setup: offset of what set the handler up; region: for
-        `except` on version 2, where outside of it the exception has been caught; line: of the clause.
+        Every way through the code is followed.  setup: offset of what set the handler up; region:
+        for `except` on version 2, outside of it the exception has been caught; line: of the clause.
         """
         if line is None:
             line = self._line_of_clause(first)
@@ -395,7 +396,7 @@ class tCodePlan(object):
         return _unknown
 
     def _manager(self, setup):
-        """(operations, whether their value is called) of the block's expression; None: not plain."""
+        """(operations, whether their value is called) of the block's expression, if it is plain."""
         place = self._index_at(setup)
         if not self.names[place].startswith(("SETUP_WITH", "BEFORE_WITH")):
             # 3.14 looks the methods up one by one, on a copy of the manager.
@@ -410,18 +411,13 @@ class tCodePlan(object):
             if effect is None:
                 return None
             needed += effect[0] - effect[1]
+        if self.names[first] == "PUSH_NULL":
+            first += 1
         operations = []
-        while first < place and (
-                self.names[first] in _kNames if not operations else
-                self.names[first] in ("LOAD_ATTR", "LOAD_METHOD")) or self.names[first] == "PUSH_NULL":
-            if self.names[first] != "PUSH_NULL":
-                load = _kLoads["LOAD_ATTR" if operations else self.names[first]]
-                if self.names[first] == "LOAD_METHOD":
-                    operations.append(("attr", self.code.co_names[self.args[first]]))
-                else:
-                    operations.extend(load(self.code, self.args[first]))
-            elif operations:
-                break
+        while first < place and self.names[first] in (_kAttributes if operations else _kNames):
+            operations.extend(_kLoads[self.names[first]](self.code, self.args[first]))
+            first += 1
+        if first < place and self.names[first] == "PUSH_NULL":
             first += 1
         is_called = self.names[place - 1].startswith("CALL")
         if not operations or (first < place) != is_called:
@@ -470,6 +466,7 @@ _kNoWayOn = _kReturns | frozenset((
     "JUMP_BACKWARD", "JUMP_BACKWARD_NO_INTERRUPT", "JUMP_NO_INTERRUPT"))
 
 
+_kAttributes = frozenset(("LOAD_ATTR", "LOAD_METHOD"))
 _kNames = frozenset((
     "LOAD_GLOBAL", "LOAD_NAME", "LOAD_FAST", "LOAD_FAST_CHECK", "LOAD_FAST_BORROW", "LOAD_DEREF"))
 
@@ -531,6 +528,7 @@ _kLoads = {
     "LOAD_CLASSDEREF": _load_deref,
     "LOAD_CONST": lambda code, arg: [("const", code.co_consts[arg])],
     "LOAD_ATTR": _load_attr,
+    "LOAD_METHOD": lambda code, arg: [("attr", code.co_names[arg])],
     "BUILD_TUPLE": lambda code, arg: [("tuple", arg)],
 }
 
@@ -608,8 +606,8 @@ def _matches(frame, operations, kind):
     if operations is None:
         return None
     try:
-        if len(operations) == 1:
-            wanted = _look_up(frame, *operations[0]) if operations[0][0] != "const" else operations[0][1]
+        if len(operations) == 1 and operations[0][0] != "const":
+            wanted = _look_up(frame, *operations[0])
         else:
             wanted = _evaluate(frame, operations)
     except (LookupError, AttributeError):
@@ -949,7 +947,7 @@ class tRaiseWatch(object):
 
     def judge(self, frame, exc_info, ident=None):
         kind, value, traceback = exc_info
-        if traceback is None or self._is_never_news(kind):
+        if traceback is None:
             return None
         if ident is None:
             ident = _get_ident()
@@ -962,6 +960,8 @@ class tRaiseWatch(object):
             if not passing.passed:
                 passing.passed = passing.catcher == id(frame)
                 return None
+        if self._is_never_news(kind):
+            return None
         verdict = scan(frame, kind, value, self._reports)
         if verdict.frame is frame and passing is None and verdict.answer == kCaught:
             return verdict  # should it go on, its next event is like a first one
@@ -1013,6 +1013,8 @@ class tRaiseWatch(object):
         if before is None:
             # The import system takes its own entries out of tracebacks, which may leave none.
             if compat.PY2 or known[-1].value != value or not _op_of(frame).startswith("IMPORT_"):
+                # A new exception; an old one of the same number is gone.
+                known[:] = [passing for passing in known if passing.value != value]
                 return None
         before = id(before)
         for place in range(len(known) - 1, -1, -1):

@@ -37,8 +37,9 @@ class Handlers(SourceCase):
 
     def test_reports(self):
         for call in (
-                "traceback.print_exc()", "print_exc()", "traceback.print_exception(*sys.exc_info())",
-                "log.exception('text')", "logging.exception('text')", "log.error('x', exc_info=True)",
+                "traceback.print_exc()", "print_exc()", "log.exception('text')",
+                "traceback.print_exception(*sys.exc_info())",
+                "logging.exception('text')", "log.error('x', exc_info=True)",
                 "log.warning('x', exc_info=error)", "sys.excepthook(*sys.exc_info())",
                 "self.handleError(record)", "self.handle_error(request, address)",
                 "loop.call_exception_handler({})", "out.write(traceback.format_exc())",
@@ -96,7 +97,8 @@ class Handlers(SourceCase):
         """), [("work", "*", [4])])
 
     def test_bad_source(self):
-        for source in (b"def print_exc(:\n", b"\0print_exc", b"# coding: nosuch\nprint_exc()", b"\xff\xfe"):
+        for source in (b"def print_exc(:\n", b"\0print_exc", b"# coding: nosuch\nprint_exc()",
+                       b"\xff\xfe"):
             self.assertEqual(catchinfo.find_reporters(source), ())
 
     def test_compiler_s_warnings_are_not_shown(self):
@@ -109,7 +111,12 @@ class Handlers(SourceCase):
         self.assertEqual(shown, [])
 
 
-kReporting = "import traceback\ndef work():\n    try: pass\n    except Exception: traceback.print_exc()\n"
+kReporting = """\
+import traceback
+def work():
+    try: pass
+    except Exception: traceback.print_exc()
+"""
 
 
 class Modules(TestCase):
@@ -167,7 +174,8 @@ class Modules(TestCase):
 
     def test_source_in_memory(self):
         import linecache
-        linecache.cache["<cell 1>"] = (len(kReporting), None, kReporting.splitlines(True), "<cell 1>")
+        lines = kReporting.splitlines(True)
+        linecache.cache["<cell 1>"] = (len(kReporting), None, lines, "<cell 1>")
         self.assertTrue(self.infos.add_module(self.module("cell", __file__="<cell 1>")))
 
     def test_source_in_an_archive(self):

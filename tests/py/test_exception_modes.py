@@ -269,8 +269,8 @@ class Caught(ModesCase):
             def module():
                 try: os.stat('/no/such/file')
                 except os.error: pass
-            for case in (same_frame, outer_frame, bare, tuple_of, variable, returns, breaks, swallows,
-                         computed, module):
+            for case in (same_frame, outer_frame, bare, tuple_of, variable, returns, breaks,
+                         swallows, computed, module):
                 case()
             try: import no_such_module
             except ImportError: pass
@@ -330,7 +330,7 @@ class Caught(ModesCase):
 
 @time_limit(180)
 class Ending(ModesCase):
-    """sys.exit() and Ctrl-C are honest answers of the scan: whether to show them is for the server."""
+    """sys.exit() and Ctrl-C get honest answers: whether to show them is for the server."""
 
     def test_exit(self):
         path = self.make_file("program.py", "import sys\ndef work(): sys.exit(3)\nwork()\n")
@@ -342,7 +342,8 @@ class Ending(ModesCase):
     def test_interrupt(self):
         path = self.make_file("program.py", "def work(): raise KeyboardInterrupt\nwork()\n")
         _, alone = self.run_in_mode(path, 0)
-        for mode, expected in ((kAlways, [("work", "KeyboardInterrupt", "uncaught")]), (kPrinted, [])):
+        raised = [("work", "KeyboardInterrupt", "uncaught")]
+        for mode, expected in ((kAlways, raised), (kPrinted, [])):
             stops, ended = self.run_in_mode(path, mode)
             self.assertEqual((stops, ended.status, ended.err), (expected, alone.status, alone.err))
 
@@ -405,16 +406,17 @@ class Settings(ModesCase):
     def test_always_stop(self):
         path = self.make_file("program.py", self.kProgram)
         for mode in (kUnhandled, kPrinted):
-            stops, ended = self.run_in_mode(path, mode, [("set_always_stop_excepts", ["LookupError"])])
+            stops, ended = self.run_in_mode(
+                path, mode, [("set_always_stop_excepts", ["LookupError"])])
             self.assertEqual([stop[:2] for stop in stops],
                              [("work", "KeyError"), ("<module>", "KeyError")])
             self.assertEqual((ended.out, ended.status), ("caught\n", 0))
 
     def test_never_stop(self):
         path = self.make_file("program.py", "def work():\n    {}['x']\nwork()\n")
-        for mode in (kUnhandled,):
-            stops, ended = self.run_in_mode(path, mode, [("set_never_stop_excepts", ["LookupError"])])
-            self.assertEqual((stops, ended.status), ([], 1))
+        stops, ended = self.run_in_mode(
+            path, kUnhandled, [("set_never_stop_excepts", ["LookupError"])])
+        self.assertEqual((stops, ended.status), ([], 1))
 
     def test_ignored_location(self):
         path = self.make_file("program.py", "def work():\n    {}['x']\nwork()\n")

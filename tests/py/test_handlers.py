@@ -403,8 +403,8 @@ class With(ScanCase):
 
     def test_passes_on_what_it_is_known_to(self):
         for manager in (
-                "Keep()", "open('/dev/null')", "open('/dev/null', mode='r') as f", "lock", "threading.Lock()",
-                "io.open('/dev/null') as f, lock", "Keep() as kept"):
+                "Keep()", "open('/dev/null')", "open('/dev/null', mode='r') as f", "lock",
+                "threading.Lock()", "io.open('/dev/null') as f, lock", "Keep() as kept"):
             self.check(kUncaught, """
                 import io, threading
                 lock = threading.Lock()
@@ -800,7 +800,8 @@ class Writer(object):
         getattr(self, "put_" + self.random.choice(choices))(depth, level, in_loop, in_clause)
 
     def put_boom(self, depth, level, in_loop, in_clause):
-        self.put(depth, "boom({})".format(self.random.choice(("ValueError", "KeyError", "Derived"))))
+        kind = self.random.choice(("ValueError", "KeyError", "Derived"))
+        self.put(depth, "boom({})".format(kind))
 
     def put_call(self, depth, level, in_loop, in_clause):
         if self.functions > 1:
@@ -828,8 +829,9 @@ class Writer(object):
 
     def put_clauses(self, depth, level, in_loop):
         for _ in range(self.random.randint(1, 2)):
-            self.put(depth, "except {}:".format(self.random.choice((
-                "ValueError", "Base", "LookupError", "(KeyError, Base)", "(OSError, Derived) as error"))))
+            kinds = self.random.choice((
+                "ValueError", "Base", "LookupError", "(KeyError, Base)", "(OSError, Derived) as e"))
+            self.put(depth, "except {}:".format(kinds))
             self.block(depth + 1, level + 1, in_loop, True)
         if self.random.random() < 0.2:
             self.put(depth, "except:")
@@ -1044,6 +1046,23 @@ class Watch(TestCase):
             raise StopIteration
 
         self.assertEqual(self.watch_outermost(case), [])
+
+    def test_new_exception_at_an_old_ones_address(self):
+        """Told of the one, nothing is kept from the other."""
+        watch = handlers.tRaiseWatch(lambda frame, line: True)
+        self.watch = watch
+
+        def inner():
+            raise ValueError("x")
+
+        def case():
+            for _ in range(100):
+                try:
+                    inner()
+                except ValueError:
+                    pass
+
+        self.assertEqual(self.events(case), [("inner", kReported)] * 100)
 
     def test_with_block_that_does_not_swallow(self):
         class Keep(object):
