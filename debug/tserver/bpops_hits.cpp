@@ -22,6 +22,27 @@ static bool is_bound_to(const tBp* bp, const char* module_file) {
     return matches;
 }
 
+static bool is_any_bound(tBpOpsData* data, int lineno, const char* module_file) {
+    const tBp* bp = find_bps_on_line(data, lineno);
+    while (bp != nullptr &&
+           (bp->module_filename == nullptr || strcmp(bp->module_filename, module_file) != 0)) {
+        bp = bp->next_user;
+    }
+    return bp != nullptr;
+}
+
+// The same; the log lines may run Python code that changes the table.
+static bool is_any_bound_with_log(tBpOpsData* data, int lineno, const char* module_file) {
+    tHeldBps held(data);
+    held.add_chain(find_bps_on_line(data, lineno), &tBp::next_user);
+    for (size_t i = 0; i < held.count(); i++) {
+        if (held[i]->module_filename != nullptr && is_bound_to(held[i], module_file)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 int any_bp_on_line(tBpOpsData* data, int lineno, const char** codefile, PyFrameObject* frame) {
     if (find_bps_on_line(data, lineno) == nullptr) {
         return 0;
@@ -37,14 +58,8 @@ int any_bp_on_line(tBpOpsData* data, int lineno, const char** codefile, PyFrameO
     if (module_file == nullptr || !has_module_bps(data, module_file)) {
         return 0;
     }
-    tHeldBps held(data);  // log lines may run Python code
-    held.add_chain(find_bps_on_line(data, lineno), &tBp::next_user);
-    for (size_t i = 0; i < held.count(); i++) {
-        if (held[i]->module_filename != nullptr && is_bound_to(held[i], module_file)) {
-            return 1;
-        }
-    }
-    return 0;
+    return gDPrintfFile == nullptr ? is_any_bound(data, lineno, module_file)
+                                   : is_any_bound_with_log(data, lineno, module_file);
 }
 
 int tracer_maybe_break_here_without_mutex(tBpOpsData* data, tThreadData* td, PyFrameObject* frame) {
