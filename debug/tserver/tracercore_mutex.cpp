@@ -21,6 +21,30 @@ static bool holds_mutex(const tThreadData* thread_data) {
     return gSelf.mutex_thread_id != -1 && gSelf.mutex_thread_id == thread_data->thread_id;
 }
 
+// Up to 3.6 the interpreter tells by a variable alone: the thread state that ends it, else null.
+static bool is_interpreter_ending_before_3_7() {
+    static constinit PyThreadState* const* ending = nullptr;
+    if (ending == nullptr) {
+        ending = static_cast<PyThreadState* const*>(lookup_python_function("_Py_Finalizing"));
+        gPy.PyErr_Clear();
+    }
+    return ending != nullptr && *ending != nullptr;
+}
+
+// A thread that the interpreter ends with itself, in the middle of a callback, keeps the mutex.
+// Python 2 ends no thread.
+static bool is_holder_gone_for_good() {
+    if (version_at_least(3, 7)) {
+        return gPy._Py_IsFinalizing() != 0;
+    }
+    return gPy.major_version >= 3 && is_interpreter_ending_before_3_7();
+}
+
+static bool wait_for_mutex() {
+    return acquire_thread_mutex(gSelf.mutex, 0) ||
+           (!is_holder_gone_for_good() && acquire_thread_mutex(gSelf.mutex, 1));
+}
+
 int acquire_dbgserver_mutex(tThreadData* thread_data) {
     if (thread_data->dbgserver_mutex_acquired_count > 0 || holds_mutex(thread_data)) {
         thread_data->dbgserver_mutex_acquired_count++;
@@ -28,7 +52,7 @@ int acquire_dbgserver_mutex(tThreadData* thread_data) {
         return 1;
     }
     tHeldThreadData held(thread_data);  // while this thread waits another one may reset
-    if (!acquire_thread_mutex(gSelf.mutex, 1)) {
+    if (!wait_for_mutex()) {
         return 0;
     }
     gSelf.mutex_thread_id = thread_data->thread_id;
