@@ -168,7 +168,7 @@ class Texts(BadCase):
         exec(compile("def f(stop):\n  stop()\n  return 1\n", kLong + "x.py", "exec"), space)
         session.show = lambda frame: names.append(session.tracer.get_frame_file(frame))
         self.assertEqual(session.run(space["f"]), 1)
-        self.assertEqual(names, ["<filename too long>"])
+        self.assertEqual([os.path.basename(name) for name in names], ["<filename too long>"])
 
     def test_text_with_a_null_character_is_refused(self):
         Session()

@@ -137,15 +137,19 @@ print("status", os.WEXITSTATUS(os.waitpid(children[0], 0)[1]), steps_result)
     @needs("fork")
     def test_fork_while_another_thread_is_stopped(self):
         for how, stops in (("alone", "0"), ("ok", "3")):
-            out = self.run_lines(self.kChild.replace("Session(", "ThreadSession(") + """
-forked, stopped = threading.Event(), threading.Event()
+            # The child ends the stop: from 3.12 on a fork imports a module in the parent, and an
+            # import waits for the mutex.
+            out = self.run_lines(self.kChild.replace("Session(", "ThreadSession(").replace(
+                "os._exit(7)", "os.write(writing, b'x'); os._exit(7)") + """
+reading, writing = os.pipe()
+stopped = threading.Event()
 first = [True]
 real_line = session.line_cb
 def in_stop(frame):
     if first and threading.current_thread() is not main:
         del first[:]
         stopped.set()
-        forked.wait()
+        os.read(reading, 1)
         session.tracer.continue_run()
     else:
         real_line(frame)
@@ -161,7 +165,6 @@ def program(stop):
     pid = os.fork()
     if pid == 0:
         in_child(%r)
-    forked.set()
     thread.join()
     return os.WEXITSTATUS(os.waitpid(pid, 0)[1])
 print("status", session.run(program))
@@ -354,6 +357,33 @@ thread.start()
 stopped.wait()
 sys.exit(4)
 """, status=4)
+
+    @needs("!python2")
+    def test_with_the_mutex_in_the_hands_of_a_thread_that_the_interpreter_ends(self):
+        """Python 2 ends no thread: there the end waits for that of the stop."""
+        out = self.run_lines("""
+stopped = threading.Event()
+def in_stop(frame):
+    stopped.set()
+    threading.Event().wait()
+class Late(object):
+    def __del__(self, write=os.write, add=steps.add):
+        self.set_debug_all_threads(1)  # from now on this thread waits, too
+        write(1, str(add(1, 2)).encode())
+session = ThreadSession(line_cb=in_stop)
+session.tracer.set_debug_all_threads(0)
+session.tracer.start_trace()
+thread = threading.Thread(target=steps.calls, args=(session.tracer.stop,))
+thread.daemon = True
+thread.start()
+stopped.wait()
+module = sys.modules["late"] = type(sys)("late")  # not ours: the stopped frames keep that
+module.late = Late()
+module.late.set_debug_all_threads = session.tracer.set_debug_all_threads
+del module
+sys.exit(4)
+""", status=4)
+        self.assertEqual(out, "3")
 
     def test_with_other_threads_that_are_joined_at_exit(self):
         out = self.run_lines("""
