@@ -41,8 +41,10 @@ def build_library(package_folder):
         raise tNoLibrary("no {}.so for {} bits, nor the tree to build it in".format(
             kModule, word_size()))
     try:
-        status = subprocess.call(["/bin/sh", script, "--python", sys.executable, "--build"])
-    except OSError as why:
+        with open(os.devnull) as nothing:  # the program's input is for its commands
+            status = subprocess.call(
+                ["/bin/sh", script, "--python", sys.executable, "--build"], stdin=nothing)
+    except (IOError, OSError) as why:
         raise tNoLibrary("cannot build the core: {}".format(why))
     if status != 0:
         raise tNoLibrary("the core cannot be built")
