@@ -135,14 +135,19 @@ static tFileOpsData* file_ops(tBpOpsData* data) {
     return data->co_pathname_table->file_ops_data;
 }
 
+// False = pruning leaves the name as it is.
+static bool may_be_compiled_file(const char* name) {
+    const size_t length = strlen(name);
+    const char last = length != 0 ? name[length - 1] : '\0';
+    return last == 'c' || last == 'o' || last == 'C' || last == 'O';
+}
+
 // The file name as the server gave it may be that of a compiled file, which no module has.
 static bool names_same_file(tBpOpsData* data, const char* user_filename, const char* module_file) {
     if (samefile(file_ops(data), user_filename, module_file)) {
         return true;
     }
-    const size_t length = strlen(user_filename);
-    const char last = length != 0 ? user_filename[length - 1] : '\0';
-    if (last != 'c' && last != 'o' && last != 'C' && last != 'O') {
+    if (!may_be_compiled_file(user_filename)) {
         return false;
     }
     char* const pruned = strdup(user_filename);
@@ -447,6 +452,10 @@ void __tracer_resolve_bp_filenames(tBpOpsData* data, const char* module_filename
     if (module_filename == nullptr) {
         DPRINTF(kLogBreakpoints, "  returning because module_filename is NULL\n");
         return;
+    }
+    if (gDPrintfFile == nullptr && !may_be_compiled_file(module_filename) &&
+        find_hash_value(&data->loaded_modules, module_filename) != nullptr) {
+        return;  // known, as nearly always: this is on the way of each hit
     }
     char* const file = copy_module_name(data, module_filename);
     if (file != nullptr) {
