@@ -6,8 +6,8 @@ written anew whenever one of its breakpoints changes.  Disabled ones are not wri
 the core they would still slow the code around them.  What the core counts is fetched from its
 list of changes, and added to what was counted before the line was last written.
 
-The core resolves files by device and inode, so a module may be imported under any name, now or later;
-here every file has one spelling, its real path.
+The core resolves files by device and inode, so a module may be imported under any name, now or
+later; here every file has one spelling, its real path.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -120,10 +120,12 @@ class tBreakpoints(object):
         """
         source = self.source(path, frame)
         if not 1 <= line <= source.count:
-            raise tRefused("{} has no line {}: it ends with line {}".format(path, line, source.count))
+            raise tRefused(
+                "{} has no line {}: it ends with line {}".format(path, line, source.count))
         found = source.line_with_code(line)
         if found is None:
-            raise tRefused("no code at line {} of {} or after it in the same function".format(line, path))
+            raise tRefused(
+                "no code at line {} of {} or after it in the same function".format(line, path))
         check_condition(condition)
         bp = tBreakpoint(self._next, path, found)
         bp.condition, bp.temporary, bp.function = condition or None, temporary, function
@@ -224,7 +226,7 @@ class tBreakpoints(object):
     # --- at a stop ---
 
     def hits_at(self, frame):
-        """[tHit] of the breakpoints that make the frame stop at its line.  Call it once per stop."""
+        """[tHit] of the breakpoints that make the frame stop at its line; once per stop."""
         hits = []
         for bp, count, ignored, deleted in self._collect():
             if not self._is_at(bp, frame):

@@ -146,7 +146,8 @@ def _split_lines(text):
     if isinstance(text, bytes):
         text = text.decode("utf-8", "replace") if not compat.PY2 else text
         text = text.replace("\r\n", "\n").replace("\r", "\n")
-        return [line + "\n" for line in text.split("\n")][:None if text[-1:] not in ("\n", "") else -1]
+        lines = [line + "\n" for line in text.split("\n")]
+        return lines[:-1] if text[-1:] in ("\n", "") else lines
     return list(text)
 
 

@@ -77,8 +77,8 @@ class tServer(object):
     The first stop comes at the first line of the program's main module.
     Commands that end a stop, to be called inside on_stop(): step_into, step_over, step_out,
     run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
-    breakpoints (tBreakpoints): to be used inside the front end's calls, on_idle() among them; what is
-    set before start() waits for it.
+    breakpoints (tBreakpoints): to be used inside the front end's calls, on_idle() among them; what
+    is set before start() waits for it.
     """
 
     def __init__(self, core, front_end):

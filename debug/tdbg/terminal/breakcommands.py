@@ -65,7 +65,8 @@ class tBreakCommands(object):
         name, colon, place = text.rpartition(":")
         name, place = name.strip(), place.strip()
         if not place or (colon and not name):
-            raise tUsage("{} is no place: LINE, FUNCTION, FILE:LINE and FILE:FUNCTION are".format(text))
+            raise tUsage(
+                "{} is no place: LINE, FUNCTION, FILE:LINE and FILE:FUNCTION are".format(text))
         path = self._table.find_file(name, frame) if colon else None
         if _is_number(place):
             return path or self._table.path_of(frame), int(place), None
