@@ -13,12 +13,6 @@
 #include "xpy_c_api_fallbacks.h"
 #include "xpy_c_api_layouts.h"
 
-// A module definition outlives its module, so it is never freed: no leak.
-extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:XPy_CreatePy3ModuleDef";
-}
-
 namespace {
 
 struct tListedName {
