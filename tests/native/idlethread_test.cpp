@@ -35,6 +35,7 @@ struct tWorld {
     int last_turn = 3;                     // its wait ends with the stop signal
     unsigned long thread = kMainThread;
     int locks_made = 0;
+    std::set<PyThread_type_lock> locks;  // made and not freed; some are meant to stay
     int fail_lock = -1;  // number of the lock that cannot be made
     bool fail_tstate = false;
     bool fail_start = false;
@@ -57,7 +58,12 @@ void note(const std::string& text) {
 
 PyThread_type_lock make_lock() {
     const int number = world->locks_made++;
-    return number == world->fail_lock ? nullptr : new PyThreadLock{"lock", 0};
+    if (number == world->fail_lock) {
+        return nullptr;
+    }
+    PyThreadLock* const lock = new PyThreadLock{"lock", 0};
+    world->locks.insert(lock);
+    return lock;
 }
 
 int acquire_lock(PyThread_type_lock lock, int wait) {
@@ -116,12 +122,16 @@ protected:
             EXPECT_EQ(0, data()->mutex->locked);
         }
         clear_thread_table(&gSelf.thread_data);
+        for (const PyThread_type_lock lock : world_.locks) {
+            delete lock;
+        }
         FakePython::TearDown();
     }
     static void bind_locks() {
         gPy.PyThread_allocate_lock = make_lock;
         gPy.PyThread_free_lock = [](PyThread_type_lock lock) {
             note("free lock");
+            EXPECT_EQ(1u, world->locks.erase(lock));
             delete lock;
         };
         gPy.PyThread_acquire_lock = acquire_lock;
