@@ -194,7 +194,7 @@ class Coroutines(ShapeCase):
         self.assert_hits({
             "coroutine-first": ("run_simple", 1), "await": ("run_simple", 1),
             "after-await": ("run_nests", 2), "awaited": ("run_simple", 1), "anext": ("run_loops", 3),
-            "async-for-body": ("run_loops", 3), "async-for-else": ("run_loops", 1),
+            "async-for-else": ("run_loops", 1),
             "aenter": ("run_contexts", 1), "async-with-body": ("run_contexts", 1),
             "async-yield": ("run_comprehends", 3),
         })
