@@ -31,9 +31,11 @@ struct tBp {
     tBp* next_changed;  // next one on the changed list
     // Private.
     PyObject* cond_code;  // owned; the compiled condition, made at the first hit; null = not yet
-    tBp* next_waiting;    // next one of the same user file that waits for its module
-    int users;            // walks in progress that hold it; the last one frees a dropped record
-    int is_dropped;       // cleared while held
+    uint64_t dev;         // of the user file, when it began to wait; both 0 = it is not there
+    uint64_t ino;
+    tBp* next_waiting;  // next one of the same user file that waits for its module
+    int users;          // walks in progress that hold it; the last one frees a dropped record
+    int is_dropped;     // cleared while held
 };
 
 struct tBpOpsData {
@@ -49,6 +51,7 @@ struct tBpOpsData {
     PyObject* filestring;                         // owned; the native string "__file__"
     PyObject* any_bps_cache;                      // owned; dict
     // Private.
+    int waiting_checksums;           // unresolved breakpoints with a checksum
     CUt_HashTable waiting_files;     // user file name -> its unresolved breakpoints
     CUt_HashTable module_bp_counts;  // module file name -> number of breakpoints bound to it
     CUt_HashTable unknown_files;     // user file name -> owned: when no module was found for it

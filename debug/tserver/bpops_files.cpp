@@ -16,6 +16,7 @@
 // ---- Lists by file ----
 
 void init_file_lists(tBpOpsData* data) {
+    data->waiting_checksums = 0;
     CU_InitHashTable(&data->waiting_files, kHashStringKeys);
     CU_InitHashTable(&data->module_bp_counts, kHashStringKeys);
     CU_InitHashTable(&data->unknown_files, kHashStringKeys);
@@ -49,12 +50,32 @@ bool has_module_bps(tBpOpsData* data, const char* module_filename) {
 }
 
 // False = out of memory.
+static tFileOpsData* file_ops(tBpOpsData* data) {
+    return data->co_pathname_table->file_ops_data;
+}
+
+// The file's number on disk, taken over from another breakpoint of the file.
+static void identify_file(tBpOpsData* data, tBp* bp) {
+    if (bp->next_waiting != nullptr) {
+        bp->dev = bp->next_waiting->dev;
+        bp->ino = bp->next_waiting->ino;
+        return;
+    }
+    tUniqueFileno number = {};
+    boolean exists = 0;
+    get_unique_file_number(file_ops(data), bp->user_filename, &number, &exists);
+    bp->dev = number.dev;
+    bp->ino = number.ino;
+}
+
 static bool start_waiting(tBpOpsData* data, tBp* bp) {
     int is_new = 0;
     CUt_HashEntry* const entry =
         create_hash_entry(&data->waiting_files, bp->user_filename, &is_new);
     if (entry != nullptr) {
         bp->next_waiting = static_cast<tBp*>(entry->clientData);
+        identify_file(data, bp);
+        data->waiting_checksums += *bp->user_checksum != '\0';
         entry->clientData = bp;
     }
     return entry != nullptr;
@@ -69,6 +90,7 @@ static void stop_waiting(tBpOpsData* data, tBp* bp) {
     for (tBp** link = &head; *link != nullptr; link = &(*link)->next_waiting) {
         if (*link == bp) {
             *link = bp->next_waiting;
+            data->waiting_checksums -= *bp->user_checksum != '\0';
             break;
         }
     }
@@ -129,10 +151,6 @@ static const char* put_loaded_module(tBpOpsData* data, const char* name, const c
 
 static const char* get_module_value(const CUt_HashEntry* entry) {
     return static_cast<const char*>(entry->clientData);
-}
-
-static tFileOpsData* file_ops(tBpOpsData* data) {
-    return data->co_pathname_table->file_ops_data;
 }
 
 // False = pruning leaves the name as it is.
@@ -398,11 +416,48 @@ static bool bind_waiting_bp(tBpOpsData* data, tNewModule* mod, tBp* bp) {
     return true;
 }
 
-static void hold_chains(CUt_HashTable* heads, tBp* tBp::*next, tHeldBps* held) {
+// Which waiting files are worth a comparison with a new module: not those that are there and are
+// another file. So most cost one look at a cached number.
+class tCandidates {
+public:
+    tCandidates(tBpOpsData* data, const char* file) : data_(data), file_(file) {
+        get_unique_file_number(file_ops(data), file, &number_, &exists_);
+    }
+    bool includes(const tBp* chain) const {
+        const char* const name = chain->user_filename;
+        if (gUseCanonicalPathnames || !exists_ || may_be_compiled_file(name) ||
+            strncmp(name, file_, strlen(name)) == 0) {
+            return true;
+        }
+        const bool is_there = chain->ino != 0;
+        return !is_there || (chain->dev == number_.dev && chain->ino == number_.ino) ||
+               (data_->checksums_enabled && data_->waiting_checksums > 0);
+    }
+
+private:
+    tBpOpsData* data_;
+    const char* file_;
+    tUniqueFileno number_ = {};
+    boolean exists_ = 0;
+};
+
+static void hold_candidates(tBpOpsData* data, const char* file, tHeldBps* held) {
+    const tCandidates candidates(data, file);
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(heads, &search); entry != nullptr;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
-        held->add_chain(static_cast<tBp*>(entry->clientData), next);
+        tBp* const chain = static_cast<tBp*>(entry->clientData);
+        if (candidates.includes(chain)) {
+            held->add_chain(chain, &tBp::next_waiting);
+        }
+    }
+}
+
+static void hold_all(tBpOpsData* data, tHeldBps* held) {
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->userbps, &search); entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        held->add_chain(static_cast<tBp*>(entry->clientData), &tBp::next_user);
     }
 }
 
@@ -410,9 +465,9 @@ static void bind_waiting_bps(tBpOpsData* data, const char* file) {
     tNewModule mod = {file, nullptr, false, nullptr, nullptr, nullptr, false};
     tHeldBps held(data);
     if (gDPrintfFile != nullptr) {
-        hold_chains(&data->userbps, &tBp::next_user, &held);  // the log wants to hear of all
+        hold_all(data, &held);  // the log wants to hear of all
     } else {
-        hold_chains(&data->waiting_files, &tBp::next_waiting, &held);
+        hold_candidates(data, file, &held);
     }
     bool any_bound = false;
     for (size_t i = 0; i < held.count(); i++) {

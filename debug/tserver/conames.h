@@ -40,6 +40,7 @@ struct tCOPathnameTable {
     PyObject* filestring;                   // owned; the str "__file__"
     PyObject* bp_version;  // owned; identity = the current set of breakpoints; may be null
     // Private.
+    PyObject* last_pathname;  // owned; the str registered last, shared by the code of one file
     char* text_copies[kTextCopies];  // owned; co_filename texts handed out last; null = unused
     unsigned next_text_copy;         // the one to be overwritten next
     tCodeEntrySlot entry_cache[kCodeEntryCacheSize];  // in front of filename_for_co

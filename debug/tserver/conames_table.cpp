@@ -43,6 +43,7 @@ void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_ops_data) {
         log_failure("Failure: InitCOPathnameTable()\n");
     }
     table->bp_version = nullptr;
+    table->last_pathname = nullptr;
     for (char*& text : table->text_copies) {
         text = nullptr;
     }
@@ -69,6 +70,7 @@ void free_co_pathname_table(tCOPathnameTable* table) {
     }
     set_owned<PyObject>(&table->filestring, nullptr);
     set_owned<PyObject>(&table->bp_version, nullptr);
+    set_owned<PyObject>(&table->last_pathname, nullptr);
     for (char*& text : table->text_copies) {
         free(text);
         text = nullptr;
@@ -354,7 +356,18 @@ static bool is_same_text(PyObject* str, const char* text) {
     return present != nullptr && strcmp(present, text) == 0;
 }
 
-static int store_pathname(PyObject* entry, const char* pathname, int force) {
+// New ref to the name as a str. Code of one file is registered in a row and shares it.
+static PyObject* get_pathname_object(tCOPathnameTable* table, const char* pathname) {
+    if (table->last_pathname == nullptr || !is_same_text(table->last_pathname, pathname)) {
+        set_owned(&table->last_pathname, new_native_string(pathname));
+    }
+    return new_ref(table->last_pathname);
+}
+
+static int store_pathname(tCOPathnameTable* table,
+                          PyObject* entry,
+                          const char* pathname,
+                          int force) {
     PyObject* const present = gPy.PyList_GetItem(entry, kEntryPathname);
     if (present == nullptr) {
         return -1;
@@ -362,7 +375,7 @@ static int store_pathname(PyObject* entry, const char* pathname, int force) {
     if (present != gPy.Py_None && (force == 0 || is_same_text(present, pathname))) {
         return 0;
     }
-    tOwnedRef name(new_native_string(pathname));
+    tOwnedRef name(get_pathname_object(table, pathname));
     return name ? set_entry_item(entry, kEntryPathname, name.borrow()) : -1;
 }
 
@@ -377,7 +390,7 @@ int RegisterCOPathname(tCOPathnameTable* table,
     if (entry == nullptr || pathname == nullptr) {
         return -1;
     }
-    if (store_pathname(entry, pathname, force) != 0) {
+    if (store_pathname(table, entry, pathname, force) != 0) {
         log_failure("Failure: RegisterCOPathname()\n");
         return -1;
     }

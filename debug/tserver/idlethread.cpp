@@ -156,10 +156,13 @@ static bool is_interpreter_ending(const tIdleThreadPerInterpData* data) {
 
 // ---- Life ----
 
+enum tStopFor : bool { kStopForNow, kStopForGood };
+static int stop_and_wait(tIdleThreadPerInterpData* data, tStopFor how);
+
 void init_idle_thread_data(tIdleThreadPerInterpData* data) {
     static constinit bool exit_hook_registered = false;  // the interpreter has few places for them
     if (is_record_valid(data)) {
-        stop_idle_thread(data);  // a second init: a thread nobody knows would never end
+        stop_and_wait(data, kStopForGood);  // a second init: who knew of the thread to end it?
     } else {
         data->mutex = nullptr;
         set_record_holder(0, 0);
@@ -273,7 +276,9 @@ int start_idle_thread(tIdleThreadPerInterpData* data) {
     return result;
 }
 
-int stop_idle_thread(tIdleThreadPerInterpData* data) {
+// For good: no idle thread is wanted any more. That is settled before the wait, in which another
+// thread may run and start tracing: the idle thread that it would start nobody would stop again.
+static int stop_and_wait(tIdleThreadPerInterpData* data, tStopFor how) {
     if (!data->use_idle_thread) {
         return 0;
     }
@@ -283,11 +288,18 @@ int stop_idle_thread(tIdleThreadPerInterpData* data) {
     if (data->use_idle_thread) {
         stop_idle_thread_mutex_held(data, kNoWait);
     }
+    if (how == kStopForGood) {
+        data->use_idle_thread = 0;
+    }
     if (!unlock_record(data)) {
         return -1;
     }
     wait_for_end_of_threads();
     return 0;
+}
+
+int stop_idle_thread(tIdleThreadPerInterpData* data) {
+    return stop_and_wait(data, kStopForNow);
 }
 
 // deliberate: waits a millisecond, whatever the line says.
@@ -335,11 +347,9 @@ static int start_for_server(tIdleThreadPerInterpData* data) {
     return 0;
 }
 
-// The flag goes last: a stop does nothing while no idle thread is wanted.
 static int stop_for_server(tIdleThreadPerInterpData* data) {
-    const int result = stop_idle_thread(data);
-    data->use_idle_thread = 0;
-    if (result != 0) {
+    if (stop_and_wait(data, kStopForGood) != 0) {
+        data->use_idle_thread = 0;
         return -1;
     }
     if (gSelf.tracing) {
