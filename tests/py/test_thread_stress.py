@@ -2,6 +2,7 @@
 from __future__ import absolute_import, division, print_function
 
 import ctypes
+import os
 import sys
 import threading
 import unittest
@@ -512,6 +513,33 @@ class Mutex(TestCase):
             self.assertEqual(done, [1] * 8)
         finally:
             session.tracer.stop_trace()
+
+    @needs("!python2")
+    @time_limit(20)
+    def test_switching_the_idle_thread_while_another_thread_starts_tracing(self):
+        """No idle thread is left behind that nobody ends."""
+        session = ThreadSession(idle_period=100.0)  # it would sleep long
+        tracer = session.tracer
+        go_on = [True]
+
+        def start_and_stop():
+            while go_on[0]:
+                tracer.start_trace()
+                tracer.stop_trace()
+            tracer.thread_exiting()
+
+        thread = threading.Thread(target=start_and_stop)
+        thread.start()
+        for number in range(100):
+            tracer.set_use_idle_thread(1)
+            tracer.start_trace()
+            tracer.set_use_idle_thread(0)
+        go_on[0] = False
+        thread.join()
+        tracer.set_use_idle_thread(1)
+        tracer.stop_trace()
+        while len(os.listdir("/proc/self/task")) > 1:  # for ever, if one is left behind
+            threading.Event().wait(0)
 
 
 if __name__ == "__main__":
