@@ -54,6 +54,18 @@ static tFileOpsData* file_ops(tBpOpsData* data) {
     return data->co_pathname_table->file_ops_data;
 }
 
+struct tFileNumber {
+    tUniqueFileno number;
+    bool is_there;
+};
+
+static tFileNumber get_file_number(tBpOpsData* data, const char* file) {
+    tUniqueFileno number = {};
+    boolean exists = 0;
+    get_unique_file_number(file_ops(data), file, &number, &exists);
+    return {number, exists != 0};
+}
+
 // The file's number on disk, taken over from another breakpoint of the file.
 static void identify_file(tBpOpsData* data, tBp* bp) {
     if (bp->next_waiting != nullptr) {
@@ -61,9 +73,7 @@ static void identify_file(tBpOpsData* data, tBp* bp) {
         bp->ino = bp->next_waiting->ino;
         return;
     }
-    tUniqueFileno number = {};
-    boolean exists = 0;
-    get_unique_file_number(file_ops(data), bp->user_filename, &number, &exists);
+    const tUniqueFileno number = get_file_number(data, bp->user_filename).number;
     bp->dev = number.dev;
     bp->ino = number.ino;
 }
@@ -179,6 +189,21 @@ static bool names_same_file(tBpOpsData* data, const char* user_filename, const c
     return same;
 }
 
+struct tNumberedFile {
+    const char* name;
+    tFileNumber number;
+};
+
+// Whether it is worth asking names_same_file: two files that are there and have different numbers
+// are not the same, but for the names that are compared as texts.
+static bool may_be_same_file(const tNumberedFile& user_file, const tNumberedFile& module_file) {
+    const tUniqueFileno& a = user_file.number.number;
+    const tUniqueFileno& b = module_file.number.number;
+    return !user_file.number.is_there || !module_file.number.is_there ||
+           (a.dev == b.dev && a.ino == b.ino) || may_be_compiled_file(user_file.name) ||
+           strncmp(user_file.name, module_file.name, strlen(user_file.name)) == 0;
+}
+
 // ---- Checksums ----
 
 static bool uses_checksum(const tBpOpsData* data, const char* checksum) {
@@ -209,11 +234,14 @@ int file_matches_checksum(tBpOpsData* data, const char* compare_checksum, const 
 // ---- Finding the module of a breakpoint file ----
 
 static const char* find_synonym_on_disk(tBpOpsData* data, const char* user_filename) {
+    const tNumberedFile user_file = {user_filename, get_file_number(data, user_filename)};
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->loaded_modules, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
-        if (names_same_file(data, user_filename, get_module_value(entry))) {
-            return get_module_value(entry);
+        const char* const file = get_module_value(entry);
+        if (may_be_same_file(user_file, {file, get_file_number(data, file)}) &&
+            names_same_file(data, user_filename, file)) {
+            return file;
         }
     }
     return nullptr;
@@ -416,38 +444,16 @@ static bool bind_waiting_bp(tBpOpsData* data, tNewModule* mod, tBp* bp) {
     return true;
 }
 
-// Which waiting files are worth a comparison with a new module: not those that are there and are
-// another file. So most cost one look at a cached number.
-class tCandidates {
-public:
-    tCandidates(tBpOpsData* data, const char* file) : data_(data), file_(file) {
-        get_unique_file_number(file_ops(data), file, &number_, &exists_);
-    }
-    bool includes(const tBp* chain) const {
-        const char* const name = chain->user_filename;
-        if (gUseCanonicalPathnames || !exists_ || may_be_compiled_file(name) ||
-            strncmp(name, file_, strlen(name)) == 0) {
-            return true;
-        }
-        const bool is_there = chain->ino != 0;
-        return !is_there || (chain->dev == number_.dev && chain->ino == number_.ino) ||
-               (data_->checksums_enabled && data_->waiting_checksums > 0);
-    }
-
-private:
-    tBpOpsData* data_;
-    const char* file_;
-    tUniqueFileno number_ = {};
-    boolean exists_ = 0;
-};
-
 static void hold_candidates(tBpOpsData* data, const char* file, tHeldBps* held) {
-    const tCandidates candidates(data, file);
+    const bool takes_all =
+        gUseCanonicalPathnames || (data->checksums_enabled && data->waiting_checksums > 0);
+    const tFileNumber number = get_file_number(data, file);
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         tBp* const chain = static_cast<tBp*>(entry->clientData);
-        if (candidates.includes(chain)) {
+        const tFileNumber own = {{chain->dev, chain->ino}, chain->ino != 0};
+        if (takes_all || may_be_same_file({chain->user_filename, own}, {file, number})) {
             held->add_chain(chain, &tBp::next_waiting);
         }
     }
