@@ -388,12 +388,13 @@ static bool register_module_file(tBpOpsData* data, const char* file) {
 // The new module, and what is known of it.
 struct tNewModule {
     const char* file;
-    PyObject* checksum;       // owned; null = none, or not asked for yet
-    bool is_checksum_known;   // asked for
-    const char* compared;     // user file name that was compared last; null = none yet
-    const char* checksum_of;  // canonical regime: the checksum that went with it
-    const char* found;        // canonical regime: its canonical name
-    bool is_same_file;        // synonym regime: it is the module's file on disk
+    bool is_canonical_regime;  // as it was at the start: the server's answers may switch it
+    PyObject* checksum;        // owned; null = none, or not asked for yet
+    bool is_checksum_known;    // asked for
+    const char* compared;      // user file name that was compared last; null = none yet
+    const char* checksum_of;   // canonical regime: the checksum that went with it
+    const char* found;         // canonical regime: its canonical name
+    bool is_same_file;         // synonym regime: it is the module's file on disk
 };
 
 static bool has_module_checksum(const tNewModule* mod, const char* user_checksum) {
@@ -417,7 +418,7 @@ static bool is_file_of_module(tBpOpsData* data, tNewModule* mod, const tBp* bp) 
 
 // The module file that the breakpoint belongs to; null when it goes on waiting.
 static const char* find_file_for_waiting(tBpOpsData* data, tNewModule* mod, const tBp* bp) {
-    if (!gUseCanonicalPathnames) {
+    if (!mod->is_canonical_regime) {
         return is_file_of_module(data, mod, bp) ? mod->file : nullptr;
     }
     // Any name that is registered will do, whether or not it is this module's.
@@ -438,7 +439,7 @@ static bool bind_waiting_bp(tBpOpsData* data, tNewModule* mod, tBp* bp) {
         !bind_bp(data, bp, file)) {
         return false;
     }
-    if (!gUseCanonicalPathnames && put_loaded_module(data, bp->user_filename, file) != nullptr) {
+    if (!mod->is_canonical_regime && put_loaded_module(data, bp->user_filename, file) != nullptr) {
         DPRINTF(kLogBreakpoints, "Found synonym %s\n", dprint_check_str(bp->user_filename));
     }
     return true;
@@ -468,7 +469,8 @@ static void hold_all(tBpOpsData* data, tHeldBps* held) {
 }
 
 static void bind_waiting_bps(tBpOpsData* data, const char* file) {
-    tNewModule mod = {file, nullptr, false, nullptr, nullptr, nullptr, false};
+    tNewModule mod = {
+        file, gUseCanonicalPathnames != 0, nullptr, false, nullptr, nullptr, nullptr, false};
     tHeldBps held(data);
     if (gDPrintfFile != nullptr) {
         hold_all(data, &held);  // the log wants to hear of all
