@@ -9,7 +9,7 @@ import threading
 import unittest
 
 from support import DATA, TestCase, has, import_tracer, needs, run_code, time_limit
-from support.tracing import Session, ThreadSession, import_debuggee, kDefaultImport
+from support.tracing import Session, import_debuggee, kDefaultImport
 
 steps = import_debuggee("steps")
 
@@ -216,14 +216,22 @@ class Texts(BadCase):
 
 
 class ThreadsAndFrames(BadCase):
-    def dead_id(self, session):
+    def dead_id(self):
+        """Never traced: the end of tracing may find a thread state that is about to go."""
+        def target():
+            ids.append(self.tracer.get_current_tstate_id())
+            self.tracer.is_dbgserver_mutex_held()  # makes the record
+            self.tracer.thread_exiting()
+
+        Session()
         ids = []
-        session.run(lambda stop: session.run_thread(
-            lambda: ids.append(session.tracer.get_current_tstate_id())))
+        thread = threading.Thread(target=target)
+        thread.start()
+        thread.join()
         return ids[0]
 
     def test_ids_of_threads_that_ended_or_never_were(self):
-        dead = self.dead_id(ThreadSession())
+        dead = self.dead_id()
         for one in (dead, 0, -1, 1, 4096, 2 ** 31, -2 ** 31):
             self.assertIs(self.call("get_curr_frame", one), IndexError)
             self.assertIsNone(self.call("get_thread_name", one))
@@ -392,6 +400,24 @@ class Callbacks(BadCase):
         thread.start()
         thread.join()
         self.assertEqual(done, [1])
+
+    def test_a_checksum_callback_that_switches_the_matching_of_files(self):
+        """Between two breakpoints of one file that wait for the same module."""
+        asked = []
+
+        def checksum(name):
+            asked.append(name)
+            self.tracer.set_use_canonical_pathnames(len(asked) % 2)
+            return "other"
+
+        session = Session(checksum_cb=checksum)
+        try:
+            for line in range(1, 5):
+                session.tracer.set_break("nowhere/else.py", "sum", line, 1, 0, None, 0)
+            session.run(steps.calls, "step_into")
+        finally:
+            self.tracer.set_use_canonical_pathnames(0)
+        self.assertTrue(asked)
 
     def test_a_checksum_callback_that_ends_the_thread_for_us(self):
         asked = []
