@@ -6,6 +6,7 @@ import os
 import unittest
 
 from support import TestCase, debuggee, needs, run_script, time_limit
+from support import sanitized
 from support.programs import TESTS, python_path
 
 kRecorder = os.path.join(TESTS, "support", "recorder.py")
@@ -15,10 +16,13 @@ kFilesOfThreads = ("workers.py", "queue.py", "Queue.py")
 
 
 class ProgramCase(TestCase):
+    environment = {}  # of the recording process, besides the usual one
+
     def record(self, mode, *program):
         """(how the program ended, lines of each thread, return stops)"""
         result = os.path.join(self.make_dir(), "result.json")
         env = {"PYTHONPATH": python_path(), "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1"}
+        env.update(self.environment)
         ended = run_script(kRecorder, mode, result, *program, env=env)
         self.assertFalse(ended.timed_out, ended)
         self.assertTrue(os.path.exists(result), ended)
@@ -138,6 +142,22 @@ class BehaviourTest(ProgramCase):
     @time_limit(120)
     def test_the_calendar_program(self):
         self.compare("-m", "calendar", "2024")
+
+
+class SanitizedTest(ProgramCase):
+    """The same with a library that watches over its memory: it ends the process at a fault."""
+
+    def setUp(self):
+        ProgramCase.setUp(self)
+        self.environment = sanitized.environment()
+
+    def test_stepping_through_whole_programs(self):
+        for name in ("recursion.py", "generators.py", "raising.py", "shapes.py", "workers.py"):
+            self.assert_same_lines(name, debuggee(name))
+
+
+if not sanitized.is_under_test:
+    del SanitizedTest
 
 
 if __name__ == "__main__":

@@ -7,12 +7,10 @@ from __future__ import absolute_import, division, print_function
 
 import datetime
 import os
-import subprocess
-import sys
 import unittest
 
-from support import TestCase, has, library_path, run_script, time_limit
-from support import randomcalls
+from support import TestCase, library_path, run_script, time_limit
+from support import randomcalls, sanitized
 from support.programs import python_path
 
 kProgram = os.path.join(os.path.dirname(os.path.abspath(randomcalls.__file__)), "randomcalls.py")
@@ -61,34 +59,17 @@ for _part in range(kChildren):
     setattr(RandomCalls, "test_part_{}".format(_part + 1), make_test(_part))
 
 
-def path_of_runtime(name):
-    """The sanitizer's library as the compiler names it; None when there is none."""
-    try:
-        path = subprocess.check_output(["gcc", "-print-file-name=lib{}.so".format(name)])
-    except (OSError, subprocess.CalledProcessError):
-        return None
-    path = path.decode("ascii", "replace").strip()
-    return path if os.path.isabs(path) else None
-
-
 class Sanitized(Calls):
-    """The same with a library that watches over its memory (TDBG_ASAN_LIB_DIR)."""
+    """The same with a library that watches over its memory."""
 
     @time_limit(kSeconds + 10)
     def test_sanitized(self):
-        folder = os.environ.get("TDBG_ASAN_LIB_DIR")
-        if not folder or not os.path.exists(os.path.join(folder, "tdbgtracer.so")):
-            self.skipTest("no sanitized library (TDBG_ASAN_LIB_DIR)")
-        runtimes = [path_of_runtime("asan"), path_of_runtime("ubsan")]
-        if None in runtimes:
-            self.skipTest("no run-time library of the sanitizers")
-        self.run_calls(kChildren, number_of_calls(kSanitizedCalls), {
-            "PYTHONPATH": folder, "PYTHONMALLOC": "malloc", "LD_PRELOAD": " ".join(runtimes),
-            "ASAN_OPTIONS": "detect_leaks=0", "UBSAN_OPTIONS": "print_stacktrace=1"})
+        env = sanitized.environment()
+        env["PYTHONPATH"] = env["TDBG_LIB_DIR"]
+        self.run_calls(kChildren, number_of_calls(kSanitizedCalls), env)
 
 
-# One interpreter is enough, and the others are not to report a skip each.
-if sys.version_info[:2] != (3, 11) or not has("64bit") or has("total_refcount"):
+if not sanitized.is_under_test:
     del Sanitized
 
 
