@@ -8,7 +8,8 @@ import threading
 import unittest
 
 from support import TestCase, has, import_tracer, needs
-from support.tracing import Session, import_debuggee, kBuiltins, kDefaultImport
+from support.tracing import (
+    Session, import_debuggee, join_whole_thread, kBuiltins, kDefaultImport)
 
 steps = import_debuggee("steps")
 
@@ -171,7 +172,7 @@ class ResetTest(StateCase):
             session.tracer.start_trace()
             thread = threading.Thread(target=ready.set)
             thread.start()
-            thread.join()
+            join_whole_thread(thread)
             session.tracer.stop_trace()
             self.assertEqual(bool(quits), bool(autoquit))
 

@@ -13,6 +13,7 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 import threading
+import time
 
 from .library import import_tracer
 from .marks import marks_of
@@ -21,6 +22,15 @@ from .programs import DEBUGGEES
 
 kBuiltins = sys.modules.get("builtins") or sys.modules["__builtin__"]
 kDefaultImport = kBuiltins.__import__  # taken before any tracer puts its own there
+
+
+def join_whole_thread(thread):
+    """Wait until nothing of the thread is left: join() alone returns, on 2.7, while its outermost
+    Python frame still runs."""
+    ident = thread.ident
+    thread.join()
+    while ident in sys._current_frames():
+        time.sleep(0)  # lets the other thread run
 
 
 def import_debuggee(name):
@@ -135,4 +145,4 @@ class ThreadSession(Session):
 
         thread = threading.Thread(target=whole_thread)
         thread.start()
-        thread.join()
+        join_whole_thread(thread)
