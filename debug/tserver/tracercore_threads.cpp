@@ -162,7 +162,8 @@ tThreadData* find_thread_data_by_id(PyObject* id) {
     if (gPy.PyErr_Occurred() != nullptr || tstate == nullptr) {
         return nullptr;
     }
-    return find_thread_data(&gSelf.thread_data, tstate);
+    // A record may outlive its thread, when tracing ended while the thread did.
+    return is_thread_state_alive(tstate) ? find_thread_data(&gSelf.thread_data, tstate) : nullptr;
 }
 
 // ---- Internal and top-level frames ----

@@ -9,7 +9,7 @@ import threading
 import unittest
 
 from support import DATA, TestCase, has, import_tracer, needs, run_code, time_limit
-from support.tracing import Session, import_debuggee, kDefaultImport
+from support.tracing import Session, import_debuggee, join_whole_thread, kDefaultImport
 
 steps = import_debuggee("steps")
 
@@ -227,7 +227,7 @@ class ThreadsAndFrames(BadCase):
         ids = []
         thread = threading.Thread(target=target)
         thread.start()
-        thread.join()
+        join_whole_thread(thread)
         return ids[0]
 
     def test_ids_of_threads_that_ended_or_never_were(self):
