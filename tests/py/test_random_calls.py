@@ -14,7 +14,7 @@ from support import randomcalls, sanitized
 from support.programs import python_path
 
 kProgram = os.path.join(os.path.dirname(os.path.abspath(randomcalls.__file__)), "randomcalls.py")
-kCalls = 100000
+kCalls = 20000  # as many as ten seconds allow; TDBG_RANDOM_CALLS for a longer hunt
 kChildren = 4
 kSanitizedCalls = 10000
 kSeconds = 110  # the machine may be busy with other tests
