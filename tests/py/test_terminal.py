@@ -635,6 +635,7 @@ sys.stdout.write(spin(1))
         terminal.start()
         terminal.send_line("c")
         terminal.expect("waiting\n")
+        terminal.wait_until_blocked()
         terminal.interrupt()
         terminal.expect("Ctrl-C again")
         if not has("python2"):  # there the call does not go on after the first one

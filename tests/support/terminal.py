@@ -53,6 +53,13 @@ class Terminal(object):
             close_fds=True, preexec_fn=_take_terminal)
         os.close(slave)
 
+    def wait_until_blocked(self):
+        """Wait until the program's main thread waits for something."""
+        while self._child.poll() is None:
+            with open("/proc/{}/stat".format(self._child.pid)) as stat:
+                if stat.read().rsplit(")", 1)[1].split()[0] == "S":
+                    return
+
     def send(self, text):
         os.write(self._master, text.encode("utf-8"))
 
