@@ -11,8 +11,7 @@ from support.tracing import Session, ThreadSession, import_debuggee
 steps = import_debuggee("steps")
 
 kStops = 10000
-# Fewer where memory alone can be measured: a cycle takes ten times as long as a hundred stops.
-kCycles = 1000 if has("total_refcount") else 250
+kCycles = 1000
 # What the repetitions may add to the process after a first fifth as many, for the allocators' sake.
 kMemoryBound = 512  # KB
 
