@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Find the interpreters that the tests run under.
 
-Looks at pyenv's versions, at what tools/fetch-interpreters has put into the user's cache, and at
-the system's own. Each interpreter is asked what it is; one found twice is listed once. Importable
+Looks at pyenv's versions, at what tools/fetch-interpreters and tools/build-interpreters have put
+into the user's cache, and at the system's own. Each interpreter is asked what it is; one found twice is listed once. Importable
 (`find_interpreters`, `find_missing`) and runnable (prints a table).
 """
 
@@ -36,6 +36,7 @@ print("tells:%d.%d.%d|%d|%d|%d|%d|%s" % (
     ",".join(suffixes)))
 """
 
+kBuilt = "built-"
 kOldest = (2, 6)
 kNewest = (3, 14)
 
@@ -70,6 +71,11 @@ class tInterpreter:
     @property
     def minor(self):
         return "{}.{}".format(*self.version[:2])
+
+    @property
+    def is_built(self):
+        """Whether tools/build-interpreters made it: a variant for the full matrix of tests."""
+        return self.name.startswith(kBuilt)
 
     @property
     def supported(self):
@@ -126,7 +132,7 @@ def pyenv_candidates():
 
 
 def cache_candidates():
-    for row in fetched():
+    for row in fetched() + built():
         if row["ok"]:
             yield row["name"], row["launcher"]
 
@@ -139,7 +145,16 @@ def system_candidates():
 
 def fetched():
     """What tools/fetch-interpreters says of each interpreter that it knows."""
-    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fetch-interpreters")
+    return ask_tool("fetch-interpreters")
+
+
+def built():
+    """The same of tools/build-interpreters."""
+    return ask_tool("build-interpreters")
+
+
+def ask_tool(name):
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), name)
     done = subprocess.run(
         [sys.executable, script, "--list", "--json"], stdout=subprocess.PIPE, check=True, timeout=kAskSeconds
     )
@@ -148,7 +163,7 @@ def fetched():
 
 def name_for(origin, answers, path):
     """The cache names its own; others are named by origin, exact version, variant and bits."""
-    if origin.startswith("debian-"):
+    if origin.startswith(("debian-", kBuilt)):
         return origin
     exact = "{}.{}.{}".format(*answers["version"])
     variant = "" if answers["variant"] == "release" else answers["variant"] + "-"
@@ -197,7 +212,9 @@ def find_missing(interpreters, broken=()):
         if (version, bits, variant) not in have:
             name = "python-{}{}-{}".format(version, "" if variant == "release" else "-" + variant, bits)
             reason = reasons.get((version, bits, variant in ("trace_refs", "pydebug")))
-            if reason is None or variant == "free_threaded":
+            if variant == "free_threaded":
+                reason = "no distribution has it; tools/build-interpreters builds it for ./check --matrix"
+            elif reason is None:
                 reason = "neither among pyenv's versions nor the system's, and not fetched from Debian"
             missing.append((name, reason))
     return missing
