@@ -54,12 +54,16 @@ class tRequest(object):
     seconds  for kStopped: after how long the client gets an error instead; None: never, the
              answer comes when it comes; or a function(arguments) that tells.  Requests behind one
              that takes long are served by a worker in the meantime
+    on_slow  for kStopped: function(session, arguments) -> body, instead of that error; it gets the
+             dict that the handler got, and may run beside it, where code of the program may not be
+             run
     """
 
-    __slots__ = ("handler", "where", "seconds")
+    __slots__ = ("handler", "where", "seconds", "on_slow")
 
-    def __init__(self, handler, where=kAnytime, seconds=kSeconds):
+    def __init__(self, handler, where=kAnytime, seconds=kSeconds, on_slow=None):
         self.handler, self.where, self.seconds = handler, where, seconds
+        self.on_slow = on_slow
 
     def limit(self, arguments):
         return self.seconds(arguments) if callable(self.seconds) else self.seconds
