@@ -21,6 +21,14 @@ kAskSeconds = 60
 kQuestions = """\
 import struct, sys
 try:
+    import ctypes
+    static = hasattr(ctypes.CDLL(None), "Py_Initialize") and "libpython" not in open("/proc/self/maps").read()
+    version = ctypes.CDLL(None).gnu_get_libc_version
+    version.restype = ctypes.c_char_p
+    libc = "glibc " + version().decode()
+except (ImportError, AttributeError):
+    libc, static = "unknown", False
+try:
     from importlib.machinery import EXTENSION_SUFFIXES as suffixes
 except ImportError:
     import imp
@@ -30,10 +38,10 @@ try:
     free_threaded = bool(sysconfig.get_config_var("Py_GIL_DISABLED"))
 except ImportError:
     free_threaded = False
-print("tells:%d.%d.%d|%d|%d|%d|%d|%s" % (
+print("tells:%d.%d.%d|%d|%d|%d|%d|%s|%d|%s|%d" % (
     sys.version_info[0], sys.version_info[1], sys.version_info[2], 8 * struct.calcsize("P"),
     hasattr(sys, "getobjects"), hasattr(sys, "gettotalrefcount"), free_threaded,
-    ",".join(suffixes)))
+    ",".join(suffixes), sys.maxunicode == 0xffff, libc, static))
 """
 
 kBuilt = "built-"
@@ -58,15 +66,18 @@ class tInterpreter:
     version   (major, minor, micro)
     bits      word size, 32 or 64
     variant   "release", "trace_refs" (Py_TRACE_REFS), "pydebug" (Py_DEBUG without that),
-              "free_threaded"
+              "free_threaded", "narrow" (2.7 with 16-bit characters)
     debug     whether it counts references (Py_DEBUG, of any variant)
     suffixes  endings of extension modules, the preferred one first
+    libc      the C library that it runs with, for example "glibc 2.36"
+    is_static whether the program holds the interpreter's functions itself (no libpython)
     """
 
-    def __init__(self, name, path, version, bits, variant, debug, suffixes):
+    def __init__(self, name, path, version, bits, variant, debug, suffixes, libc, is_static):
         self.name, self.path = name, path
         self.version, self.bits, self.variant = version, bits, variant
-        self.debug, self.suffixes = debug, suffixes
+        self.debug, self.suffixes, self.libc = debug, suffixes, libc
+        self.is_static = is_static
 
     @property
     def minor(self):
@@ -88,7 +99,7 @@ class tInterpreter:
 
     def as_dict(self):
         return {name: getattr(self, name) for name in (
-            "name", "path", "version", "bits", "variant", "debug", "suffixes", "supported"
+            "name", "path", "version", "bits", "variant", "debug", "suffixes", "libc", "supported"
         )}
 
 
@@ -107,16 +118,18 @@ def ask(path):
     lines = [line for line in done.stdout.splitlines() if line.startswith("tells:")]
     if done.returncode != 0 or not lines:
         return "does not run: {}".format((done.stderr.strip().splitlines() or ["no answer"])[-1])
-    version, bits, trace_refs, debug, free, suffixes = lines[0][len("tells:"):].split("|")
+    version, bits, trace_refs, debug, free, suffixes, narrow, libc, static = lines[0][len("tells:"):].split("|")
     return {
         "version": tuple(int(part) for part in version.split(".")),
         "bits": int(bits),
         "variant": (
             "free_threaded" if free == "1" else "trace_refs" if trace_refs == "1"
-            else "pydebug" if debug == "1" else "release"
+            else "pydebug" if debug == "1" else "narrow" if narrow == "1" else "release"
         ),
         "debug": debug == "1",
         "suffixes": suffixes.split(","),
+        "libc": libc,
+        "is_static": static == "1",
     }
 
 
