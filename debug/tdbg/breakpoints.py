@@ -7,12 +7,22 @@ the core they would still slow the code around them.  What the core counts is fe
 list of changes, and added to what was counted before the line was last written.
 
 The core resolves files by device and inode, so a module may be imported under any name, now or
-later; here every file has one spelling, its real path.
+later; here every file has one spelling, its real path.  A copy with the same contents is the same
+file, too, for breakpoints with a checksum.
+
+Who decides whether a hit stops?  The core, as far as it can, for it is many times faster: it
+evaluates conditions that do not change anything (is_plain()) and passes over the hits before the
+one that is wanted.  The core does not tell how a condition came out, so such a one is evaluated
+again at the stop.  Every other condition is evaluated once, here: the core then stops at
+each hit, and judge() says that there was nothing to stop for.
 """
 from __future__ import absolute_import, division, print_function
 
+import ast
+import io
 import linecache
 import os
+import re
 import sys
 
 from tdbg import codelines, compat, evaluate, private
@@ -23,16 +33,71 @@ _abs_path = os.path.abspath
 _isabs = os.path.isabs
 _join = os.path.join
 _folder_of = os.path.dirname
+_split_path = os.path.split
 _expand_user = os.path.expanduser
 _same_file = os.path.samefile
 _get_folder = os.getcwd
+_get_size = os.path.getsize
 _get_lines = linecache.getlines
+_open = io.open
+_compile = compile
+_code_type = type((lambda: 0).__code__)
 
 kSuffixes = (".pyc", ".pyo")
+kMaxIgnored = 0x7fffffff  # the core counts in a C int
+
+# Whatever they are given, they change nothing and always answer the same.
+kPlainCalls = frozenset((
+    "abs", "bool", "callable", "float", "hasattr", "id", "int", "isinstance", "issubclass", "len",
+    "max", "min", "ord", "round", "type"))
+_kPlainNodes = (
+    ast.Expression, ast.Name, ast.expr_context, ast.BoolOp, ast.boolop, ast.UnaryOp, ast.unaryop,
+    ast.BinOp, ast.operator, ast.Compare, ast.cmpop, ast.IfExp, ast.Attribute, ast.Subscript,
+    ast.Slice, ast.Tuple, ast.List)
+if sys.version_info < (3, 9):
+    _kPlainNodes += (ast.slice,)
+if sys.version_info >= (3, 6):
+    _kPlainNodes += (ast.Constant,)
+if sys.version_info < (3, 8):  # later versions warn of these names
+    _kPlainNodes += (ast.Num, ast.Str)
+if (3,) <= sys.version_info < (3, 8):
+    _kPlainNodes += (ast.Bytes, ast.NameConstant, ast.Ellipsis)
+
+kSameAs = "same as "  # a checksum that is no number: the contents of this file
 
 
 class tRefused(Exception):
     """The breakpoint cannot be set or changed so; the text is one line for the user."""
+
+
+class tHitCondition(object):
+    """At which hits to stop: the text is N or ==N, >=N, >N, <=N, <N, %N."""
+
+    kPattern = re.compile(r"\s*(==|>=|<=|>|<|%)?\s*([0-9]{1,18})\s*$")
+
+    def __init__(self, text):
+        found = self.kPattern.match(text)
+        if found is None:
+            raise tRefused("the hit condition is none of N, ==N, >=N, >N, <=N, <N, %N: {}".format(
+                compat.to_native(text.strip())))
+        self.text = text
+        self._sign, self._number = found.group(1) or "==", int(found.group(2))
+        if self._number == 0 and self._sign == "%" or self.next_after(0) is None:
+            raise tRefused("no hit can be {}".format(compat.to_native(text.strip())))
+
+    def next_after(self, count):
+        """Number of the first hit to stop at after so many, from 1 on; None: there is none."""
+        number, following = self._number, count + 1
+        if self._sign == "%":
+            return count - count % number + number
+        if self._sign in (">=", ">"):
+            return max(following, number + (self._sign == ">"))
+        if self._sign == "==":
+            return number if number >= following else None
+        return following if following < number + (self._sign == "<=") else None
+
+    def stops_at(self, count):
+        return self.next_after(count - 1) == count
 
 
 class tBreakpoint(object):
@@ -42,20 +107,30 @@ class tBreakpoint(object):
     path       real path of the file; line: the one that stops
     function   name that it was set by, or None
     condition  text of an expression, or None
+    hit_condition  tHitCondition, or None
+    on_hit     function (breakpoint, frame) to call instead of stopping, or None
+    checksum   of the contents, for files that are not where `path` says; or ""
+    inside     {(name, first line)} of the only code objects to stop in; empty: any
     ignore     number of hits that will still not stop
     hits       how often its line was reached while it was enabled
+    passes     how often, of these, its condition held
     """
 
     __slots__ = ("number", "path", "line", "function", "condition", "ignore", "hits",
-                 "enabled", "temporary", "core_id", "counted")
+                 "enabled", "temporary", "hit_condition", "on_hit", "checksum", "inside", "passes",
+                 "core_id", "counted", "by_server", "code")
 
     def __init__(self, number, path, line):
         self.number, self.path, self.line = number, path, line
-        self.function = self.condition = None
-        self.ignore = self.hits = 0
+        self.function = self.condition = self.hit_condition = self.on_hit = None
+        self.ignore = self.hits = self.passes = 0
         self.enabled, self.temporary = True, False
+        self.checksum = ""
+        self.inside = frozenset()
         self.core_id = None  # None: the core does not have it
         self.counted = 0     # hits of the core's record that are in `hits` already
+        self.by_server = False  # judge() evaluates the condition
+        self.code = None     # of such a condition: (flags of the compiler, code object)
 
     def as_settings(self):
         """What a new run needs, as plain values."""
@@ -83,7 +158,9 @@ class tBreakpoints(object):
         self._by_number = {}
         self._next = 1
         self._live = False  # the core keeps breakpoints from its start on
+        self._checks = False  # the core asks for checksums
         self._real_paths = {}  # file of code -> real path
+        self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
 
     def go_live(self):
         """The core has been started: give it what was set before."""
@@ -111,30 +188,41 @@ class tBreakpoints(object):
 
     # --- setting and changing ---
 
-    def add(self, path, line, condition=None, temporary=False, function=None, frame=None):
+    def add(self, path, line, condition=None, temporary=False, function=None, frame=None,
+            hit_condition=None, on_hit=None, checksum="", source=None, exactly=False):
         """Set a breakpoint; the tBreakpoint, whose line is the first with code from `line` on.
 
         path      as find_file() gives it
         function  only to be remembered: find_function() tells where one begins
         frame     of the program, for files that only its import system can read
+        source    the codelines.tSource, where that is known
+        exactly   take the line as it is, without looking at the source; so does a function
+                  whose source cannot be found
+        the others are tBreakpoint's, hit_condition as text
         """
-        source = self.source(path, frame)
-        if not 1 <= line <= source.count:
-            raise tRefused(
-                "{} has no line {}: it ends with line {}".format(path, line, source.count))
-        found = source.line_with_code(line)
-        if found is None:
-            raise tRefused(
-                "no code at line {} of {} or after it in the same function".format(line, path))
+        bp = tBreakpoint(self._next, path, line)
+        if not exactly:
+            bp.line, bp.inside = self._place_in_source(path, line, function, frame, source)
         check_condition(condition)
-        bp = tBreakpoint(self._next, path, found)
         bp.condition, bp.temporary, bp.function = condition or None, temporary, function
+        bp.hit_condition = tHitCondition(hit_condition) if hit_condition else None
+        bp.on_hit, bp.checksum = on_hit, checksum
+        self._arm(bp)
         try:
             self._insert(bp)
         except Exception as why:  # a name that has no spelling in UTF-8
             self._by_number.pop(bp.number, None)
             raise tRefused("{}".format(why))
         return bp
+
+    def _place_in_source(self, path, line, function, frame, source):
+        try:
+            source = source or self.source(path, frame)
+        except tRefused:
+            if function is None:
+                raise
+            return line, frozenset()
+        return place_in(source, line)
 
     def remove(self, bp):
         self._collect()
@@ -149,6 +237,15 @@ class tBreakpoints(object):
         check_condition(condition)
         self._change(bp, "condition", condition or None)
 
+    def set_hit_condition(self, bp, text):
+        """text: of a tHitCondition, or None for none.  Hits are counted anew."""
+        condition = tHitCondition(text) if text else None
+        bp.passes = bp.ignore = 0
+        self._change(bp, "hit_condition", condition)
+
+    def set_on_hit(self, bp, function):
+        bp.on_hit = function
+
     def set_ignore(self, bp, count):
         self._change(bp, "ignore", max(count, 0))
 
@@ -158,6 +255,8 @@ class tBreakpoints(object):
             raise tRefused("breakpoint {} is gone".format(bp.number))
         if getattr(bp, name) != value:
             setattr(bp, name, value)
+            bp.code = None
+            self._arm(bp)
             self._write(bp.path, bp.line)
 
     def _insert(self, bp):
@@ -165,6 +264,13 @@ class tBreakpoints(object):
         self._next = max(self._next, bp.number) + 1
         self._by_number[bp.number] = bp
         self._write(bp.path, bp.line)
+
+    def _arm(self, bp):
+        """Who judges its hits, and how many of them need not be looked at."""
+        bp.by_server = bool(bp.inside or bp.condition and not is_plain(bp.condition))
+        if bp.hit_condition is not None:
+            following = bp.hit_condition.next_after(bp.passes)
+            bp.ignore = 0 if following is None else min(following - bp.passes - 1, kMaxIgnored)
 
     # --- from one run to the next ---
 
@@ -177,6 +283,11 @@ class tBreakpoints(object):
             bp = tBreakpoint(row["number"], row["path"], row["line"])
             for name in ("function", "condition", "ignore", "enabled", "temporary"):
                 setattr(bp, name, row[name])
+            try:
+                bp.inside = frozenset(self.source(bp.path).one_line_functions(bp.line))
+            except tRefused:
+                pass
+            self._arm(bp)
             self._insert(bp)
 
     # --- the core's table ---
@@ -190,9 +301,21 @@ class tBreakpoints(object):
         on_line = [bp for bp in self._by_number.values() if bp.path == path and bp.line == line]
         for bp in sorted(on_line, key=lambda bp: bp.number):
             bp.core_id, bp.counted = None, 0
-            if bp.enabled:
-                bp.core_id = self._core.set_break(
-                    name, "", line, 1, int(bp.temporary), compat.to_native(bp.condition), bp.ignore)
+            if bp.enabled and not _is_over(bp):
+                bp.core_id = self._set_break(bp, name)
+
+    def _set_break(self, bp, name):
+        condition, temporary, ignore = bp.condition, int(bp.temporary), bp.ignore
+        if bp.by_server:
+            condition, temporary, ignore = None, 0, 0
+        if bp.hit_condition is not None:
+            temporary = 0
+        if bp.checksum and not self._checks:
+            self._checks = True
+            self._core.enable_checksums(1)
+        return self._core.set_break(
+            name, compat.to_native(bp.checksum), bp.line, 1, temporary,
+            compat.to_native(condition), ignore)
 
     def _collect(self):
         """Take over what the core has counted; [(tBreakpoint, new hits, ignored ones, deleted)]."""
@@ -207,9 +330,12 @@ class tBreakpoints(object):
             bp = by_id.get(row[2])
             if bp is None:
                 continue
-            hits, ignored = row[7] - bp.counted, bp.ignore - row[6]
+            hits = row[7] - bp.counted
+            ignored = 0 if bp.by_server else bp.ignore - row[6]
             bp.hits += hits
-            bp.counted, bp.ignore = row[7], row[6]
+            bp.passes += ignored
+            bp.counted = row[7]
+            bp.ignore -= ignored
             news.append((bp, hits, ignored, False))
         for core_id in deleted:
             bp = by_id.get(core_id)
@@ -225,25 +351,73 @@ class tBreakpoints(object):
 
     # --- at a stop ---
 
-    def hits_at(self, frame):
-        """[tHit] of the breakpoints that make the frame stop at its line; once per stop."""
-        hits = []
+    def judge(self, frame):
+        """([tHit] of the breakpoints that make the frame stop at its line, whether the core has
+        stopped there only for others, which do not); once for each line event."""
+        hits, passed = [], False
         for bp, count, ignored, deleted in self._collect():
             if not self._is_at(bp, frame):
                 continue
-            if deleted:
-                hits.append(tHit(bp))
-            elif bp.condition is None:
-                if count > ignored:
-                    hits.append(tHit(bp))
-            elif not count == ignored:
-                # The core does not tell how the condition came out.
-                result = evaluate.evaluate_limited(bp.condition, frame)
-                if not result.ok:
-                    hits.append(tHit(bp, result.error))
-                elif result.value:
-                    hits.append(tHit(bp))
-        return hits
+            stops, error = True, None
+            if not deleted:
+                if bp.by_server:
+                    stops, error = self._judge_by_server(bp, frame)
+                else:
+                    stops, error = self._judge_by_core(bp, frame, count, ignored)
+                if stops is None:  # the core did not stop for it
+                    continue
+            if stops and error is None and bp.on_hit is not None:
+                stops = False
+                bp.on_hit(bp, frame)
+            if stops:
+                hits.append(tHit(bp, error))
+            else:
+                passed = True
+        return hits, passed
+
+    def _judge_by_core(self, bp, frame, count, ignored):
+        """(whether the breakpoint stops, what is wrong with its condition)"""
+        if count <= ignored:
+            return None, None
+        if bp.condition is not None:
+            # The core does not tell how the condition came out.
+            result = evaluate.evaluate_limited(bp.condition, frame)
+            if not result.ok:
+                return True, result.error
+            if not result.value:
+                return None, None
+        return self._passes(bp), None
+
+    def _judge_by_server(self, bp, frame):
+        code = frame.f_code
+        if bp.inside and (code.co_name, code.co_firstlineno) not in bp.inside:
+            bp.hits -= 1
+            return False, None
+        if bp.condition is not None:
+            try:
+                if not _evaluate_condition(bp, frame):
+                    return False, None
+            except BaseException:
+                return True, evaluate.describe_error()
+        if not self._passes(bp):
+            return False, None
+        if bp.temporary:
+            del self._by_number[bp.number]
+            self._write(bp.path, bp.line)
+        return True, None
+
+    def _passes(self, bp):
+        """A hit whose condition holds; whether it stops."""
+        bp.passes += 1
+        if bp.hit_condition is None:
+            if bp.by_server and bp.ignore > 0:
+                bp.ignore -= 1
+                return False
+            return True
+        self._arm(bp)
+        if _is_over(bp) or (bp.ignore > 0 and not bp.by_server):
+            self._write(bp.path, bp.line)
+        return bp.hit_condition.stops_at(bp.passes)
 
     def forget_event(self, frame):
         """A step has ended at the frame's return or exception, which the core counts as a hit of
@@ -257,6 +431,7 @@ class tBreakpoints(object):
             elif ignored < 1:
                 continue
             else:
+                bp.passes -= 1
                 bp.ignore += 1
             self._write(bp.path, bp.line)
 
@@ -264,12 +439,26 @@ class tBreakpoints(object):
         if bp.line != frame.f_lineno:
             return False
         path = self.path_of(frame)
-        if path == bp.path:
-            return True
-        try:
-            return _same_file(path, bp.path)
-        except (OSError, ValueError):
-            return False
+        return path == bp.path or self.is_same_file(path, bp.path, bp.checksum)
+
+    def is_same_file(self, path, other, checksum=""):
+        """Whether the path is the other file under another name, or has the checksum."""
+        key = (path, other, checksum)
+        if key not in self._is_same:
+            try:
+                same = _same_file(path, other)
+            except (OSError, ValueError):
+                same = False
+            self._is_same[key] = same or has_checksum(path, other, checksum)
+        return self._is_same[key]
+
+    def checksum_of(self, name):
+        """What the core asks of a file: text that equals the checksum of a breakpoint if the file has
+        the contents of the breakpoint's."""
+        for bp in list(self._by_number.values()):
+            if bp.checksum and has_checksum(name, bp.path, bp.checksum):
+                return compat.to_native(bp.checksum)
+        return ""
 
     # --- files and functions ---
 
@@ -381,9 +570,7 @@ class tBreakpoints(object):
             return None
         path = code.co_filename
         path = _real_path(path if _isabs(path) else _join(self._folder, path))
-        if not _exists(path):
-            if code.co_filename != frame.f_code.co_filename:
-                raise tRefused("no source for {} ({})".format(name, code.co_filename))
+        if not _exists(path) and code.co_filename == frame.f_code.co_filename:
             path = self.path_of(frame)
         return path, codelines.first_line_of(code)
 
@@ -407,6 +594,23 @@ class tBreakpoints(object):
                 if line is not None:
                     return path, line
         return None
+
+
+def place_in(source, line):
+    """(line with code from `line` on, tBreakpoint.inside); tRefused when there is none."""
+    path = source.path
+    if not 1 <= line <= source.count:
+        raise tRefused("{} has no line {}: it ends with line {}".format(path, line, source.count))
+    found = source.line_with_code(line)
+    if found is None:
+        raise tRefused(
+            "no code at line {} of {} or after it in the same function".format(line, path))
+    return found, frozenset(source.one_line_functions(found))
+
+
+def _is_over(bp):
+    """Whether no hit to come will stop."""
+    return bp.hit_condition is not None and bp.hit_condition.next_after(bp.passes) is None
 
 
 def _only_function(source, name):
@@ -440,3 +644,71 @@ def check_condition(text):
     except (SyntaxError, TypeError, ValueError) as why:
         reason = why.msg if isinstance(why, SyntaxError) else why
         raise tRefused("the condition is no expression: {}".format(reason))
+
+
+def is_plain(text):
+    """Whether it does not matter how often the expression is evaluated, as far as can be seen."""
+    try:
+        with private.quiet():
+            tree = _compile(compat.to_native(text).strip(), "<condition>", "eval", ast.PyCF_ONLY_AST)
+    except Exception:  # check_condition() says what is wrong
+        return False
+    for node in ast.walk(tree):
+        if isinstance(node, ast.Call):
+            if not isinstance(node.func, ast.Name) or node.func.id not in kPlainCalls:
+                return False
+        elif not isinstance(node, _kPlainNodes):
+            return False
+    return True
+
+
+def _evaluate_condition(bp, frame):
+    flags = frame.f_code.co_flags & evaluate.kFutureFlags
+    if bp.code is None or bp.code[0] != flags:
+        with private.quiet():
+            text = compat.to_native(bp.condition).strip()
+            bp.code = (flags, _compile(text, "<condition>", "eval", flags, True))
+    code = bp.code[1]
+    names = frame.f_locals
+    if names is not frame.f_globals and any(isinstance(item, _code_type) for item in code.co_consts):
+        # Comprehensions and lambdas look names up as globals.
+        both = dict(frame.f_globals)
+        both.update(names)
+        return bool(eval(code, both))
+    return bool(eval(code, frame.f_globals, names))
+
+
+# --- checksums --------------------------------------------------------------------------------
+
+
+def has_checksum(path, other, checksum):
+    """Whether a file has the checksum, which was given for the file `other`.
+
+    Files of other names are never the same: many are equal by chance, __init__.py most of all.
+    """
+    if not checksum or _tail_of(path) != _tail_of(other):
+        return False
+    kind, _, digest = checksum.partition(":")
+    try:
+        if checksum.startswith(kSameAs):
+            original = checksum[len(kSameAs):]
+            size = _get_size(path)
+            return size > 0 and size == _get_size(original) and _read(path) == _read(original)
+        with private.borrowed():
+            import hashlib
+
+            return hashlib.new(kind, _read(path)).hexdigest() == digest
+    except (IOError, OSError, ValueError):
+        return False
+
+
+def _tail_of(path):
+    folder, name = _split_path(path.replace("\\", "/"))
+    if name.endswith(kSuffixes):
+        name = name[:-1]
+    return (_split_path(folder)[1], name) if name.startswith("__") else name
+
+
+def _read(path):
+    with _open(path, "rb") as file:
+        return file.read()

@@ -56,6 +56,24 @@ class tSource(object):
         following = [number for number in lines if number > line and number in own]
         return min(following) if following else None
 
+    def lines_with_code(self, first=1, last=None):
+        """Every line from `first` to `last` that a breakpoint can stop at, in order."""
+        return sorted(
+            line for line in self._lines_with_code if line >= first and (last is None or line <= last))
+
+    def one_line_functions(self, line):
+        """{(name, first line)} of the code objects of functions whose whole body is on the line of
+        their `def`: who stops there wants to see them called, not made."""
+        found = set()
+        for scope in _walk(self._code):
+            for code in _children(scope):
+                if code.co_flags & inspect.CO_OPTIMIZED and not _is_part(code):
+                    body = set(lines_of(code))
+                    body = body - {code.co_firstlineno} or body
+                    if body == {line} and line in lines_of(scope):
+                        found.add((code.co_name, code.co_firstlineno))
+        return found
+
     def functions(self):
         """{qualified name: first line of the body} of functions; nested ones as `outer.inner`."""
         found = {}

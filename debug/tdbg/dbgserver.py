@@ -90,6 +90,7 @@ class tServer(object):
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
         self._places = {}       # thread ident -> id of the frame that the core steps in
+        self._skipped = {}      # thread ident -> (first, last) line of it that do not end the step
         self._goals = {}        # thread ident -> frame whose return is waited for
         self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
         self._entered = False   # the first stop has been made
@@ -210,7 +211,16 @@ class tServer(object):
         self._asked[ident] = asked
         self._places[ident] = id(place)
         self._goals.pop(ident, None)
+        self._skipped[ident] = self._lines_skipped_by(command, args)
         command(*args)
+
+    def _lines_skipped_by(self, command, args):
+        if command == self.core.step_over_line_range:
+            return args
+        if command == self.core.step_over_line:
+            line = self._current_stop().frame.f_lineno
+            return line, line
+        return 1, 0
 
     def _leave(self, frame):
         """Stop at the next line of the nearest caller that may be shown."""
@@ -238,11 +248,13 @@ class tServer(object):
             self._main_frame = self._first_frame or frame
             self._first_frame = None
             return self._present(self._make_stop(
-                stops.kEntry, frame, hits=self.breakpoints.hits_at(frame)))
+                stops.kEntry, frame, hits=self.breakpoints.judge(frame)[0]))
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         self._unwinding.pop(ident, None)
-        hits = self.breakpoints.hits_at(frame)
+        hits, passed = self.breakpoints.judge(frame)
+        if passed and not hits and not self._ends_step(frame, ident):
+            return  # no command: a step in progress goes on
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
         if reason == stops.kStep and self._goals.pop(ident, None) is frame:
             self._places[ident] = id(frame.f_back)
@@ -301,8 +313,9 @@ class tServer(object):
         else:
             self._hooks.remove()
 
+    @_callback
     def _get_checksum_cb(self, name):
-        return ""
+        return self.breakpoints.checksum_of(name)
 
     def _forget_event(self, frame, ident):
         """A return or an exception at which the core's stepping ends has counted as a hit."""
@@ -357,6 +370,15 @@ class tServer(object):
         if asked in (None, kAskedRun):
             return stops.kBreakpoint
         return stops.kPause if asked == kAskedPause else stops.kStep
+
+    def _ends_step(self, frame, ident):
+        """Whether the core has stopped at the line because it was told to step there, too."""
+        place = self._places.get(ident)
+        if place == id(frame):
+            first, last = self._skipped.get(ident, (1, 0))
+            return not first <= frame.f_lineno <= last
+        return place == id(kAnywhere) or (
+            place not in (None, id(None)) and bool(self.core.is_botframe(frame)))
 
     def _is_no_news(self, exc_info, uncaught):
         """Ways of ending that are no errors: sys.exit(), loops and generators at their end."""

@@ -275,7 +275,150 @@ class Lines(BreakTest):
         self.assertEqual(other.add(self.path, 7).number, 3)
 
 
+    def test_hit_conditions(self):
+        from tdbg import breakpoints
+
+        for text, expected in (
+                ("3", [3]), ("==3", [3]), (" == 3 ", [3]), (">=3", [3, 4, 5, 6]), (">3", [4, 5, 6]), ("<3", [1, 2]),
+                ("<=3", [1, 2, 3]), ("%3", [3, 6]), ("%1", [1, 2, 3, 4, 5, 6]), (">0", [1, 2, 3, 4, 5, 6])):
+            condition = breakpoints.tHitCondition(text)
+            self.assertEqual([count for count in range(1, 7) if condition.stops_at(count)], expected, text)
+        for text in ("", "x", "-1", "1.5", ">", "=>3", "!=3", "3 4", "%0", "0", "<1", "<=0", "9" * 30):
+            self.assertNotEqual(self.refusal(breakpoints.tHitCondition, text), "", text)
+
+    def test_conditions_that_may_be_evaluated_twice(self):
+        from tdbg import breakpoints
+
+        for text, expected in (
+                ("x", True), ("x > 1 and not y.z", True), ("len(x) == 3", True), ("d['a'][1:2] is None", True),
+                ("-x in (1, 'a', True)", True), ("a if b else c", True), ("f(x)", False), ("x.pop()", False),
+                ("[i for i in x]", False), ("(lambda: 1)", False), ("len(f(x))", False), ("x =", False)):
+            self.assertEqual(breakpoints.is_plain(text), expected, text)
+
+    def test_function_in_one_line(self):
+        path = self.make_file("one.py", (
+            "def f(): return 1\n"
+            "@str\n"
+            "def g(): return 2\n"
+            "def h():\n"
+            "    def inner(): return 3\n"
+            "    return inner\n"
+            "k = lambda: 4\n"))
+        from tdbg import codelines
+
+        source = codelines.read(path)
+        names = [sorted(name for name, _ in source.one_line_functions(line)) for line in range(1, 8)]
+        self.assertEqual(names[0], ["f"])
+        self.assertEqual(names[3:], [[], ["inner"], [], []])
+        self.assertEqual(source.lines_with_code(5), [5, 6, 7])
+        self.assertEqual(source.lines_with_code(5, 6), [5, 6])
+
+
 class Running(BreakTest):
+    def test_line_of_a_whole_function_stops_when_it_is_called(self):
+        path = self.make_file("one_{}.py".format(self.name), "def f(x): return x  #@ f\ny = f(1) + f(2)\n", self.folder)
+        front_end = self.debug(
+            lambda table: [table.add(path, 1), table.add(path, 1, "x == 2")],
+            work=lambda: __import__("one_" + self.name))
+        self.assertEqual(front_end.seen, [("breakpoint", "f", 1, [1]), ("breakpoint", "f", 1, [1, 2])])
+        self.assertEqual(self.counts(), [(1, 2), (2, 2)])
+
+    def run_hits(self, hit_condition, condition=None):
+        """Values of `i` at the stops, of 8 turns."""
+        values = []
+        look = lambda server, stop: values.append(stop.frame.f_locals["i"])  # noqa: E731
+        self.debug(
+            lambda table: table.add(self.path, self.line("loop-body"), condition, hit_condition=hit_condition),
+            [look] * 8, lambda: self.load().loop(8))
+        return values
+
+    def test_hit_condition_in_the_core_and_in_the_server(self):
+        for condition in (None, "i >= 0", "str(i) >= ''"):
+            for text, expected in (("3", [2]), (">=7", [6, 7]), (">6", [6, 7]), ("<3", [0, 1]), ("%3", [2, 5])):
+                self.assertEqual(self.run_hits(text, condition), expected, (text, condition))
+        for condition in ("i % 2", "int(str(i)) % 2"):
+            self.assertEqual(self.run_hits("%2", condition), [3, 7], condition)
+
+    def test_condition_with_effects_is_evaluated_once(self):
+        seen = []
+        sys.modules["seen_" + self.name] = seen
+        condition = "__import__('sys').modules['seen_{}'].append(i) or i == 1".format(self.name)
+        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-body"), condition))
+        self.assertEqual((seen, len(front_end.seen)), ([0, 1, 2], 1))
+        self.assertEqual(self.counts(), [(1, 3)])
+
+    def test_ignored_and_temporary_with_such_a_condition(self):
+        def begin(table):
+            bp = table.add(self.path, self.line("loop-body"), "str(i) > '0'", temporary=True)
+            table.set_ignore(bp, 1)
+
+        values = []
+        self.debug(
+            begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])], lambda: self.load().loop(5))
+        self.assertEqual((values, self.counts()), ([2], []))
+
+    def test_such_a_condition_that_fails_stops(self):
+        errors = []
+        look = lambda server, stop: errors.append(stop.hits[0].error)  # noqa: E731
+        self.debug(lambda table: table.add(self.path, self.line("loop-body"), "int('x')", hit_condition="100"), [look])
+        self.assertEqual(len(errors), 1)
+        self.assertIn("ValueError: invalid literal", errors[0])
+
+    def test_hit_that_does_not_stop_leaves_a_step_as_it_is(self):
+        seen = []
+        note = lambda bp, frame: seen.append((bp.number, frame.f_lineno))  # noqa: E731
+        body = self.line("loop-body")
+
+        def begin(table):
+            table.add(self.path, self.line("call-first"))
+            for line in (body, self.line("inner"), self.line("call-return")):
+                table.add(self.path, line, on_hit=note)
+            table.add(self.path, body, "str(i) == 'x'")
+
+        front_end = self.debug(begin, ["step_over", "step_over", "step_over"])
+        self.assertEqual([row[:2] for row in front_end.seen], [
+            ("breakpoint", "call"), ("step", "call"), ("return", "call"), ("return", "<lambda>")])
+        self.assertEqual(seen, [(4, self.line("call-return"))] + [(2, body)] * 3 + [(3, self.line("inner"))])
+
+    def test_step_over_a_line_that_is_entered_again(self):
+        path = self.make_file("turn_{}.py".format(self.name), (
+            "def turn(n):\n"
+            "    for i in range(n): i + 1  #@ turn\n"
+            "    return n\n"), self.folder)
+        seen = []
+
+        def begin(table):
+            table.add(path, 2, temporary=True)
+            table.add(path, 2, on_hit=lambda bp, frame: seen.append(frame.f_lineno))
+
+        front_end = self.debug(
+            begin, ["step_over", "continue_run"], lambda: __import__("turn_" + self.name).turn(3))
+        self.assertEqual([row[:3] for row in front_end.seen], [("breakpoint", "turn", 2), ("step", "turn", 3)])
+        self.assertGreater(len(seen), 1)
+
+    def test_copy_with_the_same_contents(self):
+        from tdbg import breakpoints
+
+        other = self.make_file(self.name + ".py", SOURCE, self.make_dir())
+        missing = os.path.join(self.make_dir(), self.name + ".py")
+        digest = "sha256:" + __import__("hashlib").sha256(open(self.path, "rb").read()).hexdigest()
+        line = self.line("loop-first")
+
+        self.assertEqual(
+            self.hits(lambda table: table.add(os.path.realpath(other), line, checksum=breakpoints.kSameAs + other)),
+            [("loop", line)])
+        for checksum, expected in ((digest, [("loop", line)]), ("sha256:0", []), ("none:0", [])):
+            del sys.modules[self.name]
+            self.assertEqual(
+                self.hits(lambda table: table.add(missing, line, checksum=checksum, exactly=True)), expected)
+
+    def test_equal_files_of_other_names_are_not_the_same(self):
+        from tdbg import breakpoints
+
+        other = self.make_file("other.py", SOURCE, self.make_dir())
+        self.assertEqual(self.hits(lambda table: table.add(
+            os.path.realpath(other), self.line("loop-first"), checksum=breakpoints.kSameAs + other)), [])
+
     def test_set_before_the_import(self):
         self.assertNotIn(self.name, sys.modules)
         front_end = self.debug(lambda table: table.add(self.path, self.line("loop-first")))
