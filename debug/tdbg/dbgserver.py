@@ -20,10 +20,9 @@ import os
 import sys
 
 import tdbg
-from tdbg import breakpoints, compat, stops, threads
+from tdbg import breakpoints, compat, exceptions, stops, threads
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
-kStopOnUnhandled = 2
 
 # What a thread was last asked to do.
 kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
@@ -48,10 +47,14 @@ class tFrontEnd(object):
         """About once a second while the program runs."""
 
     def on_program_end(self):
-        """The program's main module has been left; exit functions are still to come."""
+        """The program's main module has been left; exit functions are still to come, and so may
+        be the stop for an exception that nobody foresaw to end it."""
 
     def on_import(self, module):
         """A module was imported (or was loaded when tracing began)."""
+
+    def on_notice(self, text):
+        """Something that the user should know."""
 
     def on_internal_error(self, text):
         """The debugger itself failed; the program goes on."""
@@ -79,20 +82,24 @@ class tServer(object):
     run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
     breakpoints (tBreakpoints): to be used inside the front end's calls, on_idle() among them; what
     is set before start() waits for it.
+    exceptions (exceptions.tExceptions): which exceptions stop; at any time, on any thread.
     """
 
     def __init__(self, core, front_end):
         self.core = core
         self.front_end = front_end
         self.breakpoints = breakpoints.tBreakpoints(core)
+        self.exceptions = exceptions.tExceptions(core, self._tell_notice)
         self._hooks = threads.tThreadHooks(core)
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
         self._places = {}       # thread ident -> id of the frame that the core steps in
         self._skipped = {}      # thread ident -> (first, last) line of it that do not end the step
+        self._lines = {}        # thread ident -> (first, last) that it steps over there, or None
         self._goals = {}        # thread ident -> frame whose return is waited for
-        self._unwinding = {}    # thread ident -> (id of frame, id of value) of the last exception
+        self._shown = None      # ids of value and traceback of the main thread's last exception stop
+        self._last_hook = None  # what stands in for sys.excepthook at the end
         self._entered = False   # the first stop has been made
         self._main_frame = None  # frame of the program's main module while it runs
         self._first_frame = None  # outermost one, where the program has been running for a while
@@ -128,10 +135,11 @@ class tServer(object):
     def start(self):
         """Begin tracing; the thread stops at its next line.  Call it on the main thread."""
         self.core.init(
-            kIdleSeconds, kStopOnUnhandled, self._install_thread_hooks_cb, self._get_checksum_cb,
+            kIdleSeconds, exceptions.kAtTheEnd, self._install_thread_hooks_cb, self._get_checksum_cb,
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
             self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
         self.breakpoints.go_live()
+        self.exceptions.go_live()
         self.core.start_trace()
         tdbg.set_trace = self.core.breakpointhook
         if getattr(sys, "breakpointhook", None) is getattr(sys, "__breakpointhook__", 0):
@@ -158,25 +166,27 @@ class tServer(object):
         stop = self._current_stop()
         if self._is_over(stop):
             return self.continue_run()
-        if frame is not None and frame is not stop.frame:
+        if _is_caller(frame, stop.frame):
             return self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
         if stop.reason == stops.kReturn:
             return self._leave(stop.frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line)
+        self._lines[_get_ident()] = (stop.frame.f_lineno, stop.frame.f_lineno)
 
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
-        if stop.reason in (stops.kReturn, stops.kUncaught) or frame not in (None, stop.frame):
+        if stop.reason in (stops.kReturn, stops.kUncaught) or _is_caller(frame, stop.frame):
             return self.step_over(frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line_range, 0, line - 1)
+        self._lines[_get_ident()] = (0, line - 1)
 
     def step_out(self, frame=None):
         """Stop when the frame (default: the stopped one) returns."""
         stop = self._current_stop()
         if self._is_over(stop):
             return self.continue_run()
-        if frame is not None and frame is not stop.frame:
+        if _is_caller(frame, stop.frame):
             # The core waits for the return of the frame that it is in: go there first.
             self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
             self._goals[_get_ident()] = frame
@@ -210,6 +220,7 @@ class tServer(object):
         ident = _get_ident()
         self._asked[ident] = asked
         self._places[ident] = id(place)
+        self._lines[ident] = None
         self._goals.pop(ident, None)
         self._skipped[ident] = self._lines_skipped_by(command, args)
         command(*args)
@@ -251,7 +262,6 @@ class tServer(object):
                 stops.kEntry, frame, hits=self.breakpoints.judge(frame)[0]))
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
-        self._unwinding.pop(ident, None)
         hits, passed = self.breakpoints.judge(frame)
         if passed and not hits and not self._ends_step(frame, ident):
             return  # no command: a step in progress goes on
@@ -279,23 +289,86 @@ class tServer(object):
         if not self._entered or not exc_info:
             return
         self._forget_event(frame, ident)
-        uncaught = bool(self.core.exiting_on_exception())
-        if self._is_no_news(exc_info, uncaught):
+        is_step = self._is_step_event(frame, ident)
+        found = self.exceptions.judge(frame, exc_info, ident, is_step)
+        if found is not None:
+            if ident == self._main_ident:
+                self._shown = (id(exc_info[1]), id(exc_info[2]))
+            return self._present(self._make_stop(found[0], frame, exc_info=exc_info, verdict=found[1]))
+        if not is_step or self._is_no_news(exc_info):
             return
-        if self.is_hidden(frame) and not uncaught:
+        if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
-        seen, key = self._unwinding.get(ident), (id(frame), id(exc_info[1]))
-        self._unwinding[ident] = key
-        if uncaught and seen == key:
-            return
-        reason = stops.kUncaught if uncaught else stops.kException
-        self._present(self._make_stop(reason, frame, exc_info=exc_info))
+        self._present(self._make_stop(stops.kException, frame, exc_info=exc_info))
+
+    def _is_step_event(self, frame, ident):
+        """Whether the core would tell any event of the frame: a step ends here."""
+        place = self._places.get(ident)
+        if place == id(kAnywhere):
+            return True
+        if place == id(frame):
+            first, last = self._lines.get(ident) or (1, 0)
+            return not first <= frame.f_lineno <= last
+        # A step in a frame that is gone ends in the bottom frame, if nowhere before.
+        return (
+            self._asked.get(ident) == kAskedNext and place != id(None)
+            and bool(self.core.is_botframe(frame))
+        )
 
     @_callback
     def _quit_cb(self):
-        if _get_ident() == self._main_ident and self._main_frame is not None:
-            self._main_frame = None
-            self.front_end.on_program_end()
+        ident = _get_ident()
+        if ident != self._main_ident:
+            return self.exceptions.forget(ident)
+        if self._main_frame is None:
+            return
+        self._main_frame = None
+        self._watch_the_end()
+        self.front_end.on_program_end()
+
+    # --- the exception that ends the program ---
+
+    def _watch_the_end(self):
+        """The bottom frame is left: should it be by an exception that has not been shown, show it
+        before the interpreter prints it.
+
+        The core does not tell every one: whether a block in the bottom frame (`with`, up to 3.10 any
+        loop or `try`) ends the exception is not known where it comes.
+        """
+        frame = sys._getframe()
+        while frame is not None and self._is_own(frame):
+            frame = frame.f_back
+        if frame is None or _is_returning(frame) or not hasattr(sys, "excepthook"):
+            return
+        self._last_hook = sys.excepthook = exceptions.make_last_hook(
+            self._show_the_end, self._main_ident)
+
+    def _show_the_end(self):
+        try:
+            info = (sys.last_type, sys.last_value, sys.last_traceback)
+            if self._was_shown(info) or not self.exceptions.wants_uncaught(info):
+                return
+            if self.core.acquire_dbgserver_mutex():  # what runs now is not traced
+                try:
+                    self._present(self._make_stop(
+                        stops.kUncaught, info[2].tb_frame, exc_info=info))
+                finally:
+                    self.core.release_dbgserver_mutex()
+        except BaseException:
+            self._tell_internal_error("excepthook")
+        finally:
+            info = None
+
+    def _was_shown(self, info):
+        if self._shown is None:
+            return False
+        value, traceback = self._shown
+        if id(info[1]) == value:
+            return True
+        place = info[2]
+        while place is not None and id(place) != traceback:
+            place = place.tb_next
+        return place is not None
 
     @_callback
     def _idle_cb(self):
@@ -304,6 +377,7 @@ class tServer(object):
     @_callback
     def _import_cb(self, module):
         self._hooks.see_module(module)
+        self.exceptions.see_module(module)
         self.front_end.on_import(module)
 
     @_callback
@@ -343,12 +417,15 @@ class tServer(object):
                 self.front_end.on_program_end()
             self._stops.pop(ident, None)
 
-    def _make_stop(self, reason, frame, value=None, exc_info=None, hits=()):
+    def _make_stop(self, reason, frame, value=None, exc_info=None, hits=(), verdict=None):
         traceback = exc_info[2] if exc_info else None
         stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
-        if reason == stops.kUncaught and stack:
+        if reason in (stops.kUncaught, stops.kReported) and stack:
             index = len(stack) - 1
-        return tStop(self._thread(), reason, frame, stack, index, value, exc_info, hits)
+        catcher = None
+        if verdict is not None and verdict.frame is not None:
+            catcher = (verdict.frame, verdict.line)
+        return tStop(self._thread(), reason, frame, stack, index, value, exc_info, hits, catcher)
 
     def _thread(self):
         ident = _get_ident()
@@ -380,14 +457,14 @@ class tServer(object):
         return place == id(kAnywhere) or (
             place not in (None, id(None)) and bool(self.core.is_botframe(frame)))
 
-    def _is_no_news(self, exc_info, uncaught):
+    def _is_no_news(self, exc_info):
         """Ways of ending that are no errors: sys.exit(), loops and generators at their end."""
         kind = exc_info[0]
         if not isinstance(kind, type):
             return False  # an old-style class of version 2
         if issubclass(kind, (SystemExit, GeneratorExit)):
             return True
-        return issubclass(kind, StopIteration) and not uncaught and exc_info[2] is None
+        return issubclass(kind, StopIteration) and exc_info[2] is None
 
     # --- frames that are not shown ---
 
@@ -421,6 +498,9 @@ class tServer(object):
             and not self._is_own(frame)
         )
 
+    def _tell_notice(self, text):
+        self.front_end.on_notice(text)
+
     def _tell_internal_error(self, where):
         try:
             kind, value, tb = sys.exc_info()
@@ -436,6 +516,17 @@ class tServer(object):
 
 
 tStop = stops.tStop
+
+
+def _is_caller(frame, inner):
+    """Whether a frame, if one is given, is one of the other's callers."""
+    if frame is inner:
+        return False
+    while frame is not None and inner is not None:
+        inner = inner.f_back
+        if inner is frame:
+            return True
+    return False
 
 
 def _is_returning(frame):

@@ -727,12 +727,16 @@ def _leaves_of(group):
 
 
 class tVerdict(object):
-    """answer: one of the constants above; frame, line: of the handler where there is one."""
+    """answer: one of the constants above; frame, line: of the handler where there is one.
 
-    __slots__ = ("answer", "frame", "line")
+    is_new: of tRaiseWatch's, whether the exception has just been raised
+    """
+
+    __slots__ = ("answer", "frame", "line", "is_new")
 
     def __init__(self, answer, frame=None, line=None):
         self.answer, self.frame, self.line = answer, frame, line
+        self.is_new = True
 
     def __repr__(self):
         where = self.frame.f_code.co_name if self.frame is not None else None
@@ -967,10 +971,18 @@ class tRaiseWatch(object):
             return verdict  # should it go on, its next event is like a first one
         if passing is None:
             passing = self._add(traceback, value, ident)
+        else:
+            verdict.is_new = False
         passing.told = verdict.answer in (kUncaught, kReported)
         passing.catcher = id(verdict.frame)
         passing.passed = verdict.frame is frame
         return verdict
+
+    def mark_told(self, traceback, ident):
+        """The user has been told of the exception, whatever the answer was."""
+        for passing in self._threads.get(ident, ()):
+            if passing.traceback == id(traceback):
+                passing.told = True
 
     def set_quiet(self, kinds):
         """More exception types that are no news, beside kNeverNews."""

@@ -9,8 +9,9 @@ from __future__ import absolute_import, division, print_function
 kEntry = "entry"            # before the first line of the program
 kStep = "step"              # a step command has come to its end
 kReturn = "return"          # a function is about to return `value`
-kException = "exception"    # an exception passes through `frame` while stepping
-kUncaught = "uncaught"      # nothing will catch the exception; the program ends after this
+kException = "exception"    # an exception is raised, or passes through `frame` while stepping
+kUncaught = "uncaught"      # nothing will catch the exception; the thread ends after this
+kReported = "reported"      # what will catch the exception only prints or logs it
 kPause = "pause"            # pause() was asked for
 kBreakpoint = "breakpoint"  # the program called breakpoint(), or a breakpoint was hit
 
@@ -31,20 +32,24 @@ class tStop(object):
     reason    one of the constants above
     frame     the frame that stopped
     value     for kReturn: what the function returns
-    exc_info  for kException and kUncaught: (type, value, traceback); on 2.7 the value may be
-              the argument or None instead of an instance
+    exc_info  for kException, kUncaught and kReported: (type, value, traceback); up to 3.11 the
+              value may be the argument or None instead of an instance
+    catcher   (frame, line) of the `except` clause that was foreseen to catch the exception, or None
     hits      [breakpoints.tHit]: the breakpoints that stop here, whatever the reason
     stack     [(frame, line)], the outermost first; frames of the debugger are left out
     index     position in `stack` of the frame to show first
     """
 
-    __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index", "hits")
+    __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index", "hits",
+                 "catcher")
 
-    def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None, hits=()):
+    def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None, hits=(),
+                 catcher=None):
         self.thread, self.reason, self.frame = thread, reason, frame
         self.stack, self.index = stack, index
         self.value, self.exc_info = value, exc_info
         self.hits = hits
+        self.catcher = catcher
 
 
 def collect_stack(frame, traceback, is_hidden):
