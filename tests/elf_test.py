@@ -185,6 +185,9 @@ class Loading(unittest.TestCase):
         self.assertEqual(len(stack), 1)
         self.assertNotRegex(stack[0], r"\bRWE\b|\bR?W?E\b")
 
+    def test_stacks_are_guarded(self):
+        self.assertIn("__stack_chk_fail", {symbol.name for symbol in read_symbols() if not symbol.defined})
+
     def test_nothing_is_searched_in_a_directory_of_the_builder(self):
         self.assertNotRegex(readelf("--dynamic"), r"\((RPATH|RUNPATH)\)")
 
