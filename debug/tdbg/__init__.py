@@ -1,6 +1,7 @@
 """A debugger for programs of Python 2.7 and 3.6 to 3.14.
 
 tdbg.set_trace() in a program stops it there, whether it runs under the debugger or not
+tdbg.register_sub_language() tells of a language that the program implements: templates, say
 
 tdbg.dbgserver   the debug server: lives in the debugged process, drives the native core and
                  offers stops and commands to one front end; knows nothing of terminals
@@ -13,7 +14,7 @@ from __future__ import absolute_import, division, print_function
 
 import functools
 
-__all__ = ["dbgserver", "set_trace", "terminal"]
+__all__ = ["dbgserver", "register_sub_language", "set_trace", "terminal"]
 
 
 class _Attaching(object):
@@ -27,6 +28,14 @@ class _Attaching(object):
         from tdbg import attach
 
         return attach.steps_to_stop()
+
+
+def register_sub_language(language):
+    """Tell the debugger of a language that the program implements; to be called again whenever its
+    functions have changed.  Without a debugger nothing comes of it.  See docs/sublanguages.md."""
+    from tdbg import sublanguages
+
+    sublanguages.register(language)
 
 
 # Under the debugger this is the core's own function.

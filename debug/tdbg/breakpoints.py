@@ -25,7 +25,7 @@ import os
 import re
 import sys
 
-from tdbg import codelines, compat, evaluate, private
+from tdbg import codelines, compat, evaluate, private, sublanguages
 
 _exists = os.path.isfile
 _real_path = os.path.realpath
@@ -44,6 +44,7 @@ _compile = compile
 _code_type = type((lambda: 0).__code__)
 
 kSuffixes = (".pyc", ".pyo")
+kPythonSuffixes = (".py", ".pyw")
 kMaxIgnored = 0x7fffffff  # the core counts in a C int
 
 # Whatever they are given, they change nothing and always answer the same.
@@ -150,10 +151,14 @@ class tHit(object):
 
 
 class tBreakpoints(object):
-    """core: the native module; folder: that the program was started in."""
+    """core: the native module; folder: that the program was started in; languages: the
+    sublanguages.tLanguages of the session, if there are any."""
 
-    def __init__(self, core, folder=None):
+    def __init__(self, core, folder=None, languages=None):
         self._core = core
+        self._languages = languages
+        if languages is not None:
+            languages.on_change = self._move_to_code
         self._folder = folder or _get_folder()
         self._by_number = {}
         self._next = 1
@@ -351,11 +356,17 @@ class tBreakpoints(object):
 
     # --- at a stop ---
 
-    def judge(self, frame):
+    def judge(self, frame, uncounted=False):
         """([tHit] of the breakpoints that make the frame stop at its line, whether the core has
-        stopped there only for others, which do not); once for each line event."""
+        stopped there only for others, which do not); once for each line event.
+
+        uncounted: the core has stopped without a look at breakpoints
+        """
         hits, passed = [], False
-        for bp, count, ignored, deleted in self._collect():
+        news = self._collect()
+        if uncounted:
+            news.extend(self._count_here(frame))
+        for bp, count, ignored, deleted in news:
             if not self._is_at(bp, frame):
                 continue
             stops, error = True, None
@@ -374,6 +385,33 @@ class tBreakpoints(object):
             else:
                 passed = True
         return hits, passed
+
+    def _count_here(self, frame):
+        """What _collect() would give if the core had counted the hits at the frame's line."""
+        news = []
+        known = [bp for bp in self._by_number.values() if bp.core_id is not None]
+        for bp in sorted(known, key=lambda bp: bp.number):
+            if not self._is_at(bp, frame):
+                continue
+            bp.hits += 1
+            ignored, deleted = 0, False
+            if not bp.by_server and self._core_would_stop(bp, frame):
+                if bp.ignore > 0:
+                    ignored = 1
+                    bp.ignore -= 1
+                    bp.passes += 1
+                elif bp.temporary and bp.hit_condition is None:
+                    deleted = True
+                    del self._by_number[bp.number]
+                self._write(bp.path, bp.line)
+            news.append((bp, 1, ignored, deleted))
+        return news
+
+    def _core_would_stop(self, bp, frame):
+        if bp.condition is None:
+            return True
+        result = evaluate.evaluate_limited(bp.condition, frame)
+        return not result.ok or bool(result.value)
 
     def _judge_by_core(self, bp, frame, count, ignored):
         """(whether the breakpoint stops, what is wrong with its condition)"""
@@ -465,6 +503,8 @@ class tBreakpoints(object):
     def path_of(self, frame):
         """The file of a frame in this table's spelling; as it is for code that is in no file."""
         name = frame.f_code.co_filename
+        if sublanguages.is_view(frame):
+            return name
         path = self._real_paths.get(name)
         if path is None:
             full = name
@@ -496,6 +536,8 @@ class tBreakpoints(object):
                 if _exists(path):
                     return _real_path(path)
         path = self.find_module(text, frame)
+        if path is None and self._languages is not None:
+            path = self._languages.find_file(text)
         if path is None:
             raise tRefused("no file {}".format(name))
         return path
@@ -531,6 +573,9 @@ class tBreakpoints(object):
 
     def source(self, path, frame=None):
         """codelines.tSource of a file; tRefused with the reason."""
+        known = None if self._languages is None else self._languages.source_of(path)
+        if known is not None:
+            return known
         try:
             if not _exists(path) and frame is not None and path == self.path_of(frame):
                 with private.borrowed():
@@ -540,7 +585,21 @@ class tBreakpoints(object):
                 raise tRefused("no source for {}".format(path))
             return codelines.read(path)
         except codelines.tNoSource as why:
-            raise tRefused(str(why))
+            # It may be of a language that the program has not told of yet.
+            text = None if path.endswith(kPythonSuffixes) else sublanguages.read(path)
+            if text is None:
+                raise tRefused(str(why))
+            return sublanguages.tSource(path, text)
+
+    def _move_to_code(self):
+        """A language can tell which lines of its files stop."""
+        for bp in self.all():
+            source = self._languages.source_of(bp.path)
+            line = None if source is None else source.line_with_code(bp.line)
+            if line not in (None, bp.line):
+                before, bp.line = bp.line, line
+                self._write(bp.path, before)
+                self._write(bp.path, line)
 
     def find_function(self, name, frame=None, path=None):
         """(path, line) where a function begins; tRefused.
@@ -663,6 +722,8 @@ def is_plain(text):
 
 
 def _evaluate_condition(bp, frame):
+    if sublanguages.is_view(frame):
+        return bool(frame.evaluate(bp.condition))
     flags = frame.f_code.co_flags & evaluate.kFutureFlags
     if bp.code is None or bp.code[0] != flags:
         with private.quiet():

@@ -20,7 +20,7 @@ import os
 import sys
 
 import tdbg
-from tdbg import breakpoints, compat, exceptions, stops, threads
+from tdbg import breakpoints, compat, exceptions, stops, sublanguages, threads
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
 
@@ -82,13 +82,15 @@ class tServer(object):
     run_to_line, continue_run.  At any time, on the thread to be stopped: pause.
     breakpoints (tBreakpoints): to be used inside the front end's calls, on_idle() among them; what
     is set before start() waits for it.
+    languages (sublanguages.tLanguages): what is shown in place of the Python that runs it.
     exceptions (exceptions.tExceptions): which exceptions stop; at any time, on any thread.
     """
 
     def __init__(self, core, front_end):
         self.core = core
         self.front_end = front_end
-        self.breakpoints = breakpoints.tBreakpoints(core)
+        self.languages = sublanguages.tLanguages(core, self._tell_language_error)
+        self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
         self.exceptions = exceptions.tExceptions(core, self._tell_notice)
         self._hooks = threads.tThreadHooks(core)
         self._main_ident = _get_ident()
@@ -139,6 +141,7 @@ class tServer(object):
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
             self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
         self.breakpoints.go_live()
+        self.languages.go_live()
         self.exceptions.go_live()
         self.core.start_trace()
         tdbg.set_trace = self.core.breakpointhook
@@ -166,8 +169,12 @@ class tServer(object):
         stop = self._current_stop()
         if self._is_over(stop):
             return self.continue_run()
+        if sublanguages.is_view(frame):
+            return self._resume_in(_callers(stop, frame))
         if _is_caller(frame, stop.frame):
             return self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
+        if sublanguages.is_view(stop.frame):
+            return self._resume_in(_callers(stop, stop.frame))
         if stop.reason == stops.kReturn:
             return self._leave(stop.frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line)
@@ -176,8 +183,11 @@ class tServer(object):
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
-        if stop.reason in (stops.kReturn, stops.kUncaught) or _is_caller(frame, stop.frame):
+        if stop.reason in (stops.kReturn, stops.kUncaught) or _is_caller(frame, stop.frame) or (
+                sublanguages.is_view(frame) and frame is not stop.frame):
             return self.step_over(frame)
+        if sublanguages.is_view(stop.frame):
+            return self._resume_in(_callers(stop, stop.frame), line)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line_range, 0, line - 1)
         self._lines[_get_ident()] = (0, line - 1)
 
@@ -186,6 +196,8 @@ class tServer(object):
         stop = self._current_stop()
         if self._is_over(stop):
             return self.continue_run()
+        if sublanguages.is_view(frame) or (frame is None and sublanguages.is_view(stop.frame)):
+            return self._resume_in(_callers(stop, frame or stop.frame)[:-1])
         if _is_caller(frame, stop.frame):
             # The core waits for the return of the frame that it is in: go there first.
             self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
@@ -203,6 +215,7 @@ class tServer(object):
         """Stop the calling thread at its next line; for signal handlers and idle calls."""
         self._asked[_get_ident()] = kAskedPause
         self._places[_get_ident()] = id(kAnywhere)
+        self.languages.plan_anywhere(_get_ident())
         self.core.stop()
 
     def current_stop(self):
@@ -222,6 +235,7 @@ class tServer(object):
         self._places[ident] = id(place)
         self._lines[ident] = None
         self._goals.pop(ident, None)
+        self.languages.forget_plan(ident)
         self._skipped[ident] = self._lines_skipped_by(command, args)
         command(*args)
 
@@ -233,8 +247,23 @@ class tServer(object):
             return line, line
         return 1, 0
 
+    def _resume_in(self, callers, line=0):
+        """Stop at the next place or line of the last of these frames and views, or of the next one
+        outwards; line: in the last one, if it is a view, at that one or after it."""
+        views = []
+        while callers and sublanguages.is_view(callers[-1]):
+            views.append(callers.pop())
+        if callers:
+            self._resume(kAskedNext, callers[-1], self.core.step_out_to_frame, callers[-1])
+        else:
+            self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
+        self.languages.plan(_get_ident(), views, line)
+
     def _leave(self, frame):
         """Stop at the next line of the nearest caller that may be shown."""
+        if self.languages.is_active() and frame.f_back is not None:
+            stack, _ = stops.collect_stack(frame.f_back, None, self.is_hidden)
+            return self._resume_in([entry[0] for entry in self.languages.show(stack, -1)[0]])
         parent = frame.f_back
         while parent is not None and self.is_hidden(parent):
             parent = parent.f_back
@@ -260,9 +289,10 @@ class tServer(object):
             self._first_frame = None
             return self._present(self._make_stop(
                 stops.kEntry, frame, hits=self.breakpoints.judge(frame)[0]))
-        if self.is_hidden(frame):
+        if self.is_hidden(frame) or not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
-        hits, passed = self.breakpoints.judge(frame)
+        hits, passed = self.breakpoints.judge(
+            self.languages.view_of(frame), self.languages.is_uncounted(frame))
         if passed and not hits and not self._ends_step(frame, ident):
             return  # no command: a step in progress goes on
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
@@ -277,7 +307,7 @@ class tServer(object):
         if not self._entered:
             return
         self._forget_event(frame, ident)
-        if self.is_hidden(frame):
+        if self.is_hidden(frame) or not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
         if value is None and not _is_returning(frame):
             return self._leave(frame)  # left by an exception, which the caller gets
@@ -304,7 +334,7 @@ class tServer(object):
     def _is_step_event(self, frame, ident):
         """Whether the core would tell any event of the frame: a step ends here."""
         place = self._places.get(ident)
-        if place == id(kAnywhere):
+        if place == id(kAnywhere) or self.languages.ends_step(ident, frame):
             return True
         if place == id(frame):
             first, last = self._lines.get(ident) or (1, 0)
@@ -377,6 +407,7 @@ class tServer(object):
     @_callback
     def _import_cb(self, module):
         self._hooks.see_module(module)
+        self.languages.see_module(module)
         self.exceptions.see_module(module)
         self.front_end.on_import(module)
 
@@ -420,6 +451,9 @@ class tServer(object):
     def _make_stop(self, reason, frame, value=None, exc_info=None, hits=(), verdict=None):
         traceback = exc_info[2] if exc_info else None
         stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
+        stack, index = self.languages.show(stack, index)
+        if self.languages.is_key(frame) and stack:
+            frame = stack[index][0]
         if reason in (stops.kUncaught, stops.kReported) and stack:
             index = len(stack) - 1
         catcher = None
@@ -450,6 +484,8 @@ class tServer(object):
 
     def _ends_step(self, frame, ident):
         """Whether the core has stopped at the line because it was told to step there, too."""
+        if self.languages.is_key(frame):
+            return self.languages.is_uncounted(frame)
         place = self._places.get(ident)
         if place == id(frame):
             first, last = self._skipped.get(ident, (1, 0))
@@ -474,6 +510,7 @@ class tServer(object):
             self._is_own(frame)
             or bool(self.core.is_internal_frame(frame))
             or _is_finding_module(frame)
+            or self.languages.is_hidden(frame)
         )
 
     def _is_own(self, frame):
@@ -501,6 +538,9 @@ class tServer(object):
     def _tell_notice(self, text):
         self.front_end.on_notice(text)
 
+    def _tell_language_error(self, text):
+        self.front_end.on_internal_error(text)
+
     def _tell_internal_error(self, where):
         try:
             kind, value, tb = sys.exc_info()
@@ -516,6 +556,12 @@ class tServer(object):
 
 
 tStop = stops.tStop
+
+
+def _callers(stop, frame):
+    """What is shown of a stop's stack, from the outermost frame to this one."""
+    shown = [entry[0] for entry in stop.stack]
+    return shown[:shown.index(frame) + 1] if frame in shown else shown[:stop.index + 1]
 
 
 def _is_caller(frame, inner):

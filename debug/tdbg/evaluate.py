@@ -10,7 +10,7 @@ import functools
 import sys
 import time
 
-from tdbg import compat, private
+from tdbg import compat, private, sublanguages
 
 try:
     import ctypes
@@ -73,6 +73,8 @@ class tResult(object):
 def evaluate(source, frame):
     """Value of an expression in the frame, as a tResult."""
     try:
+        if sublanguages.is_view(frame):
+            return tResult(True, frame.evaluate(source.strip()), True)
         code = _compile(source.strip(), frame, "eval")
         return tResult(True, _run_expression(code, frame), True)
     except BaseException:
@@ -89,6 +91,8 @@ def evaluate_limited(source, frame):
 
 def execute(source, frame, core):
     """Run a statement, or evaluate an expression, in the frame; assigned locals are kept."""
+    if sublanguages.is_view(frame) and not _is_statement(source, frame):
+        return evaluate(source, frame)
     try:
         try:
             code = _compile(source.strip(), frame, "eval")
@@ -101,6 +105,20 @@ def execute(source, frame, core):
         return tResult(True)
     except BaseException:
         return tResult(False, error=describe_error())
+
+
+def _is_statement(source, frame):
+    """Whether it is a statement of Python and no expression of any language."""
+    try:
+        _compile(source.strip(), frame, "eval")
+        return False
+    except SyntaxError:
+        pass
+    try:
+        _compile(source.strip() + "\n", frame, "exec")
+        return True
+    except SyntaxError:
+        return False
 
 
 def _compile(source, frame, mode):
@@ -130,7 +148,7 @@ def _run_in_frame(code, frame, core):
     try:
         return eval(code, frame.f_globals, names)
     finally:
-        if not compat.kNoLocalsToFast and names is not frame.f_globals:
+        if not (compat.kNoLocalsToFast or names is frame.f_globals or sublanguages.is_view(frame)):
             with private.quiet():  # 3.12 warns when a deleted variable becomes None
                 core.PyFrame_LocalsToFast(frame, 1)
 

@@ -36,7 +36,8 @@ class tStop(object):
               value may be the argument or None instead of an instance
     catcher   (frame, line) of the `except` clause that was foreseen to catch the exception, or None
     hits      [breakpoints.tHit]: the breakpoints that stop here, whatever the reason
-    stack     [(frame, line)], the outermost first; frames of the debugger are left out
+    stack     [(frame, line)], the outermost first; frames of the debugger are left out.  A frame may
+              be a sublanguages.tFrameView: code of a language that the program implements
     index     position in `stack` of the frame to show first
     """
 

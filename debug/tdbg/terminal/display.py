@@ -5,7 +5,7 @@ import linecache
 import os
 import types
 
-from tdbg import compat, evaluate, private, stops
+from tdbg import compat, evaluate, private, stops, sublanguages
 
 kAround = 5  # lines before and after the current one
 kEscapes = {
@@ -48,7 +48,7 @@ class tDisplay(object):
 
     def file_of(self, frame):
         name = frame.f_code.co_filename
-        if _isabs(name) or name.startswith("<"):
+        if _isabs(name) or name.startswith("<") or sublanguages.is_view(frame):
             return name
         full = self._core.get_frame_file(frame)
         if full and _isabs(full):
@@ -58,6 +58,10 @@ class tDisplay(object):
     def source_of(self, frame):
         """All lines of the frame's file, as text with their ends; [] when there is no source."""
         path = self.file_of(frame)
+        if sublanguages.is_view(frame):
+            source = frame.source()
+            if source is not None:
+                return source.lines
         try:
             with private.borrowed():
                 _check_cache(path)
@@ -67,9 +71,10 @@ class tDisplay(object):
         return [compat.to_text(line) for line in lines]
 
     def location(self, frame, lineno):
-        """"file(line)function(arguments)" """
-        return u"{}({}){}()".format(
-            compat.to_text(self.file_of(frame)), lineno, compat.to_text(frame.f_code.co_name))
+        """"file(line)function()"; "file(line)name" for code of another language."""
+        return u"{}({}){}{}".format(
+            compat.to_text(self.file_of(frame)), lineno, compat.to_text(frame.f_code.co_name),
+            u"" if sublanguages.is_view(frame) else u"()")
 
     def source_line(self, frame, lineno):
         lines = self.source_of(frame)
