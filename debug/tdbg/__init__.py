@@ -2,6 +2,7 @@
 
 tdbg.set_trace() in a program stops it there, whether it runs under the debugger or not
 tdbg.register_sub_language() tells of a language that the program implements: templates, say
+tdbg.post_mortem() shows where an exception was raised; tdbg.pm() the last one that was printed
 
 tdbg.dbgserver   the debug server: lives in the debugged process, drives the native core and
                  offers stops and commands to one front end; knows nothing of terminals
@@ -14,7 +15,7 @@ from __future__ import absolute_import, division, print_function
 
 import functools
 
-__all__ = ["dbgserver", "register_sub_language", "set_trace", "terminal"]
+__all__ = ["dbgserver", "register_sub_language", "pm", "post_mortem", "set_trace", "terminal"]
 
 
 class _Attaching(object):
@@ -37,6 +38,25 @@ def register_sub_language(language):
 
     sublanguages.register(language)
 
+
+def post_mortem(traceback=None):
+    """Look at the frames of a traceback (default: of the exception being handled) at a prompt.
+
+    The program goes on when the prompt is left.  ValueError when there is no traceback.
+    """
+    from tdbg import postmortem
+
+    postmortem.post_mortem(traceback)
+
+
+def pm():
+    """post_mortem() for the exception that the interpreter has printed last."""
+    from tdbg import postmortem
+
+    postmortem.pm()
+
+
+current_server = None  # dbgserver.tServer at work in this process
 
 # Under the debugger this is the core's own function.
 set_trace = functools.partial(max, _Attaching())

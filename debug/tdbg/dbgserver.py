@@ -98,7 +98,6 @@ class tServer(object):
         self._stops = {}        # thread ident -> stop that the front end has in hand
         self._places = {}       # thread ident -> id of the frame that the core steps in
         self._skipped = {}      # thread ident -> (first, last) line of it that do not end the step
-        self._lines = {}        # thread ident -> (first, last) that it steps over there, or None
         self._goals = {}        # thread ident -> frame whose return is waited for
         self._shown = None      # ids of value and traceback of the main thread's last exception stop
         self._last_hook = None  # what stands in for sys.excepthook at the end
@@ -143,6 +142,7 @@ class tServer(object):
         self.breakpoints.go_live()
         self.languages.go_live()
         self.exceptions.go_live()
+        tdbg.current_server = self
         self.core.start_trace()
         tdbg.set_trace = self.core.breakpointhook
         if getattr(sys, "breakpointhook", None) is getattr(sys, "__breakpointhook__", 0):
@@ -154,6 +154,7 @@ class tServer(object):
     def leave_alone(self):
         """End tracing; the program runs on as if there had been no debugger."""
         self.core.stop_trace()
+        tdbg.current_server = None
 
     # --- commands ---
 
@@ -178,18 +179,16 @@ class tServer(object):
         if stop.reason == stops.kReturn:
             return self._leave(stop.frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line)
-        self._lines[_get_ident()] = (stop.frame.f_lineno, stop.frame.f_lineno)
 
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
-        if stop.reason in (stops.kReturn, stops.kUncaught) or _is_caller(frame, stop.frame) or (
+        if self._is_over(stop) or stop.reason == stops.kReturn or _is_caller(frame, stop.frame) or (
                 sublanguages.is_view(frame) and frame is not stop.frame):
             return self.step_over(frame)
         if sublanguages.is_view(stop.frame):
             return self._resume_in(_callers(stop, stop.frame), line)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line_range, 0, line - 1)
-        self._lines[_get_ident()] = (0, line - 1)
 
     def step_out(self, frame=None):
         """Stop when the frame (default: the stopped one) returns."""
@@ -233,7 +232,6 @@ class tServer(object):
         ident = _get_ident()
         self._asked[ident] = asked
         self._places[ident] = id(place)
-        self._lines[ident] = None
         self._goals.pop(ident, None)
         self.languages.forget_plan(ident)
         self._skipped[ident] = self._lines_skipped_by(command, args)
@@ -273,7 +271,7 @@ class tServer(object):
 
     def _is_over(self, stop):
         """Whether nothing of the program is left to step through."""
-        return stop.reason == stops.kUncaught or (
+        return stop.reason in (stops.kUncaught, stops.kPostMortem) or (
             stop.reason == stops.kReturn and stop.frame is self._main_frame)
 
     # --- callbacks of the core ---
@@ -324,7 +322,8 @@ class tServer(object):
         if found is not None:
             if ident == self._main_ident:
                 self._shown = (id(exc_info[1]), id(exc_info[2]))
-            return self._present(self._make_stop(found[0], frame, exc_info=exc_info, verdict=found[1]))
+            return self._present(
+                self._make_stop(found[0], frame, exc_info=exc_info, verdict=found[1]))
         if not is_step or self._is_no_news(exc_info):
             return
         if self.is_hidden(frame):
@@ -337,7 +336,7 @@ class tServer(object):
         if place == id(kAnywhere) or self.languages.ends_step(ident, frame):
             return True
         if place == id(frame):
-            first, last = self._lines.get(ident) or (1, 0)
+            first, last = self._skipped.get(ident, (1, 0))
             return not first <= frame.f_lineno <= last
         # A step in a frame that is gone ends in the bottom frame, if nowhere before.
         return (
@@ -378,16 +377,24 @@ class tServer(object):
             info = (sys.last_type, sys.last_value, sys.last_traceback)
             if self._was_shown(info) or not self.exceptions.wants_uncaught(info):
                 return
-            if self.core.acquire_dbgserver_mutex():  # what runs now is not traced
-                try:
-                    self._present(self._make_stop(
-                        stops.kUncaught, info[2].tb_frame, exc_info=info))
-                finally:
-                    self.core.release_dbgserver_mutex()
+            self._show_traceback(stops.kUncaught, info)
         except BaseException:
             self._tell_internal_error("excepthook")
         finally:
             info = None
+
+    def show_post_mortem(self, exc_info):
+        """Let the user look at a traceback; for code of the program, on any thread."""
+        if self.current_stop() is not None:
+            raise RuntimeError("the program is stopped already")
+        self._show_traceback(stops.kPostMortem, exc_info)
+
+    def _show_traceback(self, reason, exc_info):
+        if self.core.acquire_dbgserver_mutex():  # what runs now is not traced
+            try:
+                self._present(self._make_stop(reason, exc_info[2].tb_frame, exc_info=exc_info))
+            finally:
+                self.core.release_dbgserver_mutex()
 
     def _was_shown(self, info):
         if self._shown is None:
@@ -450,11 +457,13 @@ class tServer(object):
 
     def _make_stop(self, reason, frame, value=None, exc_info=None, hits=(), verdict=None):
         traceback = exc_info[2] if exc_info else None
+        if exc_info:
+            exc_info = exceptions.with_instance(exc_info)
         stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
         stack, index = self.languages.show(stack, index)
         if self.languages.is_key(frame) and stack:
             frame = stack[index][0]
-        if reason in (stops.kUncaught, stops.kReported) and stack:
+        if reason in stops.kAtTheRaise and stack:
             index = len(stack) - 1
         catcher = None
         if verdict is not None and verdict.frame is not None:

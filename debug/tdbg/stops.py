@@ -12,8 +12,12 @@ kReturn = "return"          # a function is about to return `value`
 kException = "exception"    # an exception is raised, or passes through `frame` while stepping
 kUncaught = "uncaught"      # nothing will catch the exception; the thread ends after this
 kReported = "reported"      # what will catch the exception only prints or logs it
+kPostMortem = "post-mortem"  # the exception is over; only to look at where it was raised
 kPause = "pause"            # pause() was asked for
 kBreakpoint = "breakpoint"  # the program called breakpoint(), or a breakpoint was hit
+
+# What is shown first is where the exception was raised, not where it has come to.
+kAtTheRaise = (kUncaught, kReported, kPostMortem)
 
 
 class tThread(object):
@@ -32,8 +36,8 @@ class tStop(object):
     reason    one of the constants above
     frame     the frame that stopped
     value     for kReturn: what the function returns
-    exc_info  for kException, kUncaught and kReported: (type, value, traceback); up to 3.11 the
-              value may be the argument or None instead of an instance
+    exc_info  for exceptions: (type, value, traceback); on 2.7 the value may be the argument or None
+              instead of an instance
     catcher   (frame, line) of the `except` clause that was foreseen to catch the exception, or None
     hits      [breakpoints.tHit]: the breakpoints that stop here, whatever the reason
     stack     [(frame, line)], the outermost first; frames of the debugger are left out.  A frame may
