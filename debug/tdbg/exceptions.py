@@ -29,6 +29,8 @@ _get_ident = compat.get_ident
 _name_of = type.__dict__["__name__"].__get__
 _module_of = type.__dict__["__module__"].__get__
 _qualname_of = type.__dict__["__qualname__"].__get__ if "__qualname__" in type.__dict__ else _name_of
+_flags_of = type.__dict__["__flags__"].__get__
+_kHeapType = 1 << 9  # Py_TPFLAGS_HEAPTYPE: made by a `class` statement
 _mro_of = type.__dict__["__mro__"].__get__
 _kBuiltins = frozenset(("builtins", "exceptions", "__builtin__"))
 _kUncertain = frozenset((handlers.kCaught, handlers.kUnknown))
@@ -277,6 +279,22 @@ def make_last_hook(show, own_thread):
 
     return type("excepthook", (object,), {
         "__call__": property(__call__), "__repr__": lambda hook: repr(original), "__slots__": ()})()
+
+
+def with_instance(exc_info):
+    """The same with an instance for the value, where making one runs no code of the program.
+
+    Version 2 makes instances only when somebody catches the exception.
+    """
+    kind, value, traceback = exc_info
+    if isinstance(kind, type) and not _flags_of(kind) & _kHeapType:
+        if not any(parent is kind for parent in _mro_of(type(value))):
+            args = value if isinstance(value, tuple) else () if value is None else (value,)
+            try:
+                return kind, kind(*args), traceback
+            except Exception:
+                pass
+    return exc_info
 
 
 def _clean_name(name):
