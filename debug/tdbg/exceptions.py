@@ -297,6 +297,17 @@ def with_instance(exc_info):
     return exc_info
 
 
+def is_named(kind, names):
+    """Whether one of the names, `module.Type` or `Type` alone, means the type or a base of it."""
+    names = set(_clean_name(name) for name in names)
+    return any(names & _names_of(parent) for parent in _lineage(kind))
+
+
+def full_name(kind):
+    """`module.Type`; without the module for the interpreter's own."""
+    return max(_names_of(kind), key=lambda name: (name.count("."), len(name)))
+
+
 def _clean_name(name):
     name = compat.to_native(name).strip()
     module, dot, rest = name.partition(".")

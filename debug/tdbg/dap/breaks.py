@@ -1,0 +1,518 @@
+"""Breakpoints as a client sets them: by source, all at once, and by the names of functions.
+
+What the client wishes (tWish) and what the program has (breakpoints of the shared table, `sites`)
+differ: a line moves to the next one with code, a function may be in several modules, and a wish
+whose file or function is not there yet waits for an import.  A wish keeps its number as long as
+the client repeats it.
+"""
+from __future__ import absolute_import, division, print_function
+
+import os
+import sys
+
+from tdbg import breakpoints, codelines, compat
+from tdbg.dap import logpoints, rules, sources
+from tdbg.dap.paths import base_name, is_of_windows, paths_of
+from tdbg.dap.requests import (
+    get, get_optional, kAnytime, tRequest, tRequestError)
+
+_real_path = os.path.realpath
+_is_file = os.path.isfile
+_isabs = os.path.isabs
+_join = os.path.join
+
+_module_type = type(os)
+_function_type = type(lambda: 0)
+
+kPending, kFailed = "pending", "failed"
+kMaxWrapped = 100
+_kAlgorithms = {"MD5": "md5", "SHA1": "sha1", "SHA256": "sha256"}
+
+
+class tWish(object):
+    """One breakpoint of the client.
+
+    number         its id for the client
+    path           of the file in the program's file system, or name of code without a file; None
+                   for functions.  reference: of such code, or 0
+    line, name     where it was wanted: one of them is None
+    condition, hits, log    texts or None
+    sites          [breakpoints.tBreakpoint] that stand for it
+    message        why there are none, or None;  reason: kPending, kFailed, or None
+    """
+
+    def __init__(self, number, path, line, name, condition, hits, log):
+        self.number, self.path, self.line, self.name = number, path, line, name
+        self.condition, self.hits, self.log = condition, hits, log
+        self.reference = 0
+        self.checksum = ""
+        self.sites = []
+        self.message = self.reason = None
+        self.is_bound = False  # there is no need to look at further imports
+
+    @property
+    def key(self):
+        return self.line, self.name, self.condition, self.hits, self.log
+
+
+class tBreaks(object):
+    """Those of one session.  The methods are for run_in_core(), and callbacks."""
+
+    def __init__(self, session):
+        self._session = session
+        self._paths = paths_of(session)
+        self._by_source = {}   # path or name -> [tWish]
+        self._functions = []   # [tWish]
+        self._next = 1
+        self._by_site = {}     # number of a table's breakpoint -> tWish
+        self._modules = {}     # name -> id of the module, of those that have been looked at
+        self._told = {}        # number of a wish -> last Breakpoint told
+
+    @property
+    def _table(self):
+        return self._session.server.breakpoints
+
+    # --- requests ---
+
+    def set_source(self, path, reference, checksum, rows, is_modified):
+        """rows: [(line, condition, hits, log)] in the order wanted; their Breakpoints."""
+        old = self._by_source.pop(path, [])
+        keep = {} if is_modified else dict((wish.key, wish) for wish in old)
+        same_line = dict((wish.line, wish) for wish in reversed(old))
+        wishes = []
+        for line, condition, hits, log in rows:
+            wish = keep.pop((line, None, condition, hits, log), None)
+            if wish is None:
+                wish = self._new_wish(path, line, None, condition, hits, log, same_line)
+                wish.reference, wish.checksum = reference, checksum
+            same_line.pop(line, None)
+            wishes.append(wish)
+        self._by_source[path] = wishes
+        return self._replace(old, wishes)
+
+    def set_functions(self, rows):
+        """rows: [(name, condition, hits)]; their Breakpoints."""
+        old, self._functions = self._functions, []
+        keep = dict((wish.key, wish) for wish in old)
+        same_name = dict((wish.name, wish) for wish in reversed(old))
+        for name, condition, hits in rows:
+            wish = keep.pop((None, name, condition, hits, None), None)
+            if wish is None:
+                wish = self._new_wish(None, None, name, condition, hits, None, same_name)
+            same_name.pop(name, None)
+            self._functions.append(wish)
+        return self._replace(old, self._functions)
+
+    def _new_wish(self, path, line, name, condition, hits, log, before):
+        """before: {line or name: tWish} whose number may be taken over."""
+        former = before.pop(line if name is None else name, None)
+        number = former.number if former is not None else self._next
+        self._next = max(self._next, number + 1)
+        return tWish(number, path, line, name, condition, hits, log)
+
+    def _replace(self, old, wishes):
+        for wish in old:
+            if wish not in wishes:
+                self._drop(wish)
+        for wish in wishes:
+            if wish not in old:
+                self._place(wish)
+        found = [self.describe(wish) for wish in wishes]
+        for wish, row in zip(wishes, found):
+            self._told[wish.number] = row
+        return found
+
+    def _drop(self, wish):
+        for bp in wish.sites:
+            self._by_site.pop(bp.number, None)
+            self._table.remove(bp)
+        wish.sites = []
+        self._told.pop(wish.number, None)
+
+    def clear(self, _=None):
+        """The client goes."""
+        for wish in self._all():
+            self._drop(wish)
+        self._by_source.clear()
+        self._functions = []
+
+    def _all(self):
+        found = list(self._functions)
+        for wishes in self._by_source.values():
+            found.extend(wishes)
+        return found
+
+    # --- from wishes to places ---
+
+    def _place(self, wish):
+        try:
+            on_hit = None
+            if wish.log is not None:
+                on_hit = self._make_writer(logpoints.tLogMessage(wish.log))
+            if wish.hits:
+                breakpoints.tHitCondition(wish.hits)
+            breakpoints.check_condition(wish.condition)
+            if wish.name is not None:
+                self._place_function(wish)
+            elif wish.reference:
+                self._add(wish, wish.path, wish.line, on_hit,
+                          source=sources.sources_of(self._session).tree_of(wish.reference))
+                wish.is_bound = True
+            else:
+                self._place_line(wish, on_hit)
+        except breakpoints.tRefused as why:
+            wish.message, wish.reason, wish.is_bound = "{}".format(why), kFailed, True
+
+    def _place_line(self, wish, on_hit):
+        if _is_file(wish.path):
+            checksum = wish.checksum or breakpoints.kSameAs + wish.path
+            self._add(wish, _real_path(wish.path), wish.line, on_hit, checksum=checksum)
+            wish.is_bound = True
+            return
+        if wish.checksum:
+            # Any file of that name may be it; whether the line has code, its import will show.
+            self._add(wish, wish.path, wish.line, on_hit, checksum=wish.checksum, exactly=True)
+        wish.message, wish.reason = self._why_not(wish.path), kPending
+
+    def _why_not(self, path):
+        text = "there is no file {} for the program".format(path)
+        name = base_name(path)
+        others = []
+        for module in list(sys.modules.values()):
+            other = sources.file_of_module(module)
+            if other is not None and base_name(other) == name and other not in others:
+                others.append(other)
+        if others:
+            text += "; a loaded file of that name is {}".format(", ".join(sorted(others)[:3]))
+            if is_of_windows(base_name(path)) or not self._paths.is_known(others[0]):
+                text += " (see pathMappings)"
+        return text
+
+    def _add(self, wish, path, line, on_hit=None, **more):
+        bp = self._table.add(
+            path, line, wish.condition, hit_condition=wish.hits, on_hit=on_hit, **more)
+        wish.sites.append(bp)
+        wish.message = wish.reason = None
+        self._by_site[bp.number] = wish
+
+    def _make_writer(self, message):
+        def write(bp, frame):
+            text = message.write(frame)
+            wish = self._by_site.get(bp.number)
+            self._session.output(
+                "console", text + u"\n", line=self._paths.line_to_client(frame.f_lineno),
+                source=sources.source_of_frame(self._session, frame))
+            return wish
+        return write
+
+    # --- functions ---
+
+    def _place_function(self, wish):
+        self._find_function(wish, [(name, module) for name, module in list(sys.modules.items())])
+        if not wish.sites:
+            wish.message = "no function {} has been loaded yet".format(compat.to_native(wish.name))
+            wish.reason = kPending
+
+    def _find_function(self, wish, modules):
+        """Add the places of the function in these modules; whether there were any."""
+        name = compat.to_native(wish.name).strip()
+        if name.endswith("()"):
+            name = name[:-2]
+        name = name.replace(codelines.kLocals + ".", "").replace(":", ".")
+        before = len(wish.sites)
+        loaded = False
+        for module_name, module in modules:
+            if not isinstance(module_name, str) or not isinstance(module, _module_type):
+                continue
+            if name.startswith(module_name + "."):
+                loaded = True
+                self._find_in_module(wish, module, name[len(module_name) + 1:], ending=False)
+            path = sources.file_of_module(module)
+            if path is not None and rules.is_of_program(path):
+                self._find_in_module(wish, module, name, ending="." not in name)
+        if not loaded and not wish.sites:
+            self._find_on_disk(wish, name)
+        return len(wish.sites) > before
+
+    def _find_in_module(self, wish, module, name, ending):
+        """ending: the name may be the end of a longer one."""
+        code = _code_below(_look_up(module, name))
+        if code is not None:
+            path = code.co_filename
+            path = path if _isabs(path) else _join(self._table.folder, path)
+            self._add_function(wish, _real_path(path), codelines.first_line_of(code))
+            return
+        path = sources.file_of_module(module)
+        if path is None or not path.endswith(".py") or not _is_file(path):
+            return
+        try:
+            found = self._table.source(path).find_functions(name)
+        except breakpoints.tRefused:
+            return
+        for full_name, line in found.items():
+            if ending or full_name == name:
+                self._add_function(wish, _real_path(path), line)
+
+    def _find_on_disk(self, wish, name):
+        """A function of a module that has not been imported."""
+        parts = name.split(".")
+        for count in range(len(parts) - 1, 0, -1):
+            path = self._table.find_module(".".join(parts[:count]))
+            if path is None:
+                continue
+            try:
+                line = self._table.source(path).functions().get(".".join(parts[count:]))
+            except breakpoints.tRefused:
+                line = None
+            if line is not None:
+                self._add_function(wish, path, line)
+            return
+
+    def _add_function(self, wish, path, line):
+        for bp in wish.sites:
+            if (bp.path, bp.line) == (path, line):
+                return
+        try:
+            self._add(wish, path, line, function=wish.name)
+        except breakpoints.tRefused as why:
+            wish.message, wish.reason = "{}".format(why), kFailed
+
+    # --- imports ---
+
+    def see_import(self, _session, _module):
+        """Something was imported: look for what is waited for."""
+        news = self._new_modules()
+        if not news:
+            return
+        for wish in self._all():
+            if wish.reason == kFailed or (wish.name is None and wish.is_bound):
+                continue
+            if wish.name is not None:
+                if self._find_function(wish, news):
+                    self._tell(wish)
+            elif any(self._may_be(wish, module) for _, module in news):
+                self._drop_sites(wish)
+                self._place(wish)
+                self._bind_elsewhere(wish, news)
+                self._tell(wish)
+
+    def _new_modules(self):
+        if not any(wish.name is not None or not wish.is_bound for wish in self._all()):
+            return []
+        news = []
+        for name in list(sys.modules):
+            module = sys.modules.get(name)
+            if module is not None and self._modules.get(name) != id(module):
+                self._modules[name] = id(module)
+                news.append((name, module))
+        return news
+
+    def _may_be(self, wish, module):
+        path = sources.file_of_module(module)
+        return path is not None and (base_name(path) == base_name(wish.path) or _is_file(wish.path))
+
+    def _bind_elsewhere(self, wish, modules):
+        """The file is not where the client says, but this may be it by its contents."""
+        for _, module in modules:
+            path = sources.file_of_module(module)
+            if path is None or not wish.checksum or wish.is_bound:
+                continue
+            if breakpoints.has_checksum(path, wish.path, wish.checksum):
+                self._drop_sites(wish)
+                self._paths.remember(self._paths.to_client(wish.path), path)
+                wish.path, wish.message, wish.reason = path, None, None
+                self._place(wish)
+
+    def _drop_sites(self, wish):
+        for bp in wish.sites:
+            self._by_site.pop(bp.number, None)
+            self._table.remove(bp)
+        wish.sites = []
+
+    def _tell(self, wish):
+        row = self.describe(wish)
+        if self._told.get(wish.number) != row:
+            self._told[wish.number] = row
+            self._session.send_event("breakpoint", {"reason": "changed", "breakpoint": row})
+
+    # --- answers ---
+
+    def describe(self, wish):
+        """Breakpoint of the protocol."""
+        row = {"id": wish.number, "verified": bool(wish.sites) and wish.reason is None}
+        if wish.message is not None:
+            row["message"] = compat.to_text(wish.message)
+            row["reason"] = wish.reason
+        line = wish.sites[0].line if wish.sites else wish.line
+        if line is not None:
+            row["line"] = self._paths.line_to_client(line)
+        found = sources.sources_of(self._session)
+        if wish.reference:
+            row["source"] = found.of_path(wish.path, wish.path)
+        elif wish.path is not None and _is_file(wish.path):
+            row["source"] = found.of_path(wish.path)
+        elif wish.path is not None:
+            text = self._paths.to_client(wish.path)
+            row["source"] = {"name": base_name(text), "path": text}
+        elif wish.sites and _is_file(wish.sites[0].path):
+            row["source"] = found.of_path(wish.sites[0].path)
+        return row
+
+    def tell_stop(self, session, stop):
+        """What a `stopped` event says of the breakpoints."""
+        wishes, errors = [], []
+        for hit in stop.hits:
+            wish = self._by_site.get(hit.breakpoint.number)
+            if wish is not None and wish not in wishes:
+                wishes.append(wish)
+            if hit.error is not None:
+                errors.append((hit.breakpoint.condition, hit.error))
+        if not wishes:
+            return None
+        body = {"hitBreakpointIds": [wish.number for wish in wishes]}
+        if all(wish.name is not None for wish in wishes):
+            body["reason"] = "function breakpoint"
+        for condition, error in errors:
+            text = u"the condition `{}` failed: {}".format(
+                compat.to_text(condition), compat.to_text(error))
+            body["description"] = body["text"] = text
+            session.output(
+                "stderr", text + u"\n", line=self._paths.line_to_client(stop.frame.f_lineno),
+                source=sources.source_of_frame(session, stop.frame))
+        return body
+
+
+def _look_up(module, name):
+    """What a qualified name means in a module; nothing of the program runs.  None: nothing."""
+    value = module
+    for part in name.split("."):
+        space = sources._own_dict(value) if value is module else getattr(value, "__dict__", None)
+        if not isinstance(value, (_module_type, type)) or space is None or part not in space:
+            return None
+        value = space[part]
+        if isinstance(value, (staticmethod, classmethod)):
+            value = value.__func__
+        elif isinstance(value, property):
+            value = value.fget
+    return value
+
+
+def _code_below(value):
+    """Code object of a function, below its decorators; None for anything else.  Asks no object of
+    the program for anything that it would compute."""
+    for _ in range(kMaxWrapped):
+        try:
+            inner = object.__getattribute__(value, "__dict__").get("__wrapped__")
+        except Exception:
+            break
+        if inner is None:
+            break
+        value = inner
+    return value.__code__ if isinstance(value, _function_type) else None
+
+
+# --- requests ---------------------------------------------------------------------------------
+
+
+def breaks_of(session):
+    """The session's tBreaks."""
+    found = getattr(session, "breaks", None)
+    if found is None:
+        found = session.breaks = tBreaks(session)
+    return found
+
+
+def attach(session):
+    breaks = breaks_of(session)
+    session.on_stop(breaks.tell_stop)
+    session.on_import(breaks.see_import)
+    session.on_end(breaks.clear)
+
+
+def _optional_text(row, name):
+    text = get_optional(row, name, str)
+    return text if text is not None and text.strip() else None
+
+
+def _rows(arguments, name):
+    rows = get_optional(arguments, name, list, [])
+    if not all(isinstance(row, dict) for row in rows):
+        raise tRequestError("the argument `{}` must be a list of objects".format(name))
+    return rows
+
+
+def _checksum_in(source):
+    """Text for breakpoints.has_checksum(): the best checksum that the client has sent, or ''."""
+    best = ""
+    for row in _rows(source, "checksums"):
+        kind = _kAlgorithms.get(row.get("algorithm"))
+        digest = row.get("checksum")
+        if kind is not None and isinstance(digest, compat.string_types) and kind > best:
+            best = "{}:{}".format(kind, compat.to_native(digest).strip().lower())
+    return best
+
+
+def _file_in(session, source, remember=True):
+    """(path or name of code, reference) that a Source of the protocol means."""
+    reference = sources.reference_in(source, {})
+    if reference:
+        return sources.sources_of(session).name_of(reference), reference
+    text = get_optional(source, "path", str)
+    if not text:
+        raise tRequestError("the source has neither a path nor a number")
+    path = paths_of(session).from_client(text, remember)
+    return path, 0
+
+
+def set_breakpoints(session, arguments):
+    source = get(arguments, "source", dict)
+    paths = paths_of(session)
+    if "breakpoints" in arguments and arguments["breakpoints"] is not None:
+        rows = [
+            (paths.line_from_client(get(row, "line", int)), _optional_text(row, "condition"),
+             _optional_text(row, "hitCondition"), _optional_text(row, "logMessage"))
+            for row in _rows(arguments, "breakpoints")]
+    else:
+        lines = get_optional(arguments, "lines", list, [])
+        rows = [(paths.line_from_client(get({"line": line}, "line", int)), None, None, None)
+                for line in lines]
+    is_modified = get_optional(arguments, "sourceModified", bool, False)
+    checksum = _checksum_in(source)
+    path, reference = _file_in(session, source)
+    found = session.run_in_core(
+        lambda: breaks_of(session).set_source(path, reference, checksum, rows, is_modified))
+    return {"breakpoints": found}
+
+
+def set_function_breakpoints(session, arguments):
+    rows = [
+        (get(row, "name", str), _optional_text(row, "condition"), _optional_text(row, "hitCondition"))
+        for row in _rows(arguments, "breakpoints")]
+    return {"breakpoints": session.run_in_core(lambda: breaks_of(session).set_functions(rows))}
+
+
+def breakpoint_locations(session, arguments):
+    paths = paths_of(session)
+    path, reference = _file_in(session, get(arguments, "source", dict), remember=False)
+    first = paths.line_from_client(get(arguments, "line", int))
+    last = get_optional(arguments, "endLine", int)
+    last = first if last is None else paths.line_from_client(last)
+
+    def find():
+        try:
+            if reference:
+                source = sources.sources_of(session).tree_of(reference)
+            else:
+                source = session.server.breakpoints.source(path)
+            return source.lines_with_code(first, last)
+        except breakpoints.tRefused:
+            return []
+
+    return {"breakpoints": [{"line": paths.line_to_client(line)} for line in session.run_in_core(find)]}
+
+
+kRequests = {
+    "setBreakpoints": tRequest(set_breakpoints, kAnytime),
+    "setFunctionBreakpoints": tRequest(set_function_breakpoints, kAnytime),
+    "breakpointLocations": tRequest(breakpoint_locations, kAnytime),
+}

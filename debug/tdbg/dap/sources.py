@@ -1,0 +1,303 @@
+"""Source files as the client sees them, and the modules that they belong to.
+
+What the client can open itself it gets as a path, in its own spelling.  Code that is in no file (a
+member of an archive, what exec() was given) gets a number; its text comes from where tracebacks
+find it, or, for `python -c`, from the command line.
+"""
+from __future__ import absolute_import, division, print_function
+
+import io
+import linecache
+import os
+import re
+import sys
+
+from tdbg import breakpoints, codelines, compat, private
+from tdbg.dap import rules
+from tdbg.dap.paths import base_name, paths_of
+from tdbg.dap.requests import get_optional, kAnytime, tRequest, tRequestError
+
+kMimeType = "text/x-python"
+_kCoding = re.compile(br"^[ \t\f]*#.*?coding[:=][ \t]*([-\w.]+)")
+
+_is_file = os.path.isfile
+_isabs = os.path.isabs
+_get_lines = linecache.getlines
+_open = io.open
+
+
+class tSources(object):
+    """References and modules of one session."""
+
+    def __init__(self, session):
+        self._session = session
+        self._paths = paths_of(session)
+        self._references = {}  # name of a file -> reference
+        self._texts = [None]   # reference -> (name of the file, globals of its code)
+        self._is_file = {}     # path -> whether it is a file
+        self._modules = {}     # name -> (number, id of the module, path)
+        self._count = 0
+        self._configured = False
+
+    # --- one source ---
+
+    def of_frame(self, frame):
+        name = frame.f_code.co_filename
+        path = name
+        if not name.startswith("<"):
+            path = self._session.server.core.get_frame_file(frame) or name
+        module = frame.f_globals.get("__name__")
+        return self.of_path(path, name, frame.f_globals, module if isinstance(module, str) else None)
+
+    def of_path(self, path, name=None, space=None, module=None):
+        """path: of the source or, as it is called by code objects, `name`; space: globals there."""
+        if path.endswith(breakpoints.kSuffixes):
+            path = path[:-1]
+        found = self._is_file.get(path)
+        if found is None:
+            found = self._is_file[path] = _is_file(path)
+        source = {"name": compat.to_text(base_name(path))}
+        if found or (_isabs(path) and self._paths.is_known(path)):
+            source["path"] = self._paths.to_client(path)
+        else:
+            source["name"] = compat.to_text(path if path.startswith("<") else base_name(path))
+            if not path.startswith("<"):
+                source["path"] = self._paths.to_client(path)
+            source["sourceReference"] = self.reference_of(name or path, space)
+        if not rules.current().is_user_file(path, module):
+            source["presentationHint"] = "deemphasize"
+        return source
+
+    def reference_of(self, name, space):
+        number = self._references.get(name)
+        if number is None:
+            number = self._references[name] = len(self._texts)
+            self._texts.append((name, space))
+        return number
+
+    def name_of(self, reference):
+        """Name by which code objects have the file of a reference."""
+        if not 0 < reference < len(self._texts):
+            raise tRequestError("there is no source {}".format(reference))
+        return self._texts[reference][0]
+
+    def lines_of(self, reference):
+        """Its lines; an empty list when nobody knows them."""
+        name = self.name_of(reference)
+        space = self._texts[reference][1]
+        with private.borrowed():
+            lines = _get_lines(name, space)
+        if not lines and name == "<string>":
+            text = _text_of_command()
+            lines = text.splitlines(True) if text is not None else []
+        return [compat.to_text(line) for line in lines]
+
+    def tree_of(self, reference):
+        """codelines.tSource of a reference; breakpoints.tRefused."""
+        lines = self.lines_of(reference)
+        name = self.name_of(reference)
+        if not lines:
+            raise breakpoints.tRefused("no source for {}".format(name))
+        try:
+            return codelines.tSource(name, lines)
+        except codelines.tNoSource as why:
+            raise breakpoints.tRefused("{}".format(why))
+
+    # --- modules ---
+
+    def scan(self):
+        """Take note of what was imported; [module as the protocol has it, new or changed]."""
+        news = []
+        modules = sys.modules
+        for name in list(modules):
+            module = modules.get(name)
+            known = self._modules.get(name)
+            if module is None or (known is not None and known[1] == id(module)):
+                continue
+            path = file_of_module(module)
+            if known is not None and known[2] == path:
+                self._modules[name] = (known[0], id(module), path)
+                continue
+            if not isinstance(name, str) or not _is_module(module):
+                continue
+            reason = "changed" if known is not None else "new"
+            if known is None:
+                self._count += 1
+            number = known[0] if known is not None else self._count
+            self._modules[name] = (number, id(module), path)
+            news.append((reason, name, number, path))
+        return news
+
+    def describe(self, name, number, path):
+        """Module of the protocol."""
+        found = {"id": number, "name": compat.to_text(name)}
+        user = path is not None and rules.current().is_user_file(path, name)
+        if path is not None:
+            found["path"] = self._paths.to_client(path)
+        found["isUserCode"] = user
+        version = _own_dict(sys.modules.get(name)).get("__version__")
+        if isinstance(version, str):
+            found["version"] = compat.to_text(version)
+        return found
+
+    def tell_news(self, *_):
+        """Events for what was imported since the last time."""
+        if not self._configured:
+            return
+        for reason, name, number, path in self.scan():
+            self._session.send_event("module", {
+                "reason": reason, "module": self.describe(name, number, path)})
+            if path is not None and path.endswith(".py"):
+                self._session.send_event("loadedSource", {
+                    "reason": reason, "source": self.of_path(path, module=name)})
+
+    def configure(self, _=None):
+        """From now on there are events; what was there before can be asked for."""
+        config = self._session.config
+        if config.program:
+            self._paths.remember(
+                compat.to_text(config.program),
+                self._paths.from_client(config.program, remember=False))
+        self.scan()
+        self._configured = True
+
+    def modules(self):
+        self.tell_news()
+        rows = [(number, name, path) for name, (number, _, path) in self._modules.items()]
+        return [self.describe(name, number, path) for number, name, path in sorted(rows)]
+
+    def loaded(self):
+        self.tell_news()
+        found = {}
+        for name, (_, _, path) in list(self._modules.items()):
+            if path is not None and path.endswith(".py") and path not in found:
+                found[path] = self.of_path(path, module=name)
+        return [found[path] for path in sorted(found)]
+
+
+def sources_of(session):
+    """The session's tSources."""
+    found = getattr(session, "sources", None)
+    if found is None:
+        found = session.sources = tSources(session)
+    return found
+
+
+def source_of_frame(session, frame):
+    """Source of the protocol for a frame's code."""
+    return sources_of(session).of_frame(frame)
+
+
+def source_of_path(session, path):
+    """The same for a file."""
+    return sources_of(session).of_path(path)
+
+
+def file_of_module(module):
+    """Path of a module's source, or of what it was loaded from; None without a file."""
+    path = _own_dict(module).get("__file__")
+    if not isinstance(path, compat.string_types) or not path:
+        return None
+    if path.endswith(breakpoints.kSuffixes):
+        path = path[:-1]
+    return compat.to_native(path if _isabs(path) else os.path.abspath(path))
+
+
+def _own_dict(module):
+    """The namespace; nothing that a stand-in for a module computes."""
+    try:
+        found = object.__getattribute__(module, "__dict__")
+        return found if isinstance(found, dict) else {}
+    except AttributeError:
+        return {}
+
+
+def _is_module(module):
+    return "__name__" in _own_dict(module)
+
+
+def _text_of_command():
+    """What follows `-c` in the command line of the interpreter."""
+    arguments = getattr(sys, "orig_argv", None)
+    if arguments is None:
+        try:
+            with _open("/proc/self/cmdline", "rb") as file:
+                data = file.read().split(b"\0")
+            arguments = [part.decode("utf-8", "replace") for part in data]
+        except (IOError, OSError):
+            return None
+    for place, word in enumerate(arguments[:-1]):
+        if place and word.startswith("-") and not word.startswith("--") and word.endswith("c"):
+            return compat.to_text(arguments[place + 1])
+    return None
+
+
+def read_text(path):
+    """Text of a source file, by its own encoding; tRequestError."""
+    try:
+        with _open(path, "rb") as file:
+            data = file.read()
+    except (IOError, OSError) as why:
+        raise tRequestError("cannot read {}: {}".format(path, why.strerror))
+    encoding = "utf-8-sig"
+    for line in data.split(b"\n", 2)[:2]:
+        found = _kCoding.match(line)
+        if found:
+            encoding = found.group(1).decode("ascii")
+            break
+    try:
+        text = data.decode("utf-8-sig" if encoding.lower().replace("_", "-") == "utf-8" else encoding)
+    except (LookupError, UnicodeDecodeError):
+        text = data.decode("utf-8", "replace")
+    return text.replace(u"\r\n", u"\n").replace(u"\r", u"\n")
+
+
+# --- requests ---------------------------------------------------------------------------------
+
+
+def attach(session):
+    sources = sources_of(session)
+    session.on_configured(sources.configure)
+    session.on_import(sources.tell_news)
+    session.on_stop(lambda session, stop: sources.tell_news())
+
+
+def reference_in(source, arguments):
+    """Number in a Source of the protocol, 0 when it is a path."""
+    source = source or {}
+    return get_optional(source, "sourceReference", int, 0) or get_optional(
+        arguments, "sourceReference", int, 0)
+
+
+def source(session, arguments):
+    given = get_optional(arguments, "source", dict, {})
+    reference = reference_in(given, arguments)
+    if not reference:
+        path = get_optional(given, "path", str)
+        if path is None:
+            raise tRequestError("neither a path nor a number of a source")
+        return {"content": read_text(paths_of(session).from_client(path, False)), "mimeType": kMimeType}
+    sources = sources_of(session)
+    lines = session.run_in_core(lambda: sources.lines_of(reference))
+    if not lines:
+        raise tRequestError("the source of {} is not known".format(sources.name_of(reference)))
+    return {"content": u"".join(lines), "mimeType": kMimeType}
+
+
+def loaded_sources(session, arguments):
+    return {"sources": session.run_in_core(sources_of(session).loaded)}
+
+
+def modules(session, arguments):
+    first = get_optional(arguments, "startModule", int, 0)
+    count = get_optional(arguments, "moduleCount", int, 0)
+    found = session.run_in_core(sources_of(session).modules)
+    last = first + count if count > 0 else len(found)
+    return {"modules": found[max(first, 0):max(last, 0)], "totalModules": len(found)}
+
+
+kRequests = {
+    "source": tRequest(source, kAnytime),
+    "loadedSources": tRequest(loaded_sources, kAnytime),
+    "modules": tRequest(modules, kAnytime),
+}
