@@ -131,7 +131,7 @@ class tBreakpoint(object):
         self.core_id = None  # None: the core does not have it
         self.counted = 0     # hits of the core's record that are in `hits` already
         self.by_server = False  # judge() evaluates the condition
-        self.code = None     # of such a condition: (flags of the compiler, code object)
+        self.code = None     # then: the condition's tExpression
 
     def as_settings(self):
         """What a new run needs, as plain values."""
@@ -165,7 +165,13 @@ class tBreakpoints(object):
         self._live = False  # the core keeps breakpoints from its start on
         self._checks = False  # the core asks for checksums
         self._real_paths = {}  # file of code -> real path
+        self._checksums = None  # {last part of a path: {(path, checksum)}} of all; None: not known
         self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
+
+    @property
+    def folder(self):
+        """That the program was started in."""
+        return self._folder
 
     def go_live(self):
         """The core has been started: give it what was set before."""
@@ -232,6 +238,7 @@ class tBreakpoints(object):
     def remove(self, bp):
         self._collect()
         if self._by_number.pop(bp.number, None) is not None:
+            self._checksums = None
             self._write(bp.path, bp.line)
 
     def set_enabled(self, bp, enabled):
@@ -268,6 +275,7 @@ class tBreakpoints(object):
         self._collect()
         self._next = max(self._next, bp.number) + 1
         self._by_number[bp.number] = bp
+        self._checksums = None
         self._write(bp.path, bp.line)
 
     def _arm(self, bp):
@@ -433,7 +441,9 @@ class tBreakpoints(object):
             return False, None
         if bp.condition is not None:
             try:
-                if not _evaluate_condition(bp, frame):
+                if bp.code is None:
+                    bp.code = tExpression(bp.condition)
+                if not bp.code.value(frame):
                     return False, None
             except BaseException:
                 return True, evaluate.describe_error()
@@ -493,9 +503,15 @@ class tBreakpoints(object):
     def checksum_of(self, name):
         """What the core asks of a file: text that equals the checksum of a breakpoint if the file has
         the contents of the breakpoint's."""
-        for bp in list(self._by_number.values()):
-            if bp.checksum and has_checksum(name, bp.path, bp.checksum):
-                return compat.to_native(bp.checksum)
+        if self._checksums is None:
+            self._checksums = {}
+            for bp in self._by_number.values():
+                if bp.checksum:
+                    found = self._checksums.setdefault(_tail_of(bp.path), set())
+                    found.add((bp.path, bp.checksum))
+        for path, checksum in sorted(self._checksums.get(_tail_of(name), ())):
+            if has_checksum(name, path, checksum):
+                return compat.to_native(checksum)
         return ""
 
     # --- files and functions ---
@@ -698,8 +714,7 @@ def check_condition(text):
     if not text:
         return
     try:
-        with private.quiet():
-            compile(compat.to_native(text), "<condition>", "eval", 0, True)
+        tExpression(text).check()
     except (SyntaxError, TypeError, ValueError) as why:
         reason = why.msg if isinstance(why, SyntaxError) else why
         raise tRefused("the condition is no expression: {}".format(reason))
@@ -721,22 +736,36 @@ def is_plain(text):
     return True
 
 
-def _evaluate_condition(bp, frame):
-    if sublanguages.is_view(frame):
-        return bool(frame.evaluate(bp.condition))
-    flags = frame.f_code.co_flags & evaluate.kFutureFlags
-    if bp.code is None or bp.code[0] != flags:
+class tExpression(object):
+    """An expression that is evaluated often, in frames of one function or of many."""
+
+    def __init__(self, text):
+        self.text = compat.to_native(text).strip()
+        self._codes = {}  # flags of the compiler -> code object
+
+    def check(self):
+        """SyntaxError, ValueError or TypeError unless it is an expression."""
+        self._compile(0)
+
+    def value(self, frame):
+        """Its value in the frame, or the exception."""
+        if sublanguages.is_view(frame):
+            return frame.evaluate(self.text)
+        flags = frame.f_code.co_flags & evaluate.kFutureFlags
+        code = self._codes.get(flags) or self._compile(flags)
+        names = frame.f_locals
+        if names is not frame.f_globals and any(isinstance(item, _code_type) for item in code.co_consts):
+            # Comprehensions and lambdas look names up as globals.
+            both = dict(frame.f_globals)
+            both.update(names)
+            return eval(code, both)
+        return eval(code, frame.f_globals, names)
+
+    def _compile(self, flags):
         with private.quiet():
-            text = compat.to_native(bp.condition).strip()
-            bp.code = (flags, _compile(text, "<condition>", "eval", flags, True))
-    code = bp.code[1]
-    names = frame.f_locals
-    if names is not frame.f_globals and any(isinstance(item, _code_type) for item in code.co_consts):
-        # Comprehensions and lambdas look names up as globals.
-        both = dict(frame.f_globals)
-        both.update(names)
-        return bool(eval(code, both))
-    return bool(eval(code, frame.f_globals, names))
+            code = _compile(self.text, "<condition>", "eval", flags, True)
+        self._codes[flags] = code
+        return code
 
 
 # --- checksums --------------------------------------------------------------------------------
