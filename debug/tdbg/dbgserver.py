@@ -91,7 +91,7 @@ class tServer(object):
         self.front_end = front_end
         self.languages = sublanguages.tLanguages(core, self._tell_language_error)
         self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
-        self.exceptions = exceptions.tExceptions(core, self._tell_notice)
+        self.exceptions = exceptions.tExceptions(core, self._tell_notice, self.is_hidden)
         self._hooks = threads.tThreadHooks(core)
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
@@ -322,13 +322,20 @@ class tServer(object):
         if found is not None:
             if ident == self._main_ident:
                 self._shown = (id(exc_info[1]), id(exc_info[2]))
-            return self._present(
-                self._make_stop(found[0], frame, exc_info=exc_info, verdict=found[1]))
+            stop = self._make_stop(found[0], frame, exc_info=exc_info, verdict=found[1])
+            if not stop.stack or not self.exceptions.is_ignored_place(
+                    *self.place_of_exception(stop)):
+                return self._present(stop)
         if not is_step or self._is_no_news(exc_info):
             return
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         self._present(self._make_stop(stops.kException, frame, exc_info=exc_info))
+
+    def place_of_exception(self, stop):
+        """(path, line) that `exceptions` knows as the place of a stop with an exception."""
+        frame, line = stop.stack[-1]
+        return self.breakpoints.path_of(frame), line
 
     def _is_step_event(self, frame, ident):
         """Whether the core would tell any event of the frame: a step ends here."""
@@ -392,7 +399,10 @@ class tServer(object):
     def _show_traceback(self, reason, exc_info):
         if self.core.acquire_dbgserver_mutex():  # what runs now is not traced
             try:
-                self._present(self._make_stop(reason, exc_info[2].tb_frame, exc_info=exc_info))
+                stop = self._make_stop(reason, exc_info[2].tb_frame, exc_info=exc_info)
+                if reason == stops.kPostMortem or not self.exceptions.is_ignored_place(
+                        *self.place_of_exception(stop)):
+                    self._present(stop)
             finally:
                 self.core.release_dbgserver_mutex()
 
