@@ -40,7 +40,7 @@ def _start():
         return _server
     launch.refuse_unknown_version()
     _refuse_other_threads()
-    core = _load_core()
+    core = nativelib.find_and_load(os.path.dirname(os.path.abspath(__file__)))
     environment = dict(os.environ)
     saved = ast.literal_eval(os.environ.pop(program.kVariable, "{}"))
     this_program = program.tProgram(_command_line(), environment, os.getcwd())
@@ -51,18 +51,6 @@ def _start():
     server.start_in_running_program()
     _server = server
     return server
-
-
-def _load_core():
-    if nativelib.kModule in sys.modules:
-        return sys.modules[nativelib.kModule]
-    folder = os.path.dirname(os.path.abspath(__file__))
-    try:
-        path = nativelib.find_library(folder)
-    except nativelib.tNoLibrary:
-        nativelib.build_library(folder)
-        path = nativelib.find_library(folder)
-    return nativelib.load_library(path)
 
 
 def _refuse_other_threads():

@@ -8,6 +8,11 @@ import sys
 
 PY2 = sys.version_info[0] == 2
 
+
+class _OldStyle:
+    pass
+
+
 if PY2:
     import __builtin__ as builtins
     import repr as reprlib  # noqa: F401
@@ -16,6 +21,7 @@ if PY2:
 
     text_type = builtins.unicode
     string_types = (builtins.basestring,)
+    old_style_class = type(_OldStyle)
     read_terminal_line = builtins.raw_input
     kNoLocalsToFast = False
 else:
@@ -26,6 +32,7 @@ else:
 
     text_type = str
     string_types = (str,)
+    old_style_class = ()  # there are none: isinstance() says so
     read_terminal_line = builtins.input
     # Frames' f_locals write through since 3.13.
     kNoLocalsToFast = sys.version_info >= (3, 13)

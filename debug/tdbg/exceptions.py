@@ -39,12 +39,15 @@ _kUncertain = frozenset((handlers.kCaught, handlers.kUnknown))
 class tExceptions(object):
     """The rules of a session, and the judge of exception events.
 
-    core: the native module; on_notice: function (text) for what the user should know
+    core       the native module
+    on_notice  function (text) for what the user should know
+    is_hidden  function (frame) -> whether it is never shown: import machinery, say
     """
 
-    def __init__(self, core, on_notice):
+    def __init__(self, core, on_notice, is_hidden):
         self._core = core
         self._on_notice = on_notice
+        self._is_hidden = is_hidden
         self._infos = catchinfo.CatchInfos()
         self._watch = handlers.tRaiseWatch(self._infos.reports, core.is_botframe)
         self._live = False
@@ -54,6 +57,7 @@ class tExceptions(object):
         self._quiet = kEnds
         self._mode = kEveryEvent
         self._caught = 0
+        self._inside = {}  # thread ident -> id of the value of an exception still in hidden frames
 
     def go_live(self):
         """The core has been initialised: tell it what it must know."""
@@ -101,6 +105,14 @@ class tExceptions(object):
     def ignored_places(self):
         """[(path, line)] at which no exception stops."""
         return list(self._places)
+
+    def is_ignored_place(self, path, line):
+        """Beside the core, which looks at the line that the innermost frame is at when it asks: by
+        then a `finally` may have moved on, or the import machinery be the innermost."""
+        if not self._places:
+            return False
+        return (path, line) in self._places or bool(
+            self._core.exception_loc_ignored(compat.to_native(path), line))
 
     def ignore_place(self, path, line):
         """Never stop on exceptions that are raised there."""
@@ -180,7 +192,7 @@ class tExceptions(object):
             return self._judge_at_end(frame, exc_info, ident, is_step)
         verdict = self._watch.judge(frame, exc_info, ident)
         if verdict is None:
-            return None
+            return self._judge_coming_out(frame, exc_info, ident) if self._inside else None
         if verdict.answer in _kUncertain:
             self._caught += 1
             if self._caught == kManyCaught:
@@ -188,10 +200,23 @@ class tExceptions(object):
             if not self._always and kRaised not in self._wanted:
                 return None
         reason = self._reason(exc_info, verdict)
-        if reason is None or self._is_ignored_place(exc_info[2]):
+        if verdict.is_new:
+            self._inside.pop(ident, None)
+        if reason is None:
+            return None
+        if reason == stops.kException and self._is_hidden(frame):
+            # Most of these never come out: the import system looks names up.
+            self._inside[ident] = id(exc_info[1])
             return None
         self._watch.mark_told(exc_info[2], ident)
         return reason, verdict
+
+    def _judge_coming_out(self, frame, exc_info, ident):
+        if self._inside.get(ident) != id(exc_info[1]) or self._is_hidden(frame):
+            return None
+        del self._inside[ident]
+        self._watch.mark_told(exc_info[2], ident)
+        return stops.kException, None
 
     def _reason(self, exc_info, verdict):
         kind = exc_info[0]
@@ -215,8 +240,6 @@ class tExceptions(object):
         wanted = kUncaught if exiting else kRunner
         if wanted not in self._wanted or self._wish(exc_info[0]) is False:
             return None
-        if self._is_ignored_place(exc_info[2]):
-            return None
         return stops.kUncaught if exiting else stops.kReported, None
 
     def _wish(self, kind):
@@ -236,30 +259,12 @@ class tExceptions(object):
     def wants_uncaught(self, exc_info):
         """Whether an exception that ends the program, unforeseen until then, is to be shown."""
         wish = self._wish(exc_info[0])
-        return bool(
-            (wish or kUncaught in self._wanted) and wish is not False
-            and not self._is_ignored_place(exc_info[2]))
-
-    def _is_ignored_place(self, traceback):
-        """The core looks at where the innermost frame is now: its `finally` may have moved on."""
-        if not self._places:
-            return False
-        path, line = self.place_of(traceback)
-        return path is not None and bool(self._core.exception_loc_ignored(path, line))
-
-    def place_of(self, traceback):
-        """(path, line) of the raise: the innermost code with a file; (None, None) without."""
-        found = None, None
-        while traceback is not None:
-            path = self._core.get_frame_file(traceback.tb_frame)
-            if path and not path.startswith("<"):
-                found = path, traceback.tb_lineno
-            traceback = traceback.tb_next
-        return found
+        return wish is not False and bool(wish or kUncaught in self._wanted)
 
     def forget(self, ident):
         """The thread has ended."""
         self._watch.forget(ident)
+        self._inside.pop(ident, None)
 
 
 def make_last_hook(show, own_thread):
@@ -327,6 +332,20 @@ def _names_of(kind):
     if isinstance(module, str) and module not in _kBuiltins:
         names.update([module + "." + name for name in names])
     return names
+
+
+def full_name_of(kind):
+    """The name by which a rule means this type and no other."""
+    name = _qualname_of(kind) if isinstance(kind, type) else kind.__name__
+    module = kind.__module__
+    return name if module in _kBuiltins else module + "." + name
+
+
+def is_exception_type(value):
+    """Whether it is a class that can be raised; old-style classes of version 2 can."""
+    if isinstance(value, type):
+        return any(parent is BaseException for parent in _mro_of(value))
+    return isinstance(value, compat.old_style_class)
 
 
 def _lineage(kind):

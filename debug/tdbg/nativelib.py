@@ -50,6 +50,18 @@ def build_library(package_folder):
         raise tNoLibrary("the core cannot be built")
 
 
+def find_and_load(package_folder):
+    """The core of this process, loaded or even built if need be."""
+    if kModule in sys.modules:
+        return sys.modules[kModule]
+    try:
+        path = find_library(package_folder)
+    except tNoLibrary:
+        build_library(package_folder)
+        path = find_library(package_folder)
+    return load_library(path)
+
+
 def load_library(path):
     """The module at the path; a module of that name that is loaded already is taken instead."""
     if kModule in sys.modules:

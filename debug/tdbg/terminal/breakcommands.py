@@ -108,8 +108,11 @@ class tBreakCommands(object):
 
     def do_ignore(self, text):
         words = text.split()
+        if words and not _is_number(words[0]):
+            return self.ignore_exceptions(text)
         if len(words) not in (1, 2):
-            raise tUsage("ignore needs a breakpoint's number and a count")
+            raise tUsage(
+                "ignore needs a breakpoint's number and a count, an exception, a place or `here`")
         bp = self._numbered(words[0])[0]
         self._table.set_ignore(bp, number(words[1], "count") if len(words) == 2 else 0)
         if bp.ignore > 0:

@@ -10,7 +10,7 @@ import pprint
 import shlex
 
 from tdbg import compat, evaluate, private, stops
-from tdbg.terminal import breakcommands, display
+from tdbg.terminal import breakcommands, catchcommands, display
 from tdbg.terminal.usage import number, tUsage
 
 # names: the first is the one in full, the others are short for it.
@@ -35,8 +35,15 @@ kTable = [
              "do_tbreak"),
     tCommand(("condition",), "NUMBER [CONDITION]", "Stop at the breakpoint only when the "
              "condition holds.", "do_condition"),
-    tCommand(("ignore",), "NUMBER [COUNT]", "Do not stop at the breakpoint that many times.",
-             "do_ignore"),
+    tCommand(("ignore",), "NUMBER [COUNT] | EXCEPTION... | FILE:LINE | here", "Do not stop at the "
+             "breakpoint that many times; never stop on exceptions of these types, or on any that "
+             "is raised at that line (`here`: where this one was).", "do_ignore"),
+    tCommand(("catch",), "[raised | uncaught | runner | none]... | EXCEPTION...", "Stop on all "
+             "exceptions; on those that nothing will catch; on those that a test runner, server or "
+             "thread will only print; on none. Or stop wherever one of these types is raised. "
+             "Without arguments, show what stops.", "do_catch"),
+    tCommand(("forget",), "EXCEPTION... | FILE:LINE | here | all", "Drop what `catch` and `ignore` "
+             "have said of these types or places.", "do_forget"),
     tCommand(("enable",), "NUMBER...", "Stop at these breakpoints again.", "do_enable"),
     tCommand(("disable",), "NUMBER...", "Do not stop at these breakpoints.", "do_disable"),
     tCommand(("clear", "cl"), "[NUMBER... | FILE:LINE]", "Delete these breakpoints, or all.",
@@ -68,7 +75,7 @@ kTable = [
 ]
 
 
-class tCommands(breakcommands.tBreakCommands):
+class tCommands(breakcommands.tBreakCommands, catchcommands.tCatchCommands):
     """terminal: the tTerminal that the commands work for."""
 
     def __init__(self, terminal):

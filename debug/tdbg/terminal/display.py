@@ -105,9 +105,22 @@ class tDisplay(object):
         elif stop.reason == stops.kPause:
             self.note(u"--Interrupted--")
         elif stop.exc_info is not None:
+            self._show_exception(stop)
+
+    def _show_exception(self, stop):
+        if stop.reason == stops.kUncaught:
+            self.note(u"--Uncaught exception, the {} ends after this--".format(
+                u"program" if stop.thread.is_main else u"thread"))
+        elif stop.reason == stops.kPostMortem:
+            self.note(u"--Post-mortem--")
+        elif stop.reason == stops.kReported:
+            where = u""
+            if stop.catcher is not None:
+                frame, line = stop.catcher
+                where = u" by " + self.location(frame, line or frame.f_lineno)
+            self.note(u"--Exception that is only printed or logged{}--".format(where))
+        if stop.exc_info[0] is not None:
             text = evaluate.describe_exception(*stop.exc_info[:2])
-            if stop.reason == stops.kUncaught:
-                self.note(u"--Uncaught exception, the program ends after this--")
             self.line(self.colour("error", text))
 
     def _show_hit(self, hit):

@@ -4,7 +4,7 @@ from __future__ import absolute_import, division, print_function
 import codeop
 import re
 
-from tdbg import breakpoints, compat, dbgserver, interrupts, private, stops
+from tdbg import breakpoints, compat, dbgserver, exceptions, interrupts, private, stops
 from tdbg.terminal import breakcommands, commands, completion, display, lineinput
 
 kPrompt = "(Tdb) "
@@ -37,6 +37,8 @@ class tTerminal(dbgserver.tFrontEnd):
         self._pending = []       # commands of the line still to run
         self._last_thread = None
         self._ended = False      # the user has said that the program may end
+        self._begun = False      # there has been a stop
+        self._post_mortem = False  # nothing stops before an uncaught exception
 
     def attach(self, server):
         """server: the tServer; its stops come here from now on."""
@@ -52,6 +54,9 @@ class tTerminal(dbgserver.tFrontEnd):
         """Set the breakpoints again that an earlier run has left."""
         self.server.breakpoints.restore(settings.get("breakpoints", []))
         self._commands.lists = dict(settings.get("commands", {}))
+        self._post_mortem = settings.get("post_mortem", False)
+        default = {"wanted": (exceptions.kUncaught,)} if self._post_mortem else {}
+        self.server.exceptions.restore(settings.get("exceptions", default))
 
     @property
     def entry(self):
@@ -65,9 +70,13 @@ class tTerminal(dbgserver.tFrontEnd):
     # --- what the server tells ---
 
     def on_stop(self, stop):
-        if stop.reason == stops.kEntry:
+        if stop.reason == stops.kEntry and self._post_mortem and not stop.hits:
+            return self.server.continue_run()
+        if not self._begun:
+            self._begun = True
             self.console.begin()
-            self._interrupts.install()
+            if stop.reason != stops.kPostMortem:
+                self._interrupts.install()
         self._interrupts.begin_prompt()
         try:
             self._talk(stop)
@@ -78,6 +87,9 @@ class tTerminal(dbgserver.tFrontEnd):
 
     def on_import(self, module):
         self.console.see_import(module)
+
+    def on_notice(self, text):
+        self.console.write(u"tdbg: {}\n".format(compat.to_text(text)))
 
     def on_internal_error(self, text):
         self.console.write(u"tdbg: internal error: {}\n".format(compat.to_text(text)))
@@ -192,6 +204,9 @@ class tTerminal(dbgserver.tFrontEnd):
 
     def quit(self):
         """End the program; after an uncaught exception let it end as it would have."""
+        if self.stop.reason == stops.kPostMortem:
+            self.server.continue_run()
+            return True
         if self.stop.reason == stops.kUncaught:
             self.server.continue_run()
             self.server.leave_alone()
@@ -203,6 +218,7 @@ class tTerminal(dbgserver.tFrontEnd):
         try:
             self.program.restart(arguments, {
                 "breakpoints": self.server.breakpoints.as_settings(),
+                "exceptions": self.server.exceptions.as_settings(),
                 "commands": self._commands.lists})
         except (OSError, ValueError) as why:
             raise commands.tUsage("cannot restart: {}".format(why))
