@@ -21,6 +21,7 @@ usage: tdbg [--python VERSION-or-PATH] PROGRAM [ARGUMENTS]
 
 Debug a Python program in the terminal. It stops before its first line; type `help` there.
 
+  --post-mortem  stop only when an exception ends the program
   --python X   the interpreter: a version (3.9), a name or a path (default: python3)
   -m MODULE    run a module as `python -m` does
   -h, --help   this text
@@ -52,6 +53,11 @@ def parse(argv):
         word = rest.pop(0)
         if word in ("-h", "--help"):
             return None
+        if word == "--post-mortem":
+            options["post_mortem"] = True
+            continue
+        if word == "--python":
+            raise tRefused("--python must come before the other options")
         if word not in ("-m", "--library"):
             raise tRefused("unknown option {} (tdbg --help lists all)".format(word))
         if not rest:
@@ -84,6 +90,7 @@ def start(options, package_folder):
         "argv": argv,
         "pythonpath": os.environ.get(bootstrap.kPathVariable),
         "cwd": os.getcwd(),
+        "post_mortem": options.get("post_mortem", False),
     }
     environment = bootstrap.settings_to_environment(
         os.environ, settings, os.path.join(package_folder, "startup"), compat.to_literal)
