@@ -44,7 +44,7 @@ def start(startup_folder, loaded):
     try:
         server = _make_server(settings, original_environment)
     except Exception as why:
-        _give_up("{}: {}".format(type(why).__name__, why))
+        _give_up("{}: {}".format(type(why).__name__, why), settings)
     finally:
         for descriptor in taken:
             os.close(descriptor)
@@ -78,9 +78,13 @@ def _take_low_descriptors():
 
 
 def _make_server(settings, original_environment):
+    core = nativelib.load_library(settings["library"])
+    if settings.get("front_end") == "dap":
+        from tdbg import serve
+
+        return serve.make_server(core, settings)
     from tdbg import dbgserver, terminal
 
-    core = nativelib.load_library(settings["library"])
     this_program = program.tProgram(settings["argv"], original_environment, settings["cwd"])
     front_end = terminal.tTerminal(this_program)
     server = dbgserver.tServer(core, front_end)
@@ -108,6 +112,11 @@ def _import_real_hook_module():
     __import__(kHookModule)  # its ImportError is also what site expects where there is none
 
 
-def _give_up(text):
+def _give_up(text, settings):
+    if "socket" in settings:
+        from tdbg import serve
+
+        serve.tell_refusal(settings["socket"], text)
+        _exit_process(2)
     os.write(2, "tdbg: cannot debug here: {}\n".format(text).encode("utf-8", "replace"))
     _exit_process(2)

@@ -15,15 +15,22 @@ import zipfile
 from tdbg import bootstrap, compat, nativelib
 
 kUsageStatus = 2
+kForAdapter = "--adapter"  # SOCKET: the adapter starts a program
 kUsage = """\
 usage: tdbg [--python VERSION-or-PATH] PROGRAM [ARGUMENTS]
        tdbg [--python VERSION-or-PATH] -m MODULE [ARGUMENTS]
+       tdbg [--python VERSION-or-PATH] -c CODE [ARGUMENTS]
+       tdbg adapter [--port N [--host H]]
+       tdbg [--python VERSION-or-PATH] serve [OPTIONS] (PROGRAM | -m MODULE | -c CODE) [ARGUMENTS]
 
 Debug a Python program in the terminal. It stops before its first line; type `help` there.
+`adapter` is what an editor starts (debug adapter protocol, through standard input and output or
+a port); `serve` runs a program that an editor can attach to (`tdbg serve --help`).
 
   --post-mortem  stop only when an exception ends the program
   --python X   the interpreter: a version (3.9), a name or a path (default: python3)
   -m MODULE    run a module as `python -m` does
+  -c CODE      run this text
   -h, --help   this text
 """
 
@@ -34,6 +41,9 @@ class tRefused(Exception):
 
 def main(argv, package_folder):
     """Run the command line; returns the exit status when there is nothing to debug."""
+    command = command_of(argv)
+    if command is not None:
+        return command(package_folder)
     try:
         options = parse(argv)
         if options is None:
@@ -45,25 +55,53 @@ def main(argv, package_folder):
         return kUsageStatus
 
 
+def command_of(argv):
+    """function(package_folder) for the command lines that do not debug in the terminal, or None."""
+    rest = list(argv)
+    library = [rest.pop(0), rest.pop(0)] if rest[:1] == ["--library"] and len(rest) > 1 else []
+    if rest[:1] == ["adapter"]:
+        return lambda folder: run_adapter(library + rest[1:])
+    if rest[:1] == ["serve"] or kForAdapter in rest[:1]:
+        from tdbg import serve
+
+        if rest[0] == kForAdapter:
+            return lambda folder: serve.main_for_adapter(library + rest, folder)
+        return lambda folder: serve.main(library + rest[1:], folder)
+    return None
+
+
+def run_adapter(argv):
+    if sys.version_info < (3, 6):
+        sys.stderr.write("tdbg: the adapter needs Python 3.6 or later (the program may have any)\n")
+        return kUsageStatus
+    from tdbg.adapter import main as adapter
+
+    status = adapter.main(argv)
+    sys.stderr.flush()
+    os._exit(status)  # threads that wait for a program are not waited for
+
+
 def parse(argv):
-    """{"library", "module", "program", "arguments"}; None when help is asked for."""
-    options = {"library": None, "module": None, "program": None, "arguments": []}
+    """{"library", "module", "code", "program", "arguments"}; None when help is asked for."""
+    options = {"library": None, "module": None, "code": None, "program": None, "arguments": []}
     rest = list(argv)
     while rest and rest[0].startswith("-") and rest[0] != "-":
         word = rest.pop(0)
         if word in ("-h", "--help"):
             return None
+        if word == "--":
+            break
         if word == "--post-mortem":
             options["post_mortem"] = True
             continue
         if word == "--python":
             raise tRefused("--python must come before the other options")
-        if word not in ("-m", "--library"):
+        if word not in ("-m", "-c", "--library"):
             raise tRefused("unknown option {} (tdbg --help lists all)".format(word))
         if not rest:
             raise tRefused("{} needs an argument".format(word))
-        if word == "-m":
-            options["module"] = rest.pop(0)
+        if word in ("-m", "-c"):
+            options["module" if word == "-m" else "code"] = rest.pop(0)
             options["arguments"] = rest
             return options
         options["library"] = rest.pop(0)
@@ -75,16 +113,13 @@ def parse(argv):
 
 
 def start(options, package_folder):
-    """Become the debugged process."""
-    refuse_unusable_interpreter()
-    if options["module"] is not None:
-        check_module(options["module"])
-        target = ["-m", options["module"]]
-    else:
-        check_program(options["program"])
-        target = [options["program"]]
-    library = options["library"] or nativelib.find_library(package_folder)
-    argv = [sys.executable] + interpreter_flags() + target + options["arguments"]
+    """Become the process that is debugged in the terminal."""
+    argv = command_line_of(options)
+    become(argv, options["library"] or nativelib.find_library(package_folder), package_folder, {})
+
+
+def become(argv, library, package_folder, more_settings):
+    """Execute the interpreter, with the debugger in it.  more_settings: for bootstrap.py."""
     settings = {
         "library": os.path.abspath(library),
         "argv": argv,
@@ -92,8 +127,27 @@ def start(options, package_folder):
         "cwd": os.getcwd(),
         "post_mortem": options.get("post_mortem", False),
     }
-    environment = bootstrap.settings_to_environment(
-        os.environ, settings, os.path.join(package_folder, "startup"), compat.to_literal)
+    settings.update(more_settings)
+    execute(argv, bootstrap.settings_to_environment(
+        os.environ, settings, os.path.join(package_folder, "startup"), compat.to_literal))
+
+
+def command_line_of(options):
+    """Words that run the program; tRefused when they would not get as far as its first line."""
+    refuse_unusable_interpreter()
+    if options["module"] is not None:
+        check_module(options["module"])
+        target = ["-m", options["module"]]
+    elif options["code"] is not None:
+        check_source(options["code"], "<string>")
+        target = ["-c", options["code"]]
+    else:
+        check_program(options["program"])
+        target = [options["program"]]
+    return [sys.executable] + interpreter_flags() + target + options["arguments"]
+
+
+def execute(argv, environment):
     try:
         os.execve(argv[0], argv, environment)
     except OSError as why:

@@ -52,7 +52,7 @@ class tProgram(object):
         """Length of argv up to and including the program's own name."""
         count = 1
         while count < len(self.argv) and self.argv[count].startswith("-"):
-            if self.argv[count] == "-m":
+            if self.argv[count] in ("-m", "-c"):
                 return count + 2
             count += 2 if self.argv[count] in ("-W", "-X") else 1
         return count + 1

@@ -29,7 +29,7 @@ class tSchema:
             self._definitions = json.load(source)["definitions"]
         self._arguments = {}  # command -> (schema of the arguments or None, whether they are needed)
         for name, definition in self._definitions.items():
-            if name.endswith("Request") and "allOf" in definition:
+            if name.endswith("Request") and name != "Request":
                 own = definition["allOf"][1]
                 command = own["properties"]["command"]["enum"][0]
                 self._arguments[command] = (

@@ -200,6 +200,18 @@ def user_of_peer(connected):
     return None
 
 
+def is_of_this_user(connected):
+    """Whether a user of this machine with our id is at the other end, for sure."""
+    return is_loopback(_peer_name(connected)) and user_of_peer(connected) == _getuid()
+
+
+def _peer_name(connected):
+    try:
+        return connected.getpeername()
+    except (_socket.error, OSError):
+        return ("", 0)
+
+
 def _as_in_table(address):
     family = _socket.AF_INET6 if ":" in address[0] else _socket.AF_INET
     data = _socket.inet_pton(family, address[0])
@@ -386,7 +398,7 @@ def refuse(connection, request, text):
         "type": "response", "success": False, "message": text,
         "request_seq": seq if isinstance(seq, int) else 0,
         "command": command if isinstance(command, compat.string_types) else "",
-        "body": {"error": {"id": 1, "format": text.replace("{", "(").replace("}", ")"), "showUser": True}}})
+        "body": {"error": {"id": 1, "format": text, "showUser": True}}})
 
 
 class tAdmitted(object):

@@ -1,0 +1,787 @@
+"""One client and its program: checks what the client asks, and passes it on.
+
+client (editor) <-> tSession <-> tDebuggee, the debugger inside the program
+
+The debuggee speaks the protocol itself.  Between the two, this side starts and ends the program,
+shows its output, and keeps the breakpoints, so that they live through a restart; all else is
+passed on, with new sequence numbers.  No message waits for another one: the client's requests are read on one
+thread, what the program's side sends on a second, and what the program writes on a third.
+"""
+import collections
+import queue
+import signal
+import threading
+
+from tdbg.adapter import program, schema
+from tdbg.dap import capabilities, config, endpoint, wire
+
+kNew, kInitialized, kStarting, kRunning, kEnded = "new", "initialized", "starting", "running", "ended"
+
+# Kept and sent again to the next run of the program, by what they replace.
+kBreakpointRequests = (
+    "setBreakpoints", "setFunctionBreakpoints", "setExceptionBreakpoints", "setDataBreakpoints",
+    "setInstructionBreakpoints")
+kKeptRequests = kBreakpointRequests + ("tdbg/setRules",)
+# Breakpoints of each run have numbers of their own.
+kNumbersPerRun = 1000000
+kAnswerSeconds = 2.0    # for the program's side to let go of the program
+kDisconnectSeconds = 1.0  # for each step of ending a program whose client is leaving
+kRefused = "tdbg/refused"  # event instead of a debugger: the program cannot be debugged
+kAsStarted = ("exited", "terminated")  # told by whoever has started the program
+
+
+class tDebuggee:
+    """The debugger inside the program.
+
+    on_event(message), on_request(message), on_end() come on one thread.
+    """
+
+    def __init__(self, connection, run, on_event, on_request, on_end):
+        self.run = run
+        self._connection = connection
+        self._handlers = (on_event, on_request, on_end)
+        self._pending = {}  # seq -> function(response)
+        self._client_seqs = {}  # client's seq -> ours
+        self._lock = threading.Lock()
+        self._queue = queue.Queue()  # the program may be slow to read
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self.is_gone = False
+
+    def start(self):
+        threading.Thread(target=self._write, daemon=True).start()
+        self._reader.start()
+
+    def request(self, command, arguments, on_response, client_seq=None):
+        """on_response(message); a made-up one when the program ends first."""
+        seq = self._connection.next_seq()
+        message = {"seq": seq, "type": "request", "command": command}
+        if arguments is not None:
+            message["arguments"] = arguments
+        with self._lock:
+            gone = self.is_gone
+            if not gone:
+                self._pending[seq] = (command, on_response)
+                if client_seq is not None:
+                    self._client_seqs[client_seq] = seq
+        if gone:
+            on_response(self._lost(command))
+        else:
+            self._queue.put(message)
+
+    def seq_of(self, client_seq):
+        """Our number for a request of the client's; 0 = no such."""
+        with self._lock:
+            return self._client_seqs.get(client_seq, 0)
+
+    def respond(self, message):
+        self._queue.put(message)
+
+    def finish(self):
+        """Take what has been sent, as the program has ended; returns when all of it is handled."""
+        self._connection.end_reading()
+        if threading.current_thread() is not self._reader:
+            self._reader.join()
+
+    def close(self):
+        self._connection.close()
+
+    def _write(self):
+        while True:
+            message = self._queue.get()
+            if message is None or not self._connection.write(message):
+                return
+
+    def _read(self):
+        on_event, on_request, on_end = self._handlers
+        while True:
+            try:
+                message = self._connection.read()
+            except (wire.tBadHeader, wire.tBadMessage):
+                message = None
+            if message is None:
+                break
+            kind = message.get("type")
+            if kind == "event":
+                on_event(message)
+            elif kind == "request":
+                on_request(message)
+            else:
+                self._take_response(message)
+        self._lose_all()
+        on_end(self)
+
+    def _take_response(self, message):
+        with self._lock:
+            _, on_response = self._pending.pop(message.get("request_seq"), (None, None))
+        if on_response is not None:
+            on_response(message)
+
+    def _lose_all(self):
+        with self._lock:
+            self.is_gone = True
+            pending, self._pending = list(self._pending.values()), {}
+        self._queue.put(None)
+        self._connection.close()
+        for command, on_response in pending:
+            on_response(self._lost(command))
+
+    @staticmethod
+    def _lost(command):
+        return {"type": "response", "success": False, "command": command, "lost": True,
+                "message": "the program has ended"}
+
+
+class tKept:
+    """A request that sets breakpoints, and the numbers by which the client knows them."""
+
+    def __init__(self, arguments):
+        self.arguments = arguments
+        self.numbers = []
+
+
+class tSession:
+    """options: an object with library, token, needs_token, allow_remote, schema."""
+
+    def __init__(self, client, options):
+        self._client, self._options = client, options
+        self._schema = options.schema
+        self._lock = threading.RLock()
+        self._state = kNew
+        self._client_arguments = {}
+        self._config = None
+        self._start_request = None  # launch, attach or restart that is not answered yet
+        self._program = None
+        self._debuggee = None
+        self._connecting = None     # what an attach waits for; to be closed
+        self._waiting = []          # requests for a program that is being started
+        self._kept = collections.OrderedDict()
+        self._aliases = {}          # number of a breakpoint -> number that the client knows
+        self._run = 0
+        self._configured = False    # configurationDone came before there was a program
+        self._replays = False       # the client is not asked for breakpoints again
+        self._restarting = None
+        self._refusal = None
+        self._threads = set()
+        self._reverse = {}          # seq of a request to the client -> function(response)
+        self._ending = None         # thread that ends the program
+        self._hurry = threading.Event()
+        self._leaving = []          # requests to be answered when the program has ended
+        self._done = threading.Event()
+        self._ended_event = threading.Event()
+        self._early_numbers = 0
+        self._stderr_tail = ""
+
+    # --- the client's messages ---
+
+    def run(self):
+        """Until the client has gone and its program has been seen to."""
+        try:
+            while not self._done.is_set():
+                try:
+                    message = self._client.read()
+                except wire.tBadMessage as why:
+                    self._fail({}, "not understood: {}".format(why))
+                    continue
+                except wire.tBadHeader:
+                    break
+                if message is None:
+                    break
+                self._handle(message)
+        finally:
+            self._see_to_program()
+            self._client.close()
+
+    def _handle(self, message):
+        if message.get("type") == "response":
+            return self._take_response(message)
+        try:
+            self._check(message)
+        except schema.tWrong as why:
+            return self._fail(message, str(why))
+        handler = kHandlers.get(message["command"], tSession._relay)
+        try:
+            handler(self, message)
+        except program.tCannotStart as why:
+            self._fail(message, str(why), show_user=True)
+        except (config.tConfigError, endpoint.tRefused) as why:
+            self._fail(message, str(why), show_user=True)
+
+    def _check(self, message):
+        seq = message.get("seq")
+        if not isinstance(seq, int) or isinstance(seq, bool):
+            if isinstance(seq, float) and seq.is_integer():
+                message["seq"] = int(seq)
+            else:
+                raise schema.tWrong("`seq` must be a whole number")
+        self._schema.check(message)
+        command = message["command"]
+        if self._state == kNew and command not in ("initialize", "disconnect"):
+            raise schema.tWrong("`{}` comes too early: `initialize` is the first request".format(command))
+        if not self._schema.knows(command):
+            raise schema.tWrong("there is no request `{}`".format(command))
+
+    def _take_response(self, message):
+        with self._lock:
+            on_response = self._reverse.pop(message.get("request_seq"), None) if isinstance(
+                message.get("request_seq"), int) else None
+        if on_response is not None:
+            on_response(message)
+
+    def _ask_client(self, command, arguments, on_response):
+        seq = self._client.next_seq()
+        with self._lock:
+            self._reverse[seq] = on_response
+        self._client.write({"seq": seq, "type": "request", "command": command, "arguments": arguments})
+
+    # --- to the client ---
+
+    def _respond(self, request, body=None):
+        message = {"type": "response", "request_seq": request["seq"], "success": True,
+                   "command": request["command"]}
+        if body is not None:
+            message["body"] = body
+        self._client.write(message)
+
+    def _fail(self, request, text, show_user=False):
+        seq, command = request.get("seq"), request.get("command")
+        self._client.write({
+            "type": "response", "success": False, "message": text,
+            "request_seq": seq if isinstance(seq, int) else 0,
+            "command": command if isinstance(command, str) else "",
+            "body": {"error": {"id": 1, "format": text, "showUser": show_user}}})
+
+    def _send_event(self, name, body=None):
+        message = {"type": "event", "event": name}
+        if body is not None:
+            message["body"] = body
+        self._client.write(message)
+
+    def _tell(self, text):
+        self._send_event("output", {"category": "console", "output": text + "\n"})
+
+    # --- initialize, launch, attach ---
+
+    def _initialize(self, request):
+        if self._state != kNew:
+            return self._fail(request, "`initialize` was there already")
+        self._client_arguments = request.get("arguments", {})
+        self._state = kInitialized
+        self._respond(request, capabilities.kCapabilities)
+
+    def _begin(self, request, kind):
+        """Check what launch and attach have in common."""
+        if self._state != kInitialized:
+            raise config.tConfigError("a program is being debugged already")
+        arguments = request.get("arguments", {})
+        if self._options.needs_token and not endpoint.same_token(
+                self._options.token or "", arguments.get("token")):
+            self._options.count_failure()
+            self._fail(request, "the token is missing or wrong", show_user=True)
+            self._done.set()
+            self._client.close()
+            return False
+        self._config = config.tConfig(kind, arguments)
+        if kind == config.kLaunch:
+            arguments.pop("token", None)  # it was for us
+        if self._config.warnings:
+            self._tell("\n".join("tdbg: " + text for text in self._config.warnings))
+        self._start_request = request
+        self._state = kStarting
+        return True
+
+    def _launch(self, request):
+        if self._begin(request, config.kLaunch):
+            self._start_program(request)
+
+    def _start_program(self, request):
+        kind = self._config.console
+        in_terminal = kind != config.kConsoles[0]
+        if in_terminal and not self._client_arguments.get("supportsRunInTerminalRequest"):
+            self._tell("tdbg: this editor has no terminal to run programs in; they have no input here")
+            self._config.console, in_terminal = config.kConsoles[0], False
+            if self._config.raw.get("redirectOutput") is None:
+                self._config.redirect_output = True
+        self._program = program.tProgram(self._config, self, self._options.library)
+        self._refusal, self._stderr_tail = None, ""
+        try:
+            self._program.start(
+                (lambda arguments, answered: self._ask_client("runInTerminal", arguments, answered))
+                if in_terminal else None,
+                self._client_arguments.get("supportsArgsCanBeInterpretedByShell", False))
+        except program.tCannotStart:
+            self._program, self._start_request, self._state = None, None, kInitialized
+            raise
+
+    def _attach(self, request):
+        from tdbg.adapter import attaching
+
+        if not self._begin(request, config.kAttach):
+            return
+        try:
+            self._connecting = attaching.connector_of(self._config, self._options)
+        except Exception:
+            self._state, self._start_request = kInitialized, None
+            raise
+        if self._connecting.note:
+            self._tell("tdbg: " + self._connecting.note)
+        threading.Thread(target=self._connect, args=(self._connecting,), daemon=True).start()
+
+    def _connect(self, connecting):
+        try:
+            connected = connecting.connect()
+        except (endpoint.tRefused, OSError) as why:
+            return self._fail_start(getattr(why, "strerror", None) or str(why))
+        if connected is None or self._done.is_set():
+            return
+        arguments = dict(self._start_request.get("arguments", {}))
+        token = arguments.get("token") or self._options.debuggee_token
+        if token:
+            arguments["token"] = token
+        self._start_request["arguments"] = arguments
+        self.on_debuggee(wire.tConnection(connected))
+
+    def _fail_start(self, text):
+        with self._lock:
+            request, self._start_request = self._start_request, None
+            waiting, self._waiting = self._waiting, []
+            if self._state == kStarting:
+                self._state = kInitialized if request and request["command"] != "restart" else kEnded
+            self._program = None
+        if request is not None:
+            self._fail(request, text, show_user=True)
+        for message in waiting:
+            self._fail(message, "there is no program")
+
+    # --- calls of tProgram ---
+
+    def on_output(self, category, text):
+        if category is not None:
+            self._send_event("output", {"category": category, "output": text})
+        if self._debuggee is None:
+            self._stderr_tail = (self._stderr_tail + text)[-1000:]
+
+    def on_started(self, pid):
+        if self._config.no_debug:
+            self._send_event("process", {
+                "name": self._config.program or self._config.module or "-c", "systemProcessId": pid,
+                "isLocalProcess": True, "startMethod": "launch"})
+            self._start_undebugged()
+
+    def on_debuggee(self, connection):
+        with self._lock:
+            if self._start_request is None:
+                return connection.close()
+            self._debuggee = debuggee = tDebuggee(
+                connection, self._run, self._take_event, self._take_request, self._lose_debuggee)
+        debuggee.start()
+        debuggee.request("initialize", self._client_arguments, self._initialized_debuggee)
+
+    def _initialized_debuggee(self, response):
+        """The debugger in the program is there (or has refused, which its end will tell)."""
+        if response.get("lost"):
+            return
+        request = self._start_request
+        arguments = dict(request.get("arguments") or {}) if request["command"] != "restart" else dict(
+            self._config.raw)
+        command = "launch" if self._config.kind == config.kLaunch else "attach"
+        self._debuggee.request(command, arguments, self._started)
+        with self._lock:
+            waiting, self._waiting = self._waiting, []
+            self._state = kRunning
+        for message in waiting:
+            self._relay(message)
+
+    def _started(self, response):
+        """The answer to launch, attach or the second half of restart."""
+        if response.get("lost"):
+            return  # the end of the program answers
+        with self._lock:
+            request, self._start_request = self._start_request, None
+        if request is None:
+            return
+        if response.get("success"):
+            self._respond(request, response.get("body"))
+        else:
+            self._pass_response(request, response)
+            if self._program is None:
+                self._state = kInitialized
+
+    def on_exit(self, status, why):
+        """The program has ended and all its output has been sent."""
+        self._hurry.set()
+        debuggee = self._debuggee
+        if debuggee is not None:
+            debuggee.finish()
+        with self._lock:
+            restarting, self._restarting = self._restarting, None
+            self._debuggee = None
+        if restarting is not None:
+            return self._start_again(restarting)
+        if self._start_request is not None:
+            self._fail_start(self._reason_of_failure(status, why))
+            self._ended_event.set()
+            return self._answer_leaving()
+        self._finish(status)
+
+    def _reason_of_failure(self, status, why):
+        if self._refusal or why:
+            return self._refusal or why
+        lines = self._stderr_tail.strip().splitlines()
+        return "the interpreter ended with status {} before the program began{}".format(
+            status, ": " + lines[-1] if lines else "")
+
+    def _finish(self, status):
+        with self._lock:
+            if self._state == kEnded:
+                return
+            self._state = kEnded
+        if status is not None:
+            self._send_event("exited", {"exitCode": status})
+        self._send_event("terminated", {})
+        self._ended_event.set()
+        self._answer_leaving()
+
+    def _answer_leaving(self):
+        with self._lock:
+            leaving, self._leaving = self._leaving, []
+        for request in leaving:
+            self._respond(request)
+            self._done.set()
+
+    # --- what the program's side sends ---
+
+    def _take_event(self, message):
+        name, body = message.get("event"), message.get("body") or {}
+        if name == kRefused:
+            self._refusal = str(body.get("text"))
+            return
+        if name in kAsStarted and self._program is not None:
+            return
+        if name == "initialized" and self._replay():
+            return
+        if name == "stopped" and self._program is not None:
+            self._program.drain_output()  # what it wrote before comes first
+        if name == "thread":
+            (self._threads.add if body.get("reason") == "started" else self._threads.discard)(
+                body.get("threadId"))
+        elif name == "breakpoint" and isinstance(body.get("breakpoint"), dict):
+            self._translate(body["breakpoint"])
+        elif name == "stopped" and "hitBreakpointIds" in body:
+            body["hitBreakpointIds"] = [self._number(number) for number in body["hitBreakpointIds"]]
+        message.pop("seq", None)
+        self._client.write(message)
+        if name == "terminated":
+            with self._lock:
+                self._state = kEnded
+
+    def _take_request(self, message):
+        """Children are the only thing that a program may ask the client for."""
+        debuggee, seq = self._debuggee, message.get("seq")
+
+        def answer(success, **more):
+            if debuggee is not None:
+                debuggee.respond(dict({
+                    "type": "response", "request_seq": seq, "success": success,
+                    "command": message.get("command")}, **more))
+
+        if message.get("command") != "startDebugging" or not self._client_arguments.get(
+                "supportsStartDebuggingRequest"):
+            return answer(False, message="the client does not know this request")
+        self._ask_client("startDebugging", message.get("arguments"), lambda response: answer(
+            bool(response.get("success")), body=response.get("body") or {}))
+
+    def _lose_debuggee(self, debuggee):
+        """The connection to the program's side has ended; a program that we started may go on."""
+        with self._lock:
+            if self._debuggee is debuggee and self._program is None:
+                self._debuggee = None
+            else:
+                return
+            request = self._start_request
+        if request is not None:
+            return self._fail_start(self._refusal or "the program has closed the connection")
+        self._finish(None)
+
+    # --- breakpoints ---
+
+    def _translate(self, breakpoint):
+        if isinstance(breakpoint.get("id"), int):
+            breakpoint["id"] = self._number(breakpoint["id"])
+
+    def _number(self, number):
+        """The client's number for a breakpoint of the present run."""
+        number += self._run * kNumbersPerRun
+        return self._aliases.get(number, number)
+
+    def _keep(self, request):
+        arguments = request.get("arguments", {})
+        source = arguments.get("source") or {}
+        key = (request["command"], source.get("path") or source.get("name"), source.get("sourceReference"))
+        kept = tKept(arguments)
+        with self._lock:
+            self._kept[key] = kept
+        return kept
+
+    def _take_breakpoints(self, kept, response):
+        """Put the client's numbers into an answer."""
+        rows = (response.get("body") or {}).get("breakpoints")
+        kept.numbers = []
+        for row in rows if isinstance(rows, list) else ():
+            self._translate(row)
+            kept.numbers.append(row.get("id"))
+
+    def _replay(self):
+        """Send the program what was set before it; whether that is all that it needs.
+
+        Nobody else sends requests at this time, but a client that does not wait for `initialized`.
+        """
+        with self._lock:
+            kept = list(self._kept.items())
+            alone = self._replays or self._configured
+            self._replays, self._configured = False, False
+        for (command, _, _), request in kept:
+            self._debuggee.request(
+                command, request.arguments, lambda response, request=request: self._take_replay(request, response))
+        if alone:
+            self._debuggee.request("configurationDone", {}, lambda response: None)
+        return alone
+
+    def _take_replay(self, kept, response):
+        rows = (response.get("body") or {}).get("breakpoints") or ()
+        for row, number in zip(rows, kept.numbers):
+            if number is not None and isinstance(row.get("id"), int):
+                self._aliases[row["id"] + self._run * kNumbersPerRun] = number
+                row["id"] = number
+                self._send_event("breakpoint", {"reason": "changed", "breakpoint": row})
+
+    def _set_breakpoints_early(self, request):
+        """Before there is a program: nothing is known of them yet."""
+        kept = self._keep(request)
+        arguments = request.get("arguments", {})
+        rows = []
+        for _ in arguments.get("breakpoints") or arguments.get("filters") or ():
+            self._early_numbers -= 1
+            rows.append({"id": -self._early_numbers + 900 * kNumbersPerRun, "verified": False,
+                         "message": "the program has not been started yet"})
+        kept.numbers = [row["id"] for row in rows]
+        self._respond(request, {"breakpoints": rows})
+
+    # --- all other requests ---
+
+    def _relay(self, request):
+        command = request["command"]
+        with self._lock:
+            state, debuggee = self._state, self._debuggee
+            if state == kStarting and not self._config.no_debug:
+                self._waiting.append(request)
+                return
+        if state == kInitialized:
+            return self._answer_early(request)
+        if self._config.no_debug and state != kEnded:
+            return self._answer_undebugged(request)
+        if state == kEnded or debuggee is None:
+            return self._fail(request, "the program has ended")
+        kept = self._keep(request) if command in kKeptRequests else None
+
+        def answered(response):
+            if kept is not None:
+                self._take_breakpoints(kept, response)
+            self._pass_response(request, response)
+
+        debuggee.request(command, request.get("arguments"), answered, request["seq"])
+
+    def _pass_response(self, request, response):
+        if response.get("lost"):
+            return self._fail(request, response["message"])
+        response.pop("seq", None)
+        response["request_seq"] = request["seq"]
+        response["command"] = request["command"]
+        self._client.write(response)
+
+    def _answer_early(self, request):
+        command = request["command"]
+        if command in kBreakpointRequests:
+            self._set_breakpoints_early(request)
+        elif command in kKeptRequests:
+            self._keep(request)
+            self._respond(request)
+        elif command == "configurationDone":
+            self._configured = True
+            self._respond(request)
+        else:
+            self._fail(request, "`{}` comes too early: there is no program yet".format(command))
+
+    def _start_undebugged(self):
+        with self._lock:
+            request, self._start_request = self._start_request, None
+            waiting, self._waiting = self._waiting, []
+            self._state = kRunning
+        self._send_event("initialized")
+        if request is not None:
+            self._respond(request)
+        for message in waiting:
+            self._relay(message)
+
+    def _answer_undebugged(self, request):
+        command = request["command"]
+        if command in kBreakpointRequests:
+            rows = request.get("arguments", {}).get("breakpoints") or ()
+            self._keep(request).numbers = [None for _ in rows]
+            self._respond(request, {"breakpoints": [
+                {"verified": False, "message": "the program runs without a debugger"} for _ in rows]})
+        elif command == "threads":
+            self._respond(request, {"threads": []})
+        elif command == "configurationDone":
+            self._respond(request)
+        else:
+            self._fail(request, "the program runs without a debugger")
+
+    def _cancel(self, request):
+        arguments = request.get("arguments", {})
+        debuggee = self._debuggee
+        if "requestId" in arguments and debuggee is not None:
+            seq = debuggee.seq_of(arguments["requestId"])
+            if seq:
+                arguments["requestId"] = seq
+                return self._relay(request)
+        self._respond(request)  # it has been answered, or is none of ours
+
+    # --- restart, terminate, disconnect ---
+
+    def _restart(self, request):
+        if self._config is None or self._config.kind != config.kLaunch:
+            return self._fail(request, "only a program that was launched can be started again")
+        with self._lock:
+            if self._start_request is not None or self._restarting is not None or self._leaving:
+                busy = True
+            else:
+                busy, ended = False, self._state == kEnded
+                arguments = (request.get("arguments") or {}).get("arguments")
+                if arguments:
+                    self._config = config.tConfig(config.kLaunch, arguments)
+                if not ended:
+                    self._restarting = request
+        if busy:
+            return self._fail(request, "the program is just being started or ended")
+        if ended:
+            return self._start_again(request)
+        self._program.kill()
+
+    def _start_again(self, request):
+        for thread in sorted(self._threads):
+            self._send_event("thread", {"reason": "exited", "threadId": thread})
+        with self._lock:
+            self._threads.clear()
+            self._run += 1
+            self._replays = True
+            self._start_request, self._state = request, kStarting
+            self._ended_event.clear()
+            self._ending = None
+        try:
+            self._start_program(request)
+        except program.tCannotStart as why:
+            self._fail(request, str(why), show_user=True)
+            self._finish(None)
+
+    def _terminate(self, request):
+        if self._state in (kInitialized, kEnded):
+            return self._fail(request, "there is no program")
+        if self._program is None:
+            if self._debuggee is None:
+                return self._fail(request, "there is no program")
+            return self._relay(request)
+        self._respond(request)
+        self._end_program(self._config.kill_timeout)
+
+    def _end_program(self, seconds):
+        """Ask it to end, more sternly each time that it does not; a second call hurries."""
+        with self._lock:
+            if self._ending is not None:
+                self._hurry.set()
+                return
+            self._hurry.clear()
+            self._ending = threading.Thread(
+                target=self._end_by_steps, args=(self._program, seconds), daemon=True)
+        self._ending.start()
+
+    def _end_by_steps(self, this_program, seconds):
+        steps = [self._interrupt, self._ask_to_end, self._kill]
+        for step in steps[config.kEndings.index(self._config.on_terminate):]:
+            step(this_program)
+            self._hurry.wait(seconds)
+            if this_program.ended.is_set():
+                return
+            self._hurry.clear()
+
+    def _interrupt(self, this_program):
+        """The debugger in the program lets it go on, and raises KeyboardInterrupt in it."""
+        def answered(response):
+            if not response.get("success") and not response.get("lost"):
+                this_program.signal(signal.SIGINT)
+
+        debuggee = self._debuggee
+        if debuggee is None:
+            this_program.signal(signal.SIGINT)
+        else:
+            debuggee.request("terminate", {}, answered)
+
+    def _kill(self, this_program):
+        this_program.kill()
+
+    def _ask_to_end(self, this_program):
+        this_program.signal(signal.SIGTERM)
+        this_program.signal(signal.SIGCONT)
+
+    def _disconnect(self, request):
+        if self._state == kNew:
+            self._respond(request)
+            self._done.set()
+            return
+        arguments = request.get("arguments") or {}
+        terminates = arguments.get("terminateDebuggee")
+        if self._leave(terminates, arguments, request):
+            self._respond(request)
+
+    def _see_to_program(self):
+        """The client has gone."""
+        if not self._done.is_set():
+            self._leave(None, {}, None)
+        if self._connecting is not None:
+            self._connecting.close()
+
+    def _leave(self, terminates, arguments, request):
+        """Whether the request is still to be answered; sets _done when nothing is left to do."""
+        launched = self._program is not None and not self._program.ended.is_set()
+        if launched and terminates is not False:
+            with self._lock:
+                self._restarting = None
+                if request is not None:
+                    self._leaving.append(request)
+            self._end_program(min(self._config.kill_timeout, kDisconnectSeconds))
+            self._ended_event.wait()
+            self._done.set()
+            return False
+        if launched:
+            self._program.release()
+        debuggee = self._debuggee
+        if debuggee is not None and self._state != kEnded:
+            arguments = dict(arguments, terminateDebuggee=bool(terminates))
+            answered = threading.Event()
+            debuggee.request("disconnect", arguments, lambda response: answered.set())
+            answered.wait(kAnswerSeconds)
+            debuggee.close()
+        if self._connecting is not None:
+            self._connecting.close()
+        self._done.set()
+        return request is not None
+
+
+kHandlers = {
+    "initialize": tSession._initialize,
+    "launch": tSession._launch,
+    "attach": tSession._attach,
+    "restart": tSession._restart,
+    "terminate": tSession._terminate,
+    "disconnect": tSession._disconnect,
+    "cancel": tSession._cancel,
+}
