@@ -26,6 +26,7 @@ kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle call
 
 # What a thread was last asked to do.
 kAskedStep, kAskedNext, kAskedRun, kAskedPause = "step", "next", "run", "pause"
+kAskedNoMore = "no more"  # to stop, which is not wanted any longer
 
 kAnywhere = "anywhere"
 
@@ -40,6 +41,8 @@ _set_trace = sys.settrace
 class tFrontEnd(object):
     """What the server asks of a user interface.  All calls come on the thread concerned."""
 
+    kStopsAtLinesOnly = False  # a step does not end at a return or at an exception on its way
+
     def on_stop(self, stop):
         """A thread has stopped (tStop).  Give one of the server's commands, then return."""
 
@@ -52,6 +55,13 @@ class tFrontEnd(object):
 
     def on_import(self, module):
         """A module was imported (or was loaded when tracing began)."""
+
+    def thread_policy(self, ident):
+        """Whether to debug the calling thread, which was not seen before: 1 or 0."""
+        return 1
+
+    def on_thread_end(self, ident):
+        """The calling thread has done its work."""
 
     def on_notice(self, text):
         """Something that the user should know."""
@@ -92,7 +102,13 @@ class tServer(object):
         self.languages = sublanguages.tLanguages(core, self._tell_language_error)
         self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
         self.exceptions = exceptions.tExceptions(core, self._tell_notice, self.is_hidden)
-        self._hooks = threads.tThreadHooks(core)
+        self._hooks = threads.tThreadHooks(core, self._thread_end_cb)
+        self._steppers = {}     # thread ident -> what decides where its step ends (see steer())
+        self._armed = {}        # thread ident -> function to be called on it at its next event
+        # What a front end need not have.
+        self._stops_at_lines_only = getattr(front_end, "kStopsAtLinesOnly", False)
+        self._policy_of = getattr(front_end, "thread_policy", lambda ident: 1)
+        self._tell_thread_end = getattr(front_end, "on_thread_end", lambda ident: None)
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
@@ -139,6 +155,7 @@ class tServer(object):
             kIdleSeconds, exceptions.kAtTheEnd, self._install_thread_hooks_cb, self._get_checksum_cb,
             self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
             self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
+        self.core.set_debug_thread_cb(self._thread_policy_cb)
         self.breakpoints.go_live()
         self.languages.go_live()
         self.exceptions.go_live()
@@ -217,6 +234,53 @@ class tServer(object):
         self.languages.plan_anywhere(_get_ident())
         self.core.stop()
 
+    def steer(self, stepper, asked, place, command, *args):
+        """Go on with a command of the core; the stepper tells where the step of the thread ends.
+
+        stepper: at_line(frame) -> true to stop; at_foreign(frame): at a frame that is not shown;
+        at_return(frame, value, has_value): the frame is left, normally or (has_value false) not
+        asked, place: as of _resume().  They may call this again; who does not, lets the core go on.
+        """
+        ident = _get_ident()
+        self._resume(asked, place, command, *args)
+        self._steppers[ident] = stepper
+
+    def plan(self, ident, stepper):
+        """To be called before the thread gets from arm() to its next event: what it is to do then.
+
+        stepper: as for steer(), or None to stop at its next line.
+        """
+        self._asked[ident] = kAskedPause if stepper is None else kAskedStep
+        self._places[ident] = id(kAnywhere)
+        self._goals.pop(ident, None)
+        self.languages.forget_plan(ident)
+        self._skipped[ident] = (1, 0)
+        if stepper is None:
+            self._steppers.pop(ident, None)
+        else:
+            self._steppers[ident] = stepper
+
+    def plan_no_more(self, ident):
+        """What was planned is not wanted any longer."""
+        self._steppers.pop(ident, None)
+        self._asked[ident] = kAskedNoMore
+
+    def arm(self, ident, function):
+        """function() is called on a thread at its next event that the core looks at closely: a
+        call, a return, or a line of a frame that has an f_trace."""
+        self._armed[ident] = function
+        self.core.set_debug_thread_cb(self._thread_policy_cb)  # ask again for every thread
+
+    def disarm(self, ident):
+        """Whether it was armed still."""
+        return self._armed.pop(ident, None) is not None
+
+    def start_again(self):
+        """After leave_alone(): trace again, every thread running on.  Any thread."""
+        for table in (self._asked, self._places, self._steppers, self._goals, self._armed):
+            table.clear()
+        self.core.start_trace()
+
     def current_stop(self):
         """The stop that the calling thread is in, or None."""
         return self._stops.get(_get_ident())
@@ -234,6 +298,7 @@ class tServer(object):
         self._places[ident] = id(place)
         self._goals.pop(ident, None)
         self.languages.forget_plan(ident)
+        self._steppers.pop(ident, None)
         self._skipped[ident] = self._lines_skipped_by(command, args)
         command(*args)
 
@@ -257,10 +322,25 @@ class tServer(object):
             self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
         self.languages.plan(_get_ident(), views, line)
 
+    def _resume_in(self, callers, line=0):
+        """Stop at the next place or line of the last of these frames and views, or of the next one
+        outwards; line: in the last one, if it is a view, at that one or after it."""
+        views = []
+        while callers and sublanguages.is_view(callers[-1]):
+            views.append(callers.pop())
+        if callers:
+            self._resume(kAskedNext, callers[-1], self.core.step_out_to_frame, callers[-1])
+        else:
+            self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
+        self.languages.plan(_get_ident(), views, line)
+
     def _leave(self, frame):
         """Stop at the next line of the nearest caller that may be shown."""
         if self.languages.is_active() and frame.f_back is not None:
             stack, _ = stops.collect_stack(frame.f_back, None, self.is_hidden)
+            return self._resume_in([entry[0] for entry in self.languages.show(stack, -1)[0]])
+        if self.languages.is_active() and frame.f_back is not None:
+            stack, _ = stops.collect_stack(frame.f_back, None, self.without_hidden)
             return self._resume_in([entry[0] for entry in self.languages.show(stack, -1)[0]])
         parent = frame.f_back
         while parent is not None and self.is_hidden(parent):
@@ -287,13 +367,23 @@ class tServer(object):
             self._first_frame = None
             return self._present(self._make_stop(
                 stops.kEntry, frame, hits=self.breakpoints.judge(frame)[0]))
-        if self.is_hidden(frame) or not self.languages.may_stop(frame):
+        stepper = self._steppers.get(ident)
+        if not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
+        if self.is_hidden(frame):
+            return stepper.at_foreign(frame) if stepper else self._pass_hidden(frame, ident)
         hits, passed = self.breakpoints.judge(
             self.languages.view_of(frame), self.languages.is_uncounted(frame))
         if passed and not hits and not self._ends_step(frame, ident):
             return  # no command: a step in progress goes on
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
+        if stepper is not None and not hits:
+            if not self._ends_step(frame, ident):
+                reason = stops.kBreakpoint  # the program has called breakpoint()
+            elif not (self.languages.is_key(frame) or stepper.at_line(frame)):
+                return
+        if self._asked.get(ident) == kAskedNoMore and not hits:
+            return self.continue_run()
         if reason == stops.kStep and self._goals.pop(ident, None) is frame:
             self._places[ident] = id(frame.f_back)
             return self.core.step_out()
@@ -305,8 +395,15 @@ class tServer(object):
         if not self._entered:
             return
         self._forget_event(frame, ident)
+        if self._asked.get(ident) == kAskedNoMore:
+            return self.continue_run()
+        stepper = self._steppers.get(ident)
+        if stepper is not None and self.languages.may_stop(frame):
+            return self._step_on(stepper, frame, value)
         if self.is_hidden(frame) or not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
+        if self._stops_at_lines_only:
+            return  # no command: a pause comes at the next line
         if value is None and not _is_returning(frame):
             return self._leave(frame)  # left by an exception, which the caller gets
         self._present(self._make_stop(stops.kReturn, frame, value=value))
@@ -326,11 +423,21 @@ class tServer(object):
             if not stop.stack or not self.exceptions.is_ignored_place(
                     *self.place_of_exception(stop)):
                 return self._present(stop)
-        if not is_step or self._is_no_news(exc_info):
+        if not is_step or self._is_no_news(exc_info) or self._stops_at_lines_only:
             return
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)
         self._present(self._make_stop(stops.kException, frame, exc_info=exc_info))
+
+    def _step_on(self, stepper, frame, value):
+        if frame is self._main_frame:
+            self.continue_run()
+            self._main_frame = None
+            self.front_end.on_program_end()
+        elif self.is_hidden(frame):
+            stepper.at_foreign(frame)
+        else:
+            stepper.at_return(frame, value, value is not None or _is_returning(frame))
 
     def place_of_exception(self, stop):
         """(path, line) that `exceptions` knows as the place of a stop with an exception."""
@@ -417,6 +524,28 @@ class tServer(object):
             place = place.tb_next
         return place is not None
 
+    def _thread_policy_cb(self, tstate_id):
+        """Comes on the thread itself."""
+        try:
+            ident = _get_ident()
+            if threads.is_own_thread(ident):
+                return 0
+            policy = self._policy_of(ident)
+            strike = self._armed.pop(ident, None)
+            if strike is not None and policy:
+                strike()
+            return policy
+        except BaseException:
+            self._tell_internal_error("debug_thread_cb")
+            return 1
+
+    @_callback
+    def _thread_end_cb(self):
+        ident = _get_ident()
+        for table in (self._asked, self._places, self._skipped, self._goals, self._steppers):
+            table.pop(ident, None)
+        self._tell_thread_end(ident)
+
     @_callback
     def _idle_cb(self):
         self.front_end.on_idle()
@@ -451,6 +580,7 @@ class tServer(object):
         if not stop.stack:
             return self._pass_hidden(stop.frame, ident)
         self._goals.pop(ident, None)
+        self._steppers.pop(ident, None)
         self._stops[ident] = stop
         self._asked[ident] = None
         try:
@@ -469,7 +599,7 @@ class tServer(object):
         traceback = exc_info[2] if exc_info else None
         if exc_info:
             exc_info = exceptions.with_instance(exc_info)
-        stack, index = stops.collect_stack(frame, traceback, self.is_hidden)
+        stack, index = stops.collect_stack(frame, traceback, self.without_hidden)
         stack, index = self.languages.show(stack, index)
         if self.languages.is_key(frame) and stack:
             frame = stack[index][0]
@@ -525,12 +655,29 @@ class tServer(object):
 
     def is_hidden(self, frame):
         """Frames of the debugger and of the import machinery, which has no source."""
+        if sublanguages.is_view(frame):
+            return False
         return (
             self._is_own(frame)
             or bool(self.core.is_internal_frame(frame))
             or _is_finding_module(frame)
             or self.languages.is_hidden(frame)
         )
+
+    def without_hidden(self, stack):
+        """Of [(frame, line)], the outermost first, those that are shown."""
+        shown = []
+        known = {}  # code -> whether its frames are hidden wherever they are
+        is_finding = False
+        for entry in stack:
+            code = entry[0].f_code
+            if code.co_filename.startswith("<frozen importlib"):
+                is_finding = _finds_module(code)
+            if code not in known:
+                known[code] = self._is_own(entry[0]) or bool(self.core.is_internal_frame(entry[0]))
+            if not (known[code] or is_finding or self.languages.is_hidden(entry[0])):
+                shown.append(entry)
+        return shown
 
     def _is_own(self, frame):
         name = frame.f_code.co_filename
@@ -607,10 +754,14 @@ def _is_finding_module(frame):
     """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module."""
     while frame is not None:
         if frame.f_code.co_filename.startswith("<frozen importlib"):
-            name = frame.f_code.co_name
-            return "find_spec" in name or "find_module" in name or "path_hook" in name
+            return _finds_module(frame.f_code)
         frame = frame.f_back
     return False
+
+
+def _finds_module(code):
+    name = code.co_name
+    return "find_spec" in name or "find_module" in name or "path_hook" in name
 
 
 def _own_files():

@@ -57,8 +57,11 @@ class tStop(object):
         self.catcher = catcher
 
 
-def collect_stack(frame, traceback, is_hidden):
-    """([(frame, line)], index of `frame`): its callers, itself and what the traceback adds."""
+def collect_stack(frame, traceback, without_hidden):
+    """([(frame, line)], index of `frame`): its callers, itself and what the traceback adds.
+
+    without_hidden([(frame, line)]) -> those to show
+    """
     stack = []
     position = frame
     while position is not None:
@@ -72,6 +75,6 @@ def collect_stack(frame, traceback, is_hidden):
     while traceback is not None:
         inner.append((traceback.tb_frame, traceback.tb_lineno))
         traceback = traceback.tb_next
-    stack = [entry for entry in stack if not is_hidden(entry[0])]
-    inner = [entry for entry in inner if not is_hidden(entry[0])]
-    return stack + inner, max(len(stack) - 1, 0)
+    shown = without_hidden(stack + inner)
+    outer = len(without_hidden(stack)) if inner else len(shown)
+    return shown, max(outer - 1, 0)

@@ -24,8 +24,10 @@ _call = functools.partial.__call__
 class tThreadHooks(object):
     """install() and remove() are the core's install_thread_hooks_cb; see_module() its import_cb."""
 
-    def __init__(self, core):
+    def __init__(self, core, on_end=lambda: None):
+        """on_end(): called on a thread that has done its work."""
         self._core = core
+        self._on_end = on_end
         self._installed = False
         self._threading = None
         self._delete = None
@@ -65,7 +67,7 @@ class tThreadHooks(object):
             threading._trace_hook = self._core.bootstrap_new_thread
         original = threading.Thread.__dict__[_names_of_delete]
         self._delete = original
-        core = self._core
+        core, on_end = self._core, self._on_end
 
         # At the end of _delete the thread has no more work of the program to do.
         @functools.wraps(original)
@@ -74,6 +76,7 @@ class tThreadHooks(object):
                 return original(thread)
             finally:
                 _set_trace(None)
+                on_end()
                 core.thread_exiting()
 
         setattr(threading.Thread, _names_of_delete, _delete)
@@ -93,12 +96,12 @@ class tThreadHooks(object):
             if not (callable(function) and isinstance(args, tuple)
                     and isinstance(given[-1], (tuple, dict))):
                 return original(*given)  # its own error
-            return original(_make_body(core, function, args, kwargs or {}), ())
+            return original(_make_body(core, self._on_end, function, args, kwargs or {}), ())
 
         _thread.start_new_thread = _thread.start_new = start_new_thread
 
 
-def _make_body(core, function, args, kwargs):
+def _make_body(core, on_end, function, args, kwargs):
     """Callable that sets the trace function and calls `function`, without a frame of its own.
 
     So the function's frame is the outermost one, and its exceptions reach the interpreter, which
@@ -108,9 +111,60 @@ def _make_body(core, function, args, kwargs):
         _partial(_set_trace, core.bootstrap_new_thread),
         _partial(function, *args, **kwargs),
         _partial(_set_trace, None),
+        on_end,
         core.thread_exiting,
     ]
     run = _partial(list, compat.lazy_map(_call, map(_partial, steps)))
     kind = type("thread_body", (object,), {
         "__call__": staticmethod(run), "__repr__": lambda body: repr(function), "__slots__": ()})
     return kind()
+
+
+# --- threads of the debugger itself -------------------------------------------------------------
+
+_own = set()  # idents
+
+
+def start_own_thread(function):
+    """Run function() in a new thread that is none of the program's.
+
+    The tracer leaves it alone, the module `threading` does not know of it, and the process does not
+    wait for it.  False when the system has no more threads, or the interpreter is ending.
+    """
+    # Its first step is in place before it has a first frame, which the core would adopt.
+    announce = _partial(list, compat.lazy_map(_own.add, compat.lazy_map(_call, [_partial(compat.get_ident)])))
+    run = _partial(list, compat.lazy_map(_call, [announce, _partial(_run_own, function)]))
+    try:
+        compat.start_new_thread(run, ())
+    except Exception:
+        return False
+    return True
+
+
+def is_own_thread(ident):
+    return ident in _own
+
+
+def adopt_own_thread():
+    """The calling thread is the debugger's from now on."""
+    _own.add(compat.get_ident())
+    _set_trace(None)
+
+
+def forget_own_threads():
+    """After a fork: they do not exist in the child."""
+    _own.clear()
+
+
+def _run_own(function):
+    _set_trace(None)
+    try:
+        function()
+    except BaseException:
+        # At the end of the process modules may be empty already; before, functions guard themselves.
+        pass
+    finally:
+        try:
+            _own.discard(compat.get_ident())
+        except BaseException:
+            pass

@@ -1,0 +1,84 @@
+"""Waiting for another thread, with the interpreter's plain locks alone.
+
+The program's `threading` is not to be touched: it may be patched, and not even be loaded.
+"""
+from __future__ import absolute_import, division, print_function
+
+import time
+
+from tdbg import compat
+
+_sleep = time.sleep
+_now = getattr(time, "monotonic", time.time)
+
+kFirstNap, kLongestNap = 0.0002, 0.005  # 2.7 has no timed wait
+
+
+class tSignal(object):
+    """One thread waits until another has called set(); the wait takes the signal away."""
+
+    def __init__(self):
+        self._lock = compat.allocate_lock()
+        self._lock.acquire()
+
+    def set(self):
+        """Also when it is set already."""
+        try:
+            self._lock.release()
+        except Exception:
+            pass  # thread.error or RuntimeError: not locked
+
+    def wait(self, seconds=None):
+        """False when the time is over.  An exception of a signal handler leaves it as it was."""
+        if seconds is None:
+            self._lock.acquire()
+            return True
+        if not compat.PY2:
+            return self._lock.acquire(True, max(seconds, 0))
+        end = _now() + seconds
+        nap = kFirstNap
+        while not self._lock.acquire(False):
+            left = end - _now()
+            if left <= 0:
+                return False
+            _sleep(min(nap, left))
+            nap = min(nap * 2, kLongestNap)
+        return True
+
+
+class tDone(object):
+    """Something that happens once; any number of threads may wait for it."""
+
+    def __init__(self):
+        self._lock = compat.allocate_lock()
+        self._lock.acquire()
+        self.is_set = False
+
+    def set(self):
+        if not self.is_set:
+            self.is_set = True
+            self._lock.release()
+
+    def wait(self, seconds=None):
+        """False when the time is over."""
+        if self.is_set:
+            return True
+        if seconds is None:
+            self._lock.acquire()
+        elif compat.PY2:
+            return self._wait_2(seconds)
+        elif not self._lock.acquire(True, max(seconds, 0)):
+            return False
+        self._lock.release()
+        return True
+
+    def _wait_2(self, seconds):
+        end = _now() + seconds
+        nap = kFirstNap
+        while not self.is_set:
+            left = end - _now()
+            if left <= 0:
+                return False
+            _sleep(min(nap, left))
+            nap = min(nap * 2, kLongestNap)
+        return True
