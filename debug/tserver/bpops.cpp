@@ -146,7 +146,8 @@ bool tHeldBps::add_chain(tBp* head, tBp* tBp::*next) {
 // ---- Lines ----
 
 tBp* find_bps_on_line(tBpOpsData* data, int lineno) {
-    return static_cast<tBp*>(find_hash_value(&data->userbps, &lineno));
+    const CUt_HashEntry* const entry = find_line_entry(&data->userbps, lineno);
+    return entry != nullptr ? static_cast<tBp*>(entry->clientData) : nullptr;
 }
 
 int __tracer_add_userbp(tBpOpsData* data, tBp* bp) {

@@ -5,6 +5,8 @@
 // Needs the interpreter lock and the server mutex, except where it says otherwise.
 #pragma once
 
+#include <string.h>
+
 #include "dbgtracerhash.h"
 #include "xpy_types.h"
 
@@ -13,6 +15,9 @@ struct tThreadData;
 
 // Room for a module file name while breakpoints are bound to it, terminator included.
 inline constexpr size_t kResolveBufferSize = 32001;
+
+// Longer names, terminator included, are looked up anew each time.
+inline constexpr size_t kKnownFileSize = 512;
 
 struct tBp {
     int id;                 // unique; the first one is 1
@@ -34,9 +39,12 @@ struct tBp {
     uint64_t dev;         // of the user file, when it began to wait; both 0 = it is not there
     uint64_t ino;
     tBp* next_waiting;  // next one of the same user file that waits for its module
+    tBp* next_bound;    // next one on the same line of the same module, newest first
     int users;          // walks in progress that hold it; the last one frees a dropped record
     int is_dropped;     // cleared while held
 };
+
+struct tModuleBps;  // the breakpoints of one module, by line
 
 struct tBpOpsData {
     CUt_HashTable userbps;                        // int line -> head of its chain, newest first
@@ -53,9 +61,26 @@ struct tBpOpsData {
     // Private.
     int waiting_checksums;           // unresolved breakpoints with a checksum
     CUt_HashTable waiting_files;     // user file name -> its unresolved breakpoints
-    CUt_HashTable module_bp_counts;  // module file name -> number of breakpoints bound to it
+    CUt_HashTable module_bps;        // module file name -> owned tModuleBps of those bound to it
     CUt_HashTable unknown_files;     // user file name -> owned: when no module was found for it
+    const char* known_module;        // borrowed from loaded_modules: module of known_file, or null
+    tModuleBps* known_module_bps;    // of known_module; null = none
+    char known_file[kKnownFileSize];  // file name that was last found in loaded_modules
 };
+
+// Entry of a line in `userbps`, without the calls: a watched frame asks on each line. Null on a
+// dead table.
+inline CUt_HashEntry* find_line_entry(CUt_HashTable* table, int lineno) {
+    if (table->findProc != CU_ArrayFind) {
+        return nullptr;
+    }
+    const int sum = sum_signed_bytes(static_cast<uint32_t>(lineno));
+    CUt_HashEntry* entry = table->buckets[get_array_bucket(table, sum)];
+    while (entry != nullptr && memcmp(get_hash_key(entry), &lineno, sizeof(lineno)) != 0) {
+        entry = entry->nextPtr;
+    }
+    return entry;
+}
 
 // Life of the table. Clearing keeps `checksums_enabled`; ids restart at 1.
 TDBG_API void __tracer_init_bp_ops_data(tBpOpsData* data,

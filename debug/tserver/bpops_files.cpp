@@ -3,8 +3,8 @@
 // it. loaded_modules maps every module file seen, and every breakpoint file found to be one of
 // them, to the module's name; two regimes decide what "the same file" is (gUseCanonicalPathnames).
 // With thousands of breakpoints and hundreds of modules nothing may look at each breakpoint for
-// each module, so the unresolved ones are kept by file, and the resolved ones are counted by
-// module.
+// each module, so the unresolved ones are kept by file, and the resolved ones by module and line: a
+// line is not slower for the breakpoints that other files have on it.
 #include "bpops.h"
 
 #include <stdlib.h>
@@ -15,41 +15,132 @@
 
 // ---- Lists by file ----
 
+// Exists only while breakpoints are bound to the module.
+struct tModuleBps {
+    CUt_HashTable lines;  // int line -> head of its chain by next_bound; no empty chains
+};
+
 void init_file_lists(tBpOpsData* data) {
     data->waiting_checksums = 0;
     CU_InitHashTable(&data->waiting_files, kHashStringKeys);
-    CU_InitHashTable(&data->module_bp_counts, kHashStringKeys);
+    CU_InitHashTable(&data->module_bps, kHashStringKeys);
     CU_InitHashTable(&data->unknown_files, kHashStringKeys);
+    data->known_module = nullptr;
+}
+
+static void free_module_bps(tModuleBps* module_bps) {
+    CU_DeleteHashTable(&module_bps->lines);
+    free(module_bps);
 }
 
 void clear_file_lists(tBpOpsData* data) {
-    CU_DeleteHashTable(&data->waiting_files);
-    CU_DeleteHashTable(&data->module_bp_counts);
-    CU_DeallocHashTable(&data->unknown_files);
-}
-
-// A count in an entry's value slot.
-static void add_to_count(CUt_HashEntry* entry, intptr_t change) {
-    const intptr_t count = reinterpret_cast<intptr_t>(entry->clientData) + change;
-    entry->clientData = reinterpret_cast<void*>(count);
-}
-
-// False = out of memory.
-static bool count_bp_of_module(tBpOpsData* data, const char* module_filename) {
-    int is_new = 0;
-    CUt_HashEntry* const entry =
-        create_hash_entry(&data->module_bp_counts, module_filename, &is_new);
-    if (entry != nullptr) {
-        add_to_count(entry, 1);
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->module_bps, &search); entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        free_module_bps(static_cast<tModuleBps*>(entry->clientData));
     }
-    return entry != nullptr;
+    CU_DeleteHashTable(&data->module_bps);
+    CU_DeleteHashTable(&data->waiting_files);
+    CU_DeallocHashTable(&data->unknown_files);
+    data->known_module = nullptr;
+}
+
+static tModuleBps* find_module_bps(tBpOpsData* data, const char* module_filename) {
+    if (data->known_module != nullptr && data->known_module == module_filename) {
+        return data->known_module_bps;
+    }
+    return static_cast<tModuleBps*>(find_hash_value(&data->module_bps, module_filename));
 }
 
 bool has_module_bps(tBpOpsData* data, const char* module_filename) {
-    return find_hash_value(&data->module_bp_counts, module_filename) != nullptr;
+    return find_module_bps(data, module_filename) != nullptr;
+}
+
+tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno) {
+    tModuleBps* const module_bps = find_module_bps(data, module_filename);
+    const CUt_HashEntry* const entry =
+        module_bps != nullptr ? find_line_entry(&module_bps->lines, lineno) : nullptr;
+    return entry != nullptr ? static_cast<tBp*>(entry->clientData) : nullptr;
+}
+
+// Null when out of memory, the table as it was.
+static tModuleBps* get_or_make_module_bps(tBpOpsData* data, const char* module_filename) {
+    int is_new = 0;
+    CUt_HashEntry* const entry = create_hash_entry(&data->module_bps, module_filename, &is_new);
+    if (entry == nullptr || !is_new) {
+        return entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
+    }
+    tModuleBps* const module_bps = static_cast<tModuleBps*>(malloc(sizeof(tModuleBps)));
+    if (module_bps == nullptr) {
+        CU_DeleteHashEntry(entry);
+        return nullptr;
+    }
+    CU_InitHashTable(&module_bps->lines, kHashIntKeys);
+    entry->clientData = module_bps;
+    data->known_module = nullptr;  // it may have been known to have none
+    return module_bps;
+}
+
+static void drop_module_bps_if_empty(tBpOpsData* data, const char* module_filename) {
+    CUt_HashEntry* const entry = find_hash_entry(&data->module_bps, module_filename);
+    tModuleBps* const module_bps =
+        entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
+    if (module_bps != nullptr && module_bps->lines.numEntries == 0) {
+        CU_DeleteHashEntry(entry);
+        free_module_bps(module_bps);
+        data->known_module = nullptr;
+    }
+}
+
+// Breakpoints may be bound in any order; they are visited by age, newest first, as on their line.
+static void push_by_age(CUt_HashEntry* line, tBp* bp) {
+    tBp* head = static_cast<tBp*>(line->clientData);
+    tBp** link = &head;
+    while (*link != nullptr && (*link)->id > bp->id) {
+        link = &(*link)->next_bound;
+    }
+    bp->next_bound = *link;
+    *link = bp;
+    line->clientData = head;
 }
 
 // False = out of memory.
+static bool enter_bound(tBpOpsData* data, tBp* bp, const char* module_filename) {
+    tModuleBps* const module_bps = get_or_make_module_bps(data, module_filename);
+    int is_new = 0;
+    CUt_HashEntry* const line =
+        module_bps != nullptr ? create_hash_entry(&module_bps->lines, &bp->lineno, &is_new)
+                              : nullptr;
+    if (line != nullptr) {
+        push_by_age(line, bp);
+    } else {
+        drop_module_bps_if_empty(data, module_filename);
+    }
+    return line != nullptr;
+}
+
+static void remove_bound(tBpOpsData* data, tBp* bp) {
+    tModuleBps* const module_bps = find_module_bps(data, bp->module_filename);
+    CUt_HashEntry* const line =
+        module_bps != nullptr ? find_line_entry(&module_bps->lines, bp->lineno) : nullptr;
+    if (line == nullptr) {
+        return;
+    }
+    tBp* head = static_cast<tBp*>(line->clientData);
+    for (tBp** link = &head; *link != nullptr; link = &(*link)->next_bound) {
+        if (*link == bp) {
+            *link = bp->next_bound;
+            break;
+        }
+    }
+    bp->next_bound = nullptr;
+    line->clientData = head;
+    if (head == nullptr) {
+        CU_DeleteHashEntry(line);
+        drop_module_bps_if_empty(data, bp->module_filename);
+    }
+}
+
 static tFileOpsData* file_ops(tBpOpsData* data) {
     return data->co_pathname_table->file_ops_data;
 }
@@ -112,27 +203,21 @@ static void stop_waiting(tBpOpsData* data, tBp* bp) {
 }
 
 bool enter_bp_by_file(tBpOpsData* data, tBp* bp) {
-    return bp->module_filename != nullptr ? count_bp_of_module(data, bp->module_filename)
+    return bp->module_filename != nullptr ? enter_bound(data, bp, bp->module_filename)
                                           : start_waiting(data, bp);
 }
 
 void remove_bp_by_file(tBpOpsData* data, tBp* bp) {
     if (bp->module_filename == nullptr) {
         stop_waiting(data, bp);
-        return;
-    }
-    CUt_HashEntry* const entry = find_hash_entry(&data->module_bp_counts, bp->module_filename);
-    if (entry != nullptr) {
-        add_to_count(entry, -1);
-        if (entry->clientData == nullptr) {
-            CU_DeleteHashEntry(entry);
-        }
+    } else {
+        remove_bound(data, bp);
     }
 }
 
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename) {
     char* const copy = strdup(module_filename);
-    if (copy == nullptr || !count_bp_of_module(data, copy)) {
+    if (copy == nullptr || !enter_bound(data, bp, copy)) {
         free(copy);
         return false;
     }
@@ -154,9 +239,28 @@ static const char* put_loaded_module(tBpOpsData* data, const char* name, const c
         free(copy);
         return nullptr;
     }
+    data->known_module = nullptr;  // perhaps the value that goes
     free(entry->clientData);
     entry->clientData = copy;
     return copy;
+}
+
+// Module file of a name in loaded_modules; null when it is not there. A line that is hit again and
+// again asks for one name, so the last one is kept beside the table.
+static const char* find_loaded_module(tBpOpsData* data, const char* name) {
+    if (data->known_module != nullptr && strcmp(data->known_file, name) == 0) {
+        return data->known_module;
+    }
+    const char* const module_file =
+        static_cast<const char*>(find_hash_value(&data->loaded_modules, name));
+    const size_t length = strlen(name);
+    if (module_file != nullptr && length < kKnownFileSize) {
+        memcpy(data->known_file, name, length + 1);
+        data->known_module = nullptr;
+        data->known_module_bps = find_module_bps(data, module_file);
+        data->known_module = module_file;
+    }
+    return module_file;
 }
 
 static const char* get_module_value(const CUt_HashEntry* entry) {
@@ -332,9 +436,9 @@ static const char* find_module_by_synonym(tBpOpsData* data,
                                           const char* user_filename,
                                           const char* user_checksum) {
     DPRINTF(kLogBreakpoints, "Finding module for %s\n", dprint_check_str(user_filename));
-    const void* const known = find_hash_value(&data->loaded_modules, user_filename);
+    const char* const known = find_loaded_module(data, user_filename);
     if (known != nullptr) {
-        return static_cast<const char*>(known);
+        return known;
     }
     DPRINTF(kLogBreakpoints, "Nothing found... searching for synonyms\n");
     const char* const found = search_for_synonym(data, user_filename, user_checksum);
@@ -517,8 +621,8 @@ void __tracer_resolve_bp_filenames(tBpOpsData* data, const char* module_filename
         return;
     }
     if (gDPrintfFile == nullptr && !may_be_compiled_file(module_filename) &&
-        find_hash_value(&data->loaded_modules, module_filename) != nullptr) {
-        return;  // known, as nearly always: this is on the way of each hit
+        find_loaded_module(data, module_filename) != nullptr) {
+        return;  // known, as nearly always
     }
     char* const file = copy_module_name(data, module_filename);
     if (file != nullptr) {
@@ -595,7 +699,32 @@ void __tracer_xfer_module_bps(tBpOpsData* data, PyObject* mod) {
     __tracer_resolve_bp_filenames(data, text);
 }
 
+// The registered name of the frame's file when its module is known, as nearly always: this is on
+// the way of each hit. Null: take the long way.
+static const char* peek_code_file(tBpOpsData* data, PyFrameObject* frame) {
+    if (gDPrintfFile != nullptr || gUseCanonicalPathnames || !is_frame(frame)) {
+        return nullptr;
+    }
+    tOwnedCode code(gPy.PyFrame_GetCode(frame));
+    PyObject* path = nullptr;
+    PyObject* any_bps = nullptr;
+    PyObject* version = nullptr;
+    if (!code || !find_code_entry(
+                     data->co_pathname_table, code.borrow(), &path, &any_bps, &version) ||
+        path == gPy.Py_None) {
+        return nullptr;
+    }
+    const char* const text = _pystring_to_c_string(path);
+    return text != nullptr && !may_be_compiled_file(text) && find_loaded_module(data, text) != nullptr
+               ? text
+               : nullptr;
+}
+
 const char* resolve_code_file(tBpOpsData* data, PyFrameObject* frame) {
+    const char* const known = peek_code_file(data, frame);
+    if (known != nullptr) {
+        return known;
+    }
     tSavedError saved;
     const char* const codefile = __tracer_get_full_path(data->co_pathname_table, frame);
     DPRINTF(kLogBreakpoints, "CODE FILE %s\n", dprint_check_str(codefile));

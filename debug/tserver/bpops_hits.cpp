@@ -22,16 +22,7 @@ static bool is_bound_to(const tBp* bp, const char* module_file) {
     return matches;
 }
 
-static bool is_any_bound(tBpOpsData* data, int lineno, const char* module_file) {
-    const tBp* bp = find_bps_on_line(data, lineno);
-    while (bp != nullptr &&
-           (bp->module_filename == nullptr || strcmp(bp->module_filename, module_file) != 0)) {
-        bp = bp->next_user;
-    }
-    return bp != nullptr;
-}
-
-// The same; the log lines may run Python code that changes the table.
+// As find_bound_bps, with the log lines, which may run Python code that changes the table.
 static bool is_any_bound_with_log(tBpOpsData* data, int lineno, const char* module_file) {
     tHeldBps held(data);
     held.add_chain(find_bps_on_line(data, lineno), &tBp::next_user);
@@ -58,7 +49,7 @@ int any_bp_on_line(tBpOpsData* data, int lineno, const char** codefile, PyFrameO
     if (module_file == nullptr || !has_module_bps(data, module_file)) {
         return 0;
     }
-    return gDPrintfFile == nullptr ? is_any_bound(data, lineno, module_file)
+    return gDPrintfFile == nullptr ? find_bound_bps(data, module_file, lineno) != nullptr
                                    : is_any_bound_with_log(data, lineno, module_file);
 }
 
@@ -78,6 +69,7 @@ struct tPosition {
     int lineno;
     char* codefile;        // owned; null when not known
     bool in_sub_language;  // a hook translated it
+    bool only_its_own;     // no breakpoints but those of its file are looked at
 };
 
 // The hook's place for one of its key frames. False = it does not stop here, or failed (logged).
@@ -124,6 +116,9 @@ static bool find_position(tThreadData* td, PyFrameObject* frame, int event_type,
 // ---- Does it stop? ----
 
 static bool matches_file(tBpOpsData* data, const tBp* bp, const tPosition& pos) {
+    if (pos.only_its_own) {
+        return true;
+    }
     if (!pos.in_sub_language) {
         const char* const module_file = bp->module_filename != nullptr && pos.codefile != nullptr
                                             ? __tracer_find_module(data, pos.codefile, nullptr)
@@ -211,18 +206,40 @@ static void remove_fired(tBpOpsData* data, const tHeldBps& held) {
     }
 }
 
+static void hold_bps_of_file(tBpOpsData* data,
+                             PyFrameObject* frame,
+                             int lineno,
+                             tHeldBps* held) {
+    const char* const codefile = resolve_code_file(data, frame);
+    const char* const module_file =
+        codefile != nullptr ? __tracer_find_module(data, codefile, nullptr) : nullptr;
+    if (module_file != nullptr) {
+        held->add_chain(find_bound_bps(data, module_file, lineno), &tBp::next_bound);
+    }
+}
+
+// The log and a sub-language want to see all that are on the line.
+static void hold_bps_at(tBpOpsData* data, PyFrameObject* frame, tPosition* pos, tHeldBps* held) {
+    pos->only_its_own = !pos->in_sub_language && gDPrintfFile == nullptr;
+    if (pos->only_its_own) {
+        hold_bps_of_file(data, frame, pos->lineno, held);
+        return;
+    }
+    if (pos->codefile == nullptr) {
+        const char* const codefile = resolve_code_file(data, frame);
+        pos->codefile = codefile != nullptr ? strdup(codefile) : nullptr;
+    }
+    held->add_chain(find_bps_on_line(data, pos->lineno), &tBp::next_user);
+}
+
 static bool hit_bps_on_line(
     tBpOpsData* data, tThreadData* td, PyFrameObject* frame, tPosition* pos, bool update) {
     if (find_bps_on_line(data, pos->lineno) == nullptr) {
         return false;
     }
     DPRINTF(kLogBreakpoints, "Found bp table entry for lineno %d\n", pos->lineno);
-    if (pos->codefile == nullptr) {
-        const char* const codefile = resolve_code_file(data, frame);
-        pos->codefile = codefile != nullptr ? strdup(codefile) : nullptr;
-    }
     tHeldBps held(data);
-    held.add_chain(find_bps_on_line(data, pos->lineno), &tBp::next_user);
+    hold_bps_at(data, frame, pos, &held);
     bool stop = false;
     for (size_t i = 0; i < held.count(); i++) {
         stop = hit_bp(data, held[i], td, frame, *pos, update) || stop;
@@ -236,7 +253,7 @@ boolean __tracer_break_here(
     if (!is_frame(frame) || data->userbps.numEntries == 0) {
         return 0;
     }
-    tPosition pos = {-1, nullptr, false};
+    tPosition pos = {-1, nullptr, false, false};
     const bool stop = find_position(td, frame, event_type, &pos) &&
                       hit_bps_on_line(data, td, frame, &pos, update_bps != 0);
     free(pos.codefile);

@@ -45,6 +45,8 @@ void remove_bp_by_file(tBpOpsData* data, tBp* bp);
 // Stores a copy of the module's name in the record. False = out of memory, the record as it was.
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename);
 bool has_module_bps(tBpOpsData* data, const char* module_filename);
+// Head of the chain (next_bound) of those bound to the module on the line; null when none.
+tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno);
 // File that the frame runs in, its breakpoints resolved; borrowed, null when not known. A pending
 // exception is kept.
 const char* resolve_code_file(tBpOpsData* data, PyFrameObject* frame);

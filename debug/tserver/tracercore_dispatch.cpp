@@ -19,7 +19,8 @@ int time_for_idle_call(int check_line_count) {
     if (check_line_count && ++gSelf.idle_instruction_count <= gSelf.idle_instruction_threshold) {
         return 0;
     }
-    return get_ticks() >= gSelf.idle_time_threshold;
+    // The server is on its way out, too, once the interpreter is.
+    return get_ticks() >= gSelf.idle_time_threshold && gPy._Py_IsFinalizing() == 0;
 }
 
 // ---- Calls into the debug server ----
@@ -68,7 +69,7 @@ static bool is_watched_line_quiet(PyFrameObject* frame) {
     const tThreadData* const thread_data = current_thread_data();
     const int line = get_frame_lineno(frame);
     if (thread_data == nullptr || !is_thread_running_freely(thread_data) ||
-        find_hash_entry(&gSelf.bp_ops_data.userbps, &line) != nullptr) {
+        find_line_entry(&gSelf.bp_ops_data.userbps, line) != nullptr) {
         return false;
     }
     gSelf.stat_instructions++;

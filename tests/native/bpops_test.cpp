@@ -1,7 +1,7 @@
 // The table of breakpoints natively: answers that no method passes on, line tables of versions that
 // are not at hand, and every place where memory can run out. What programs see of breakpoints is in
 // tests/py/test_breakpoints*.py.
-#include "bpops.h"
+#include "bpops_internal.h"
 
 #include <stdlib.h>
 
@@ -148,6 +148,15 @@ protected:
         return __tracer_set_break(data_, file, "", line, 1, temporary, gPy.Py_None, ignore_count);
     }
     tBp* head(int line) { return static_cast<tBp*>(find_hash_value(&data_->userbps, &line)); }
+    // Of those bound to the module on the line, as they are visited.
+    std::vector<int> bound_ids(int line, const char* module_file = kFile) {
+        std::vector<int> ids;
+        for (tBp* bp = find_bound_bps(data_, module_file, line); bp != nullptr;
+             bp = bp->next_bound) {
+            ids.push_back(bp->id);
+        }
+        return ids;
+    }
     // A frame of a code object in kFile.
     PyFrameObject* make_frame(int first_line = 1) {
         code_ = python_.make(as_fake(gPy.PyCode_Type_ptr), "code object");
@@ -298,6 +307,66 @@ TEST_F(Breakpoints, OnceBoundItStaysBound) {
     EXPECT_STREQ(head(3)->module_filename, kFile);
 }
 
+TEST_F(Breakpoints, ThoseOfOneLineAreVisitedNewestFirstHoweverTheyWereBound) {
+    const int compiled = set(3, "/folder/module.pyc");  // waits in another list
+    const int first = set(3);
+    set(3, "/other.py");
+    const int second = set(3);
+    set(4);
+    __tracer_resolve_bp_filenames(data_, kFile);
+    const int third = set(3);
+    EXPECT_EQ(bound_ids(3), (std::vector<int>{third, second, first, compiled}));
+    EXPECT_EQ(bound_ids(3, "/other.py"), std::vector<int>());
+    __tracer_resolve_bp_filenames(data_, "/other.py");
+    EXPECT_EQ(bound_ids(3, "/other.py").size(), 1u);
+    __tracer_clear_breaks(data_, kFile, 3);
+    EXPECT_EQ(bound_ids(3), std::vector<int>{compiled});
+    EXPECT_EQ(data_->module_bps.numEntries, 2u);
+    __tracer_clear_all_breaks(data_);
+    EXPECT_EQ(bound_ids(3), std::vector<int>());
+    EXPECT_EQ(data_->module_bps.numEntries, 0u);
+}
+
+TEST_F(Breakpoints, WhatWasKnownOfAModuleChangesWithItsBreakpoints) {
+    PyFrameObject* const frame = make_frame();
+    for (int i = 0; i < 3; i++) {
+        set(3, "/other.py");
+        EXPECT_FALSE(stops(frame, 3, 1));
+        EXPECT_FALSE(has_module_bps(data_, kFile));
+        set(3);
+        EXPECT_TRUE(stops(frame, 3, 1));
+        EXPECT_TRUE(has_module_bps(data_, kFile));
+        __tracer_clear_breaks(data_, kFile, 3);
+    }
+    set(3);
+    __tracer_clear_bp_ops_data(data_, names_, gPy.Py_None);
+    EXPECT_EQ(__tracer_find_module(data_, kFile, nullptr), nullptr);
+    EXPECT_FALSE(has_module_bps(data_, kFile));
+}
+
+TEST_F(Breakpoints, ANameOfAnyLengthIsFoundAgain) {
+    for (const size_t length : {kKnownFileSize - 2, kKnownFileSize - 1, kKnownFileSize}) {
+        const std::string name = "/" + std::string(length - 1, 'y');
+        __tracer_resolve_bp_filenames(data_, name.c_str());
+        for (int i = 0; i < 2; i++) {
+            ASSERT_NE(__tracer_find_module(data_, name.c_str(), nullptr), nullptr);
+            EXPECT_EQ(__tracer_find_module(data_, name.c_str(), nullptr), name);
+        }
+    }
+}
+
+TEST_F(Breakpoints, ALineIsFoundByAnyNumber) {
+    const std::vector<int> lines = {0, 1, 127, 128, 255, 256, 65535, 8388608, 2147483647, -1, -2};
+    for (const int line : lines) {
+        set(line);
+    }
+    for (const int line : lines) {
+        ASSERT_NE(find_line_entry(&data_->userbps, line), nullptr) << line;
+        EXPECT_EQ(find_line_entry(&data_->userbps, line), find_hash_entry(&data_->userbps, &line));
+        EXPECT_EQ(find_line_entry(&data_->userbps, line ^ 0x01000000), nullptr);
+    }
+}
+
 TEST_F(Breakpoints, AFileThatIsNowhereIsForgottenInTheEnd) {
     for (int i = 0; i < 20000; i++) {
         set(3, ("/nowhere/" + std::to_string(i)).c_str());
@@ -425,16 +494,15 @@ TEST_F(BreakpointMemory, EachFailureLeavesTheTableWhole) {
         stops(frame, 3, 1);
         const bool failed = tap.has_failed();
         tap.stop();
-        // Every record is bound and counted, or waits.
+        // Every record is bound and listed with its module, or waits.
         unsigned bound = 0;
         for (tBp* bp = head(3); bp != nullptr; bp = bp->next_user) {
             bound += bp->module_filename != nullptr;
         }
-        const void* const count = find_hash_value(&data_->module_bp_counts, kFile);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(count), bound) << n;
+        EXPECT_EQ(bound_ids(3).size(), bound) << n;
         EXPECT_TRUE(id > 0 || failed) << n;
         __tracer_clear_bp_ops_data(data_, names_, gPy.Py_None);
-        EXPECT_EQ(data_->module_bp_counts.numEntries, 0u);
+        EXPECT_EQ(data_->module_bps.numEntries, 0u);
     }
 }
 
