@@ -601,8 +601,8 @@ class tServer(object):
             exc_info = exceptions.with_instance(exc_info)
         stack, index = stops.collect_stack(frame, traceback, self.without_hidden)
         stack, index = self.languages.show(stack, index)
-        if self.languages.is_key(frame) and stack:
-            frame = stack[index][0]
+        if stack and sublanguages.real_frame(stack[index][0]).f_code is frame.f_code:
+            frame = stack[index][0]  # as it is shown
         if reason in stops.kAtTheRaise and stack:
             index = len(stack) - 1
         catcher = None

@@ -32,7 +32,7 @@ kSuffixes = (".pyc", ".pyo")
 
 # Languages of well-known libraries: name of the library -> module with a function make(refresh),
 # which gives the language once the library can be used, else None.
-kReady = {}
+kReady = {"jinja2": "tdbg.languages.jinja2hook"}
 
 _get_ident = compat.get_ident
 _abs_path = os.path.abspath
@@ -240,13 +240,11 @@ class tLanguages(object):
 
     def may_stop(self, frame):
         """False for a frame of an active language that is at no place of its own."""
-        hook = self._hook_by_code.get(frame.f_code)
-        if hook is None or self._active_hook() is None:
-            return True
-        return hook.has_arrived(frame)
+        return not self.is_key(frame) or self._hook_by_code[frame.f_code].has_arrived(frame)
 
     def is_key(self, frame):
-        return frame.f_code in self._hook_by_code
+        """Whether the frame is one of a language that is active."""
+        return frame.f_code in self._hook_by_code and self._active_hook() is not None
 
     def is_hidden(self, frame):
         """Whether a language wants the frame not to be seen, wherever it is."""
@@ -254,12 +252,11 @@ class tLanguages(object):
 
     def is_uncounted(self, frame):
         """Whether the stop at hand was made before the core looked at breakpoints."""
-        hook = self._hook_by_code.get(frame.f_code)
-        return hook is not None and hook.is_uncounted()
+        return self.is_key(frame) and self._hook_by_code[frame.f_code].is_uncounted()
 
     def view_of(self, frame):
         """What the user sees of a frame, for those who do not want the stack."""
-        hook = self._hook_by_code.get(frame.f_code)
+        hook = self._hook_by_code[frame.f_code] if self.is_key(frame) else None
         place = None if hook is None else hook.place_of(frame, frame.f_lineno)
         if place is None:
             return frame
@@ -285,14 +282,13 @@ class tLanguages(object):
         shown, active, position = [], None, 0
         bases = {}
         for number, (frame, line) in enumerate(stack):
-            hook = self._hook_by_code.get(frame.f_code)
+            active = active or self._entry_codes.get(frame.f_code)
+            hook = None if active is None else self._hook_by_code.get(frame.f_code)
             if hook is not None:
                 _show_key_frame(shown, bases, hook, frame, line)
-            else:
-                active = active or self._entry_codes.get(frame.f_code)
-                # What the program itself has stopped in is never left out.
-                if active is None or number == index or not active.covers(frame.f_code):
-                    shown.append((frame, line))
+            # What the program itself has stopped in is never left out.
+            elif active is None or number == index or not active.covers(frame.f_code):
+                shown.append((frame, line))
             if number == index:
                 position = max(len(shown) - 1, 0)
         return shown, position
@@ -394,7 +390,8 @@ class tHook(object):
     def reload(self):
         """Ask the language for its functions."""
         self.entries = [code for code in map(code_of, self._ask("entries", ())) if code]
-        self.keys = [code for code in map(code_of, self._ask("functions", ())) if code]
+        # Only new ones, perhaps: the core keeps those that it has been told of.
+        self.keys = [code for code in map(code_of, self._ask("functions", ())) if code] or self.keys
         files = self._ask("files", None)
         if files is None:
             files = set(code.co_filename for code in self.entries + self.keys)
@@ -522,7 +519,7 @@ class tHook(object):
     def _arrives(self, frame, ident):
         """Whether the frame has come to a new place of the language with this line event."""
         place = self.place_of(frame, frame.f_lineno)
-        if place is None:
+        if place is None or not self._ask("arrives", True, frame, frame.f_lineno):
             return False
         seen = self._seen.setdefault(ident, {})
         before = seen.get(id(frame))
