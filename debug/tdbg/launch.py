@@ -115,7 +115,8 @@ def parse(argv):
 def start(options, package_folder):
     """Become the process that is debugged in the terminal."""
     argv = command_line_of(options)
-    become(argv, options["library"] or nativelib.find_library(package_folder), package_folder, {})
+    library = options["library"] or nativelib.find_library(package_folder)
+    become(argv, library, package_folder, {"post_mortem": options.get("post_mortem", False)})
 
 
 def become(argv, library, package_folder, more_settings):
@@ -125,7 +126,6 @@ def become(argv, library, package_folder, more_settings):
         "argv": argv,
         "pythonpath": os.environ.get(bootstrap.kPathVariable),
         "cwd": os.getcwd(),
-        "post_mortem": options.get("post_mortem", False),
     }
     settings.update(more_settings)
     execute(argv, bootstrap.settings_to_environment(
