@@ -23,6 +23,7 @@ static constexpr tIdleThreadID kNoThread = static_cast<tIdleThreadID>(-1);
 static constexpr long long kShortestWait = 100 * 1000;                   // microseconds
 static constexpr long long kLongestWait = 24LL * 60 * 60 * 1000 * 1000;  // far below 32-bit time_t
 static constexpr long long kWaitForThreadTakingGil = 1000;
+static constexpr long long kWaitAtEnd = 100 * 1000;
 static constexpr timespec kEndPollInterval = {0, 100 * 1000};  // a tenth of a millisecond
 static constexpr int kEndPolls = 1000;
 static constexpr int kNoWait = 0;
@@ -55,10 +56,21 @@ static bool is_record_valid(const tIdleThreadPerInterpData* data) {
     return data->initialized_for_pid == getpid() && data->mutex != nullptr;
 }
 
-enum tGilState { kGilHeld, kGilNotHeld };
+enum tGilState { kGilHeld, kGilNotHeld, kInterpreterGone };
 
-// false = the record is not valid and nothing was locked. With the interpreter lock held, that is
-// given away while another thread has the mutex: the holder may need it to come to an end.
+// With the interpreter lock held, that is given away while another thread has the mutex: the holder
+// may need it to come to an end. An interpreter that is ending ends its other threads wherever they
+// are, and one of those may have the mutex for good; the idle thread has it for moments only.
+static bool acquire_record_mutex(PyThread_type_lock mutex, tGilState gil) {
+    if (gil == kInterpreterGone || gPy._Py_IsFinalizing() != 0) {
+        return gPy.PyThread_acquire_lock(mutex, kNoWait) ||
+               gPy.PyThread_acquire_lock_timed(mutex, kWaitAtEnd, 0) == kLockAcquired;
+    }
+    return gil == kGilHeld ? acquire_thread_mutex(mutex, kWait)
+                           : gPy.PyThread_acquire_lock(mutex, kWait);
+}
+
+// false = the record is not valid or its mutex cannot be had any more; nothing was locked.
 static bool lock_record(tIdleThreadPerInterpData* data, tGilState gil) {
     if (!is_record_valid(data)) {
         return false;
@@ -68,10 +80,8 @@ static bool lock_record(tIdleThreadPerInterpData* data, tGilState gil) {
         gRecordHolder.depth += 1;
         return true;
     }
-    if (gil == kGilHeld) {
-        acquire_thread_mutex(data->mutex, kWait);
-    } else {
-        gPy.PyThread_acquire_lock(data->mutex, kWait);
+    if (!acquire_record_mutex(data->mutex, gil)) {
+        return false;
     }
     set_record_holder(self, 1);
     return true;
@@ -159,10 +169,21 @@ static bool is_interpreter_ending(const tIdleThreadPerInterpData* data) {
 enum tStopFor : bool { kStopForNow, kStopForGood };
 static int stop_and_wait(tIdleThreadPerInterpData* data, tStopFor how);
 
+// With the interpreter, which calls each hook once; it has few places for them.
+static constinit bool gExitHookRegistered = false;
+
+void forget_idle_threads() {
+    gExitHookRegistered = false;
+    set_record_holder(0, 0);
+    forget_live_threads();
+}
+
 void init_idle_thread_data(tIdleThreadPerInterpData* data) {
-    static constinit bool exit_hook_registered = false;  // the interpreter has few places for them
     if (is_record_valid(data)) {
-        stop_and_wait(data, kStopForGood);  // a second init: who knew of the thread to end it?
+        // A second init: who knew of the thread to end it? While this thread waits for its end
+        // another one may start the next.
+        while (data->use_idle_thread && stop_and_wait(data, kStopForGood) == 0) {
+        }
     } else {
         data->mutex = nullptr;
         set_record_holder(0, 0);
@@ -182,12 +203,12 @@ void init_idle_thread_data(tIdleThreadPerInterpData* data) {
     data->py_finalize_called = 0;
     data->low_level_py_at_exit_called = 0;
     data->pending_call_scheduled = 0;
-    if (!exit_hook_registered && gPy.Py_AtExit(low_level_py_at_exit_func) != 0) {
+    if (!gExitHookRegistered && gPy.Py_AtExit(low_level_py_at_exit_func) != 0) {
         DPRINTF(kLogCore, "Unable to set PyAtExit function\n");
         data->initialization_failed = 1;
         return;
     }
-    exit_hook_registered = true;
+    gExitHookRegistered = true;
 }
 
 // Needs the interpreter lock.
@@ -379,8 +400,10 @@ void idle_thread_atexit_func() {
     DPRINTF(kLogCore, "Entering idle_thread_atexit_func()\n");
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
     bool valid = lock_record(data, kGilHeld);
-    if (valid) {
+    if (is_record_valid(data)) {
         data->py_finalize_called = 1;
+    }
+    if (valid) {
         if (data->use_idle_thread) {
             stop_idle_thread_mutex_held(data, kWait);
         }
@@ -395,9 +418,11 @@ void idle_thread_atexit_func() {
 void low_level_py_at_exit_func() {
     log_without_tstate("Entering low_level_py_at_exit_func()\n");
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
-    bool valid = lock_record(data, kGilNotHeld);
-    if (valid) {
+    bool valid = lock_record(data, kInterpreterGone);
+    if (is_record_valid(data)) {
         data->low_level_py_at_exit_called = 1;
+    }
+    if (valid) {
         if (data->use_idle_thread) {
             stop_idle_thread_mutex_held(data, kNoWait);
         }
@@ -510,7 +535,7 @@ int pending_call_callback(void* /*arg*/) {
         DPRINTF(kLogCore, "failure in pending_call_callback()\n");
         return 0;
     }
-    if (gSelf.tracing) {
+    if (gSelf.tracing && !is_interpreter_ending(data)) {
         call_idle_callback_if_allowed();
     }
     data->pending_call_scheduled = 0;
@@ -651,18 +676,61 @@ static long long get_wait_time() {
     return static_cast<long long>(microseconds);
 }
 
-enum tIdleAction { kNoAction, kForceLockSwitch, kCallIdle };
+enum tIdleAction { kNoAction, kForceLockSwitch, kAddPendingCall, kCallIdle };
 
 static bool is_pending_call_overdue(const tIdleThreadPerInterpData* data) {
     return gSelf.thread_data.numEntries >= 2 &&
            data->ticks_when_pending_added + 2 * gSelf.idle_period < get_ticks();
 }
 
+// Under the record's mutex. false = the queue is full: next turn.
+static bool add_pending_call(tIdleThreadPerInterpData* data) {
+    if (gPy.Py_AddPendingCall == nullptr ||
+        gPy.Py_AddPendingCall(pending_call_callback, nullptr) != 0) {
+        return false;
+    }
+    log_without_tstate("Scheduled pending call\n");
+    data->pending_call_scheduled = 1;
+    data->ticks_when_pending_added = get_ticks();
+    return true;
+}
+
+// 3.8 alone takes no more calls once its main thread has ended, before the exit functions run, and
+// says so by printing an exception, in whatever thread state is the current one: null crashes it.
+static bool are_pending_calls_refused_at_end() {
+    return version_at_least(3, 8) && !version_at_least(3, 9);
+}
+
+// Needs the interpreter lock. false as well where nothing tells.
+static bool has_main_thread_ended() {
+    tSavedError keep_error;
+    tOwnedRef threading(get_imported_module("threading"));
+    tOwnedRef main_thread(
+        threading ? gPy.PyObject_GetAttrString(threading.borrow(), "_main_thread") : nullptr);
+    tOwnedRef stopped(
+        main_thread ? gPy.PyObject_GetAttrString(main_thread.borrow(), "_is_stopped") : nullptr);
+    return stopped && stopped.borrow() == gPy.Py_True;
+}
+
+// Does both at once, adding the call and making the running thread yield.
+static void add_pending_call_with_gil(tIdleThreadPerInterpData* data,
+                                      tSingleIdleThreadData* single) {
+    log_without_tstate("Acquiring and releasing GIL\n");
+    if (!acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
+        return;
+    }
+    if (!has_main_thread_ended() && lock_record(data, kGilHeld)) {
+        add_pending_call(data);
+        unlock_record(data);
+    }
+    release_gil_on_idle_thread(single, single->interrupt_tstate, nullptr);
+}
+
 // Under the record's mutex, without the interpreter lock: the tracer's fields are plain words, and
 // a stale one costs or delays one idle call.
 static tIdleAction decide_what_to_do(tIdleThreadPerInterpData* data,
                                      tSingleIdleThreadData* single) {
-    if (data->py_finalize_called) {
+    if (is_interpreter_ending(data)) {
         single->stop = 1;
         return kNoAction;
     }
@@ -672,14 +740,10 @@ static tIdleAction decide_what_to_do(tIdleThreadPerInterpData* data,
     if (data->pending_call_scheduled) {
         return is_pending_call_overdue(data) ? kCallIdle : kNoAction;
     }
-    if (gPy.Py_AddPendingCall == nullptr ||
-        gPy.Py_AddPendingCall(pending_call_callback, nullptr) != 0) {
-        return kNoAction;  // the queue is full: next turn
+    if (are_pending_calls_refused_at_end()) {
+        return kAddPendingCall;
     }
-    log_without_tstate("Scheduled pending call\n");
-    data->pending_call_scheduled = 1;
-    data->ticks_when_pending_added = get_ticks();
-    return kForceLockSwitch;
+    return add_pending_call(data) ? kForceLockSwitch : kNoAction;
 }
 
 // false = the record is not valid any more.
@@ -693,6 +757,8 @@ static bool take_turn(tIdleThreadPerInterpData* data, tSingleIdleThreadData* sin
     }
     if (action == kForceLockSwitch) {
         force_lock_switch(single);
+    } else if (action == kAddPendingCall) {
+        add_pending_call_with_gil(data, single);
     } else if (action == kCallIdle) {
         call_idle_from_idle_thread(single);
     }

@@ -261,6 +261,26 @@ TEST_F(Start, SecondInitKeepsTheMutexAndStopsTheThread) {
     run_body();
 }
 
+// The wait for the end of the thread gives the interpreter lock away.
+TEST_F(Start, SecondInitStopsTheThreadThatAnotherOneStartsMeanwhile) {
+    start_idle_thread(data());
+    tSingleIdleThreadData* const first = data()->active_single_data_ptr;
+    gPy.PyEval_SaveThread = [] {
+        gPy.PyEval_SaveThread = [] { return fake->current; };
+        data()->use_idle_thread = 1;
+        EXPECT_EQ(0, start_idle_thread(data()));
+        return fake->current;
+    };
+    init_idle_thread_data(data());
+    EXPECT_EQ(nullptr, data()->active_single_data_ptr);
+    EXPECT_EQ(0, data()->use_idle_thread);
+    for (void* const arg : {static_cast<void*>(first), world_.thread_arg}) {
+        EXPECT_EQ(0, static_cast<tSingleIdleThreadData*>(arg)->stop_lock->locked);
+        world_.thread_arg = arg;
+        run_body();
+    }
+}
+
 TEST_F(Start, RecordOfTheThread) {
     ASSERT_EQ(0, start_idle_thread(data()));
     const tSingleIdleThreadData* const single = data()->active_single_data_ptr;
@@ -402,6 +422,15 @@ TEST_F(Turns, SchedulesOnePendingCallAndSwitchesThreads) {
               world_.calls);
 }
 
+// 3.8 crashes when a call is added without a thread state while it is ending.
+TEST_F(Turns, PendingCallIsAddedUnderTheInterpreterLockOn38) {
+    set_version(3, 8);
+    run_thread();
+    EXPECT_EQ(1, data()->pending_call_scheduled);
+    EXPECT_EQ((tStrings{"acquire thread", "add pending call", "release thread"}) + kEnd,
+              world_.calls);
+}
+
 TEST_F(Turns, FullQueueIsTriedAgain) {
     world_.add_pending_result = -1;
     run_thread();
@@ -528,7 +557,7 @@ TEST_F(Turns, SomebodyElseTakingTheLockSkipsTheTurn) {
 TEST_F(Turns, FinalizingInterpreterIsLeftAlone) {
     world_.finalizing = true;
     run_thread();
-    EXPECT_EQ(tStrings{"add pending call"}, world_.calls);
+    EXPECT_EQ(tStrings{}, world_.calls);
 }
 
 // The pending call.
@@ -566,6 +595,18 @@ TEST_F(PendingCall, NotWhileIdlingStoppedInsideTracingOrNotTracing) {
         EXPECT_EQ(0, world_.idle_calls) << reason;
         EXPECT_EQ(0, data()->pending_call_scheduled);
     }
+}
+
+TEST_F(PendingCall, NotOnceTheInterpreterEnds) {
+    world_.finalizing = true;
+    EXPECT_EQ(0, time_for_idle_call(0));
+    EXPECT_EQ(0, pending_call_callback(nullptr));
+    EXPECT_EQ(0, world_.idle_calls);
+    world_.finalizing = false;
+    EXPECT_EQ(1, time_for_idle_call(0));
+    idle_thread_atexit_func();
+    EXPECT_EQ(0, pending_call_callback(nullptr));
+    EXPECT_EQ(0, world_.idle_calls);
 }
 
 TEST_F(PendingCall, KeepsTheProgramsExceptionAndErrno) {
@@ -750,6 +791,25 @@ TEST_F(Exit, BothHooksStopTheThreadAndNothingIsFreedAfterwards) {
         EXPECT_EQ(0, std::count(world_.calls.begin(), world_.calls.end(), "delete tstate"));
         EXPECT_EQ(0, std::count(world_.calls.begin(), world_.calls.end(), "free lock"));
     }
+}
+
+// A thread that the interpreter has ended with itself never gives the mutex back.
+TEST_F(Exit, NobodyWaitsForEverForAMutexWhoseHolderIsGone) {
+    start_idle_thread(data());
+    data()->mutex->locked = 1;
+    low_level_py_at_exit_func();
+    EXPECT_EQ(1, data()->low_level_py_at_exit_called);
+    EXPECT_EQ(1u, world_.waits.size());
+    world_.finalizing = true;
+    idle_thread_atexit_func();
+    EXPECT_EQ(1, data()->py_finalize_called);
+    EXPECT_EQ(-1, stop_idle_thread(data()));
+    EXPECT_EQ(0, pending_call_callback(nullptr));
+    EXPECT_EQ(0, world_.idle_calls);
+    EXPECT_EQ(1, data()->mutex->locked);
+    data()->mutex->locked = 0;
+    stop_idle_thread(data());
+    run_body();
 }
 
 TEST_F(Exit, HooksDoNothingInAForkedChild) {

@@ -1,12 +1,16 @@
 """The idle thread in real processes: threads, forks, exits, and calls from inside the callback."""
 from __future__ import absolute_import, division, print_function
 
+import ctypes
+import gc
 import os
 import signal
 import sys
 import threading
+import unittest
 
-from support import TestCase, import_tracer, needs, run_code
+from support import TestCase, import_tracer, needs, run_code, time_limit
+from support.tracing import Session, import_debuggee
 
 try:
     import builtins
@@ -15,6 +19,7 @@ except ImportError:
 
 kDefaultImport = builtins.__import__
 kWait = 30  # seconds until a test that waits has failed
+kStarts = 1000
 
 # What a child program begins with.
 kPrelude = """
@@ -25,9 +30,9 @@ try:
     import builtins
 except ImportError:
     import __builtin__ as builtins
-def init(idle_cb):
+def init(idle_cb, period=1.0):
     nothing = lambda *arguments: None
-    tracer.init(1.0, 0, nothing, nothing, idle_cb, nothing, nothing, nothing, nothing, None,
+    tracer.init(period, 0, nothing, nothing, idle_cb, nothing, nothing, nothing, nothing, None,
                 builtins.__import__, {})
     tracer.set_use_idle_thread(1)
 """
@@ -43,6 +48,16 @@ def needs_idle_thread(test):
 
 def thread_count():
     return len(os.listdir("/proc/self/task"))
+
+
+def memory_in_use():
+    """Bytes that the C library has handed out."""
+    gc.collect()
+    names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost".split()
+    record = type("mallinfo", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_int) for name in names]})
+    function = ctypes.CDLL(None).mallinfo
+    function.restype = record
+    return function().uordblks
 
 
 class IdleCase(TestCase):
@@ -103,13 +118,19 @@ class Thread(IdleCase):
         self.tracer.atexit_func()
         self.spin_until(lambda: thread_count() == self.threads_before)
 
-    def test_many_starts_and_stops(self):
+    @time_limit(180)
+    def test_a_thousand_starts_and_stops_leave_nothing(self):
         self.start(lambda: None)
-        for _ in range(200):
+        before = None
+        for number in range(kStarts // 2):
             self.tracer.stop_trace()
             self.tracer.start_trace()
             self.tracer.set_use_idle_thread(0)
             self.tracer.set_use_idle_thread(1)
+            if number == kStarts // 10:  # until then the allocators grow
+                before = memory_in_use()
+        # A thread state or a lock that stayed each time would be far more than a byte.
+        self.assertLess(memory_in_use() - before, kStarts * 8)
         self.tracer.stop_trace()
         self.spin_until(lambda: thread_count() == self.threads_before)
 
@@ -291,6 +312,35 @@ while os.getpid(): pass
 """), "end\n")
 
     @needs_idle_thread
+    def test_exit_while_a_thread_that_ends_with_it_has_the_records_lock(self):
+        """It gets the lock from the callback that ends, and then never the interpreter's again."""
+        self.assertEqual(self.run_child("""
+def stop_from_elsewhere():
+    go.wait()
+    stopping.append(int(os.readlink('/proc/thread-self').split('/')[-1]))
+    tracer.stop_trace()
+def state_of(thread):
+    with open('/proc/self/task/%d/stat' % thread) as source:
+        return source.read().rsplit(')', 1)[1].split()[0]
+def idle():
+    if called: return
+    go.set()
+    for _ in range(300):  # long enough for it to wait for the lock, most of the time
+        threading.Event().wait(0)
+        while not stopping or state_of(stopping[0]) != 'S': threading.Event().wait(0)
+    sys.setswitchinterval(1000)  # this thread goes on
+    called.append(1)
+go, stopping, called = threading.Event(), [], []
+threading.Thread(target=stop_from_elsewhere, daemon=True).start()
+init(idle)
+tracer.set_debug_all_threads(0)
+tracer.start_trace()
+sys.settrace(None)  # no events here: the idle call comes as a pending call
+while not called: pass
+os.write(1, b'end\\n')
+"""), "end\n")
+
+    @needs_idle_thread
     def test_forked_child_gets_a_thread_of_its_own(self):
         self.assertEqual(self.run_child("""
 def count(): return len(os.listdir('/proc/self/task'))
@@ -363,3 +413,211 @@ for thread in threads: thread.join()
 tracer.stop_trace()
 print('end')
 """), "end\n")
+
+
+# A child that does one thing and prints what happened. `record_second_thread` because the idle
+# thread calls by itself only where there are threads to debug besides the blocked one.
+kStatePrelude = kPrelude + """
+import ctypes, select, signal, time
+main = threading.get_ident()
+called, blocked = [], []
+class Ended(Exception):
+    pass
+def end_blocking(number, frame):
+    raise Ended
+def idle():
+    called.append('main' if threading.get_ident() == main else 'idle thread')
+    if blocked and called[-1] == 'idle thread':
+        signal.pthread_kill(main, signal.SIGUSR1)
+def record_second_thread():
+    running = threading.Event()
+    def target():
+        running.set()
+        os.read(reading, 1)
+    reading, writing = os.pipe()
+    threading.settrace(tracer.bootstrap_new_thread)
+    threading.Thread(target=target, daemon=True).start()
+    running.wait()
+    return writing
+def blocked_in(function, *arguments):
+    signal.signal(signal.SIGUSR1, end_blocking)
+    init(idle)
+    tracer.start_trace()
+    keep_open = record_second_thread()
+    try:
+        blocked.append(1)
+        while True:
+            function(*arguments)
+    except Ended:
+        print(called[-1])
+def lasting(seconds):
+    end = time.time() + seconds
+    while time.time() < end:
+        time.sleep(0.05)
+"""
+
+
+@needs_idle_thread
+class States(TestCase):
+    """Each needs a few seconds, for the idle period is one at least: children, all at once."""
+
+    kBlocked = {
+        "a long sleep": "blocked_in(time.sleep, 30)",
+        "select": "blocked_in(select.select, [os.pipe()[0]], [], [], 30)",
+        "a wait for a lock": "lock = threading.Lock(); lock.acquire(); blocked_in(lock.acquire)",
+        "a call of C that gives the interpreter lock away": "blocked_in(ctypes.CDLL(None).sleep, 30)",
+        "a read": "blocked_in(os.read, os.pipe()[0], 1)",
+        "a wait for a child": "pid = os.fork() or os.execvp('sleep', ['sleep', '40'])\n"
+                              "blocked_in(os.waitpid, pid, 0)\nos.kill(pid, signal.SIGKILL)",
+    }
+    kExpected = {
+        "a stop": ("""
+def in_stop(frame):
+    del called[:]
+    lasting(3)
+    print(called)
+    tracer.continue_run()
+nothing = lambda *arguments: None
+tracer.init(1.0, 0, nothing, nothing, idle, in_stop, nothing, nothing, nothing, None,
+            builtins.__import__, {})
+tracer.set_use_idle_thread(1)
+tracer.start_trace()
+keep_open = record_second_thread()
+tracer.stop()
+os.getpid()
+tracer.stop_trace()
+""", "[]"),
+        "a period below a second": ("""
+init(idle, 0.5)
+tracer.start_trace()
+keep_open = record_second_thread()
+lasting(3)
+print(called)
+""", "[]"),
+        "one thread alone": ("""
+init(idle)
+tracer.start_trace()
+sys.settrace(None)
+time.sleep(3.5)
+print('idle thread' in called)
+""", "False"),
+        "a slow exit function": ("""
+import atexit
+def at_end():
+    lasting(2)
+    os.write(1, b'end')
+atexit.register(at_end)
+init(lambda: None)
+tracer.start_trace()
+""", "end"),
+        "the end of the interpreter": ("""
+def idle():
+    if ending: os.write(1, b'called ')
+class Late(object):
+    def __del__(self, lasting=lasting, time=time):
+        ending.append(1)
+        lasting(3)
+        os.write(1, b'end')
+ending = []
+builtins.kept_ending = ending
+init(idle)
+tracer.start_trace()
+module = sys.modules['kept'] = type(sys)('kept')
+module.late = Late()
+del module
+""", "end"),
+    }
+
+    @time_limit(100)
+    def test_called_wherever_a_program_waits_and_not_where_it_must_not_be(self):
+        import_tracer()
+        wanted = {name: (source, "idle thread") for name, source in self.kBlocked.items()}
+        wanted.update(self.kExpected)
+        results = {}
+
+        def run(name, source):
+            results[name] = run_code(kStatePrelude + source)
+
+        threads = [threading.Thread(target=run, args=(name, source))
+                   for name, (source, _) in wanted.items()]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        for name, (_, expected) in sorted(wanted.items()):
+            done = results[name]
+            self.assertEqual((done.out.strip(), done.err, done.status), (expected, "", 0), (name, done))
+
+
+@needs_idle_thread
+class OtherCallbacks(TestCase):
+    """What a user does who detaches: from inside any callback, with the idle thread running."""
+
+    kKinds = ("line_cb", "return_cb", "exception_cb", "quit_cb", "import_cb", "checksum_cb",
+              "idle_cb", "policy")
+
+    def setUp(self):
+        self.steps = import_debuggee("steps")
+        self.expected = self.program(lambda: None)
+
+    def program(self, stop):
+        stop()
+        __import__("string")
+        return self.steps.catches(stop), self.steps.calls(stop)
+
+    def run_with(self, kind, operation):
+        done = []
+
+        def act(*_):
+            if not done:
+                done.append(kind)
+                operation(session.tracer)
+
+        settings = {} if kind == "policy" else {kind: act}
+        session = Session(exception_mode=1, idle_period=1.0, **settings)
+        tracer = session.tracer
+        if kind == "policy":
+            tracer.set_debug_thread_cb(act)
+        if kind == "checksum_cb":
+            tracer.enable_checksums(1)
+            tracer.set_break("nowhere/else.py", "sum", 3, 1, 0, None, 0)
+        tracer.set_use_idle_thread(1)
+        result = session.run(self.program, *["step_into"] * 30)
+        self.assertEqual(result, self.expected, kind)
+        tracer.reset()
+        return done
+
+    def check(self, operation):
+        before = thread_count()
+        called = [self.run_with(kind, operation) for kind in self.kKinds]
+        late = threading.Event()
+        for _ in range(10000):
+            if thread_count() == before:
+                break
+            late.wait(0.001)
+        self.assertEqual(thread_count(), before)
+        return sum(called, [])
+
+    def test_stop_trace(self):
+        called = self.check(lambda tracer: tracer.stop_trace())
+        self.assertEqual(set(called) - set(self.kKinds), set())
+        self.assertGreaterEqual(set(called), set(("line_cb", "return_cb", "exception_cb", "policy")))
+
+    def test_stop_and_start(self):
+        self.check(lambda tracer: (tracer.stop_trace(), tracer.start_trace()))
+
+    def test_switch_off(self):
+        self.check(lambda tracer: tracer.set_use_idle_thread(0))
+
+    def test_switch_off_and_on(self):
+        self.check(lambda tracer: (tracer.set_use_idle_thread(0), tracer.set_use_idle_thread(1)))
+
+    def test_reset(self):
+        self.check(lambda tracer: tracer.reset())
+
+    def test_reset_and_start(self):
+        self.check(lambda tracer: (tracer.reset(), tracer.start_trace()))
+
+
+if __name__ == "__main__":
+    unittest.main()
