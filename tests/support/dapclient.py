@@ -389,7 +389,7 @@ def adapter_python():
 
 
 def adapter_argv(*arguments):
-    return [adapter_python(), PACKAGE, "adapter"] + list(arguments)
+    return [adapter_python(), PACKAGE, "--library", library_path(), "adapter"] + list(arguments)
 
 
 def start_adapter(test, *arguments, **options):

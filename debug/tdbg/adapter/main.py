@@ -1,4 +1,5 @@
 """Command line of the adapter."""
+import _socket
 import os
 import signal
 import sys
@@ -16,7 +17,7 @@ class tUsage(Exception):
 
 
 class tOptions:
-    """What the sessions of this adapter have in common.
+    """What is the same for all clients of this adapter.
 
     token           that clients of our port show; None: the user id of the other end is enough
     debuggee_token  shown to programs that are attached to by port
@@ -25,20 +26,113 @@ class tOptions:
     def __init__(self):
         self.port = self.library = self.token = self.token_file = self.debuggee_token = None
         self.host = ""
-        self.allow_remote = self.no_token = self.needs_token = False
+        self.allow_remote = self.no_token = False
         self.schema = schema.tSchema()
-        self.failures = 0
-        self.on_failure = None
+
+
+class tDesk:
+    """Tells the clients apart: one at a time, and beside it those that debug its children.
+
+    Made for standard streams and for a port; session.tSession asks it.
+    """
+
+    def __init__(self, needs_token=False, port=None):
+        self.needs_token = needs_token
+        self._port = port
+
+    def admit(self, client_arguments, arguments):
+        """None, or why this client cannot begin to debug."""
+        return self._port.admit(client_arguments, arguments) if self._port is not None else None
+
+    def leave(self):
+        """The client that was admitted has gone."""
+        if self._port is not None:
+            self._port.leave()
+
+    def announce(self, arguments):
+        """The client has been told of a child."""
+        if self._port is not None:
+            self._port.announced.append(child_of(arguments))
 
     def count_failure(self):
-        self.failures += 1
-        if self.failures >= endpoint.kMaxFailures and self.on_failure is not None:
-            self.on_failure()
+        """A wrong token."""
+        if self._port is not None:
+            self._port.count_failure()
 
-    def for_client(self, needs_token):
-        other = tOptions.__new__(tOptions)
-        other.__dict__.update(self.__dict__, needs_token=needs_token, count_failure=self.count_failure)
-        return other
+
+def child_of(arguments):
+    """What says which child is meant, in arguments of `attach`."""
+    return {name: arguments.get(name) for name in ("socket", "connect", "subProcessId")}
+
+
+class tPort:
+    """The adapter's port.  Nobody listens there while a client is being served, unless it can serve
+    children, which come as clients of their own."""
+
+    def __init__(self, options):
+        self._options = options
+        self._listener = endpoint.listen(options.host, int(options.port), options.allow_remote)
+        self.address = self._listener.getsockname()[:2]
+        self.announced = []
+        self._failures = 0
+        self._is_busy = False
+        self._changed = threading.Condition()
+
+    def serve(self):
+        """Until too many tokens were wrong."""
+        while True:
+            try:
+                connected = endpoint.without_delay(endpoint.accept(self._listener))
+            except OSError:
+                with self._changed:
+                    self._changed.wait_for(lambda: not self._is_busy)
+                    if self._failures >= endpoint.kMaxFailures:
+                        return
+                    self._listener = endpoint.listen(
+                        self.address[0], self.address[1], self._options.allow_remote)
+                continue
+            threading.Thread(target=self._serve_connection, args=(connected,), daemon=True).start()
+
+    def _serve_connection(self, connected):
+        options = self._options
+        same_user = endpoint.is_of_this_user(connected)
+        if not same_user and options.token is None and not options.no_token:
+            connected.close()
+            return
+        needs_token = not options.no_token and (options.token_file is not None or not same_user)
+        desk = tDesk(needs_token, self)
+        session.tSession(wire.tConnection(connected), options, desk).run()
+
+    def admit(self, client_arguments, arguments):
+        with self._changed:
+            if not self._is_busy:
+                self._is_busy = True
+                if not client_arguments.get("supportsStartDebuggingRequest"):
+                    self._stop_listening()
+                return None
+            child = child_of(arguments)
+            if child in self.announced:
+                self.announced.remove(child)
+                return None
+        return "this adapter serves another client"
+
+    def leave(self):
+        with self._changed:
+            self._is_busy = False
+            self._changed.notify_all()
+
+    def count_failure(self):
+        with self._changed:
+            self._failures += 1
+            if self._failures >= endpoint.kMaxFailures:
+                self._stop_listening()
+
+    def _stop_listening(self):
+        try:
+            self._listener.shutdown(_socket.SHUT_RDWR)
+        except OSError:
+            pass  # already
+        self._listener.close()
 
 
 def parse(argv):
@@ -95,32 +189,21 @@ def main(argv):
 
 def serve_stdio(options):
     connection = wire.connection_of_stdio()
-    session.tSession(connection, options).run()
+    session.tSession(connection, options, tDesk()).run()
     return 0
 
 
 def serve_port(options, given):
-    """One client after the other, and beside it those that debug its children."""
     if options.allow_remote and options.token is None:
         options.token = given
         if options.token is None:
             options.token = endpoint.make_token()
             say("the token is in {}".format(endpoint.write_token(options.token)))
-    listener = endpoint.listen(options.host, int(options.port), options.allow_remote)
-    say("listening on {}:{}".format(*listener.getsockname()[:2]))
-    options.on_failure = lambda: os._exit(kUsageStatus)
-    while True:
-        connected = endpoint.without_delay(endpoint.accept(listener))
-        threading.Thread(target=serve_connection, args=(connected, options), daemon=True).start()
-
-
-def serve_connection(connected, options):
-    same_user = endpoint.is_of_this_user(connected)
-    if not same_user and options.token is None and not options.no_token:
-        connected.close()
-        return
-    needs_token = not options.no_token and (options.token_file is not None or not same_user)
-    session.tSession(wire.tConnection(connected), options.for_client(needs_token)).run()
+    port = tPort(options)
+    say("listening on {}:{}".format(*port.address))
+    port.serve()
+    say("closed after {} wrong tokens".format(endpoint.kMaxFailures))
+    return kUsageStatus
 
 
 def say(text):

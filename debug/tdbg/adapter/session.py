@@ -140,10 +140,11 @@ class tKept:
 
 
 class tSession:
-    """options: an object with library, token, needs_token, allow_remote, schema."""
+    """options: main.tOptions; desk: main.tDesk."""
 
-    def __init__(self, client, options):
-        self._client, self._options = client, options
+    def __init__(self, client, options, desk):
+        self._client, self._options, self._desk = client, options, desk
+        self._admitted = False
         self._schema = options.schema
         self._lock = threading.RLock()
         self._state = kNew
@@ -165,7 +166,7 @@ class tSession:
         self._reverse = {}          # seq of a request to the client -> function(response)
         self._ending = None         # thread that ends the program
         self._hurry = threading.Event()
-        self._leaving = []          # requests to be answered when the program has ended
+        self._is_leaving = False
         self._done = threading.Event()
         self._ended_event = threading.Event()
         self._early_numbers = 0
@@ -190,6 +191,8 @@ class tSession:
         finally:
             self._see_to_program()
             self._client.close()
+            if self._admitted:
+                self._desk.leave()
 
     def _handle(self, message):
         if message.get("type") == "response":
@@ -273,16 +276,21 @@ class tSession:
         if self._state != kInitialized:
             raise config.tConfigError("a program is being debugged already")
         arguments = request.get("arguments", {})
-        if self._options.needs_token and not endpoint.same_token(
+        if self._desk.needs_token and not endpoint.same_token(
                 self._options.token or "", arguments.get("token")):
-            self._options.count_failure()
             self._fail(request, "the token is missing or wrong", show_user=True)
+            self._desk.count_failure()
             self._done.set()
             self._client.close()
             return False
         self._config = config.tConfig(kind, arguments)
         if kind == config.kLaunch:
             arguments.pop("token", None)  # it was for us
+        if not self._admitted:
+            refused = self._desk.admit(self._client_arguments, arguments)
+            if refused is not None:
+                raise config.tConfigError(refused)
+            self._admitted = True
         if self._config.warnings:
             self._tell("\n".join("tdbg: " + text for text in self._config.warnings))
         self._start_request = request
@@ -419,8 +427,7 @@ class tSession:
             return self._start_again(restarting)
         if self._start_request is not None:
             self._fail_start(self._reason_of_failure(status, why))
-            self._ended_event.set()
-            return self._answer_leaving()
+            return self._ended_event.set()
         self._finish(status)
 
     def _reason_of_failure(self, status, why):
@@ -439,14 +446,6 @@ class tSession:
             self._send_event("exited", {"exitCode": status})
         self._send_event("terminated", {})
         self._ended_event.set()
-        self._answer_leaving()
-
-    def _answer_leaving(self):
-        with self._lock:
-            leaving, self._leaving = self._leaving, []
-        for request in leaving:
-            self._respond(request)
-            self._done.set()
 
     # --- what the program's side sends ---
 
@@ -487,6 +486,8 @@ class tSession:
         if message.get("command") != "startDebugging" or not self._client_arguments.get(
                 "supportsStartDebuggingRequest"):
             return answer(False, message="the client does not know this request")
+        child = (message.get("arguments") or {}).get("configuration") or {}
+        self._desk.announce(child)
         self._ask_client("startDebugging", message.get("arguments"), lambda response: answer(
             bool(response.get("success")), body=response.get("body") or {}))
 
@@ -652,7 +653,7 @@ class tSession:
         if self._config is None or self._config.kind != config.kLaunch:
             return self._fail(request, "only a program that was launched can be started again")
         with self._lock:
-            if self._start_request is not None or self._restarting is not None or self._leaving:
+            if self._start_request is not None or self._restarting is not None or self._is_leaving:
                 busy = True
             else:
                 busy, ended = False, self._state == kEnded
@@ -755,12 +756,11 @@ class tSession:
         if launched and terminates is not False:
             with self._lock:
                 self._restarting = None
-                if request is not None:
-                    self._leaving.append(request)
+                self._is_leaving = True
             self._end_program(min(self._config.kill_timeout, kDisconnectSeconds))
             self._ended_event.wait()
             self._done.set()
-            return False
+            return request is not None
         if launched:
             self._program.release()
         debuggee = self._debuggee
