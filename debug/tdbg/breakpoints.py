@@ -18,7 +18,9 @@ each hit, and judge() says that there was nothing to stop for.
 """
 from __future__ import absolute_import, division, print_function
 
+import __future__
 import ast
+import functools
 import io
 import linecache
 import os
@@ -64,6 +66,12 @@ if sys.version_info < (3, 8):  # later versions warn of these names
 if (3,) <= sys.version_info < (3, 8):
     _kPlainNodes += (ast.Bytes, ast.NameConstant, ast.Ellipsis)
 
+# Bits of co_flags that `from __future__ import` leaves behind; kNested has another meaning in them.
+kNested = 0x10
+kFutureFlags = ~kNested & functools.reduce(
+    lambda flags, name: flags | getattr(__future__, name).compiler_flag,
+    __future__.all_feature_names, 0)
+
 kSameAs = "same as "  # a checksum that is no number: the contents of this file
 
 
@@ -106,7 +114,7 @@ class tBreakpoint(object):
 
     number     from 1 on, never used twice
     path       real path of the file; line: the one that stops
-    function   name that it was set by, or None
+    function   name of the function whose calls it stops at, or None
     condition  text of an expression, or None
     hit_condition  tHitCondition, or None
     on_hit     function (breakpoint, frame) to call instead of stopping, or None
@@ -165,6 +173,7 @@ class tBreakpoints(object):
         self._live = False  # the core keeps breakpoints from its start on
         self._checks = False  # the core asks for checksums
         self._real_paths = {}  # file of code -> real path
+        self._entries = {}  # id of code, offset, line -> (whether a call begins there, the code)
         self._checksums = None  # {last part of a path: {(path, checksum)}} of all; None: not known
         self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
 
@@ -280,7 +289,8 @@ class tBreakpoints(object):
 
     def _arm(self, bp):
         """Who judges its hits, and how many of them need not be looked at."""
-        bp.by_server = bool(bp.inside or bp.condition and not is_plain(bp.condition))
+        bp.by_server = bool(
+            bp.inside or bp.function is not None or bp.condition and not is_plain(bp.condition))
         if bp.hit_condition is not None:
             following = bp.hit_condition.next_after(bp.passes)
             bp.ignore = 0 if following is None else min(following - bp.passes - 1, kMaxIgnored)
@@ -436,7 +446,8 @@ class tBreakpoints(object):
 
     def _judge_by_server(self, bp, frame):
         code = frame.f_code
-        if bp.inside and (code.co_name, code.co_firstlineno) not in bp.inside:
+        if bp.inside and (code.co_name, code.co_firstlineno) not in bp.inside or (
+                bp.function is not None and not self._is_entry(frame)):
             bp.hits -= 1
             return False, None
         if bp.condition is not None:
@@ -453,6 +464,15 @@ class tBreakpoints(object):
             del self._by_number[bp.number]
             self._write(bp.path, bp.line)
         return True, None
+
+    def _is_entry(self, frame):
+        if sublanguages.is_view(frame):
+            return True
+        code = frame.f_code
+        key = (id(code), frame.f_lasti, frame.f_lineno)
+        if key not in self._entries:
+            self._entries[key] = (codelines.is_entry(code, *key[1:]), code)
+        return self._entries[key][0]
 
     def _passes(self, bp):
         """A hit whose condition holds; whether it stops."""
@@ -751,7 +771,7 @@ class tExpression(object):
         """Its value in the frame, or the exception."""
         if sublanguages.is_view(frame):
             return frame.evaluate(self.text)
-        flags = frame.f_code.co_flags & evaluate.kFutureFlags
+        flags = frame.f_code.co_flags & kFutureFlags
         code = self._codes.get(flags) or self._compile(flags)
         names = frame.f_locals
         if names is not frame.f_globals and any(isinstance(item, _code_type) for item in code.co_consts):

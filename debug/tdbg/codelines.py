@@ -13,6 +13,7 @@ import os
 from tdbg import compat, private
 
 _find_line_starts = dis.findlinestarts
+_find_labels = dis.findlabels
 _get_block = inspect.getblock
 _open = io.open
 _stat = os.stat
@@ -146,6 +147,16 @@ def first_line_of(code):
         if line != code.co_firstlineno:
             return line
     return lines[0] if lines else code.co_firstlineno
+
+
+def is_entry(code, offset, line):
+    """Whether a line event at the offset is the first that the call makes on the line, as far as can
+    be told: a loop comes to its own line again."""
+    starts = sorted(start for start, number in _find_line_starts(code) if number == line)
+    if not starts:
+        return True
+    again = [place for place in _find_labels(code.co_code) if place > starts[0]]
+    return offset < min(starts[1:2] + again + [len(code.co_code)])
 
 
 def _compile(path, text):

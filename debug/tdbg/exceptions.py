@@ -49,7 +49,7 @@ class tExceptions(object):
         self._on_notice = on_notice
         self._is_hidden = is_hidden
         self._infos = catchinfo.CatchInfos()
-        self._watch = handlers.tRaiseWatch(self._infos.reports, core.is_botframe)
+        self._watch = handlers.tRaiseWatch(self._infos.reports)
         self._live = False
         self._wanted = frozenset(kDefault)
         self._always = self._never = frozenset()
@@ -189,7 +189,7 @@ class tExceptions(object):
         is_step: the core tells the event because of a step, whatever the exception.
         """
         if self._mode != kEveryEvent:
-            return self._judge_at_end(frame, exc_info, ident, is_step)
+            return self._judge_at_end(frame, exc_info, is_step)
         verdict = self._watch.judge(frame, exc_info, ident)
         if verdict is None:
             return self._judge_coming_out(frame, exc_info, ident) if self._inside else None
@@ -231,11 +231,9 @@ class tExceptions(object):
             return stops.kException
         return None
 
-    def _judge_at_end(self, frame, exc_info, ident, is_step):
-        if self._watch.is_repeat(frame, exc_info, ident):
-            return None
-        exiting = self._core.exiting_on_exception() and self._core.is_botframe(frame)
-        if is_step and not exiting:
+    def _judge_at_end(self, frame, exc_info, is_step):
+        exiting = self._core.is_botframe(frame) and not self._infos.reports(frame, None)
+        if is_step and not (exiting and self._core.exiting_on_exception()):
             return None
         wanted = kUncaught if exiting else kRunner
         if wanted not in self._wanted or self._wish(exc_info[0]) is False:
@@ -306,11 +304,6 @@ def is_named(kind, names):
     """Whether one of the names, `module.Type` or `Type` alone, means the type or a base of it."""
     names = set(_clean_name(name) for name in names)
     return any(names & _names_of(parent) for parent in _lineage(kind))
-
-
-def full_name(kind):
-    """`module.Type`; without the module for the interpreter's own."""
-    return max(_names_of(kind), key=lambda name: (name.count("."), len(name)))
 
 
 def _clean_name(name):

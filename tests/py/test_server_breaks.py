@@ -6,6 +6,7 @@ import sys
 import unittest
 
 from support import TestCase, import_tracer, line_of
+from tdbg.dbgserver import tFrontEnd
 
 SOURCE = '''\
 """A module."""
@@ -42,7 +43,7 @@ def call():
 '''
 
 
-class FrontEnd(object):
+class FrontEnd(tFrontEnd):
     """Stops at `enter`, where the test gives commands, and records what stops afterwards."""
 
     def __init__(self, code, begin, commands):
@@ -322,6 +323,31 @@ class Running(BreakTest):
             work=lambda: __import__("one_" + self.name))
         self.assertEqual(front_end.seen, [("breakpoint", "f", 1, [1]), ("breakpoint", "f", 1, [1, 2])])
         self.assertEqual(self.counts(), [(1, 2), (2, 2)])
+
+    def test_function_that_begins_with_a_loop(self):
+        path = self.make_file("loops_{}.py".format(self.name), (
+            "def first(n):\n"
+            "    for i in range(n):\n"
+            "        i += 1\n"
+            "def second(n):\n"
+            "    for i in range(n): i += 1\n"
+            "def third(n): return [i for i in range(n)]\n"
+            "def fourth(n):\n"
+            "    yield n\n"
+            "def fifth(n):\n"
+            "    with open('/dev/null') as null:\n"
+            "        return [null for i in range(n)]\n"
+            "def all(n):\n"
+            "    first(n), second(n), third(n), list(fourth(n)), fifth(n)\n"), self.folder)
+        names = ("first", "second", "third", "fourth", "fifth")
+
+        def begin(table):
+            for name in names:
+                table.add(*table.find_function(name, None, path), function=name)
+
+        front_end = self.debug(begin, work=lambda: [__import__("loops_" + self.name).all(3) for _ in "12"])
+        self.assertEqual([row[1] for row in front_end.seen], list(names) * 2)
+        self.assertEqual([count for _, count in self.counts()], [2] * 5)
 
     def run_hits(self, hit_condition, condition=None):
         """Values of `i` at the stops, of 8 turns."""

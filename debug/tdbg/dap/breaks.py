@@ -67,6 +67,7 @@ class tBreaks(object):
         self._by_site = {}     # number of a table's breakpoint -> tWish
         self._modules = {}     # name -> id of the module, of those that have been looked at
         self._told = {}        # number of a wish -> last Breakpoint told
+        self._is_busy = False  # reading a source may import a codec
 
     @property
     def _table(self):
@@ -111,12 +112,16 @@ class tBreaks(object):
         return tWish(number, path, line, name, condition, hits, log)
 
     def _replace(self, old, wishes):
-        for wish in old:
-            if wish not in wishes:
-                self._drop(wish)
-        for wish in wishes:
-            if wish not in old:
-                self._place(wish)
+        self._is_busy = True
+        try:
+            for wish in old:
+                if wish not in wishes:
+                    self._drop(wish)
+            for wish in wishes:
+                if wish not in old:
+                    self._place(wish)
+        finally:
+            self._is_busy = False
         found = [self.describe(wish) for wish in wishes]
         for wish, row in zip(wishes, found):
             self._told[wish.number] = row
@@ -281,9 +286,17 @@ class tBreaks(object):
 
     def see_import(self, _session, _module):
         """Something was imported: look for what is waited for."""
-        news = self._new_modules()
-        if not news:
+        if self._is_busy:
             return
+        self._is_busy = True
+        try:
+            news = self._new_modules()
+            if news:
+                self._look_through(news)
+        finally:
+            self._is_busy = False
+
+    def _look_through(self, news):
         for wish in self._all():
             if wish.reason == kFailed or (wish.name is None and wish.is_bound):
                 continue

@@ -29,8 +29,7 @@ _kWords = {
     stops.kUncaught: ("unhandled", u"nothing will catch this exception"),
     stops.kReported: ("userUnhandled", u"what catches this exception only reports it"),
 }
-_kFilterOf = {
-    stops.kException: shared.kRaised, stops.kUncaught: shared.kUncaught, stops.kReported: shared.kRunner}
+_kFilterOf = {stops.kUncaught: shared.kUncaught, stops.kReported: shared.kRunner}
 
 _get_lines = linecache.getlines
 
@@ -60,20 +59,13 @@ class tFilters(object):
     def lets_stop(self, stop):
         """Whether one of the filters means the exception."""
         name = _kFilterOf.get(stop.reason)
-        if name is None or stop.exc_info is None:
-            return True
-        if name not in self.limits and shared.kRaised not in self.limits and not self.always:
-            return True  # nobody has asked here: the shared rules decide
-        kind = stop.exc_info[0]
-        named = list(self.limits.get(shared.kRaised) or ()) + self.always
-        if named and shared.is_named(kind, named):
-            return True
+        if name not in self.limits or stop.exc_info is None:
+            return True  # a step, or a type that is named on its own
         for filter_name in (name, shared.kRaised):
-            if filter_name in self.limits:
-                names = self.limits[filter_name]
-                if names is None or shared.is_named(kind, names):
-                    return True
-        return False
+            names = self.limits.get(filter_name, ())
+            if names is None or shared.is_named(stop.exc_info[0], names):
+                return True
+        return shared.is_named(stop.exc_info[0], self.always)
 
 
 def names_in(condition):
@@ -117,8 +109,6 @@ def _reset(session):
 
 
 def _passes(session, stop):
-    if stop.reason not in _kFilterOf or stop.exc_info is None:
-        return False
     return not session.exception_filters.lets_stop(stop)
 
 
@@ -126,7 +116,7 @@ def _tell_stop(session, stop):
     if stop.exc_info is None or stop.reason not in _kWords:
         return None
     return {"description": _kWords[stop.reason][1],
-            "text": compat.to_text(shared.full_name(stop.exc_info[0]))}
+            "text": compat.to_text(shared.full_name_of(stop.exc_info[0]))}
 
 
 # --- setExceptionBreakpoints ------------------------------------------------------------------
@@ -216,7 +206,7 @@ def exception_info(session, arguments):
 def _describe(session, kind, value, traceback, seen, depth):
     """ExceptionDetails of the protocol, with causes and members of groups below."""
     seen.add(id(value))
-    name = compat.to_text(shared.full_name(kind))
+    name = compat.to_text(shared.full_name_of(kind))
     line = compat.to_text(evaluate.describe_exception(kind, value))
     message = line.partition(u": ")[2] if u": " in line else u""
     details = {
@@ -288,7 +278,7 @@ def ignore_exception(session, arguments):
     """`tdbg/ignoreException`: the place of the exception at which the thread has stopped."""
     stop = _stop_at_exception(session, arguments)
     rules = session.server.exceptions
-    path, line = rules.place_of(stop.exc_info[2])
+    path, line = session.server.place_of_exception(stop)
     if path is None:
         raise tRequestError("the exception was raised by code that is in no file")
     rules.ignore_place(path, line)

@@ -12,7 +12,7 @@ import os
 import re
 import sys
 
-from tdbg import breakpoints, codelines, compat, private
+from tdbg import breakpoints, codelines, compat, private, sublanguages
 from tdbg.dap import rules
 from tdbg.dap.paths import base_name, paths_of
 from tdbg.dap.requests import get_optional, kAnytime, tRequest, tRequestError
@@ -44,7 +44,7 @@ class tSources(object):
     def of_frame(self, frame):
         name = frame.f_code.co_filename
         path = name
-        if not name.startswith("<"):
+        if not name.startswith("<") and not sublanguages.is_view(frame):
             path = self._session.server.core.get_frame_file(frame) or name
         module = frame.f_globals.get("__name__")
         return self.of_path(path, name, frame.f_globals, module if isinstance(module, str) else None)
