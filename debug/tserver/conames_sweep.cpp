@@ -31,14 +31,14 @@ static PyObject* get_logged_attrib(PyObject* obj, PyObject* name, const char* fa
 }
 
 static PyObject* get_function_code(PyObject* func) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     return get_logged_attrib(func,
                              borrow_name(&name, gPy.major_version < 3 ? "func_code" : "__code__"),
                              "Exception in GetFunctionCode\n");
 }
 
 static PyObject* get_function_globals(PyObject* func) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     return get_logged_attrib(
         func,
         borrow_name(&name, gPy.major_version < 3 ? "func_globals" : "__globals__"),
@@ -46,14 +46,14 @@ static PyObject* get_function_globals(PyObject* func) {
 }
 
 static PyObject* get_method_function(PyObject* method) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     return get_logged_attrib(method,
                              borrow_name(&name, gPy.major_version < 3 ? "im_func" : "__func__"),
                              "Exception in GetMethodFunction\n");
 }
 
 static PyObject* get_code_constants(PyObject* code) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     return get_logged_attrib(
         code, borrow_name(&name, "co_consts"), "Exception in GetCodeConstants\n");
 }
@@ -68,7 +68,7 @@ static PyObject* get_function_of(PyObject* obj) {
 
 // An old-style class has no dict slot that the interpreter would tell the place of.
 static PyObject* get_old_style_dict(PyObject* cls) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     return get_logged_attrib(
         cls, borrow_name(&name, "__dict__"), "Exception raised by _PyObject_GetDictPtr\n");
 }
@@ -371,7 +371,7 @@ PyObject* GetContainingClass(PyCodeObject* code, PyObject* globals) {
 }
 
 PyObject* GetPyClassName(PyObject* cls) {
-    static constinit tNameCache name = {nullptr};
+    static constinit tNameCache name = {};
     tSavedError saved;
     PyObject* const attrib = borrow_name(&name, "__name__");
     return get_logged_attrib(cls, attrib, "Exception in GetPyClassName\n");

@@ -37,7 +37,12 @@ static PyObject* borrow_cached_name(PyObject** cached, const char* text) {
     return *cached;
 }
 
+constinit int gInterpreterLife = 0;
+
 PyObject* borrow_name(tNameCache* cache, const char* text) {
+    if (cache->life != gInterpreterLife) {
+        *cache = {nullptr, gInterpreterLife};
+    }
     return borrow_cached_name(&cache->obj, text);
 }
 
@@ -441,13 +446,15 @@ TDBG_API int get_bool_attrib(PyObject* obj, const char* name, PyObject** cached_
 }
 
 TDBG_API int get_generator_suspended(PyObject* gen) {
-    static constinit PyObject* gi_suspended = nullptr;
-    static constinit PyObject* cr_suspended = nullptr;
+    static constinit tNameCache gi_suspended = {};
+    static constinit tNameCache cr_suspended = {};
     if (is_instance_of(gen, gPy.PyGen_Type_ptr)) {
-        return get_bool_attrib(gen, "gi_suspended", &gi_suspended);
+        borrow_name(&gi_suspended, "gi_suspended");
+        return get_bool_attrib(gen, "gi_suspended", &gi_suspended.obj);
     }
     if (is_instance_of(gen, gPy.PyCoro_Type_ptr)) {
-        return get_bool_attrib(gen, "cr_suspended", &cr_suspended);
+        borrow_name(&cr_suspended, "cr_suspended");
+        return get_bool_attrib(gen, "cr_suspended", &cr_suspended.obj);
     }
     return 0;
 }

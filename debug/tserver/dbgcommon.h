@@ -9,9 +9,15 @@
 
 #include "xpy_c_api.h"
 
-// An attribute name made on first use and kept for the life of the process.
+// A program that embeds Python may end the interpreter and start it again: this counts the
+// interpreters that have loaded the module. What an earlier one left is neither used nor released;
+// its memory is gone.
+extern int gInterpreterLife;
+
+// An attribute name made on first use and kept for the life of the interpreter.
 struct tNameCache {
     PyObject* obj;
+    int life;  // of gInterpreterLife
 };
 
 // Native string for text: from the cache, made on first use. Borrowed; null with an exception set.

@@ -69,8 +69,76 @@ static bool check_init_objects(PyObject* const* objects) {
     return true;
 }
 
+// ---- Interpreters ----
+// The tracer serves one interpreter at a time: the one that called init() last.
+
+// Its sys.modules, owned: no other interpreter has that one, while an interpreter's own address may
+// be that of one that has ended. Null = none yet.
+static constinit PyObject* gOwnerModules = nullptr;
+static constinit PyInterpreterState* gOwner = nullptr;
+
+static bool is_alive(const PyInterpreterState* wanted) {
+    using tHead = PyInterpreterState* (*)();
+    using tNext = PyInterpreterState* (*)(PyInterpreterState*);
+    const auto head = reinterpret_cast<tHead>(XPy_LookupPythonFunction("PyInterpreterState_Head"));
+    const auto next = reinterpret_cast<tNext>(XPy_LookupPythonFunction("PyInterpreterState_Next"));
+    if (head == nullptr || next == nullptr) {
+        gPy.PyErr_Clear();
+        return false;
+    }
+    PyInterpreterState* interp = head();
+    while (interp != nullptr && interp != wanted) {
+        interp = next(interp);
+    }
+    return interp != nullptr;
+}
+
+static void begin_new_life() {
+    forget_ended_interpreter();
+    gOwnerModules = nullptr;
+    gInitialized = false;
+    gInterpreterLife += 1;
+}
+
+static void create_core() {
+    init_threadops();
+    init_tracercore();
+}
+
+// Before init(). False with an exception set when another interpreter is being traced.
+static bool serve_this_interpreter() {
+    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
+    PyObject* const modules = gPy.PySys_GetObject("modules");
+    if (gOwnerModules != nullptr && gOwnerModules != modules) {
+        if (interp == gOwner || !is_alive(gOwner)) {
+            begin_new_life();
+            create_core();
+        } else if (gSelf.tracing) {
+            gPy.PyErr_SetString(gPy.PyExc_RuntimeError,
+                                "The tracer is in use in another interpreter of this process");
+            return false;
+        } else {
+            forget_code_extra_index();  // each interpreter hands out its own
+        }
+    }
+    gOwner = interp;
+    set_owned(&gOwnerModules, new_ref(modules));
+    return true;
+}
+
+// A subinterpreter that imports the module gets one of its own, without a call of ours.
+static PyObject* get_own_module() {  // new ref
+    PyObject* const module = gPy.PyImport_ImportModule("tdbgtracer");
+    if (module != nullptr) {
+        return module;
+    }
+    gPy.PyErr_Clear();  // loaded under another name
+    return new_ref(gModuleSelf);
+}
+
 static int init_core(float idle_period, int exception_mode, PyObject* const* o) {
-    return __tracer_init(gModuleSelf,
+    tOwnedRef module(get_own_module());
+    return __tracer_init(module.borrow(),
                          idle_period,
                          exception_mode,
                          o[kInstallThreadHooks],
@@ -106,7 +174,8 @@ PyObject* _tracer_init(PyObject* /*self*/, PyObject* args) {
                               &o[kImport],
                               &o[kDefaultImport],
                               &o[kInternalModules]) ||
-        !check_init_objects(o) || !init_core(idle_period, exception_mode, o)) {
+        !check_init_objects(o) || !serve_this_interpreter() ||
+        !init_core(idle_period, exception_mode, o)) {
         return nullptr;
     }
     gInitialized = true;
@@ -521,6 +590,7 @@ PyMethodDef TracerMethods[] = {
 // ---- Creation ----
 
 PyObject* PyInit_tdbgtracer() {
+    begin_new_life();  // of the first interpreter, or of one after its end
     gModuleSelf = XPy_InitModule("tdbgtracer", TracerMethods);
     if (gModuleSelf == nullptr) {
         return nullptr;
@@ -537,8 +607,7 @@ PyObject* PyInit_tdbgtracer() {
     if (gPy.PyObject_SetAttrString(gModuleSelf, "kUsesSysMonitoring", gPy.Py_False) != 0) {
         return nullptr;
     }
-    init_threadops();
-    init_tracercore();
+    create_core();
     DPRINTF(kLogCore, "Initialize dbgtracer module complete\n");
     return gModuleSelf;
 }

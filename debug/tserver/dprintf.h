@@ -63,6 +63,7 @@ TDBG_API tDPData gUnsafeGlobalDPData;   // the shared sink set, set up on first 
 // whatever fileno says.
 TDBG_API void set_dprintf_mask(tDPrintfLogMask mask);
 TDBG_API tDPrintfLogMask get_dprintf_mask();
+void forget_log_files();  // they were those of an interpreter that has ended
 TDBG_API void set_dprintf_file(PyObject* file, int fileno, void* win32_handle);
 
 // Sink sets. init_dp_data does nothing to a set that is initialised unless force is not 0.

@@ -19,6 +19,14 @@ constinit tDPData gUnsafeGlobalDPData = {.initialized = 0,
                                          ._repr_str1 = nullptr,
                                          ._repr_str2 = nullptr};
 
+void forget_log_files() {
+    gDPrintfFile = nullptr;
+    gDPrintfNativeFileno = -1;
+    gDP = {};
+    gUnsafeGlobalDPData = {};
+    gUnsafeGlobalDPData.mask = kDefaultLogMask;
+}
+
 // Which category pointer a bit of the mask switches on. The categories that are missing here are
 // only used through the mask.
 struct tCategoryPointer {

@@ -43,6 +43,7 @@ struct tIdleThreadPerInterpData {
 TDBG_API void init_idle_thread_data(tIdleThreadPerInterpData* data);
 TDBG_API int start_idle_thread(tIdleThreadPerInterpData* data);
 TDBG_API int stop_idle_thread(tIdleThreadPerInterpData* data);
+void forget_idle_threads();  // of an interpreter that has ended
 TDBG_API int update_idle_thread_maybe_after_fork(tIdleThreadPerInterpData* data);
 
 // The server's switch. 0, or -1 (logged).

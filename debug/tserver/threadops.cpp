@@ -76,6 +76,10 @@ static void forget_last_record_in(const CUt_HashTable* table) {
     }
 }
 
+void forget_any_last_record() {
+    gLastRecord = {nullptr, nullptr, nullptr};
+}
+
 // ---- Records ----
 
 static long read_thread_id(PyThreadState* tstate) {

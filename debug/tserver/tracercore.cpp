@@ -32,6 +32,15 @@ static void init_tables() {
     gSelf.newly_imported_module_files = gPy.PyList_New(0);
 }
 
+void forget_ended_interpreter() {
+    gSelf = {};
+    forget_log_files();
+    forget_any_last_record();
+    forget_code_extra_index();
+    forget_idle_threads();
+    forget_mutex_depth();
+}
+
 int init_tracercore() {
     DPRINTF(kLogCore, "In init_tracercore()\n");
     gSelf.file_ops_data = create_file_ops_data(&gUnsafeGlobalDPData);

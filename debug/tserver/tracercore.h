@@ -88,6 +88,9 @@ struct tDispatchCtx {
 
 // ---- Life cycle (tracercore.cpp) ----
 
+// Before the module is created in an interpreter that the process has started after the end of
+// another: leaves alone (and so leaks) what belonged to the first.
+void forget_ended_interpreter();
 // Once, at module creation. 0, or -1 when the file data cannot be made.
 TDBG_API int init_tracercore();
 // 1, or 0 with an exception set. 1 with an AssertionError pending: default_import is our own hook.

@@ -105,6 +105,7 @@ bool is_left_by_exception(const tDispatchCtx* ctx);
 
 // tracercore_mutex.cpp: in a forked child, where only the forking thread lives on.
 void renew_mutex_after_fork();
+void forget_mutex_depth();  // of an interpreter that has ended
 
 // tracercore_install.cpp: stops tracing when the thread-hooks callback must not be asked again.
 void stop_trace_without_callback();

@@ -17,6 +17,10 @@ static void refresh_other_threads_lines() {
 // two, the one of the dispatch that is running and a new one.
 static constinit int gMutexDepth = 0;
 
+void forget_mutex_depth() {
+    gMutexDepth = 0;
+}
+
 static bool holds_mutex(const tThreadData* thread_data) {
     return gSelf.mutex_thread_id != -1 && gSelf.mutex_thread_id == thread_data->thread_id;
 }
