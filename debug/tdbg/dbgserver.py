@@ -660,7 +660,7 @@ class tServer(object):
         return (
             self._is_own(frame)
             or bool(self.core.is_internal_frame(frame))
-            or _is_finding_module(frame)
+            or _is_of_interpreter(frame)
             or self.languages.is_hidden(frame)
         )
 
@@ -750,9 +750,12 @@ def _is_returning(frame):
     return (ord(code) if compat.PY2 else code) in kReturnOpcodes
 
 
-def _is_finding_module(frame):
-    """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module."""
+def _is_of_interpreter(frame):
+    """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module, or to
+    the interpreter's printing of an exception, which from 3.13 on is Python."""
     while frame is not None:
+        if frame.f_code.co_name == "_print_exception_bltin":
+            return True
         if frame.f_code.co_filename.startswith("<frozen importlib"):
             return _finds_module(frame.f_code)
         frame = frame.f_back

@@ -114,10 +114,16 @@ def _make_body(core, on_end, function, args, kwargs):
         on_end,
         core.thread_exiting,
     ]
-    run = _partial(list, compat.lazy_map(_call, map(_partial, steps)))
-    kind = type("thread_body", (object,), {
-        "__call__": staticmethod(run), "__repr__": lambda body: repr(function), "__slots__": ()})
-    return kind()
+    body = tThreadBody(list, compat.lazy_map(_call, map(_partial, steps)))
+    body.function = function
+    return body
+
+
+class tThreadBody(_partial):
+    """It holds the function's arguments, and so must die with the thread, without a collection."""
+
+    def __repr__(self):
+        return repr(self.function)
 
 
 # --- threads of the debugger itself -------------------------------------------------------------
