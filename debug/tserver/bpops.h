@@ -38,6 +38,8 @@ struct tBp {
     PyObject* cond_code;  // owned; the compiled condition, made at the first hit; null = not yet
     uint64_t dev;         // of the user file, when it began to wait; both 0 = it is not there
     uint64_t ino;
+    int64_t
+        missing_since;  // seconds: while the first one waits and its file is not there; -1 = ask
     tBp* next_waiting;  // next one of the same user file that waits for its module
     tBp* next_bound;    // next one on the same line of the same module, newest first
     int users;          // walks in progress that hold it; the last one frees a dropped record
@@ -59,12 +61,12 @@ struct tBpOpsData {
     PyObject* filestring;                         // owned; the native string "__file__"
     PyObject* any_bps_cache;                      // owned; dict
     // Private.
-    int waiting_checksums;           // unresolved breakpoints with a checksum
-    CUt_HashTable waiting_files;     // user file name -> its unresolved breakpoints
-    CUt_HashTable module_bps;        // module file name -> owned tModuleBps of those bound to it
-    CUt_HashTable unknown_files;     // user file name -> owned: when no module was found for it
-    const char* known_module;        // borrowed from loaded_modules: module of known_file, or null
-    tModuleBps* known_module_bps;    // of known_module; null = none
+    int waiting_checksums;            // unresolved breakpoints with a checksum
+    CUt_HashTable waiting_files;      // user file name -> its unresolved breakpoints
+    CUt_HashTable module_bps;         // module file name -> owned tModuleBps of those bound to it
+    CUt_HashTable unknown_files;      // user file name -> owned: when no module was found for it
+    const char* known_module;         // borrowed from loaded_modules: module of known_file, or null
+    tModuleBps* known_module_bps;     // of known_module; null = none
     char known_file[kKnownFileSize];  // file name that was last found in loaded_modules
 };
 

@@ -9,6 +9,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "bpops_internal.h"
 #include "tracercore.h"  // upwards: the tracer owns the checksum callback
@@ -108,9 +109,9 @@ static void push_by_age(CUt_HashEntry* line, tBp* bp) {
 static bool enter_bound(tBpOpsData* data, tBp* bp, const char* module_filename) {
     tModuleBps* const module_bps = get_or_make_module_bps(data, module_filename);
     int is_new = 0;
-    CUt_HashEntry* const line =
-        module_bps != nullptr ? create_hash_entry(&module_bps->lines, &bp->lineno, &is_new)
-                              : nullptr;
+    CUt_HashEntry* const line = module_bps != nullptr
+                                    ? create_hash_entry(&module_bps->lines, &bp->lineno, &is_new)
+                                    : nullptr;
     if (line != nullptr) {
         push_by_age(line, bp);
     } else {
@@ -150,6 +151,8 @@ struct tFileNumber {
     bool is_there;
 };
 
+static constexpr int64_t kAskAgain = -1;
+
 static tFileNumber get_file_number(tBpOpsData* data, const char* file) {
     tUniqueFileno number = {};
     boolean exists = 0;
@@ -162,11 +165,13 @@ static void identify_file(tBpOpsData* data, tBp* bp) {
     if (bp->next_waiting != nullptr) {
         bp->dev = bp->next_waiting->dev;
         bp->ino = bp->next_waiting->ino;
+        bp->missing_since = bp->next_waiting->missing_since;
         return;
     }
     const tUniqueFileno number = get_file_number(data, bp->user_filename).number;
     bp->dev = number.dev;
     bp->ino = number.ino;
+    bp->missing_since = kAskAgain;
 }
 
 static bool start_waiting(tBpOpsData* data, tBp* bp) {
@@ -293,19 +298,60 @@ static bool names_same_file(tBpOpsData* data, const char* user_filename, const c
     return same;
 }
 
+// A file in comparisons with many others.
 struct tNumberedFile {
     const char* name;
     tFileNumber number;
+    bool is_nowhere;  // neither it nor what is compared in its place, the name with a c, is there
+    int64_t missing_since;  // seconds: when the first of the two was found missing, or kAskAgain
 };
 
+// The name that samefile looks at first. Caller frees; null when out of memory.
+static char* copy_with_c(const char* name) {
+    char* const copy = static_cast<char*>(malloc(strlen(name) + 2));
+    if (copy != nullptr) {
+        stpcpy(stpcpy(copy, name), "c");
+    }
+    return copy;
+}
+
+static int64_t get_time_of_failed_stat(tBpOpsData* data, const char* name) {
+    const CUt_HashEntry* const entry = file_ops(data) != nullptr
+                                           ? find_hash_entry(&file_ops(data)->not_found_table, name)
+                                           : nullptr;
+    return entry != nullptr ? static_cast<int64_t>(reinterpret_cast<uintptr_t>(entry->clientData))
+                            : kAskAgain;
+}
+
+static int64_t get_missing_since(tBpOpsData* data, const char* name, const char* twin) {
+    const int64_t a = get_time_of_failed_stat(data, name);
+    const int64_t b = get_time_of_failed_stat(data, twin);
+    return a < b ? a : b;
+}
+
+static tNumberedFile get_numbered_file(tBpOpsData* data, const char* name) {
+    tNumberedFile file = {name, get_file_number(data, name), false, kAskAgain};
+    char* const twin = file.number.is_there ? nullptr : copy_with_c(name);
+    file.is_nowhere = twin != nullptr && !get_file_number(data, twin).is_there;
+    file.missing_since = file.is_nowhere ? get_missing_since(data, name, twin) : kAskAgain;
+    free(twin);
+    return file;
+}
+
 // Whether it is worth asking names_same_file: two files that are there and have different numbers
-// are not the same, but for the names that are compared as texts.
+// are not the same, nor is one that is nowhere, but for the names that are compared as texts.
 static bool may_be_same_file(const tNumberedFile& user_file, const tNumberedFile& module_file) {
+    if (may_be_compiled_file(user_file.name) ||
+        strncmp(user_file.name, module_file.name, strlen(user_file.name)) == 0) {
+        return true;
+    }
+    if (user_file.is_nowhere || module_file.is_nowhere) {
+        return false;
+    }
     const tUniqueFileno& a = user_file.number.number;
     const tUniqueFileno& b = module_file.number.number;
     return !user_file.number.is_there || !module_file.number.is_there ||
-           (a.dev == b.dev && a.ino == b.ino) || may_be_compiled_file(user_file.name) ||
-           strncmp(user_file.name, module_file.name, strlen(user_file.name)) == 0;
+           (a.dev == b.dev && a.ino == b.ino);
 }
 
 // ---- Checksums ----
@@ -338,12 +384,12 @@ int file_matches_checksum(tBpOpsData* data, const char* compare_checksum, const 
 // ---- Finding the module of a breakpoint file ----
 
 static const char* find_synonym_on_disk(tBpOpsData* data, const char* user_filename) {
-    const tNumberedFile user_file = {user_filename, get_file_number(data, user_filename)};
+    const tNumberedFile user_file = get_numbered_file(data, user_filename);
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->loaded_modules, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         const char* const file = get_module_value(entry);
-        if (may_be_same_file(user_file, {file, get_file_number(data, file)}) &&
+        if (may_be_same_file(user_file, {file, get_file_number(data, file), false, kAskAgain}) &&
             names_same_file(data, user_filename, file)) {
             return file;
         }
@@ -549,16 +595,34 @@ static bool bind_waiting_bp(tBpOpsData* data, tNewModule* mod, tBp* bp) {
     return true;
 }
 
+// The file that the chain waits for. One that was not there is asked for again when the file-name
+// caches would ask the disk again, so that a module costs nothing for the others that are missing.
+static tNumberedFile get_waited_file(tBpOpsData* data, tBp* chain, int64_t now) {
+    if (chain->ino != 0) {
+        return {chain->user_filename, {{chain->dev, chain->ino}, true}, false, kAskAgain};
+    }
+    const int64_t elapsed = now - chain->missing_since;
+    if (chain->missing_since != kAskAgain && elapsed > -kNotFoundSeconds &&
+        elapsed < kNotFoundSeconds) {
+        return {chain->user_filename, {{0, 0}, false}, true, chain->missing_since};
+    }
+    const tNumberedFile file = get_numbered_file(data, chain->user_filename);
+    chain->dev = file.number.number.dev;
+    chain->ino = file.number.number.ino;
+    chain->missing_since = file.missing_since;
+    return file;
+}
+
 static void hold_candidates(tBpOpsData* data, const char* file, tHeldBps* held) {
     const bool takes_all =
         gUseCanonicalPathnames || (data->checksums_enabled && data->waiting_checksums > 0);
-    const tFileNumber number = get_file_number(data, file);
+    const int64_t now = time(nullptr);
+    const tNumberedFile module_file = get_numbered_file(data, file);
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         tBp* const chain = static_cast<tBp*>(entry->clientData);
-        const tFileNumber own = {{chain->dev, chain->ino}, chain->ino != 0};
-        if (takes_all || may_be_same_file({chain->user_filename, own}, {file, number})) {
+        if (takes_all || may_be_same_file(get_waited_file(data, chain, now), module_file)) {
             held->add_chain(chain, &tBp::next_waiting);
         }
     }
@@ -709,13 +773,14 @@ static const char* peek_code_file(tBpOpsData* data, PyFrameObject* frame) {
     PyObject* path = nullptr;
     PyObject* any_bps = nullptr;
     PyObject* version = nullptr;
-    if (!code || !find_code_entry(
-                     data->co_pathname_table, code.borrow(), &path, &any_bps, &version) ||
+    if (!code ||
+        !find_code_entry(data->co_pathname_table, code.borrow(), &path, &any_bps, &version) ||
         path == gPy.Py_None) {
         return nullptr;
     }
     const char* const text = _pystring_to_c_string(path);
-    return text != nullptr && !may_be_compiled_file(text) && find_loaded_module(data, text) != nullptr
+    return text != nullptr && !may_be_compiled_file(text) &&
+                   find_loaded_module(data, text) != nullptr
                ? text
                : nullptr;
 }

@@ -12,7 +12,6 @@
 
 constinit boolean gUseCanonicalPathnames = 0;
 
-static constexpr intptr_t kNotFoundSeconds = 3;  // a failed stat is believed for less than this
 static constexpr size_t kPartsPerGrowth = 10;
 static constexpr size_t kPycSuffixLength = 4;
 

@@ -13,6 +13,8 @@
 
 struct tDPData;
 
+inline constexpr intptr_t kNotFoundSeconds = 3;  // a failed stat is believed for less than this
+
 // A file's identity; also a 16-byte hash key, so both halves are always written.
 struct tUniqueFileno {
     uint64_t dev;  // 0 for a missing file

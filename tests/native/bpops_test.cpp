@@ -3,7 +3,9 @@
 // tests/py/test_breakpoints*.py.
 #include "bpops_internal.h"
 
+#include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include "conames.h"
 #include "fake_python.h"
@@ -365,6 +367,51 @@ TEST_F(Breakpoints, ALineIsFoundByAnyNumber) {
         EXPECT_EQ(find_line_entry(&data_->userbps, line), find_hash_entry(&data_->userbps, &line));
         EXPECT_EQ(find_line_entry(&data_->userbps, line ^ 0x01000000), nullptr);
     }
+}
+
+// As if the file had been asked for some seconds earlier.
+void age_failed_stats(tFileOpsData* files, tBp* bp) {
+    constexpr intptr_t kLongAgo = kNotFoundSeconds + 1;
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&files->not_found_table, &search);
+         entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        const intptr_t then = reinterpret_cast<intptr_t>(entry->clientData) - kLongAgo;
+        entry->clientData = reinterpret_cast<void*>(then);  // NOLINT(performance-no-int-to-ptr)
+    }
+    bp->missing_since -= kLongAgo;
+}
+
+TEST_F(Breakpoints, AFileThatComesIntoBeingIsFoundWhenTheDiskIsAskedAgain) {
+    char folder[] = "/tmp/bpops_test.XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string names[] = {std::string(folder) + "/a.py", std::string(folder) + "/b.py"};
+    const std::string link_name = std::string(folder) + "/link.py";
+    for (const std::string& name : names) {
+        FILE* const file = fopen(name.c_str(), "w");
+        ASSERT_NE(file, nullptr);
+        fclose(file);
+    }
+    set(3, link_name.c_str());
+    __tracer_resolve_bp_filenames(data_, names[0].c_str());
+    EXPECT_GE(head(3)->missing_since, 0);
+    ASSERT_EQ(link(names[1].c_str(), link_name.c_str()), 0);
+    age_failed_stats(files_, head(3));
+    __tracer_resolve_bp_filenames(data_, names[1].c_str());
+    EXPECT_STREQ(head(3)->module_filename, names[1].c_str());
+    for (const std::string& name : {names[0], names[1], link_name}) {
+        unlink(name.c_str());
+    }
+    rmdir(folder);
+}
+
+TEST_F(Breakpoints, AModuleThatIsNoFileIsKnownByItsNameAlone) {
+    const char kInArchive[] = "/folder/library.zip/module.py";
+    set(3, "/bin/sh");  // is there
+    set(3, kInArchive);
+    set(3, "/folder/library.zip/module.pyc");
+    __tracer_resolve_bp_filenames(data_, kInArchive);
+    EXPECT_EQ(bound_ids(3, kInArchive), (std::vector<int>{3, 2}));
 }
 
 TEST_F(Breakpoints, AFileThatIsNowhereIsForgottenInTheEnd) {
