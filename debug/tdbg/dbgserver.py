@@ -753,13 +753,18 @@ def _is_returning(frame):
 def _is_of_interpreter(frame):
     """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module, or to
     the interpreter's printing of an exception, which from 3.13 on is Python."""
+    importing = outer = None
     while frame is not None:
-        if frame.f_code.co_name == "_print_exception_bltin":
+        code = frame.f_code
+        if code.co_name == "_print_exception_bltin":
             return True
-        if frame.f_code.co_filename.startswith("<frozen importlib"):
-            return _finds_module(frame.f_code)
-        frame = frame.f_back
-    return False
+        if importing is None and code.co_filename.startswith("<frozen importlib"):
+            importing, name = True, code.co_name
+            if "find_spec" in name or "find_module" in name or "path_hook" in name:
+                return True
+        outer, frame = code, frame.f_back
+    # An import that nothing in Python has asked for: of what is needed for the printing.
+    return importing is not None and outer.co_filename.startswith("<frozen importlib")
 
 
 def _finds_module(code):
