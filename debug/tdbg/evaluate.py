@@ -5,18 +5,19 @@ end, or be interrupted by the user: whatever happens comes back as a result, nev
 """
 from __future__ import absolute_import, division, print_function
 
-import __future__
 import functools
+import itertools
 import sys
 import time
 
-from tdbg import compat, private, sublanguages
+from tdbg import compat, framecode, sublanguages
 
 try:
     import ctypes
 
     # By item: a function object of our own, not the one that the program shares.
     _set_async_exc = ctypes.pythonapi["PyThreadState_SetAsyncExc"]
+    _set_async_exc.restype = None  # nothing: the watch ends at a true result
     _py_object = ctypes.py_object
     _thread_number = ctypes.c_ulong
 except Exception:  # a build without ctypes: slow values can still be interrupted by hand
@@ -25,26 +26,18 @@ except Exception:  # a build without ctypes: slow values can still be interrupte
 kValueSeconds = 3.0
 kPollSeconds = (0.001, 0.01, 0.05)  # 2.7 has no timed wait: short naps first, then longer ones
 kPollsOfEach = 20
+kSecondsToIgnore = 0.05  # code that catches everything is struck again so often,
+kStrikes = 40            # so many times
 kDeliveryTurns = 1000  # an exception set from outside is raised at the next turn of a loop
 
-kNested, kVarArgs, kVarKeywords = 0x10, 0x04, 0x08
-
-
-def _future_flags():
-    """Bits of co_flags that a `from __future__ import` leaves behind."""
-    flags = 0
-    for name in __future__.all_feature_names:
-        flags |= getattr(__future__, name).compiler_flag
-    return flags & ~kNested
-
-
-kFutureFlags = _future_flags()
+kVarArgs, kVarKeywords = 0x04, 0x08
 
 _plain_types = (int, float, bool, type(None), compat.text_type)
 _sleep = time.sleep
+_clock = getattr(time, "monotonic", time.time)
+_chain, _flat, _repeat = itertools.chain, itertools.chain.from_iterable, itertools.repeat
 _partial = functools.partial
 _call = functools.partial.__call__
-_code_type = type(_future_flags.__code__)
 
 
 class tTooSlow(BaseException):
@@ -70,38 +63,40 @@ class tResult(object):
 # --- running code in a frame ----------------------------------------------------------------
 
 
-def evaluate(source, frame):
-    """Value of an expression in the frame, as a tResult."""
+def evaluate(source, frame, extra=None):
+    """Value of an expression in the frame, as a tResult.
+
+    extra: {name: value} of what the expression can name beside the frame's variables.
+    """
     try:
         if sublanguages.is_view(frame):
             return tResult(True, frame.evaluate(source.strip()), True)
-        code = _compile(source.strip(), frame, "eval")
-        return tResult(True, _run_expression(code, frame), True)
+        tree = framecode.parse_expression(source, frame)
+        return tResult(True, framecode.run(tree, frame, None, extra), True)
     except BaseException:
         return tResult(False, error=describe_error())
 
 
-def evaluate_limited(source, frame):
+def evaluate_limited(source, frame, extra=None, seconds=kValueSeconds):
     """The same for expressions that nobody has just typed: given up when they take too long."""
     try:
-        return call_with_limit(lambda: evaluate(source, frame))
+        return call_with_limit(lambda: evaluate(source, frame, extra), seconds)
     except BaseException:
         return tResult(False, error=describe_error())
 
 
-def execute(source, frame, core):
+def execute(source, frame, core, extra=None):
     """Run a statement, or evaluate an expression, in the frame; assigned locals are kept."""
     if sublanguages.is_view(frame) and not _is_statement(source, frame):
         return evaluate(source, frame)
     try:
         try:
-            code = _compile(source.strip(), frame, "eval")
+            tree = framecode.parse_expression(source, frame)
         except SyntaxError:
-            code = None
-        if code is not None:
-            return tResult(True, _run_expression(code, frame, core), True)
-        code = _compile(source.strip() + "\n", frame, "exec")
-        _run_in_frame(code, frame, core)
+            tree = None
+        if tree is not None:
+            return tResult(True, framecode.run(tree, frame, core, extra), True)
+        framecode.run(framecode.parse_statements(source, frame), frame, core, extra)
         return tResult(True)
     except BaseException:
         return tResult(False, error=describe_error())
@@ -110,63 +105,36 @@ def execute(source, frame, core):
 def _is_statement(source, frame):
     """Whether it is a statement of Python and no expression of any language."""
     try:
-        _compile(source.strip(), frame, "eval")
+        framecode.parse_expression(source, frame)
         return False
     except SyntaxError:
         pass
     try:
-        _compile(source.strip() + "\n", frame, "exec")
+        framecode.parse_statements(source, frame)
         return True
     except SyntaxError:
         return False
 
 
-def _compile(source, frame, mode):
-    flags = frame.f_code.co_flags & kFutureFlags
-    with private.quiet():
-        return compile(source, "<debugger>", mode, flags, True)
-
-
-def _run_expression(code, frame, core=None):
-    if _has_nested_code(code) and frame.f_locals is not frame.f_globals:
-        # Comprehensions and lambdas look names up as globals: give them both as one.
-        names = dict(frame.f_globals)
-        names.update(frame.f_locals)
-        return eval(code, names)
-    if core is None:
-        return eval(code, frame.f_globals, frame.f_locals)
-    return _run_in_frame(code, frame, core)
-
-
-def _has_nested_code(code):
-    return any(isinstance(item, _code_type) for item in code.co_consts)
-
-
-def _run_in_frame(code, frame, core):
-    # One fetch: reading f_locals again would overwrite what the code has assigned.
-    names = frame.f_locals
-    try:
-        return eval(code, frame.f_globals, names)
-    finally:
-        if not (compat.kNoLocalsToFast or names is frame.f_globals or sublanguages.is_view(frame)):
-            with private.quiet():  # 3.12 warns when a deleted variable becomes None
-                core.PyFrame_LocalsToFast(frame, 1)
-
-
-def describe_error():
-    """One line for the exception being handled."""
+def describe_error(call=None):
+    """One line for the exception being handled.  call: as of describe_exception()."""
     kind, value = sys.exc_info()[:2]
-    return describe_exception(kind, value)
+    return describe_exception(kind, value, call)
 
 
-def describe_exception(kind, value):
-    """One line, "ValueError: text", for an exception whose own methods may fail."""
+def describe_exception(kind, value, call=None):
+    """One line, "ValueError: text", for an exception whose own methods may fail.
+
+    call: what calls those methods, call_with_limit() unless given.
+    """
     try:
         name = _exception_name(kind)
-        text = "" if value is None else call_with_limit(lambda: _exception_text(value))
+        text = "" if value is None else (call or call_with_limit)(lambda: _exception_text(value))
     except BaseException:
         text = "(its text cannot be had)"
     text = compat.to_text(text).strip()
+    if kind is framecode.tRefusal:
+        return text
     return u"{}: {}".format(name, text) if text else name
 
 
@@ -259,22 +227,106 @@ def call_with_limit(function, seconds=kValueSeconds):
         return function()
     watch = tWatch(seconds)
     try:
-        return function()
-    finally:
-        watch.cancel()
+        try:
+            return function()
+        finally:
+            watch.cancel()
+    except tTooSlow:
+        watch.cancel()  # again: it may have struck before that was under way
+        raise
+
+
+class tLimiter(object):
+    """Limits for many short calls: they share one watch as long as they are quick.
+
+    seconds         what one call may take (at times it gets only half of that)
+    seconds_in_all  afterwards every call fails at once with tTooSlow; None: any time
+
+    It belongs to the thread that made it.
+    """
+
+    def __init__(self, seconds, seconds_in_all=None):
+        self._seconds = seconds
+        self._end = None if seconds_in_all is None else _clock() + seconds_in_all
+        self._watch = None
+        self._began = 0.0
+        self._is_mapping = False
+
+    def left(self):
+        """Seconds left for the next call, never less than 0."""
+        if self._end is None:
+            return self._seconds
+        return min(max(self._end - _clock(), 0.0), self._seconds)
+
+    def call(self, function):
+        """function(), or tTooSlow."""
+        left = self.left()
+        if not left:
+            raise tTooSlow()
+        self._begin(left)
+        try:
+            result = function()
+        except BaseException:
+            self._close()
+            raise
+        if not self._is_mapping:
+            self._close()
+        return result
+
+    def map(self, function, items, on_slow, results=None):
+        """[function(item)] for all; on_slow(item) in place of what takes too long.
+
+        function makes its calls with call(), and then the watch goes on between them.
+        results: list to append to: for those who want to see how far it has come.
+        """
+        items = list(items)
+        results = [] if results is None else results
+        self._is_mapping = True
+        try:
+            while len(results) < len(items):
+                try:
+                    while len(results) < len(items) and self.left():
+                        results.append(function(items[len(results)]))
+                except tTooSlow:
+                    self._close()
+                if len(results) < len(items):
+                    results.append(on_slow(items[len(results)]))
+            return results
+        finally:
+            self._is_mapping = False
+            self._close()
+
+    def _close(self):
+        if self._watch is not None:
+            self._watch.cancel()
+            self._watch = None
+
+    def _begin(self, seconds):
+        if self._watch is not None:
+            if _clock() - self._began <= seconds / 2:
+                return
+            self._close()
+        if _set_async_exc is not None:
+            self._began = _clock()
+            self._watch = tWatch(seconds)
 
 
 class tWatch(object):
+    """Raises tTooSlow in the calling thread after so many seconds; again where that is ignored."""
+
     def __init__(self, seconds):
         self._cancelled = compat.allocate_lock()
         self._cancelled.acquire()
         self._done = compat.allocate_lock()
         self._done.acquire()
-        self._ident = _thread_number(compat.get_ident())
-        steps = self._waits(seconds)
-        steps.append(_partial(_set_async_exc, self._ident, _py_object(tTooSlow)))
-        # Ends at the first step with a true result: being cancelled, or having struck.
-        watch = _partial(any, compat.lazy_map(_call, steps))
+        self._strikes, self._ended = [], []
+        ident = _thread_number(compat.get_ident())
+        strike = [_partial(self._strikes.append, True),
+                  _partial(_set_async_exc, ident, _py_object(tTooSlow))]
+        steps = self._waits(seconds) + strike
+        again = self._waits(kSecondsToIgnore) + strike
+        # Ends at the first step with a true result: being cancelled.
+        watch = _partial(any, compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
         self._started = self._start([watch, self._done.release])
 
     def _start(self, calls):
@@ -297,17 +349,20 @@ class tWatch(object):
         return waits
 
     def cancel(self):
-        """End the watch; nothing of it may reach the program later."""
-        self._cancelled.release()
-        if not self._started:
-            return
-        self._done.acquire()
-        if not self._cancelled.locked():  # it struck, perhaps just now: take delivery here
-            # deliberate: not by setting "no exception", which leaves the interpreter's request for
-            # attention standing for ever (3.11 then loops in traced code).
+        """End the watch; nothing of it may reach the program later.  May be called again."""
+        while True:
             try:
-                for _ in range(kDeliveryTurns):
+                if self._cancelled.locked():
+                    self._cancelled.release()
+                if self._started and not self._ended:
+                    # In one go: a strike between the two would have us wait again, for ever.
+                    self._ended.extend(compat.lazy_map(_call, (_partial(self._done.acquire),)))
+                # It struck, perhaps just now: take delivery here.
+                # deliberate: not by setting "no exception", which leaves the interpreter's request
+                # for attention standing for ever (3.11 then loops in traced code).
+                for _ in range(kDeliveryTurns if self._strikes else 0):
                     pass
+                return
             except tTooSlow:
                 pass
 
