@@ -783,42 +783,62 @@ def scan(frame, kind, value=None, reports=None, outermost=None):
             plan = _plans.get(id(code)) or plan_of(code)
             node = plan.nodes.get(offset) or plan.node_at(offset)
             if node is not _leaves:
-                node, parts = _follow(frame, node, kind, parts)
+                node, parts, clause = _follow(frame, node, kind, parts)
                 if node[0] != _kLeaves:
-                    return _conclude(node, frame, reports)
+                    return _conclude(node, frame, clause, reports)
         if frame is outermost:
             break
         inner, frame = frame, frame.f_back
     return tVerdict(kUncaught)
 
 
-def _conclude(node, frame, reports):
+def _conclude(node, frame, clause, reports):
     if node[0] == _kMay:
         reported = reports is not None and reports(frame, None)
         return tVerdict(kReported if reported else kUnknown, frame, node[1])
-    if reports is not None and reports(frame, node[1]):
-        return tVerdict(kReported, frame, node[1])
+    # A clause for certain types is the program's normal course, whatever the function does else.
+    if reports is not None and (clause is None or _catches_all(frame, clause)):
+        if reports(frame, node[1]):
+            return tVerdict(kReported, frame, node[1])
     return tVerdict(kCaught, frame, node[1])
 
 
+def _catches_all(frame, clause):
+    try:
+        wanted = _evaluate(frame, clause)
+    except (LookupError, AttributeError):
+        return True
+    if type(wanted) is tuple:
+        return any(_is_one_of(kind, _kBroad) for kind in wanted)
+    return _is_one_of(wanted, _kBroad)
+
+
+_kBroad = tuple(
+    getattr(compat.builtins, name)
+    for name in ("BaseException", "Exception", "StandardError") if hasattr(compat.builtins, name))
+
+
 def _follow(frame, node, kind, parts):
-    """(the node at which the exception ends: leaves, catches or may; what is left of a group)"""
+    """(the node at which the exception ends: leaves, catches or may; what is left of a group;
+    operations of the clause that matches, None for a bare one)"""
+    clause = None
     while node[0] >= _kMatch:
         if node[0] == _kMatch:
             answer = _matches(frame, node[2], kind)
             if answer is None:
-                return (_kMay, node[1], None, None, None), parts
+                return (_kMay, node[1], None, None, None), parts, None
+            clause = node[2] if answer else None
             node = node[3] if answer else node[4]
         elif node[0] == _kWith:
             if not _lets_pass(frame, node[2]):
-                return (_kMay, node[1], None, None, None), parts
+                return (_kMay, node[1], None, None, None), parts, None
             node = node[4]
         else:
             answer, parts = _match_group(frame, node[2], kind, parts)
             if answer is None:
-                return (_kMay, node[1], None, None, None), parts
+                return (_kMay, node[1], None, None, None), parts, None
             node = (_kCatches, node[1], None, None, None) if answer else node[4]
-    return node, parts
+    return node, parts, clause
 
 
 def _match_group(frame, clauses, kind, parts):
@@ -924,10 +944,6 @@ class tPassing(object):
         self.passed = False         # the exception has reached that frame
 
 
-def _is_outermost(frame):
-    return frame.f_back is None
-
-
 _kMaxNested = 8  # exceptions in progress at the same time (raised in `finally` and `except`)
 
 
@@ -937,17 +953,12 @@ class tRaiseWatch(object):
     judge(frame, exc_info) is given every exception event, each frame that an exception passes
     sends one.  The answer is a tVerdict when the event is a raise, or when an exception has gone
     on where it was thought to end; None when it is on its way, and when it is no news.
-
-    is_bottom: function (frame) -> whether it is the thread's bottom frame for the core, which tells
-    twice what leaves that frame: when it comes, and when the frame is left.
     """
 
-    def __init__(self, reports=None, is_bottom=None):
+    def __init__(self, reports=None):
         self._never_news = kNeverNews
         self._reports = reports
-        self._is_bottom = is_bottom or _is_outermost
         self._threads = {}  # thread ident -> [tPassing], the latest last
-        self._latest = {}   # thread ident -> id of the traceback last seen in the bottom frame
 
     def judge(self, frame, exc_info, ident=None):
         kind, value, traceback = exc_info
@@ -955,8 +966,6 @@ class tRaiseWatch(object):
             return None
         if ident is None:
             ident = _get_ident()
-        if _kHasTable and self.is_repeat(frame, exc_info, ident):
-            return None
         passing = self._find(frame, traceback, value, ident)
         if passing is not None:
             if passing.told:
@@ -988,24 +997,10 @@ class tRaiseWatch(object):
         """More exception types that are no news, beside kNeverNews."""
         self._never_news = kNeverNews + tuple(kinds)
 
-    def is_repeat(self, frame, exc_info, ident=None):
-        """Whether the core has told this before: of the bottom frame, in modes 4 and 5 or on 3.11.
-
-        The core keeps the exception of the bottom frame in these cases, so that no other one can
-        have its address.
-        """
-        if not self._is_bottom(frame):
-            return False
-        ident = _get_ident() if ident is None else ident
-        latest = self._latest.get(ident)
-        self._latest[ident] = id(exc_info[2])
-        return latest == id(exc_info[2])
-
     def forget(self, ident=None):
         """The thread has ended."""
         ident = _get_ident() if ident is None else ident
         self._threads.pop(ident, None)
-        self._latest.pop(ident, None)
 
     def _is_never_news(self, kind):
         if not _is_type(kind):

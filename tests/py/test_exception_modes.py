@@ -30,7 +30,7 @@ mode, result = settings["mode"], os.open(settings["result"], os.O_WRONLY | os.O_
 class Server(object):
     def __init__(self):
         self.infos = catchinfo.CatchInfos()
-        self.watch = handlers.tRaiseWatch(self.infos.reports, core.is_botframe)
+        self.watch = handlers.tRaiseWatch(self.infos.reports)
         self.hooks = threads.tThreadHooks(core)
 
     def start(self):
@@ -73,8 +73,6 @@ class Server(object):
     def exception_cb(self, frame, exc_info=None):
         try:
             answer = ""
-            if mode >= 2 and self.watch.is_repeat(frame, exc_info):
-                return
             if mode >= 4 and issubclass(exc_info[0], self.quiet()):
                 return
             if mode == 1 and not settings["raw"]:
