@@ -269,6 +269,14 @@ PyObject* _tracer_set_exc_catch_info_list(PyObject* /*self*/, PyObject* args) {
     return none_unless_error();
 }
 
+static void log_pending_exception(PyObject* exc) {
+    if (exc == gPy.Py_None) {
+        DPRINTF(kLogCore, "Clearing pending exception\n");
+    } else {
+        DPRINTF(kLogCore, "Setting pending exception to %p\n", static_cast<void*>(exc));
+    }
+}
+
 // The record may go away with what the old exception drags along, so that is dropped last.
 static void set_pending_exception(tThreadData* td, PyObject* exc) {
     tOwnedRef old(td->pending_exc);
@@ -276,13 +284,10 @@ static void set_pending_exception(tThreadData* td, PyObject* exc) {
         td->pending_exc = nullptr;
         gSelf.pending_exc_count -= 1;
     }
-    if (exc == gPy.Py_None) {
-        DPRINTF(kLogCore, "Clearing pending exception\n");
-        return;
+    if (exc != gPy.Py_None) {
+        td->pending_exc = new_ref(exc);
+        gSelf.pending_exc_count += 1;
     }
-    DPRINTF(kLogCore, "Setting pending exception to %p\n", static_cast<void*>(exc));
-    td->pending_exc = new_ref(exc);
-    gSelf.pending_exc_count += 1;
 }
 
 // deliberate: whatever thread is named, it is the calling one that gets the exception.
@@ -293,6 +298,7 @@ PyObject* raise_exception(PyObject* /*self*/, PyObject* args) {
         !check_initialized()) {
         return nullptr;
     }
+    log_pending_exception(exc);  // before the record is at hand: the log's file may reset us
     tThreadData* const td = get_current_thread_data(&gSelf.thread_data);
     if (td == nullptr) {
         return raise_unless_raised(gPy.PyExc_RuntimeError,

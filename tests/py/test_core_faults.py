@@ -176,6 +176,29 @@ class ReentryTest(TestCase):
             for function in (steps.calls, steps.catches, lambda stop: __import__("json")):
                 session.run(function, "step_out", "step_over", "step_over")
 
+    def test_the_logs_file_may_reset_while_an_exception_is_set(self):
+        session = Session()
+        tracer = session.tracer
+
+        class Log(object):
+            def write(self, text):
+                if text.startswith("Setting pending exception"):
+                    tracer.set_dprintf_file(None, -1, 0)
+                    tracer.reset()
+
+            def flush(self):
+                pass
+
+        def program(stop):
+            tracer.set_dprintf_file(Log(), -1, 0)
+            tracer.raise_exception(0, ValueError("ours"))
+            tracer.start_trace()
+            steps.add(1, 2)
+
+        with self.assertRaises(ValueError):
+            session.run(program)
+        self.assertEqual(session.run(steps.calls), 10)
+
     def test_import_cb_may_stop_the_start(self):
         hooks = []
         session = Session(import_cb=lambda module: session.tracer.stop_trace())
