@@ -56,6 +56,10 @@ class tFrontEnd(object):
     def on_import(self, module):
         """A module was imported (or was loaded when tracing began)."""
 
+    def passes(self, stop):
+        """Whether the thread is not to stop after all; it goes on as it did, stepping or not."""
+        return False
+
     def thread_policy(self, ident):
         """Whether to debug the calling thread, which was not seen before: 1 or 0."""
         return 1
@@ -109,6 +113,7 @@ class tServer(object):
         self._stops_at_lines_only = getattr(front_end, "kStopsAtLinesOnly", False)
         self._policy_of = getattr(front_end, "thread_policy", lambda ident: 1)
         self._tell_thread_end = getattr(front_end, "on_thread_end", lambda ident: None)
+        self._passes = getattr(front_end, "passes", lambda stop: False)
         self._main_ident = _get_ident()
         self._asked = {}        # thread ident -> what it was asked to do
         self._stops = {}        # thread ident -> stop that the front end has in hand
@@ -178,14 +183,14 @@ class tServer(object):
     def step_into(self):
         """Stop at the next line, wherever it is."""
         stop = self._current_stop()
-        if self._is_over(stop):
+        if self.is_over(stop):
             return self.continue_run()
         self._resume(kAskedStep, kAnywhere, self.core.step_into)
 
     def step_over(self, frame=None):
         """Stop at the next line of the frame (default: the stopped one) or its end."""
         stop = self._current_stop()
-        if self._is_over(stop):
+        if self.is_over(stop):
             return self.continue_run()
         if sublanguages.is_view(frame):
             return self._resume_in(_callers(stop, frame))
@@ -200,7 +205,7 @@ class tServer(object):
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
-        if self._is_over(stop) or stop.reason == stops.kReturn or _is_caller(frame, stop.frame) or (
+        if self.is_over(stop) or stop.reason == stops.kReturn or _is_caller(frame, stop.frame) or (
                 sublanguages.is_view(frame) and frame is not stop.frame):
             return self.step_over(frame)
         if sublanguages.is_view(stop.frame):
@@ -210,7 +215,7 @@ class tServer(object):
     def step_out(self, frame=None):
         """Stop when the frame (default: the stopped one) returns."""
         stop = self._current_stop()
-        if self._is_over(stop):
+        if self.is_over(stop):
             return self.continue_run()
         if sublanguages.is_view(frame) or (frame is None and sublanguages.is_view(stop.frame)):
             return self._resume_in(_callers(stop, frame or stop.frame)[:-1])
@@ -269,7 +274,11 @@ class tServer(object):
         """function() is called on a thread at its next event that the core looks at closely: a
         call, a return, or a line of a frame that has an f_trace."""
         self._armed[ident] = function
-        self.core.set_debug_thread_cb(self._thread_policy_cb)  # ask again for every thread
+        self.ask_policies()
+
+    def ask_policies(self):
+        """Which threads are debugged may have changed."""
+        self.core.set_debug_thread_cb(self._thread_policy_cb)
 
     def disarm(self, ident):
         """Whether it was armed still."""
@@ -280,6 +289,7 @@ class tServer(object):
         for table in (self._asked, self._places, self._steppers, self._goals, self._armed):
             table.clear()
         self.core.start_trace()
+        self.ask_policies()
 
     def current_stop(self):
         """The stop that the calling thread is in, or None."""
@@ -322,23 +332,8 @@ class tServer(object):
             self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
         self.languages.plan(_get_ident(), views, line)
 
-    def _resume_in(self, callers, line=0):
-        """Stop at the next place or line of the last of these frames and views, or of the next one
-        outwards; line: in the last one, if it is a view, at that one or after it."""
-        views = []
-        while callers and sublanguages.is_view(callers[-1]):
-            views.append(callers.pop())
-        if callers:
-            self._resume(kAskedNext, callers[-1], self.core.step_out_to_frame, callers[-1])
-        else:
-            self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
-        self.languages.plan(_get_ident(), views, line)
-
     def _leave(self, frame):
         """Stop at the next line of the nearest caller that may be shown."""
-        if self.languages.is_active() and frame.f_back is not None:
-            stack, _ = stops.collect_stack(frame.f_back, None, self.is_hidden)
-            return self._resume_in([entry[0] for entry in self.languages.show(stack, -1)[0]])
         if self.languages.is_active() and frame.f_back is not None:
             stack, _ = stops.collect_stack(frame.f_back, None, self.without_hidden)
             return self._resume_in([entry[0] for entry in self.languages.show(stack, -1)[0]])
@@ -349,7 +344,7 @@ class tServer(object):
             return self.continue_run()
         self._resume(kAskedNext, parent, self.core.step_out_to_frame, parent)
 
-    def _is_over(self, stop):
+    def is_over(self, stop):
         """Whether nothing of the program is left to step through."""
         return stop.reason in (stops.kUncaught, stops.kPostMortem) or (
             stop.reason == stops.kReturn and stop.frame is self._main_frame)
@@ -371,11 +366,15 @@ class tServer(object):
         if not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
         if self.is_hidden(frame):
-            return stepper.at_foreign(frame) if stepper else self._pass_hidden(frame, ident)
+            if stepper is not None and not self.languages.is_active():
+                return stepper.at_foreign(frame)
+            return self._pass_hidden(frame, ident)
         hits, passed = self.breakpoints.judge(
             self.languages.view_of(frame), self.languages.is_uncounted(frame))
         if passed and not hits and not self._ends_step(frame, ident):
             return  # no command: a step in progress goes on
+        if not hits and self._steps_by(frame, ident):
+            return  # no command: the core goes on stepping
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
         if stepper is not None and not hits:
             if not self._ends_step(frame, ident):
@@ -397,6 +396,8 @@ class tServer(object):
         self._forget_event(frame, ident)
         if self._asked.get(ident) == kAskedNoMore:
             return self.continue_run()
+        if self._steps_by(frame, ident):
+            return
         stepper = self._steppers.get(ident)
         if stepper is not None and self.languages.may_stop(frame):
             return self._step_on(stepper, frame, value)
@@ -529,6 +530,7 @@ class tServer(object):
         try:
             ident = _get_ident()
             if threads.is_own_thread(ident):
+                _set_trace(None)  # no event any more; and no import of it waits for the mutex
                 return 0
             policy = self._policy_of(ident)
             strike = self._armed.pop(ident, None)
@@ -579,6 +581,8 @@ class tServer(object):
         ident = stop.thread.ident
         if not stop.stack:
             return self._pass_hidden(stop.frame, ident)
+        if self._passes(stop):
+            return
         self._goals.pop(ident, None)
         self._steppers.pop(ident, None)
         self._stops[ident] = stop
@@ -614,6 +618,14 @@ class tServer(object):
         ident = _get_ident()
         return stops.tThread(ident, self._thread_name(ident), ident == self._main_ident)
 
+    @property
+    def main_ident(self):
+        return self._main_ident
+
+    def thread_name(self, ident):
+        """Of any thread."""
+        return self._thread_name(ident)
+
     def _thread_name(self, ident):
         """As the program named it; the core's guess or the number where it did not."""
         threading = sys.modules.get("threading")
@@ -622,7 +634,10 @@ class tServer(object):
             return known[ident].name
         if ident == self._main_ident:
             return "MainThread"
-        name = self.core.get_thread_name(self.core.get_current_tstate_id())
+        name = None
+        for tstate_id in self.core.get_threads():
+            if self.core.get_thread_ident_for_tstate_id(tstate_id) == ident:
+                name = self.core.get_thread_name(tstate_id)
         return "{} ({})".format(name, ident) if name else str(ident)
 
     def _reason_of_line(self, ident):
@@ -630,6 +645,10 @@ class tServer(object):
         if asked in (None, kAskedRun):
             return stops.kBreakpoint
         return stops.kPause if asked == kAskedPause else stops.kStep
+
+    def _steps_by(self, frame, ident):
+        """Whether a step into code passes over the frame: a language's implementation calls it."""
+        return self._asked.get(ident) == kAskedStep and self.languages.is_library(frame)
 
     def _ends_step(self, frame, ident):
         """Whether the core has stopped at the line because it was told to step there, too."""

@@ -13,7 +13,6 @@ import dis
 from tdbg import codelines, compat, private
 
 _parse = ast.parse
-_walk = ast.walk
 _children = ast.iter_child_nodes
 _opnames = tuple(dis.opname)
 _have_argument = dis.HAVE_ARGUMENT
@@ -103,6 +102,15 @@ def of_text(text):
         return tStatements(text)
     except Exception:
         return None
+
+
+def _walk(node):
+    """Like ast.walk(), which imports when it runs."""
+    todo = [node]
+    while todo:
+        node = todo.pop()
+        todo.extend(_children(node))
+        yield node
 
 
 def _first_line(node):

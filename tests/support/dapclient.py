@@ -82,14 +82,14 @@ class DapClient(object):
     def send_bytes(self, data):
         self._write(data)
 
-    def response_to(self, seq, seconds=kSeconds):
+    def response_to(self, seq, seconds=None):
         """The response to a request: the whole message."""
         return self._wait(lambda: self._responses.get(seq), "response {}".format(seq), seconds)
 
     def has_response_to(self, seq):
         return seq in self._responses
 
-    def request(self, command, arguments=None, seconds=kSeconds):
+    def request(self, command, arguments=None, seconds=None):
         """The body of the response ({} where there is none); Refused for an error."""
         response = self.response_to(self.send(command, arguments), seconds)
         if not response.get("success"):
@@ -104,7 +104,7 @@ class DapClient(object):
             return why.text
         raise AssertionError("{} succeeded: {!r}".format(command, body))
 
-    def wait_event(self, name, predicate=None, seconds=kSeconds):
+    def wait_event(self, name, predicate=None, seconds=None):
         """Body of the first event not yet taken that has the name and satisfies predicate(body)."""
         def find():
             for event in self.events:
@@ -119,7 +119,7 @@ class DapClient(object):
             return [message.get("body") or {} for message in self.messages
                     if message.get("type") == "event" and message.get("event") == name]
 
-    def wait_request(self, command, seconds=kSeconds):
+    def wait_request(self, command, seconds=None):
         """A reverse request: the whole message."""
         def find():
             for message in self.requests:
@@ -137,12 +137,12 @@ class DapClient(object):
             response["message"] = message
         self.send_message(response)
 
-    def wait_end(self, seconds=kSeconds):
+    def wait_end(self, seconds=None):
         """Until the other side closes the stream."""
         self._wait(lambda: self.at_end, "end of the stream", seconds)
 
     def _wait(self, find, what, seconds):
-        end = time.time() + seconds
+        end = time.time() + (seconds or kSeconds)
         with self._changed:
             while True:
                 found = find()
@@ -243,7 +243,7 @@ class DapClient(object):
             rows.append(row)
         return self.request("setBreakpoints", {"source": {"path": path}, "breakpoints": rows})["breakpoints"]
 
-    def wait_stopped(self, reason=None, seconds=kSeconds):
+    def wait_stopped(self, reason=None, seconds=None):
         """Body of the next `stopped`; fails when the reason is another."""
         stop = self.wait_event("stopped", seconds=seconds)
         if reason is not None and stop["reason"] != reason:
@@ -293,12 +293,12 @@ class DapClient(object):
         rows = self.request("variables", {"variablesReference": scope["variablesReference"]})["variables"]
         return {row["name"]: row["value"] for row in rows}
 
-    def wait_exit(self, seconds=kSeconds):
+    def wait_exit(self, seconds=None):
         """Exit status of the process that was started (negative: the signal)."""
         return wait_for_process(self.process, seconds)
 
 
-def wait_for_process(process, seconds=kSeconds):
+def wait_for_process(process, seconds=None):
     done = threading.Event()
     waiter = threading.Thread(target=lambda: (process.wait(), done.set()))
     waiter.daemon = True

@@ -137,15 +137,18 @@ class tExecutor(object):
 
     # --- the serving thread ---
 
-    def serve(self, interrupted=None):
+    def serve(self, announce=None, interrupted=None):
         """Run jobs until finish() is called; returns what that was given.
 
+        announce(): called when requests can come
         interrupted(exception): a signal handler of the program has raised it, in the main thread.
         """
         with self._lock:
             self._server = _get_ident()
             del self._commands[:]
         try:
+            if announce is not None:
+                announce()
             while True:
                 task = self._next()
                 if task is not None:

@@ -21,8 +21,9 @@ output(category, text, **more)                   an `output` event; never raises
 run_in_core(function)       function() where the core may be called and the breakpoints changed: on the
                             stopped thread if there is one, else with the debug-server mutex held;
                             its result, or its exception
-lock_core()                 deprecated way of writing the same: `with session.lock_core():` is not to
-                            be had, for a block cannot be moved to another thread
+then(function)              function() once the response to the request at hand has been sent
+return_values               [(frame's function name, value)] that functions have returned during the last
+                            step; empty unless config.show_return_value
 
 To be told (each takes a callable, in attach(session)):
 
@@ -39,40 +40,712 @@ on_end(f)        f(session): the client goes; undo what it asked for (breakpoint
 """
 from __future__ import absolute_import, division, print_function
 
-from tdbg import dbgserver
+import fnmatch
+import os
+import sys
 
+from tdbg import compat, dbgserver, evaluate, pausing, signals, stops, threads
+from tdbg.dap import executor as executors
+from tdbg.dap import numbers, requests, wire
+from tdbg.dap.requests import kStopped, tRequestError
 
-class tFrameRef(object):
-    """A frame that the client knows by number."""
+tFrameRef = numbers.tFrameRef
 
-    __slots__ = ("thread_id", "frame", "line")
+_get_ident = compat.get_ident
+_getpid = os.getpid
+_kill = os.kill
+_exit = os._exit
+_current_frames = sys._current_frames
+_fits = fnmatch.fnmatchcase
 
-    def __init__(self, thread_id, frame, line):
-        self.thread_id, self.frame, self.line = thread_id, frame, line
+kUninitialized = ("initialize", "disconnect")
+kOutputKinds = ("console", "important", "stdout", "stderr", "telemetry")
+kKeptReturnValues = 20
+kReasons = {
+    stops.kEntry: "entry", stops.kStep: "step", stops.kReturn: "step", stops.kPause: "pause",
+    stops.kBreakpoint: "breakpoint"}
 
 
 class tDapFrontEnd(dbgserver.tFrontEnd):
-    """settings: {"launched": bool}: whether an adapter has started the program for its client.
+    """settings: {"launched": bool: whether an adapter has started the program for its client,
+    "wait": bool: whether the program is to wait for a client before its first line}.
 
     attach(server) once; then, for each client, begin(connection), with a wire.tConnection.
     """
 
+    kStopsAtLinesOnly = True
+
     def __init__(self, settings=None):
         self.settings = settings or {}
+        self.is_launched = bool(self.settings.get("launched"))
         self.server = None
         self.session = None
+        self.executor = executors.tExecutor(self._on_waiting)
+        self.holder = None
+        self.thread_ids = numbers.tThreadIds()
+        self.is_live = False       # the program's first line has been reached
+        self.is_tracing = False
+        self.entry_stop = None     # while the program waits at its first line for the client's wishes
+        self._pid = _getpid()
+        self._client = signals.tDone()  # a client has attached and is configured
 
     def attach(self, server):
         self.server = server
+        self.holder = pausing.tHolder(
+            server, self.executor, self._on_hold, lambda where: server._tell_internal_error(where))
+        self.thread_ids.id_of(server.main_ident)
 
     def begin(self, connection):
         """Serve a client from now on; returns its tSession.  Any thread."""
-        raise NotImplementedError
+        session = tSession(self, connection)
+        self.session = session
+        session.start()
+        return session
 
     def wait_for_client(self, seconds=None):
         """Until a client has attached and sent configurationDone; whether one has."""
-        raise NotImplementedError
+        return self._client.wait(seconds)
+
+    def tell_configured(self):
+        self._client.set()
+
+    # --- of the server: on the program's threads ---
+
+    def on_stop(self, stop):
+        if _getpid() != self._pid:  # a forked child, which nobody debugs
+            return self.server.continue_run()
+        self.holder.is_satisfied(stop.thread.ident)
+        try:
+            if stop.reason == stops.kEntry:
+                self._stop_at_entry(stop)
+            else:
+                self._stop_at(stop)
+        except KeyboardInterrupt:
+            self._interrupted(sys.exc_info()[1])
+
+    def passes(self, stop):
+        session = self.session
+        if session is None or not session.is_configured or stop.reason == stops.kEntry:
+            return False
+        return session.passes(stop)
+
+    def thread_policy(self, ident):
+        session = self.session
+        if _getpid() != self._pid:
+            return 1
+        self.see_thread(ident)
+        return 1 if session is None else session.policy_of(ident)
+
+    def on_thread_end(self, ident):
+        if _getpid() != self._pid:
+            return
+        self.holder.forget_thread(ident)
+        number = self.thread_ids.forget(ident)
+        if number is not None and self.session is not None:
+            self.session.tell_thread("exited", number)
+
+    def on_idle(self):
+        self.scan_threads()
+
+    def on_import(self, module):
+        session = self.session
+        if session is not None and _getpid() == self._pid:
+            session.call_all(session.import_hooks, module)
+
+    def on_notice(self, text):
+        if self.session is not None:
+            self.session.output("console", text + "\n")
+
+    def on_internal_error(self, text):
+        if self.session is not None:
+            self.session.output("console", "tdbg: internal error: {}\n".format(text))
+
+    # --- stops ---
+
+    def _stop_at_entry(self, stop):
+        self.is_live = self.is_tracing = True
+        session = self.session
+        if session is None and not self.settings.get("wait"):
+            return self.leave_alone()
+        self.entry_stop = stop
+        try:
+            self._serve(lambda: self.session is not None and self.session.tell_entered())
+        finally:
+            self.entry_stop = None
+
+    def _stop_at(self, stop):
+        session = self.session
+        if session is None or not session.is_configured or session.is_ending:
+            return self.server.continue_run()
+        session.current_stop = stop
+        try:
+            self._serve(lambda: session.tell_stop(stop))
+        finally:
+            session.current_stop = None
+
+    def _serve(self, announce):
+        """Be at the client's service, until it sends the program on."""
+        interrupts = []
+        command = self.executor.serve(announce, interrupts.append)
+        if command is not None:
+            command()
+        for interrupt in interrupts[:1]:
+            self._interrupted(interrupt)
+
+    def _interrupted(self, exception):
+        """A signal handler of the program has raised an exception here: it is the program's."""
+        self.server.core.raise_exception(0, exception)
+
+    def _on_hold(self, ident):
+        """The program is held, on a thread of the debugger's own."""
+        session = self.session
+        if session is None or not session.is_configured:
+            return
+        session.held = ident
+        try:
+            self._serve(lambda: session.tell_hold(ident))
+        finally:
+            session.held = None
+
+    def leave_alone(self):
+        """The program runs on untraced.  Where the core may be called."""
+        self.is_tracing = False
+        self.server.leave_alone()
+
+    def trace_again(self):
+        if not self.is_tracing:
+            self.is_tracing = True
+            self.server.start_again()
+            sys.settrace(None)  # of this thread, which is the debugger's
+
+    def _on_waiting(self):
+        if self.is_live:
+            self.holder.wake()
+
+    # --- threads ---
+
+    def see_thread(self, ident):
+        if not self.thread_ids.is_known(ident):
+            number = self.thread_ids.id_of(ident)
+            if self.session is not None:
+                self.session.tell_thread("started", number)
+
+    def scan_threads(self):
+        """Find what has begun or ended unseen."""
+        running = _current_frames()
+        idents = set(ident for ident in running if not threads.is_own_thread(ident))
+        running = None
+        for ident in idents:
+            self.see_thread(ident)
+        registered = getattr(sys.modules.get("threading"), "_active", {})
+        for number, ident in self.thread_ids.all():
+            if ident not in idents and ident not in registered and ident != self.server.main_ident:
+                self.on_thread_end(ident)
+
+    def name_of_thread(self, ident):
+        try:
+            return compat.to_text(self.server.thread_name(ident))
+        except Exception:
+            return compat.to_text(str(ident))
 
 
 class tSession(object):
-    pass
+    """See above.  is_configured: configurationDone has come; held: ident of the thread for which the
+    program is held without having stopped, or None."""
+
+    def __init__(self, front_end, connection):
+        self.front_end, self.server = front_end, front_end.server
+        self.executor, self.holder = front_end.executor, front_end.holder
+        self.thread_ids = front_end.thread_ids
+        self.frames, self.handles = numbers.tFrames(), numbers.tHandles()
+        self.config = None
+        self.client = None
+        self.current_stop = None
+        self.held = None
+        self.is_configured = self.is_ending = self.is_over = False
+        self.configuration_done = False
+        self.started_by = None     # the request launch or attach, until it is answered
+        self.has_entered = front_end.is_live
+        self.return_values = []
+        self.stacks = {}           # of threads that are not stopped, until the program runs
+        self.known_threads = set()
+        self.told_initialized = False
+        self.stop_hooks, self.stop_filters, self.resume_hooks = [], [], []
+        self.import_hooks, self.configured_hooks, self.end_hooks = [], [], []
+        self._connection = connection
+        self._pending = {}         # number of a reverse request -> on_response
+        self._after = {}           # ident -> functions for after the response
+        self._waiting = []         # requests for the stopped thread
+        self._arrived = signals.tSignal()
+        self._lock = compat.allocate_lock()
+        self._request = None       # the one that the reader's thread is at
+        modules = requests.load_modules()
+        self._table = requests.table_of(modules)
+        for module in modules:
+            if hasattr(module, "attach"):
+                module.attach(self)
+
+    @property
+    def core(self):
+        return self.server.core
+
+    def start(self):
+        if not (threads.start_own_thread(self._read_all) and threads.start_own_thread(self._run_waiting)):
+            raise RuntimeError("no thread can be started")
+
+    # --- for handler modules ---
+
+    def on_stop(self, function):
+        self.stop_hooks.append(function)
+
+    def filter_stops(self, function):
+        self.stop_filters.append(function)
+
+    def on_resume(self, function):
+        self.resume_hooks.append(function)
+
+    def on_import(self, function):
+        self.import_hooks.append(function)
+
+    def on_configured(self, function):
+        self.configured_hooks.append(function)
+
+    def on_end(self, function):
+        self.end_hooks.append(function)
+
+    def stop_of(self, thread_id):
+        stop = self.current_stop
+        if stop is not None and self.thread_ids.id_of(stop.thread.ident) == thread_id:
+            return stop
+        return None
+
+    def run_in_core(self, function):
+        if not self.front_end.is_live or self.executor.is_on_duty():
+            return function()
+        return self.executor.run(function, needs_stop=False)
+
+    def then(self, function):
+        self._after.setdefault(_get_ident(), []).append(function)
+
+    def answer_later(self):
+        """launch and attach are answered when everything has been said."""
+        self.started_by = self._request
+        return kLater
+
+    def send_event(self, name, body=None):
+        message = {"type": "event", "event": name}
+        if body is not None:
+            message["body"] = body
+        self._send(message)
+
+    def send_request(self, command, arguments, on_response=None):
+        number = self._connection.next_seq()
+        self._pending[number] = on_response
+        self._send({"type": "request", "seq": number, "command": command, "arguments": arguments})
+
+    def output(self, category, text, **more):
+        self.send_event("output", dict(more, category=category, output=compat.to_text(text)))
+
+    def _send(self, message):
+        if self.is_over:
+            return
+        try:
+            self._connection.write(message)
+        except Exception:  # the client has gone, or a message cannot be said: the program goes on
+            pass
+
+    def call_all(self, functions, *arguments):
+        """Call hooks; the results that are not None.  One that fails does not disturb the others."""
+        results = []
+        for function in functions:
+            try:
+                result = function(self, *arguments)
+                if result is not None:
+                    results.append(result)
+            except Exception:
+                self.tell_failure(getattr(function, "__name__", "hook"))
+        return results
+
+    def tell_failure(self, where):
+        self.output("console", u"tdbg: internal error: {}: {}\n".format(where, describe_failure()))
+
+    # --- reading ---
+
+    def _read_all(self):
+        try:
+            while not self.is_over:
+                try:
+                    message = self._connection.read()
+                except wire.tBadMessage as why:
+                    self._refuse({}, "not a message of the protocol: {}".format(why))
+                    continue
+                if message is None:
+                    break
+                self._take(message)
+        except wire.tBadHeader:
+            pass
+        except Exception:
+            self.tell_failure("reading")
+        finally:
+            self._client_is_gone()
+
+    def _take(self, message):
+        kind = message.get("type")
+        if kind == "response":
+            self._take_response(message)
+        elif kind != "request":
+            self._refuse(message, "not a request")
+        elif not isinstance(message.get("command"), compat.string_types):
+            self._refuse(message, "a request without a command")
+        else:
+            self._take_request(message)
+
+    def _take_response(self, message):
+        on_response = self._pending.pop(_hashable(message.get("request_seq")), None)
+        if on_response is not None:
+            try:
+                on_response(bool(message.get("success")), message.get("body"))
+            except Exception:
+                self.tell_failure("response")
+
+    def _take_request(self, message):
+        command = message["command"]
+        request = self._table.get(command)
+        arguments = message.get("arguments")
+        if request is None:
+            return self._refuse(message, u"unknown request {}".format(compat.to_text(command)[:100]))
+        if arguments is None:
+            arguments = {}
+        if not isinstance(arguments, dict):
+            return self._refuse(message, "the arguments must be an object")
+        if self.client is None and command not in kUninitialized:
+            return self._refuse(message, "the first request must be `initialize`")
+        if request.where == kStopped:
+            with self._lock:
+                self._waiting.append((message, request, arguments))
+            self._arrived.set()
+        else:
+            self._request = message
+            self._answer(message, lambda: request.handler(self, arguments))
+
+    def _answer(self, message, job):
+        """Run a job and send what comes of it."""
+        ident = _get_ident()
+        self._after.pop(ident, None)
+        try:
+            body = job()
+        except BaseException:
+            self._after.pop(ident, None)
+            self._refuse_with_exception(message)
+        else:
+            if body is not kLater:
+                self.respond(message, body)
+        for function in self._after.pop(ident, ()):
+            try:
+                function()
+            except Exception:
+                self.tell_failure("after " + compat.to_native(message["command"]))
+
+    def respond(self, message, body=None):
+        response = {"type": "response", "request_seq": message.get("seq", 0), "success": True,
+                    "command": message["command"]}
+        if body is not None:
+            response["body"] = body
+        self._send(response)
+
+    def _refuse_with_exception(self, message):
+        kind, why = sys.exc_info()[:2]
+        if kind is executors.tNotStopped:
+            return self._refuse(message, "the program is not stopped")
+        if kind is executors.tTooSlow:
+            return self._refuse(message, "this takes too long; it is still being tried")
+        if isinstance(why, tRequestError):
+            return self._refuse(message, why.text, why.show_user)
+        self._refuse(message, describe_failure())
+
+    def _refuse(self, message, text, show_user=False):
+        text = compat.to_text(text)
+        number = message.get("seq", 0)
+        command = message.get("command")
+        self._send({
+            "type": "response", "success": False, "message": text,
+            "request_seq": number if isinstance(number, int) else 0,
+            "command": command if isinstance(command, compat.string_types) else "",
+            "body": {"error": {"id": 1, "format": text.replace(u"{", u"(").replace(u"}", u")"),
+                               "showUser": show_user}}})
+
+    # --- requests for the stopped thread, one after the other ---
+
+    def _run_waiting(self):
+        while not self.is_over:
+            self._arrived.wait()
+            while True:
+                with self._lock:
+                    row = self._waiting.pop(0) if self._waiting else None
+                if row is None:
+                    break
+                try:
+                    self._run_one(*row)
+                except Exception:
+                    self.tell_failure("request")
+                row = None
+
+    def _run_one(self, message, request, arguments):
+        if not self.executor.is_serving:
+            return self._refuse(message, "the program is not stopped")
+        try:
+            limit = request.limit(arguments)
+        except Exception:
+            limit = requests.kSeconds
+        if limit is None:
+            task = self.executor.submit(
+                lambda: request.handler(self, arguments),
+                lambda task: self._answer(message, task.result))
+            if not task.done.wait(executors.kPatience):
+                self.executor.give_up(task)
+        else:
+            self._answer(message, lambda: self._run_limited(request, arguments, limit))
+
+    def _run_limited(self, request, arguments, limit):
+        afters = []
+
+        def job():
+            ident = _get_ident()
+            self._after.pop(ident, None)
+            try:
+                return request.handler(self, arguments)
+            finally:
+                afters.extend(self._after.pop(ident, ()))
+        try:
+            body = self.executor.run(job, limit)
+        except executors.tTooSlow:
+            if getattr(request, "on_slow", None) is None:
+                raise
+            body = request.on_slow(self, arguments)
+        for function in afters:
+            self.then(function)
+        return body
+
+    def cancel(self, number):
+        """Drop a request that has not begun."""
+        with self._lock:
+            rows = [row for row in self._waiting if row[0].get("seq") == number]
+            self._waiting = [row for row in self._waiting if row[0].get("seq") != number]
+        for row in rows:
+            self._refuse(row[0], "cancelled")
+
+    # --- what the client is told ---
+
+    def tell_entered(self):
+        """The program waits at its first line."""
+        self.has_entered = True
+        self.tell_initialized()
+        self.begin_when_configured()
+
+    def tell_initialized(self):
+        """Once the client has said what it wants, and breakpoints can be set."""
+        with self._lock:
+            if self.config is None or not self.has_entered or self.told_initialized:
+                return
+            self.told_initialized = True
+        self.send_event("initialized")
+
+    def begin_when_configured(self):
+        """Answer launch or attach, and let the program go, as soon as all is said."""
+        with self._lock:
+            ready = (
+                self.configuration_done and self.config is not None and self.has_entered
+                and self.started_by is not None)
+            message, self.started_by = self.started_by, None if ready else self.started_by
+        if not ready:
+            return
+        self.is_configured = True
+        self.respond(message)
+        self.send_event("process", {
+            "name": compat.to_text(str(self._program_name())), "systemProcessId": _getpid(),
+            "isLocalProcess": True, "startMethod": self.config.kind,
+            "pointerSize": 64 if sys.maxsize > 2 ** 32 else 32})
+        self.front_end.tell_configured()
+        stop = self.front_end.entry_stop
+        if stop is not None:
+            self._begin_at(stop)
+
+    def _program_name(self):
+        main = sys.modules.get("__main__")
+        name = getattr(main, "__file__", None)
+        return name if isinstance(name, compat.string_types) and name else sys.executable
+
+    def _begin_at(self, stop):
+        if self.config.no_debug:
+            return self.executor.finish(self.front_end.leave_alone)
+        stop.hits = self._hits_at_entry(stop)
+        if stop.hits:
+            stop.reason = stops.kBreakpoint
+        if stop.hits or self.config.stop_on_entry:
+            self.current_stop = stop
+            self.tell_stop(stop)
+        else:
+            self.executor.finish(self.server.continue_run)
+
+    def _hits_at_entry(self, stop):
+        """Of breakpoints that were set at the line where the program waits."""
+        def look():
+            return self.server.breakpoints.judge(stop.frame, uncounted=True)[0]
+        try:
+            return self.run_in_core(look)
+        except Exception:
+            self.tell_failure("entry")
+            return []
+
+    def passes(self, stop):
+        """Whether a stop is none for this client; on the thread."""
+        had_hits = bool(stop.hits)
+        if any(self.call_all(self.stop_filters, stop)):
+            return True
+        return had_hits and not stop.hits and stop.reason == stops.kBreakpoint
+
+    def tell_stop(self, stop):
+        body = {
+            "reason": kReasons.get(stop.reason, "exception"),
+            "threadId": self.thread_ids.id_of(stop.thread.ident), "allThreadsStopped": True}
+        for more in self.call_all(self.stop_hooks, stop):
+            if isinstance(more, dict):
+                body.update(more)
+        self.send_event("stopped", body)
+
+    def tell_hold(self, ident):
+        self.send_event("stopped", {
+            "reason": "pause", "threadId": self.thread_ids.id_of(ident), "allThreadsStopped": True})
+
+    def tell_thread(self, reason, thread_id):
+        if self.client is not None and self.told_initialized:
+            self.send_event("thread", {"reason": reason, "threadId": thread_id})
+
+    def policy_of(self, ident):
+        """Whether the thread is debugged, by the configuration's rules."""
+        config = self.config
+        if config is None or ident == self.server.main_ident:
+            return 1
+        policy = config.threads_default
+        if config.threads_rules:
+            name = compat.to_native(self.front_end.name_of_thread(ident))
+            for pattern, wanted in config.threads_rules:
+                if _fits(name, pattern):
+                    policy = wanted
+                    break
+        return 0 if policy == "ignore" else 1
+
+    # --- going on ---
+
+    @property
+    def is_stopped(self):
+        return self.current_stop is not None or self.held is not None
+
+    def note_return(self, frame, value):
+        if self.config is not None and self.config.show_return_value:
+            self.return_values.append((compat.to_text(frame.f_code.co_name), value))
+            del self.return_values[:-kKeptReturnValues]
+
+    def forget_stop(self):
+        """What the client knows of the stop is no longer true."""
+        self.frames.clear()
+        self.handles.clear()
+        self.stacks = {}
+        self.call_all(self.resume_hooks)
+
+    def go_on(self, ident=None, stepper=None):
+        """Let the program run; stepper: for the step that the thread makes.  After the response."""
+        stop, held = self.current_stop, self.held
+        self.forget_stop()
+        self.return_values = []
+        if stepper is None:
+            command = self.server.continue_run if stop is not None else lambda: self.holder.send_on(held)
+        elif stop is not None and stop.thread.ident == ident:
+            def command():
+                stepper.start(stop)
+        else:
+            def command():
+                self.holder.plan_step(ident, stepper)
+                if stop is not None:
+                    self.server.continue_run()
+                elif held != ident:
+                    self.holder.send_on(held)
+        if stop is not None and stop is self.front_end.entry_stop:
+            self.current_stop = None  # who serves there does not know
+        self.executor.finish(command)
+
+    # --- the end ---
+
+    def _client_is_gone(self):
+        if self.is_over:
+            return
+        self.end(terminate=self.front_end.is_launched)
+
+    def end(self, terminate, close=True):
+        """The client goes.  On the reader's thread."""
+        if self.is_over:
+            return
+        self.is_ending = True
+        try:
+            if terminate:
+                self._end_program()
+            else:
+                self._detach()
+        except Exception:
+            self.tell_failure("end")
+        finally:
+            self.is_over = True
+            if self.front_end.session is self:
+                self.front_end.session = None
+            self._arrived.set()
+            self._connection.close()
+
+    def _detach(self):
+        """Leave the program alone, stopped or not."""
+        if not self.front_end.is_live:
+            return
+
+        def undo():
+            self.call_all(self.end_hooks)
+            self.front_end.leave_alone()
+        self.holder.call_off()
+        held = self.held
+        self.forget_stop()
+        if self.executor.is_serving:
+            def command():
+                undo()
+                if held is not None:
+                    self.holder.send_on(held)
+            self.executor.finish(command)
+        else:
+            self.run_in_core(undo)
+
+    def _end_program(self):
+        _kill(_getpid(), compat.signal.SIGTERM)
+        if self.executor.is_serving:
+            self.executor.finish(self.front_end.leave_alone)
+        seconds = 5.0 if self.config is None else self.config.kill_timeout
+        signals.tSignal().wait(seconds)
+        _kill(_getpid(), compat.signal.SIGKILL)
+
+
+kLater = object()  # a handler's answer: the response is sent elsewhere
+
+
+def _hashable(value):
+    return value if isinstance(value, (int, float)) else None
+
+
+def describe_failure():
+    """Type, text and place of the exception being handled."""
+    kind, value, tb = sys.exc_info()
+    try:
+        text = compat.to_text(evaluate.describe_exception(kind, value))
+        while tb is not None and tb.tb_next is not None:
+            tb = tb.tb_next
+        if tb is not None:
+            text += u" ({}:{})".format(
+                compat.to_text(os.path.basename(tb.tb_frame.f_code.co_filename)), tb.tb_lineno)
+        return text
+    finally:
+        tb = None
