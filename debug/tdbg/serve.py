@@ -18,7 +18,7 @@ kUsage = (
 kEncodingVariable = "PYTHONIOENCODING"
 kFlags = ("--wait-for-client", "--no-token", "--allow-remote")
 kWithValue = ("--listen", "--connect", "--token-file", "--library")
-kRefused = "tdbg/refused"
+kRefused, kRuns = "tdbg/refused", "tdbg/runs"  # events for the adapter
 
 
 # --- before the program: `tdbg serve` -------------------------------------------------------------
@@ -175,7 +175,9 @@ def main_for_adapter(argv, package_folder):
     try:
         options = launch.parse(rest)
         if not debugs:
-            return launch.execute(launch.command_line_of(options), dict(os.environ))
+            argv = launch.command_line_of(options)
+            tell_adapter(path, kRuns, {})
+            return launch.execute(argv, dict(os.environ))
         argv = launch.command_line_of(options)
         library = library or find_or_build_library(package_folder)
         settings = {"front_end": "dap", "socket": path, "session": {"launched": True}}
@@ -197,16 +199,21 @@ def find_or_build_library(package_folder):
 
 
 def tell_refusal(path, text):
-    """To the adapter, in place of a debugger's first words."""
+    """In place of a debugger's first words."""
+    if not tell_adapter(path, kRefused, {"text": compat.to_text(text)}):
+        refuse(text)
+
+
+def tell_adapter(path, event, body):
     from tdbg.dap import endpoint, wire
 
     try:
         connection = wire.tConnection(endpoint.connect_unix(path))
-        connection.write({
-            "type": "event", "event": kRefused, "body": {"text": compat.to_text(text)}})
-        connection.close()
     except (IOError, OSError):
-        sys.stderr.write("tdbg: {}\n".format(text))
+        return False
+    done = connection.write({"type": "event", "event": event, "body": body})
+    connection.close()
+    return done
 
 
 # --- in the program's process -----------------------------------------------------------------------

@@ -58,8 +58,7 @@ class tProgram:
         self.folder = endpoint.make_private_folder()
         try:
             self._listen("launcher", self._serve_launcher)
-            if not config.no_debug:
-                self._listen("debuggee", self._serve_debuggee)
+            self._listen("debuggee", self._serve_debuggee)
         except OSError as why:
             self._clean_up()
             raise tCannotStart("cannot make a socket in {}: {}".format(self.folder, why.strerror))

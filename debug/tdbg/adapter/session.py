@@ -26,7 +26,9 @@ kKeptRequests = kBreakpointRequests + ("tdbg/setRules",)
 kNumbersPerRun = 1000000
 kAnswerSeconds = 2.0    # for the program's side to let go of the program
 kDisconnectSeconds = 1.0  # for each step of ending a program whose client is leaving
-kRefused = "tdbg/refused"  # event instead of a debugger: the program cannot be debugged
+# Events instead of a debugger.
+kRefusedEvent = "tdbg/refused"  # the program cannot be run
+kRunsEvent = "tdbg/runs"        # it is going to run, without one
 kAsStarted = ("exited", "terminated")  # told by whoever has started the program
 
 
@@ -373,16 +375,18 @@ class tSession:
             self._send_event("process", {
                 "name": self._config.program or self._config.module or "-c", "systemProcessId": pid,
                 "isLocalProcess": True, "startMethod": "launch"})
-            self._start_undebugged()
 
     def on_debuggee(self, connection):
         with self._lock:
             if self._start_request is None:
                 return connection.close()
-            self._debuggee = debuggee = tDebuggee(
+            debuggee = tDebuggee(
                 connection, self._run, self._take_event, self._take_request, self._lose_debuggee)
+            if not self._config.no_debug:
+                self._debuggee = debuggee
         debuggee.start()
-        debuggee.request("initialize", self._client_arguments, self._initialized_debuggee)
+        if not self._config.no_debug:
+            debuggee.request("initialize", self._client_arguments, self._initialized_debuggee)
 
     def _initialized_debuggee(self, response):
         """The debugger in the program is there (or has refused, which its end will tell)."""
@@ -451,9 +455,11 @@ class tSession:
 
     def _take_event(self, message):
         name, body = message.get("event"), message.get("body") or {}
-        if name == kRefused:
+        if name == kRefusedEvent:
             self._refusal = str(body.get("text"))
             return
+        if name == kRunsEvent and self._config.no_debug:
+            return self._start_undebugged()
         if name in kAsStarted and self._program is not None:
             return
         if name == "initialized" and self._replay():
@@ -578,8 +584,10 @@ class tSession:
                 return
         if state == kInitialized:
             return self._answer_early(request)
-        if self._config.no_debug and state != kEnded:
+        if self._config.no_debug:
             return self._answer_undebugged(request)
+        if command == "configurationDone" and state == kEnded:
+            return self._respond(request)  # it was too quick
         if state == kEnded or debuggee is None:
             return self._fail(request, "the program has ended")
         kept = self._keep(request) if command in kKeptRequests else None
@@ -633,7 +641,9 @@ class tSession:
         elif command == "threads":
             self._respond(request, {"threads": []})
         elif command == "configurationDone":
-            self._respond(request)
+            self._respond(request)  # it may even have ended
+        elif self._state == kEnded:
+            self._fail(request, "the program has ended")
         else:
             self._fail(request, "the program runs without a debugger")
 
@@ -717,7 +727,7 @@ class tSession:
     def _interrupt(self, this_program):
         """The debugger in the program lets it go on, and raises KeyboardInterrupt in it."""
         def answered(response):
-            if not response.get("success") and not response.get("lost"):
+            if not response.get("success"):
                 this_program.signal(signal.SIGINT)
 
         debuggee = self._debuggee

@@ -1,0 +1,442 @@
+"""The adapter: how it starts programs, shows what they write, and ends them."""
+from __future__ import absolute_import, division, print_function
+
+import os
+import re
+import select
+import signal
+import subprocess
+import sys
+import threading
+
+from support import dapclient
+from support.case import TestCase
+from support.programs import run_program
+
+kAdapter = os.path.join(dapclient.PACKAGE, "adapter")
+kWaits = "import sys, time\nprint('ready')\nsys.stdout.flush()\nwhile True:\n    time.sleep(0.01)\n"
+
+
+def wait_for_pid_file(path):
+    """Number that a program writes when it is ready."""
+    while True:
+        try:
+            with open(path) as source:
+                text = source.read()
+        except IOError:
+            continue
+        if text.endswith("\n"):
+            return int(text)
+
+
+def wait_until_gone(pid):
+    """Until no such process runs (one that has not been waited for has ended)."""
+    while True:
+        try:
+            with open("/proc/{}/stat".format(pid)) as source:
+                if source.read().rpartition(")")[2].split()[0] in "ZX":
+                    return
+        except IOError:
+            return
+
+
+class Case(TestCase):
+
+    def program(self, text, name="prog.py"):
+        return self.make_file(name, text)
+
+    def adapter(self, *arguments, **options):
+        client = dapclient.start_adapter(self, *arguments, **options)
+        client.initialize()
+        return client
+
+    def launch(self, client, text, **arguments):
+        """Start a program text; it runs when this returns."""
+        if text is not None:
+            arguments["program"] = self.program(text)
+        arguments.setdefault("python", sys.executable)
+        client.start_session(arguments)
+        return client
+
+    def finish(self, client):
+        """(exit status, {category: text}) when the program has ended."""
+        client.wait_event("terminated")
+        status = client.seen_events("exited")
+        self.assertEqual(len(status), 1)
+        return status[0]["exitCode"], self.output(client)
+
+    def output(self, client):
+        texts = {}
+        for body in client.seen_events("output"):
+            texts[body["category"]] = texts.get(body["category"], "") + body["output"]
+        return texts
+
+    def wait_output(self, client, text):
+        client.wait_event("output", lambda body: text in body["output"])
+
+    def refusal(self, client, **arguments):
+        arguments.setdefault("python", sys.executable)
+        return client.refused("launch", arguments)
+
+
+class WithoutDebugging(Case):
+    """noDebug: the program's own business, with an adapter around it."""
+
+    def start(self, text, **arguments):
+        return self.launch(self.adapter(), text, noDebug=True, **arguments)
+
+    def test_arguments_folder_and_environment(self):
+        folder = self.make_dir()
+        env_file = self.make_file("vars", "# comment\nexport A='1 $X'\nB=\"2\\n${A}\" # more\nC=3 # x\nnonsense\n")
+        client = self.start(
+            "import os, sys\nprint(sys.argv[1:], os.getcwd(), [os.environ.get(n) for n in 'ABCDE'])\n"
+            "print(sys.stdin.read() == '')\n",
+            args=["a b", "", "--program"], cwd=folder, env={"C": "4", "D": None, "E": u"\u00e4"}, envFile=env_file)
+        status, texts = self.finish(client)
+        wanted = "{!r} {} {!r}".format(
+            ["a b", "", "--program"], folder, ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4" if sys.version_info[0] == 2
+                                               else u"\u00e4"])
+        if sys.version_info[0] == 2:
+            wanted = repr((["a b", "", "--program"], folder, ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4"]))
+        self.assertEqual((status, texts["stdout"]), (0, wanted + "\nTrue\n"))
+
+    def test_module_and_code_and_argument_text(self):
+        folder = self.make_dir()
+        self.make_file("mod/__main__.py", "import sys\nprint('mod', sys.argv[1:])\n", folder)
+        self.make_file("mod/__init__.py", "", folder)
+        client = self.start(None, module="mod", cwd=folder, args="x 'y z'")
+        self.assertIn("'y z']", self.finish(client)[1]["stdout"])
+        client = self.start(None, code=["import sys", "sys.exit(len(sys.argv[1]))"], args=["four"])
+        self.assertEqual(self.finish(client)[0], 4)
+
+    def test_true_exit_status(self):
+        for text, status in (("", 0), ("import sys; sys.exit(3)", 3), ("1/0", 1), ("import os; os._exit(255)", 255),
+                             ("import os; os.kill(os.getpid(), 9)", 137),
+                             ("import os; os.kill(os.getpid(), 11)", 139)):
+            self.assertEqual(self.finish(self.start(text))[0], status, text)
+
+    def test_everything_written_comes_before_the_end(self):
+        client = self.start(
+            "import os\nfor n in range(4000):\n    os.write(1 + n % 2, b'x' * 999 + b'\\n')\n")
+        client.wait_event("terminated")
+        names = [(m["event"], m.get("body", {}).get("category")) for m in client.messages if m["type"] == "event"]
+        self.assertEqual(names[-2:], [("exited", None), ("terminated", None)])
+        texts = self.output(client)
+        self.assertEqual((len(texts["stdout"]), len(texts["stderr"])), (2000000, 2000000))
+
+    def test_characters_across_pieces_and_bytes_that_are_none(self):
+        gate = os.path.join(self.make_dir(), "gate")
+        os.mkfifo(gate)
+        client = self.start(
+            "import os\nos.write(1, b'a\\xe2')\nopen({0!r}).read()\nos.write(1, b'\\x82\\xac')\nopen({0!r}).read()\n"
+            "os.write(1, b'\\xff\\xfe|')\nos.write(1, u'\\U0001f40d'.encode('utf-8'))\nos.write(1, b'\\xe2')\n".format(gate))
+        self.wait_output(client, "a")
+        open(gate, "w").close()
+        self.wait_output(client, u"\u20ac")
+        open(gate, "w").close()
+        status, texts = self.finish(client)
+        self.assertEqual((status, texts["stdout"]), (0, u"a\u20ac\ufffd\ufffd|\U0001f40d\ufffd"))
+
+    def test_partial_line_is_shown_at_once(self):
+        client = self.start("import os, sys\nos.write(1, b'name? ')\nsys.stdin.read()\nwhile True: pass\n")
+        self.wait_output(client, "name? ")
+        client.request("disconnect")
+
+    def test_output_of_children_is_not_waited_for(self):
+        pid_file = os.path.join(self.make_dir(), "pid")
+        client = self.start(
+            "import os, time\npid = os.fork()\nif pid == 0:\n    os.setpgid(0, 0)\n    while True: time.sleep(1)\n"
+            "open({0!r}, 'w').write(str(pid) + '\\n')\n".format(pid_file))
+        self.assertEqual(self.finish(client)[0], 0)
+        os.kill(wait_for_pid_file(pid_file), signal.SIGKILL)
+
+    def test_no_output_when_not_wanted(self):
+        self.assertEqual(self.finish(self.start("print(1)", redirectOutput=False)), (0, {}))
+
+    def test_requests_that_need_a_debugger(self):
+        client = self.start(kWaits)
+        self.assertEqual(client.request("threads"), {"threads": []})
+        rows = client.request("setBreakpoints", {"source": {"path": "/x.py"}, "breakpoints": [{"line": 1}]})
+        self.assertFalse(rows["breakpoints"][0]["verified"])
+        self.assertIn("without a debugger", client.refused("evaluate", {"expression": "1"}))
+        self.wait_output(client, "ready")
+        client.request("terminate")
+        self.assertEqual(self.finish(client)[0], 130 if sys.version_info >= (3, 8) else 1)
+        self.assertIn("KeyboardInterrupt", self.output(client)["stderr"])
+        self.assertIn("ended", client.refused("evaluate", {"expression": "1"}))
+
+    def test_steps_of_termination(self):
+        text = ("import signal, sys, time\n"
+                "signal.signal(signal.SIGINT, lambda *a: print('INT')or sys.stdout.flush())\n"
+                "signal.signal(signal.SIGTERM, lambda *a: print('TERM') or sys.stdout.flush())\n")
+        text = "from __future__ import print_function\n" + text + kWaits
+        client = self.start(text, killTimeout=1000)
+        self.wait_output(client, "ready")
+        for name in ("INT", "TERM"):
+            client.request("terminate")  # each one hurries
+            self.wait_output(client, name)
+        client.request("terminate")
+        self.assertEqual(self.finish(client)[0], 137)
+        for setting, shown in (("KeyboardInterrupt", ["INT", "TERM"]), ("SIGTERM", ["TERM"]), ("kill", [])):
+            client = self.start(text, killTimeout=0, onTerminate=setting)
+            self.wait_output(client, "ready")
+            client.request("terminate")
+            self.assertEqual(self.finish(client)[0], 137)
+            self.assertLessEqual(
+                set(self.output(client)["stdout"].split()[1:]), set(shown))
+
+    def test_disconnect_ends_a_launched_program(self):
+        client = self.start("import os\nprint(os.getpid())\n" + kWaits)
+        pid = int(client.wait_event("output")["output"].split()[0])
+        client.request("disconnect")
+        wait_until_gone(pid)
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_disconnect_that_lets_it_go_on(self):
+        pid_file, gate = os.path.join(self.make_dir(), "pid"), os.path.join(self.make_dir(), "gate")
+        os.mkfifo(gate)
+        client = self.start(
+            "import os, sys\nopen({!r}, 'w').write(str(os.getpid()) + '\\n')\nopen({!r}).read()\n"
+            "for n in range(100000): print('much to write')\nsys.stdout.flush()\n"
+            "open({!r}, 'w').write('written')\n".format(pid_file, gate, gate))
+        pid = wait_for_pid_file(pid_file)
+        client.request("disconnect", {"terminateDebuggee": False})
+        self.assertEqual(client.wait_exit(), 0)
+        with open(gate, "w"):
+            pass
+        with open(gate) as source:  # more than a pipe holds has been written, to nobody
+            self.assertEqual(source.read(), "written")
+        wait_until_gone(pid)
+
+    def test_client_that_hangs_up(self):
+        client = self.start("import os\nprint(os.getpid())\n" + kWaits)
+        pid = int(client.wait_event("output")["output"].split()[0])
+        client.close()
+        wait_until_gone(pid)
+        client.wait_exit()
+
+    def test_adapter_that_is_killed(self):
+        client = self.start("import os\nprint(os.getpid())\n" + kWaits)
+        pid = int(client.wait_event("output")["output"].split()[0])
+        client.process.kill()
+        wait_until_gone(pid)
+
+    def test_restart(self):
+        client = self.start("import os\nprint('run %d' % os.getpid())\n" + kWaits)
+        first = client.wait_event("output", lambda body: "run" in body["output"])["output"]
+        client.request("restart")
+        second = client.wait_event("output", lambda body: "run" in body["output"])["output"]
+        self.assertNotEqual(first, second)
+        self.assertEqual(client.seen_events("terminated"), [])
+        client.request("restart", {"arguments": {
+            "code": "print('other')", "noDebug": True, "python": sys.executable}})
+        self.wait_output(client, "other")
+        self.assertEqual(self.finish(client)[0], 0)
+
+
+class Refusals(Case):
+    """What cannot be started is a failed response that says why, and the adapter goes on."""
+
+    def test_all_reasons(self):
+        client = self.adapter()
+        good = self.program("print('ok')\n")
+        old = self.make_file("python", "#!/bin/sh\nexit 7\n")
+        os.chmod(old, 0o755)
+        for wanted, arguments in (
+                ("exactly one of", {}),
+                ("exactly one of", {"program": good, "module": "x"}),
+                ("No such file", {"program": "/nowhere/prog.py"}),
+                ("SyntaxError in", {"program": self.program("x = (\n")}),
+                ("line 2", {"program": self.program("x = 1\ny = )\n")}),
+                ("no module named nowhere_at_all", {"module": "nowhere_at_all"}),
+                ("SyntaxError in <string>", {"code": "x = ("}),
+                ("without a __main__.py", {"program": self.make_dir()}),
+                ("cannot run", {"program": good, "python": "/nowhere/python"}),
+                ("status 7", {"program": good, "python": old}),
+                ("-E, -I and -S", {"program": good, "pythonArgs": ["-E"]}),
+                ("no folder", {"program": good, "cwd": "/nowhere"}),
+                ("`envFile`", {"program": good, "envFile": "/nowhere/vars"}),
+                ("`args`", {"program": good, "args": "'"}),
+                ("`console` must be one of", {"program": good, "console": "x"}),
+                ("`stopOnEntry` must be", {"program": good, "stopOnEntry": 1})):
+            for no_debug in (True, False):
+                self.assertIn(wanted, self.refusal(client, noDebug=no_debug, **arguments))
+        self.launch(client, None, program=good, noDebug=True)
+        self.assertEqual(self.finish(client)[1]["stdout"], "ok\n")
+
+    def test_version_that_is_not_supported(self):
+        client = self.adapter()
+        version = (2, 6, 9) if sys.version_info[0] == 2 else (3, 5, 0)
+        fake = self.make_file("python", (
+            "#!/bin/sh\nexec {} -c 'import sys; sys.version_info = {}\n"
+            "sys.argv = sys.argv[1:]; sys.path[0] = \"{}\"\nfrom tdbg import launch\n"
+            "sys.exit(launch.main(sys.argv[1:], \"{}\"))' \"$@\"\n").format(
+                sys.executable, version, os.path.dirname(dapclient.PACKAGE), dapclient.PACKAGE))
+        os.chmod(fake, 0o755)
+        self.assertEqual(self.refusal(client, program=self.program(""), python=fake),
+                         "Python {}.{} is not supported: 2.7 and 3.6 to 3.14 are".format(*version))
+
+    def test_order_and_unknown_requests(self):
+        client = dapclient.start_adapter(self)
+        self.assertIn("too early", client.refused("launch", {"program": "x"}))
+        client.initialize()
+        self.assertIn("already", client.refused("initialize", {"adapterID": "x"}))
+        self.assertIn("no request `nonsense`", client.refused("nonsense"))
+        self.assertIn("too early", client.refused("threads"))
+        self.assertIn("no program", client.refused("terminate"))
+        self.assertIn("launched", client.refused("restart"))
+        self.assertIn("needs one of", client.refused("attach", {}))
+        self.assertEqual(client.request("disconnect"), {})
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_unknown_settings_are_one_warning(self):
+        client = self.launch(self.adapter(), "", noDebug=True, foo=1, bar=2)
+        self.finish(client)
+        warnings = [b for b in client.seen_events("output") if b["category"] == "console"]
+        self.assertEqual(len(warnings), 1)
+        self.assertIn("bar, foo", warnings[0]["output"])
+
+
+class Messages(Case):
+
+    def test_broken_messages_do_not_end_the_session(self):
+        client = self.adapter()
+        for text in (b"[]", b"{", b'"x"', b"\xff", b'{"type": "request"}', b'{"seq": "x", "type": "request"}',
+                     b'{"seq": 5, "type": "x", "command": "y"}', b"{}", b'{"type": "response", "request_seq": []}'):
+            client.send_bytes("Content-Length: {}\r\n\r\n".format(len(text)).encode("ascii") + text)
+        client._seq = 100
+        self.assertIn("too early", client.refused("threads"))
+        failed = [m for m in client.messages if m["type"] == "response" and not m["success"]]
+        self.assertEqual(len(failed), 9)  # a response to nothing gets no answer
+
+    def test_null_arguments_and_missing_ones(self):
+        client = self.adapter()
+        seq = client.send_message({"type": "request", "command": "disconnect", "arguments": None})
+        self.assertTrue(client.response_to(seq)["success"])
+
+    def test_bad_header_ends_it(self):
+        client = self.adapter()
+        client.send_bytes(b"GET / HTTP/1.1\r\n\r\n")
+        client.wait_end()
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_program_ends_with_a_client_that_sends_a_bad_header(self):
+        client = self.launch(self.adapter(), "import os\nprint(os.getpid())\n" + kWaits, noDebug=True)
+        pid = int(client.wait_event("output")["output"].split()[0])
+        client.send_bytes(b"nonsense\r\n")
+        client.wait_end()
+        wait_until_gone(pid)
+
+
+class Terminals(Case):
+    """runInTerminal, by a client that runs the command itself."""
+
+    def start(self, text, **arguments):
+        client = dapclient.start_adapter(self)
+        client.initialize(supportsRunInTerminalRequest=True)
+        configuration = dict({
+            "program": self.program(text), "python": sys.executable, "console": "integratedTerminal",
+            "noDebug": True}, **arguments)
+        self.seq = client.send("launch", configuration)
+        return client, client.wait_request("runInTerminal")
+
+    def run_it(self, client, request, **streams):
+        arguments = request["arguments"]
+        env = dict(os.environ, **{k: v for k, v in arguments.get("env", {}).items() if v is not None})
+        process = subprocess.Popen(arguments["args"], cwd=arguments["cwd"], env=env, **streams)
+        self.addCleanup(dapclient.end_process, process)
+        client.respond(request, {"processId": process.pid})
+        return process
+
+    def test_input_output_and_status_are_the_terminals(self):
+        folder = self.make_dir()
+        client, request = self.start(
+            "import os, sys\nprint(sys.stdin.readline().strip(), os.environ['A'])\nsys.exit(5)\n",
+            cwd=folder, env={"A": "b", "NOT": None})
+        self.assertEqual((request["arguments"]["kind"], request["arguments"]["cwd"]), ("integrated", folder))
+        self.assertEqual(request["arguments"]["env"], {"A": "b", "NOT": None})
+        process = self.run_it(client, request, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        out = process.communicate(b"typed\n")[0]
+        self.assertEqual((out.decode("ascii").replace("'", ""), process.returncode),
+                         ("typed b\n" if sys.version_info[0] > 2 else "(typed, b)\n", 5))
+        self.assertTrue(client.response_to(self.seq)["success"])
+        client.wait_event("terminated")
+        self.assertEqual(client.seen_events("exited"), [{"exitCode": 5}])
+        self.assertEqual(client.seen_events("output"), [])
+
+    def test_external_kind_and_arguments_for_a_shell(self):
+        client = dapclient.start_adapter(self)
+        client.initialize(supportsRunInTerminalRequest=True, supportsArgsCanBeInterpretedByShell=True)
+        program = self.program("import sys\nprint(sys.argv[1:])\n", "a b.py")
+        client.send("launch", {"program": program, "python": sys.executable, "console": "externalTerminal",
+                               "args": "$((1 + 1)) 'x y'", "noDebug": True})
+        request = client.wait_request("runInTerminal")
+        self.assertEqual(request["arguments"]["kind"], "external")
+        self.assertTrue(request["arguments"]["argsCanBeInterpretedByShell"])
+        done = run_program(["/bin/sh", "-c", " ".join(request["arguments"]["args"])])
+        self.assertEqual(done.out, "['2', 'x y']\n")
+
+    def test_terminal_that_cannot_be_had(self):
+        client, request = self.start("")
+        client.respond(request, success=False, message="no terminal today")
+        response = client.response_to(self.seq)
+        self.assertFalse(response["success"])
+        self.assertIn("no terminal today", response["message"])
+
+    def test_client_without_terminals(self):
+        client = self.launch(self.adapter(), "print('here')", noDebug=True, console="integratedTerminal")
+        texts = self.finish(client)[1]
+        self.assertEqual(texts["stdout"], "here\n")
+        self.assertIn("no terminal", texts["console"])
+
+    def test_program_that_never_comes(self):
+        client, request = self.start("")
+        client.request("disconnect")
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_adapter_that_is_killed(self):
+        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n" + kWaits)
+        process = self.run_it(client, request, stdout=subprocess.PIPE)
+        pid = int(process.stdout.readline())
+        client.process.kill()
+        wait_until_gone(pid)
+        self.assertEqual(dapclient.wait_for_process(process), 128 + signal.SIGTERM)
+
+    def test_terminal_that_is_closed(self):
+        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n" + kWaits)
+        process = self.run_it(client, request, stdout=subprocess.PIPE)
+        pid = int(process.stdout.readline())
+        process.send_signal(signal.SIGHUP)
+        os.kill(pid, signal.SIGHUP)
+        client.wait_event("terminated")
+        self.assertEqual(client.seen_events("exited"), [{"exitCode": 129}])
+
+
+class CommandLine(Case):
+
+    def test_unknown_words_are_one_line(self):
+        for arguments in (["--nonsense"], ["x"], ["--port"], ["--port", "x"], ["--port", "70000"],
+                          ["--host", "127.0.0.1"], ["--no-token=1"]):
+            done = run_program(dapclient.adapter_argv(*arguments))
+            self.assertEqual((done.status, done.out), (2, ""), done)
+            self.assertEqual(len(done.err.splitlines()), 1, done)
+            self.assertIn("usage: tdbg adapter", done.err)
+
+    def test_ways_to_start(self):
+        for argv, options in (
+                ([kAdapter], {}), (["-m", "tdbg.adapter"], {"cwd": os.path.dirname(dapclient.PACKAGE)}),
+                (["-m", "tdbg", "adapter"], {"cwd": os.path.dirname(dapclient.PACKAGE)})):
+            process = subprocess.Popen([dapclient.adapter_python()] + argv, stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, **options)
+            self.addCleanup(dapclient.end_process, process)
+            client = dapclient.client_of_process(process)
+            self.assertTrue(client.initialize()["supportsConfigurationDoneRequest"])
+            client.request("disconnect")
+            self.assertEqual(client.wait_exit(), 0)
+
+    def test_nothing_else_reaches_standard_output(self):
+        """A print() within the adapter's process is no message."""
+        client = self.adapter()
+        self.assertEqual(os.readlink("/proc/{}/fd/1".format(client.process.pid)),
+                         os.readlink("/proc/{}/fd/2".format(client.process.pid)))
+        self.assertEqual(os.readlink("/proc/{}/fd/0".format(client.process.pid)), "/dev/null")
