@@ -303,7 +303,7 @@ def wait_for_process(process, seconds=None):
     waiter = threading.Thread(target=lambda: (process.wait(), done.set()))
     waiter.daemon = True
     waiter.start()
-    done.wait(seconds)
+    done.wait(seconds or kSeconds)
     if not done.is_set():
         raise NoAnswer("process {} does not end".format(process.pid))
     return process.returncode
