@@ -13,7 +13,7 @@ import sys
 import textwrap
 import types
 
-from tdbg import compat, private
+from tdbg import compat, private, sublanguages
 
 kFileName = "<debugger>"
 kNested = 0x10  # of version 2: every function sees those around it
@@ -132,7 +132,7 @@ def run(tree, frame, core=None, extra=None):
 
 def keep_locals(frame, names, core):
     """Bring what was changed in the dict `names`, the frame's f_locals, into the frame."""
-    if not compat.kNoLocalsToFast and names is not frame.f_globals:
+    if not (compat.kNoLocalsToFast or names is frame.f_globals or sublanguages.is_view(frame)):
         with private.quiet():  # 3.12 warns when a deleted variable becomes None
             core.PyFrame_LocalsToFast(frame, 1)
 

@@ -18,7 +18,7 @@ import io
 import os
 import sys
 
-from tdbg import compat
+from tdbg import compat, register_sub_language
 
 # Events and step modes, as the core tells them.
 kException, kCall, kLine, kReturn = -1, 0, 1, 2
@@ -43,6 +43,12 @@ _open = io.open
 _real_path = os.path.realpath
 _code_type = type((lambda: 0).__code__)
 _builtins = compat.builtins
+
+# The standard library, and what is not part of it in the same folder.
+_library = tuple(set(
+    spelling(os.path.dirname(os.__file__)) + os.sep for spelling in (_abs_path, _real_path)))
+_own_folder = os.path.dirname(register_sub_language.__code__.co_filename) + os.sep
+kAddedFolders = ("site-packages", "dist-packages")
 
 _registered = []  # every language that the program has told of, in that order
 _session = None   # the tLanguages of the debug session, if there is one
@@ -159,6 +165,7 @@ class tLanguages(object):
         # all of them.
         self._plans = {}
         self._failed = set()         # (language, method) that an error has been told of
+        self._library_files = {}     # file of code -> whether it is the standard library's
         self._hiding = []            # those of _hooks that hide frames
         self._off = set()            # names of kReady that the user does not want
         self._waiting = set(kReady)  # those that have not been seen yet
@@ -241,6 +248,26 @@ class tLanguages(object):
     def may_stop(self, frame):
         """False for a frame of an active language that is at no place of its own."""
         return not self.is_key(frame) or self._hook_by_code[frame.f_code].has_arrived(frame)
+
+    def is_library(self, frame):
+        """Whether the frame is the standard library's, called by the implementation of the active
+        language (or by the debugger, to which a program has told of one): no step leads there."""
+        if not self._hooks or not self._is_library_file(frame.f_code.co_filename):
+            return False
+        while frame is not None and self._is_library_file(frame.f_code.co_filename):
+            frame = frame.f_back
+        if frame is None or frame.f_code.co_filename.startswith(_own_folder):
+            return frame is not None
+        hook = self._active_hook()
+        return hook is not None and (
+            hook.covers(frame.f_code) or frame.f_code in self._hook_by_code)
+
+    def _is_library_file(self, name):
+        known = self._library_files.get(name)
+        if known is None:
+            known = name.startswith(_library) and not any(part in name for part in kAddedFolders)
+            self._library_files[name] = known
+        return known
 
     def is_key(self, frame):
         """Whether the frame is one of a language that is active."""
@@ -381,7 +408,7 @@ class tHook(object):
         self._compiled = bool(getattr(language, "compiled", False))
         self._covered = {}    # file of code -> whether it is the implementation's
         self._spellings = {}  # file as the language tells it -> full one
-        self._seen = {}       # thread ident -> {id of frame: (place, offset of the instruction)}
+        self._seen = {}       # thread ident -> {id of frame: (place, instruction, line)}
         self._fresh = {}      # thread ident -> whether the event at hand comes to a new place
         self._arrived = {}    # thread ident -> id of the frame that may stop at the event at hand
         self._uncounted = set()  # idents of threads that stop without a look at breakpoints
@@ -440,11 +467,13 @@ class tHook(object):
         function = getattr(self.language, "evaluate", None)
         if function is not None:
             return function(text, frame)
-        return eval(text, self.globals_of(frame), self.variables_of(frame))
-
-    @property
-    def evaluates(self):
-        return hasattr(self.language, "evaluate")
+        code = compile(text, "<debugger>", "eval", 0, True)
+        space, names = self.globals_of(frame), self.variables_of(frame)
+        if any(isinstance(item, _code_type) for item in code.co_consts):
+            # Comprehensions and lambdas look names up as globals.
+            space = dict(space)
+            space.update(names)
+        return eval(code, space, names)
 
     def hides(self, frame):
         return bool(self._ask("hides", False, frame))
@@ -523,11 +552,12 @@ class tHook(object):
             return False
         seen = self._seen.setdefault(ident, {})
         before = seen.get(id(frame))
-        seen[id(frame)] = (place, frame.f_lasti)
+        seen[id(frame)] = (place, frame.f_lasti, frame.f_lineno)
         if before is None or before[0] != place:
             return True
-        # A turn of a loop that is all on one line.
-        return self._compiled and frame.f_lasti < before[1]
+        # A turn of a loop that is all on one line; where that is one of Python, too, the way back
+        # need not lead to its beginning.
+        return self._compiled and (frame.f_lasti < before[1] or frame.f_lineno == before[2])
 
     def _forget(self, frame, event, ident):
         """A frame begins or ends; one that yields will go on."""

@@ -1,0 +1,1 @@
+"""Languages of well-known libraries, ready for stepping: see sublanguages.kReady."""
