@@ -166,10 +166,9 @@ class WithoutDebugging(Case):
         self.assertIn("ended", client.refused("evaluate", {"expression": "1"}))
 
     def test_steps_of_termination(self):
-        text = ("import signal, sys, time\n"
-                "signal.signal(signal.SIGINT, lambda *a: print('INT')or sys.stdout.flush())\n"
-                "signal.signal(signal.SIGTERM, lambda *a: print('TERM') or sys.stdout.flush())\n")
-        text = "from __future__ import print_function\n" + text + kWaits
+        text = ("import os, signal\n"
+                "signal.signal(signal.SIGINT, lambda *a: os.write(1, b'INT\\n'))\n"
+                "signal.signal(signal.SIGTERM, lambda *a: os.write(1, b'TERM\\n'))\n") + kWaits
         client = self.start(text, killTimeout=1000)
         self.wait_output(client, "ready")
         for name in ("INT", "TERM"):

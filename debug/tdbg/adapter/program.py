@@ -172,20 +172,36 @@ class tProgram:
     # --- what arrives ---
 
     def _listen(self, name, serve):
-        listener = endpoint.listen_unix(os.path.join(self.folder, name))
-        self._listeners.append(listener)
-        threading.Thread(target=serve, args=(listener,), daemon=True).start()
+        path = os.path.join(self.folder, name)
+        listener = endpoint.listen_unix(path)
+        thread = threading.Thread(target=serve, args=(listener,), daemon=True)
+        self._listeners.append((path, listener, thread))
+        thread.start()
 
     def _accept(self, listener):
-        """A connection of our own user's; None when nobody is to come any more."""
+        """A connection of our own user's; None when nobody is to come any more (_stop_listening)."""
         try:
             while True:
                 connected = endpoint.accept(listener)
-                if endpoint.peer_of_unix(connected)[1] == os.getuid():
+                pid, uid = endpoint.peer_of_unix(connected)
+                if pid != os.getpid() and uid == os.getuid():
                     return connected
                 connected.close()
+                if pid == os.getpid():
+                    return None
         except OSError:
             return None
+
+    def _stop_listening(self):
+        """Whoever has connected before is still heard."""
+        for path, listener, thread in self._listeners:
+            if thread is threading.current_thread():
+                continue
+            try:
+                endpoint.connect_unix(path).close()  # comes last
+            except OSError:
+                continue
+            thread.join()
 
     def _serve_launcher(self, listener):
         connected = self._accept(listener)
@@ -218,6 +234,7 @@ class tProgram:
         connected = self._accept(listener)
         if connected is not None:
             self._owner.on_debuggee(wire.tConnection(connected))
+            self._accept(listener)  # there is but one; this is for _stop_listening()
 
     # --- end ---
 
@@ -227,6 +244,7 @@ class tProgram:
                 return
             self.ended.set()
         self._output.drain()
+        self._stop_listening()
         self._clean_up()
         if self._process is not None:
             self._process.wait()
@@ -256,7 +274,7 @@ class tProgram:
                     pass
 
     def _clean_up(self):
-        for listener in self._listeners:
+        for _, listener, _ in self._listeners:
             try:
                 listener.shutdown(_socket.SHUT_RDWR)
             except OSError:

@@ -155,6 +155,7 @@ class tSession:
         self._start_request = None  # launch, attach or restart that is not answered yet
         self._program = None
         self._debuggee = None
+        self._messenger = None      # the same, or one who only tells how the start went
         self._connecting = None     # what an attach waits for; to be closed
         self._waiting = []          # requests for a program that is being started
         self._kept = collections.OrderedDict()
@@ -382,9 +383,10 @@ class tSession:
                 return connection.close()
             debuggee = tDebuggee(
                 connection, self._run, self._take_event, self._take_request, self._lose_debuggee)
+            self._messenger = debuggee
             if not self._config.no_debug:
                 self._debuggee = debuggee
-        debuggee.start()
+            debuggee.start()
         if not self._config.no_debug:
             debuggee.request("initialize", self._client_arguments, self._initialized_debuggee)
 
@@ -421,12 +423,12 @@ class tSession:
     def on_exit(self, status, why):
         """The program has ended and all its output has been sent."""
         self._hurry.set()
-        debuggee = self._debuggee
-        if debuggee is not None:
-            debuggee.finish()
+        messenger = self._messenger
+        if messenger is not None:
+            messenger.finish()
         with self._lock:
             restarting, self._restarting = self._restarting, None
-            self._debuggee = None
+            self._debuggee = self._messenger = None
         if restarting is not None:
             return self._start_again(restarting)
         if self._start_request is not None:
