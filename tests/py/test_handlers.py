@@ -591,6 +591,15 @@ class Frames(ScanCase):
         """, escapes=False, reports=reports)
         self.assertEqual(seen, [("outer", 5)])
 
+    def test_clause_for_certain_types_reports_nothing(self):
+        for clause, answer in (("ValueError", kCaught), ("(KeyError, ValueError)", kCaught),
+                               ("(KeyError, Exception)", kReported), ("BaseException", kReported)):
+            self.check(answer, """
+                def case():
+                    try: boom()
+                    except {}: str()
+            """.format(clause), escapes=False, reports=lambda frame, line: True)
+
 
 class CodeInC(ScanCase):
     """What C code may do with an exception of the Python code that it calls."""

@@ -207,7 +207,7 @@ class tTerminal(dbgserver.tFrontEnd):
         if self.stop.reason == stops.kPostMortem:
             self.server.continue_run()
             return True
-        if self.stop.reason == stops.kUncaught:
+        if self.stop.reason == stops.kUncaught and self.stop.thread.is_main:
             self.server.continue_run()
             self.server.leave_alone()
             return True
