@@ -160,6 +160,9 @@ TDBG_API int any_bp_on_line(tBpOpsData* data,
                             int lineno,
                             const char** codefile,
                             PyFrameObject* frame);
+// True: no breakpoint of the frame's file is on the line, as one look at what is known tells. Runs
+// no Python code.
+bool is_line_known_without_bps(tBpOpsData* data, int lineno, PyFrameObject* frame);
 // Without the server mutex: nonzero = a stop is possible.
 TDBG_API int tracer_maybe_break_here_without_mutex(tBpOpsData* data,
                                                    tThreadData* td,

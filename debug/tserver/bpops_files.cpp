@@ -3,8 +3,8 @@
 // it. loaded_modules maps every module file seen, and every breakpoint file found to be one of
 // them, to the module's name; two regimes decide what "the same file" is (gUseCanonicalPathnames).
 // With thousands of breakpoints and hundreds of modules nothing may look at each breakpoint for
-// each module, so the unresolved ones are kept by file, and the resolved ones by module and line: a
-// line is not slower for the breakpoints that other files have on it.
+// each module, so the unresolved ones are kept by file, and the resolved ones by module and line
+// (bpops_bound.cpp).
 #include "bpops.h"
 
 #include <stdlib.h>
@@ -16,130 +16,17 @@
 
 // ---- Lists by file ----
 
-// Exists only while breakpoints are bound to the module.
-struct tModuleBps {
-    CUt_HashTable lines;  // int line -> head of its chain by next_bound; no empty chains
-};
-
 void init_file_lists(tBpOpsData* data) {
     data->waiting_checksums = 0;
     CU_InitHashTable(&data->waiting_files, kHashStringKeys);
-    CU_InitHashTable(&data->module_bps, kHashStringKeys);
+    init_bound_bps(data);
     CU_InitHashTable(&data->unknown_files, kHashStringKeys);
-    data->known_module = nullptr;
-}
-
-static void free_module_bps(tModuleBps* module_bps) {
-    CU_DeleteHashTable(&module_bps->lines);
-    free(module_bps);
 }
 
 void clear_file_lists(tBpOpsData* data) {
-    CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->module_bps, &search); entry != nullptr;
-         entry = CU_NextHashEntry(&search)) {
-        free_module_bps(static_cast<tModuleBps*>(entry->clientData));
-    }
-    CU_DeleteHashTable(&data->module_bps);
+    clear_bound_bps(data);
     CU_DeleteHashTable(&data->waiting_files);
     CU_DeallocHashTable(&data->unknown_files);
-    data->known_module = nullptr;
-}
-
-static tModuleBps* find_module_bps(tBpOpsData* data, const char* module_filename) {
-    if (data->known_module != nullptr && data->known_module == module_filename) {
-        return data->known_module_bps;
-    }
-    return static_cast<tModuleBps*>(find_hash_value(&data->module_bps, module_filename));
-}
-
-bool has_module_bps(tBpOpsData* data, const char* module_filename) {
-    return find_module_bps(data, module_filename) != nullptr;
-}
-
-tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno) {
-    tModuleBps* const module_bps = find_module_bps(data, module_filename);
-    const CUt_HashEntry* const entry =
-        module_bps != nullptr ? find_line_entry(&module_bps->lines, lineno) : nullptr;
-    return entry != nullptr ? static_cast<tBp*>(entry->clientData) : nullptr;
-}
-
-// Null when out of memory, the table as it was.
-static tModuleBps* get_or_make_module_bps(tBpOpsData* data, const char* module_filename) {
-    int is_new = 0;
-    CUt_HashEntry* const entry = create_hash_entry(&data->module_bps, module_filename, &is_new);
-    if (entry == nullptr || !is_new) {
-        return entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
-    }
-    tModuleBps* const module_bps = static_cast<tModuleBps*>(malloc(sizeof(tModuleBps)));
-    if (module_bps == nullptr) {
-        CU_DeleteHashEntry(entry);
-        return nullptr;
-    }
-    CU_InitHashTable(&module_bps->lines, kHashIntKeys);
-    entry->clientData = module_bps;
-    data->known_module = nullptr;  // it may have been known to have none
-    return module_bps;
-}
-
-static void drop_module_bps_if_empty(tBpOpsData* data, const char* module_filename) {
-    CUt_HashEntry* const entry = find_hash_entry(&data->module_bps, module_filename);
-    tModuleBps* const module_bps =
-        entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
-    if (module_bps != nullptr && module_bps->lines.numEntries == 0) {
-        CU_DeleteHashEntry(entry);
-        free_module_bps(module_bps);
-        data->known_module = nullptr;
-    }
-}
-
-// Breakpoints may be bound in any order; they are visited by age, newest first, as on their line.
-static void push_by_age(CUt_HashEntry* line, tBp* bp) {
-    tBp* head = static_cast<tBp*>(line->clientData);
-    tBp** link = &head;
-    while (*link != nullptr && (*link)->id > bp->id) {
-        link = &(*link)->next_bound;
-    }
-    bp->next_bound = *link;
-    *link = bp;
-    line->clientData = head;
-}
-
-// False = out of memory.
-static bool enter_bound(tBpOpsData* data, tBp* bp, const char* module_filename) {
-    tModuleBps* const module_bps = get_or_make_module_bps(data, module_filename);
-    int is_new = 0;
-    CUt_HashEntry* const line = module_bps != nullptr
-                                    ? create_hash_entry(&module_bps->lines, &bp->lineno, &is_new)
-                                    : nullptr;
-    if (line != nullptr) {
-        push_by_age(line, bp);
-    } else {
-        drop_module_bps_if_empty(data, module_filename);
-    }
-    return line != nullptr;
-}
-
-static void remove_bound(tBpOpsData* data, tBp* bp) {
-    tModuleBps* const module_bps = find_module_bps(data, bp->module_filename);
-    CUt_HashEntry* const line =
-        module_bps != nullptr ? find_line_entry(&module_bps->lines, bp->lineno) : nullptr;
-    if (line == nullptr) {
-        return;
-    }
-    tBp* head = static_cast<tBp*>(line->clientData);
-    for (tBp** link = &head; *link != nullptr; link = &(*link)->next_bound) {
-        if (*link == bp) {
-            *link = bp->next_bound;
-            break;
-        }
-    }
-    bp->next_bound = nullptr;
-    line->clientData = head;
-    if (head == nullptr) {
-        CU_DeleteHashEntry(line);
-        drop_module_bps_if_empty(data, bp->module_filename);
-    }
 }
 
 static tFileOpsData* file_ops(tBpOpsData* data) {
@@ -208,7 +95,7 @@ static void stop_waiting(tBpOpsData* data, tBp* bp) {
 }
 
 bool enter_bp_by_file(tBpOpsData* data, tBp* bp) {
-    return bp->module_filename != nullptr ? enter_bound(data, bp, bp->module_filename)
+    return bp->module_filename != nullptr ? enter_bound_bp(data, bp, bp->module_filename)
                                           : start_waiting(data, bp);
 }
 
@@ -216,13 +103,13 @@ void remove_bp_by_file(tBpOpsData* data, tBp* bp) {
     if (bp->module_filename == nullptr) {
         stop_waiting(data, bp);
     } else {
-        remove_bound(data, bp);
+        remove_bound_bp(data, bp);
     }
 }
 
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename) {
     char* const copy = strdup(module_filename);
-    if (copy == nullptr || !enter_bound(data, bp, copy)) {
+    if (copy == nullptr || !enter_bound_bp(data, bp, copy)) {
         free(copy);
         return false;
     }
@@ -783,6 +670,15 @@ static const char* peek_code_file(tBpOpsData* data, PyFrameObject* frame) {
                    find_loaded_module(data, text) != nullptr
                ? text
                : nullptr;
+}
+
+bool is_line_known_without_bps(tBpOpsData* data, int lineno, PyFrameObject* frame) {
+    if (find_line_entry(&data->userbps, lineno) == nullptr) {
+        return true;
+    }
+    const char* const codefile = peek_code_file(data, frame);
+    return codefile != nullptr &&
+           find_bound_bps(data, find_loaded_module(data, codefile), lineno) == nullptr;
 }
 
 const char* resolve_code_file(tBpOpsData* data, PyFrameObject* frame) {

@@ -206,10 +206,7 @@ static void remove_fired(tBpOpsData* data, const tHeldBps& held) {
     }
 }
 
-static void hold_bps_of_file(tBpOpsData* data,
-                             PyFrameObject* frame,
-                             int lineno,
-                             tHeldBps* held) {
+static void hold_bps_of_file(tBpOpsData* data, PyFrameObject* frame, int lineno, tHeldBps* held) {
     const char* const codefile = resolve_code_file(data, frame);
     const char* const module_file =
         codefile != nullptr ? __tracer_find_module(data, codefile, nullptr) : nullptr;

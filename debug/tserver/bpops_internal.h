@@ -44,9 +44,6 @@ bool enter_bp_by_file(tBpOpsData* data, tBp* bp);
 void remove_bp_by_file(tBpOpsData* data, tBp* bp);
 // Stores a copy of the module's name in the record. False = out of memory, the record as it was.
 bool bind_bp(tBpOpsData* data, tBp* bp, const char* module_filename);
-bool has_module_bps(tBpOpsData* data, const char* module_filename);
-// Head of the chain (next_bound) of those bound to the module on the line; null when none.
-tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno);
 // File that the frame runs in, its breakpoints resolved; borrowed, null when not known. A pending
 // exception is kept.
 const char* resolve_code_file(tBpOpsData* data, PyFrameObject* frame);
@@ -54,3 +51,14 @@ const char* resolve_code_file(tBpOpsData* data, PyFrameObject* frame);
 // bpops_condition.cpp: what became of a condition. The program's pending exception is kept.
 enum tCondition : int { kConditionFalse = 0, kConditionTrue = 1, kConditionBroken = 2 };
 tCondition evaluate_condition(tBp* bp, PyFrameObject* frame);
+
+// bpops_bound.cpp: the bound ones by module and line. The name is any copy of the module's; looking
+// up that of data->known_module itself costs nothing.
+void init_bound_bps(tBpOpsData* data);
+void clear_bound_bps(tBpOpsData* data);
+tModuleBps* find_module_bps(tBpOpsData* data, const char* module_filename);
+bool has_module_bps(tBpOpsData* data, const char* module_filename);
+// Head of the chain (next_bound, newest first) on the line; null when none.
+tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno);
+bool enter_bound_bp(tBpOpsData* data, tBp* bp, const char* module_filename);  // false: no memory
+void remove_bound_bp(tBpOpsData* data, tBp* bp);

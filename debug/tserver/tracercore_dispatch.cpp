@@ -69,7 +69,7 @@ static bool is_watched_line_quiet(PyFrameObject* frame) {
     const tThreadData* const thread_data = current_thread_data();
     const int line = get_frame_lineno(frame);
     if (thread_data == nullptr || !is_thread_running_freely(thread_data) ||
-        find_line_entry(&gSelf.bp_ops_data.userbps, line) != nullptr) {
+        !is_line_known_without_bps(&gSelf.bp_ops_data, line, frame)) {
         return false;
     }
     gSelf.stat_instructions++;

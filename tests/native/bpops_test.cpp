@@ -346,6 +346,25 @@ TEST_F(Breakpoints, WhatWasKnownOfAModuleChangesWithItsBreakpoints) {
     EXPECT_FALSE(has_module_bps(data_, kFile));
 }
 
+TEST_F(Breakpoints, ALineIsFreeWhereOnlyOtherFilesHaveBreakpointsOnIt) {
+    PyFrameObject* const frame = make_frame();
+    EXPECT_TRUE(is_line_known_without_bps(data_, 3, frame));
+    set(3, "/other.py");
+    EXPECT_TRUE(is_line_known_without_bps(data_, 4, frame));
+    EXPECT_FALSE(is_line_known_without_bps(data_, 3, frame));  // the module is not known yet
+    EXPECT_FALSE(stops(frame, 3, 1));
+    EXPECT_TRUE(is_line_known_without_bps(data_, 3, frame));
+    set(3);
+    EXPECT_FALSE(is_line_known_without_bps(data_, 3, frame));
+    EXPECT_TRUE(stops(frame, 3, 1));
+    gUseCanonicalPathnames = 1;
+    __tracer_clear_breaks(data_, kFile, 3);
+    EXPECT_FALSE(is_line_known_without_bps(data_, 3, frame));
+    gUseCanonicalPathnames = 0;
+    EXPECT_TRUE(is_line_known_without_bps(data_, 3, frame));
+    EXPECT_FALSE(is_line_known_without_bps(data_, 3, static_cast<PyFrameObject*>(gPy.Py_None)));
+}
+
 TEST_F(Breakpoints, ANameOfAnyLengthIsFoundAgain) {
     for (const size_t length : {kKnownFileSize - 2, kKnownFileSize - 1, kKnownFileSize}) {
         const std::string name = "/" + std::string(length - 1, 'y');
