@@ -127,6 +127,8 @@ def describe_exception(kind, value, call=None):
 
     call: what calls those methods, call_with_limit() unless given.
     """
+    if kind is tTooSlow:
+        return u"it takes too long"
     try:
         name = _exception_name(kind)
         text = "" if value is None else (call or call_with_limit)(lambda: _exception_text(value))

@@ -81,10 +81,12 @@ class tRenderer(object):
     def __init__(self, limits, limiter=None, in_hex=False):
         self._limits, self._limiter, self._in_hex = limits, limiter, in_hex
         self._path = []  # ids of the containers that are being written
+        self.has_skipped = False  # the last value's own text would have been the program's
 
     def text(self, value):
         """Unicode text, one line for all but odd objects; raises nothing but evaluate.tTooSlow,
         and that only inside tLimiter.map()."""
+        self.has_skipped = False
         try:
             return self._write(value, self._limits.string)
         except evaluate.tTooSlow:
@@ -309,6 +311,7 @@ class tRenderer(object):
         if type(value) in _harmless_types:
             return _cut(compat.to_text(_repr(value)), self._limits.string)
         if self._limiter is None:
+            self.has_skipped = self.has_skipped or not self._path
             return _default_text(value)
         try:
             return _cut(self._limiter.call(lambda: _text_of_repr(value)), self._limits.string)

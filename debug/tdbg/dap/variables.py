@@ -269,7 +269,8 @@ class tPage(object):
         self._limits = limits_of(session)
         self._client = session.client or {}
         self._limiter = evaluate.tLimiter(self._limits.seconds, values.kSecondsInAll)
-        self._renderer = values.tRenderer(self._limits, self._limiter, is_in_hex(arguments))
+        self._in_hex = is_in_hex(arguments)
+        self._renderer = values.tRenderer(self._limits, self._limiter, self._in_hex)
         self._arguments = arguments
         self._children = []
         self.results = []
@@ -311,10 +312,13 @@ class tPage(object):
 
     def _ranges(self, start, stop):
         """At most `items` groups of neighbours."""
+        parent = self.holder
+        if isinstance(parent, tRange):
+            parent, start, stop = parent.parent, parent.start + start, parent.start + stop
         size = self._limits.items
         while (stop - start) > size * self._limits.items:
             size *= self._limits.items
-        return [_tGroup(tRange(self.holder, first, min(first + size, stop)))
+        return [_tGroup(tRange(parent, first, min(first + size, stop)))
                 for first in range(start, stop, size)]
 
     # --- one variable ---
@@ -335,7 +339,10 @@ class tPage(object):
             except BaseException:
                 why = one_line(evaluate.describe_error(self._limiter.call))
                 return self._placeholder(child, name, expression, u"<{}>".format(why))
-        result = {"name": name, "value": self._renderer.text(value)}
+        return self._variable(child, name, expression, value, self._renderer.text(value))
+
+    def _variable(self, child, name, expression, value, text):
+        result = {"name": name, "value": text}
         result.update(self.openable(value, expression))
         if expression is not None:
             result["evaluateName"] = expression
@@ -347,23 +354,27 @@ class tPage(object):
         return result
 
     def _slow_variable_of(self, child):
+        """The same for a child for which there is no time (left): without code of the program."""
         if isinstance(child, _tGroup):
             return self._group(child)
+        renderer = values.tRenderer(self._limits, None, self._in_hex)
         name = child.name
         if name is None:
-            name = children.literal_of(child.key) or values._default_text(child.key)
+            name = children.literal_of(child.key) or renderer.text(child.key)
             self.holder.note_name(child, name)
         expression = self.holder.expression_of(child)
+        is_asked_for = isinstance(self.holder, tLazy)
+        if child.get is not None and is_asked_for:
+            return self._placeholder(child, name, expression, u"<takes too long>")
         if child.get is not None:
-            if isinstance(self.holder, tLazy):
-                return self._placeholder(child, name, expression, u"<takes too long>")
             return self._lazy(child, name, expression, kNotEvaluated, child.note)
-        if isinstance(self.holder, tLazy):
-            result = self._placeholder(child, name, expression, self._renderer.slow_text(child.value))
-            result.update(self.openable(child.value, expression))
-            return result
-        return self._lazy(child, name, expression, self._renderer.slow_text(child.value),
-                          statics.type_name(child.value))
+        text = renderer.text(child.value)
+        if not renderer.has_skipped:
+            return self._variable(child, name, expression, child.value, text)
+        text = renderer.slow_text(child.value)
+        if is_asked_for:
+            return self._variable(child, name, expression, child.value, text)
+        return self._lazy(child, name, expression, text, statics.type_name(child.value))
 
     def _name_of(self, child):
         if child.name is not None:
@@ -472,16 +483,36 @@ def _scope(session, name, holder, is_expensive=False, hint=None):
 
 
 def extra_names(session, ref):
-    """{name: value} of what a stop has brought: what the frame returns, its exception."""
+    """{name: value} of what a stop has brought, as expressions can name it: what the frame, or the
+    last function that a step has run through, returned; the exception."""
+    return dict((child.access[1], child.value)
+                for child in _extra_children(session, ref) if child.access is not None)
+
+
+def _extra_children(session, ref):
     stop = session.stop_of(ref.thread_id) if ref is not None else None
     if stop is None:
-        return {}
-    if stop.reason == stops.kReturn and ref.frame is stop.frame:
-        return {kReturnName: stop.value}
+        return []
+    found = []
     if stop.exc_info and _is_on_the_way(stop, ref.frame):
         kind, value = stop.exc_info[:2]
-        return {kExceptionName: kind if value is None else value}
-    return {}
+        found.append(_extra_child(u"(exception)", kind if value is None else value, kExceptionName))
+    returned = []
+    if ref.frame is stop.frame:
+        returned = list(session.return_values)
+        if stop.reason == stops.kReturn:
+            returned = [(compat.to_text(ref.frame.f_code.co_name), stop.value)]
+    seen = {}
+    for index, (name, value) in enumerate(returned):
+        seen[name] = seen.get(name, 0) + 1
+        shown = u"(return) " + name + (u" #{}".format(seen[name]) if seen[name] > 1 else u"")
+        is_last = index == len(returned) - 1
+        found.append(_extra_child(shown, value, kReturnName if is_last else None))
+    return found
+
+
+def _extra_child(shown, value, name):
+    return tChild(shown, value, None if name is None else (u"", name), kind=children.kVirtual)
 
 
 def _is_on_the_way(stop, frame):
@@ -494,16 +525,6 @@ def _is_on_the_way(stop, frame):
             return True
         traceback = traceback.tb_next
     return False
-
-
-def _extra_children(session, ref):
-    found = []
-    for name, value in extra_names(session, ref).items():
-        shown = u"(exception)"
-        if name == kReturnName:
-            shown = u"(return) " + compat.to_text(ref.frame.f_code.co_name)
-        found.append(tChild(shown, value, (u"", name), kind=children.kVirtual))
-    return found
 
 
 def variables(session, arguments):
