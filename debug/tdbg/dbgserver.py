@@ -154,6 +154,11 @@ class tServer(object):
         self._first_frame = frame
         self.start()
 
+    def start_unnoticed(self):
+        """The same, without a first stop."""
+        self.start_in_running_program()
+        self._entered, self._main_frame, self._first_frame = True, self._first_frame, None
+
     def start(self):
         """Begin tracing; the thread stops at its next line.  Call it on the main thread."""
         self.core.init(
@@ -199,7 +204,7 @@ class tServer(object):
         if sublanguages.is_view(stop.frame):
             return self._resume_in(_callers(stop, stop.frame))
         if stop.reason == stops.kReturn:
-            return self._leave(stop.frame)
+            return self.leave(stop.frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line)
 
     def run_to_line(self, line, frame=None):
@@ -224,7 +229,7 @@ class tServer(object):
             self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
             self._goals[_get_ident()] = frame
         elif stop.reason == stops.kReturn:
-            self._leave(stop.frame)
+            self.leave(stop.frame)
         else:
             self._resume(kAskedNext, stop.frame.f_back, self.core.step_out)
 
@@ -242,7 +247,8 @@ class tServer(object):
     def steer(self, stepper, asked, place, command, *args):
         """Go on with a command of the core; the stepper tells where the step of the thread ends.
 
-        stepper: at_line(frame) -> true to stop; at_foreign(frame): at a frame that is not shown;
+        stepper: at_line(frame) -> true to stop; is_within(frame): whether the line belongs to what is
+        stepped over, so that its breakpoints do not stop; at_foreign(frame): at a frame that is not shown;
         at_return(frame, value, has_value): the frame is left, normally or (has_value false) not
         asked, place: as of _resume().  They may call this again; who does not, lets the core go on.
         """
@@ -332,7 +338,7 @@ class tServer(object):
             self._resume(kAskedNext if views else kAskedRun, None, self.core.continue_run)
         self.languages.plan(_get_ident(), views, line)
 
-    def _leave(self, frame):
+    def leave(self, frame):
         """Stop at the next line of the nearest caller that may be shown."""
         if self.languages.is_active() and frame.f_back is not None:
             stack, _ = stops.collect_stack(frame.f_back, None, self.without_hidden)
@@ -375,6 +381,10 @@ class tServer(object):
             return  # no command: a step in progress goes on
         if not hits and self._steps_by(frame, ident):
             return  # no command: the core goes on stepping
+        if hits and stepper is not None and stepper.is_within(frame):
+            hits = []  # the statement that is stepped over comes back to its line
+            if not self._ends_step(frame, ident):
+                return
         reason = stops.kBreakpoint if hits else self._reason_of_line(ident)
         if stepper is not None and not hits:
             if not self._ends_step(frame, ident):
@@ -404,9 +414,11 @@ class tServer(object):
         if self.is_hidden(frame) or not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
         if self._stops_at_lines_only:
+            if self._asked.get(ident) == kAskedNext:
+                self.leave(frame)  # what a step in a language has waited for
             return  # no command: a pause comes at the next line
         if value is None and not _is_returning(frame):
-            return self._leave(frame)  # left by an exception, which the caller gets
+            return self.leave(frame)  # left by an exception, which the caller gets
         self._present(self._make_stop(stops.kReturn, frame, value=value))
 
     @_callback
@@ -707,7 +719,7 @@ class tServer(object):
         if self._asked.get(ident) in (kAskedStep, kAskedPause):
             return  # no command: the core goes on stepping
         if self._asked.get(ident) == kAskedNext:
-            return self._leave(frame)
+            return self.leave(frame)
         self._places[ident] = id(None)
         self.core.continue_run()
 

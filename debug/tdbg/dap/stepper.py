@@ -40,6 +40,19 @@ class tStepper(object):
         """Whether the step ends at the frame's line; else a command has been given, if needed."""
         raise NotImplementedError
 
+    def is_within(self, frame):
+        """Whether the line belongs to the statement that the step began in."""
+        first, last = self._extent
+        return first <= frame.f_lineno <= last and (frame is self._base or self._is_part(frame))
+
+    def _is_part(self, frame):
+        """Whether the frame is of a comprehension in the statement."""
+        code = frame.f_code
+        return (
+            self._granularity == kStatement and code.co_name in kInPlace
+            and code.co_filename == self._base.f_code.co_filename
+            and self._extent[0] <= frame.f_lineno <= self._extent[1])
+
     def at_foreign(self, frame):
         """At an event of a frame that is never shown."""
         self._pass_foreign(frame)
@@ -84,8 +97,12 @@ class tStepper(object):
         """To the nearest caller that the step may end in."""
         parent = frame.f_back
         while parent is not None and (self._server.is_hidden(parent) or not self._may_end_in(parent)):
+            if self._server.languages.runs_in(parent):
+                break
             parent = parent.f_back
-        if parent is None:
+        if self._server.languages.runs_in(parent):
+            self._server.leave(frame)
+        elif parent is None:
             self._server.continue_run()
         else:
             self._to_frame(parent)
@@ -95,6 +112,8 @@ class tStepper(object):
         parent = frame.f_back
         if parent is None:
             return self._server.continue_run()
+        if self._server.languages.runs_in(parent):
+            return self._server.leave(frame)
         if self._server.is_hidden(parent) or not self._may_end_in(parent):
             return self._pass_foreign(frame)
         # The statement that has called is not a new one.
@@ -144,8 +163,20 @@ class tOver(tStepper):
 class tOut(tStepper):
     """To the caller, as soon as it goes on."""
 
+    def __init__(self, *args):
+        tStepper.__init__(self, *args)
+        caller = self._base.f_back
+        self._caller = None if caller is None else (caller, self._extent_of(caller, caller.f_lineno))
+
     def start(self, stop):
         self._out()
+
+    def is_within(self, frame):
+        """Also in the statement that has called: its breakpoints have had their turn."""
+        if self._caller is None or frame is not self._caller[0]:
+            return tStepper.is_within(self, frame)
+        first, last = self._caller[1]
+        return first <= frame.f_lineno <= last
 
     def _out(self):
         self._server.steer(self, kAskedNext, self._base.f_back or kAnywhere, self._core.step_out)
@@ -179,24 +210,13 @@ class tInto(tStepper):
         self._into()
 
     def at_line(self, frame):
-        first, last = self._extent
-        if frame is self._base or self._is_part(frame):
-            if first <= frame.f_lineno <= last:
-                self._into()
-                return False
-            return True
+        if self.is_within(frame):
+            self._into()
+            return False
         if not self._may_end_in(frame):
             self._pass_foreign(frame)
             return False
         return True
-
-    def _is_part(self, frame):
-        """Whether the frame is of a comprehension in the statement."""
-        code = frame.f_code
-        return (
-            self._granularity == kStatement and code.co_name in kInPlace
-            and code.co_filename == self._base.f_code.co_filename
-            and self._extent[0] <= frame.f_lineno <= self._extent[1])
 
     def at_return(self, frame, value, has_value):
         self._note(frame, value, has_value)
@@ -248,6 +268,19 @@ class tIntoTarget(tInto):
         name = frame.f_code.co_name
         return name == wanted or (name in ("__init__", "__new__", "__call__") and all(
             call.name != name for call in self._calls))
+
+
+class tInLanguage(object):
+    """A step in a language that the program implements: one of the server's own.
+
+    make: the stepper that would do it in Python
+    """
+
+    def __init__(self, server, make):
+        self._command = {tOver: server.step_over, tOut: server.step_out}.get(make, server.step_into)
+
+    def start(self, stop):
+        self._command()
 
 
 def _is_caller(frame, inner):
