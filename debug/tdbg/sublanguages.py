@@ -256,9 +256,13 @@ class tLanguages(object):
             return False
         while frame is not None and self._is_library_file(frame.f_code.co_filename):
             frame = frame.f_back
-        if frame is None or frame.f_code.co_filename.startswith(_own_folder):
-            return frame is not None
-        hook = self._active_hook()
+        if frame is not None and frame.f_code.co_filename.startswith(_own_folder):
+            return True
+        return self.runs_in(frame)
+
+    def runs_in(self, frame):
+        """Whether the frame (or None) is one of the active language: no step may wait for it."""
+        hook = None if frame is None or not self._hooks else self._active_hook()
         return hook is not None and (
             hook.covers(frame.f_code) or frame.f_code in self._hook_by_code)
 

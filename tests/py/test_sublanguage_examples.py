@@ -8,6 +8,7 @@ import types
 import unittest
 
 from support import TestCase, line_of, run_script
+from support.dapclient import debug_directly
 from support.languages import EXAMPLES, debug, use_example
 from support.terminal import PROMPT, run_commands
 
@@ -478,6 +479,73 @@ class TemplateTest(CommonTests, TemplateCase):
         self.assertEqual(shown[11], "--Return--\n> shop.py(19)total()->4.5\n-> return cost\n")
         self.assertIn("1    breakpoint yes         1  page.tmpl:5\n", shown[12])
         self.assertIn("> page.tmpl(5)page.tmpl\n", shown[13])
+
+
+class TemplateProtocolTest(TestCase):
+    """The same for a client of the debug adapter protocol."""
+
+    kPage = os.path.join(EXAMPLES, "templates", "page.tmpl")
+    kRow = os.path.join(EXAMPLES, "templates", "row.tmpl")
+    kShop = os.path.join(EXAMPLES, "templates", "shop.py")
+
+    def start(self, **breakpoints):
+        client = debug_directly(self, self.kShop)
+        self.answers = client.start_session(breakpoints=dict(
+            (getattr(self, name), rows) for name, rows in breakpoints.items()))
+        self.thread = client.wait_stopped("breakpoint")["threadId"]
+        return client
+
+    def place(self, client):
+        frame = client.stack(self.thread)[0]
+        return os.path.basename(frame["source"]["path"]), frame["line"]
+
+    def steps(self, client, *commands):
+        places = []
+        for command in commands:
+            client.request(command, {"threadId": self.thread})
+            client.wait_stopped("step")
+            places.append(self.place(client))
+        return places
+
+    def test_a_stop_in_a_template(self):
+        client = self.start(kPage=[{"line": 5, "condition": "count == 2"}])
+        self.assertTrue(self.answers[self.kPage][0]["verified"])
+        stack = client.stack(self.thread)
+        self.assertEqual(
+            [(os.path.basename(frame["source"]["path"]), frame["line"]) for frame in stack][:2],
+            [("page.tmpl", 5), ("shop.py", 25)])
+        self.assertEqual(stack[0]["source"]["path"], self.kPage)
+        self.assertEqual(client.locals_of(stack[0]["id"])["thing"].strip("u"), "'milk'")
+        self.assertEqual(client.evaluate("count + 40", stack[0]["id"]), "42")
+        client.resume(self.thread)
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_steps(self):
+        client = self.start(kPage=[4])
+        client.set_breakpoints(self.kPage, [])
+        self.assertEqual(
+            self.steps(client, "next", "stepIn", "next", "stepIn", "next", "stepOut", "next"), [
+                ("page.tmpl", 5), ("row.tmpl", 1), ("row.tmpl", 2), ("shop.py", 18), ("shop.py", 19),
+                ("page.tmpl", 4), ("page.tmpl", 5)])
+        self.assertEqual(self.steps(client, "stepIn", "stepOut", "next", "next", "next"), [
+            ("row.tmpl", 1), ("page.tmpl", 4), ("page.tmpl", 7), ("page.tmpl", 10), ("shop.py", 26)])
+        client.resume(self.thread)
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_steps_from_python_and_back(self):
+        client = self.start(kShop=[25], kRow=[2])
+        client.set_breakpoints(self.kRow, [])
+        self.assertEqual(self.steps(client, "stepIn", "next", "stepOut"), [
+            ("page.tmpl", 1), ("page.tmpl", 3), ("shop.py", 26)])
+        client.resume(self.thread)
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_a_step_over_a_function_that_a_template_calls_ends_in_the_template(self):
+        client = self.start(kShop=[19])
+        client.set_breakpoints(self.kShop, [])
+        self.assertEqual(self.steps(client, "next"), [("page.tmpl", 4)])
+        client.resume(self.thread)
+        self.assertEqual(client.wait_exit(), 0)
 
 
 class CellTest(CommonTests, CellCase):

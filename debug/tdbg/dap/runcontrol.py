@@ -3,7 +3,7 @@ from __future__ import absolute_import, division, print_function
 
 import sys
 
-from tdbg import codelines, compat, statements
+from tdbg import codelines, compat, statements, sublanguages
 from tdbg.dap import paths, rules, stepper
 from tdbg.dap.requests import get, get_optional, kAnytime, kStopped, tRequest, tRequestError
 
@@ -54,6 +54,9 @@ def _step(session, arguments, make):
         if session.server.is_over(stop):
             return session.then(session.go_on)
         frame = stop.frame
+        if sublanguages.is_view(frame):
+            in_language = stepper.tInLanguage(session.server, make)
+            return session.then(lambda: session.go_on(ident, in_language))
     else:
         frame = _held_frame(session, ident)
     if frame is None:
