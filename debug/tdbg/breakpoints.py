@@ -22,7 +22,6 @@ import __future__
 import ast
 import functools
 import io
-import linecache
 import os
 import re
 import sys
@@ -40,7 +39,6 @@ _expand_user = os.path.expanduser
 _same_file = os.path.samefile
 _get_folder = os.getcwd
 _get_size = os.path.getsize
-_get_lines = linecache.getlines
 _open = io.open
 _compile = compile
 _code_type = type((lambda: 0).__code__)
@@ -614,10 +612,9 @@ class tBreakpoints(object):
             return known
         try:
             if not _exists(path) and frame is not None and path == self.path_of(frame):
-                with private.borrowed():
-                    lines = _get_lines(frame.f_code.co_filename, frame.f_globals)
+                lines = codelines.lines_without_file(frame.f_code.co_filename, frame.f_globals)
                 if lines:
-                    return codelines.tSource(path, [compat.to_text(line) for line in lines])
+                    return codelines.tSource(path, lines)
                 raise tRefused("no source for {}".format(path))
             return codelines.read(path)
         except codelines.tNoSource as why:

@@ -8,13 +8,16 @@ from __future__ import absolute_import, division, print_function
 import dis
 import inspect
 import io
+import linecache
 import os
+import sys
 
 from tdbg import compat, private
 
 _find_line_starts = dis.findlinestarts
 _find_labels = dis.findlabels
 _get_block = inspect.getblock
+_get_lines = linecache.getlines
 _open = io.open
 _stat = os.stat
 _code_type = type(_get_block.__code__)
@@ -113,9 +116,22 @@ class tSource(object):
         try:
             # The text goes further than the code: closing brackets, comments.
             block = _get_block(self._lines[code.co_firstlineno - 1:])
-            return max(last, code.co_firstlineno + len(block) - 1)
+            last = max(last, code.co_firstlineno + len(block) - 1)
         except Exception:  # the tokenizer, at text that is no block
-            return last
+            pass
+        return self._with_comments(code.co_firstlineno, last)
+
+    def _with_comments(self, first, last):
+        """Last line of the comments behind a block that are indented as what is in it; older
+        versions do not take them for a part of it."""
+        depth = _indent_of(self._lines[first - 1])
+        for number in range(last + 1, self.count + 1):
+            line = self._lines[number - 1]
+            if line.lstrip().startswith("#") and _indent_of(line) > depth:
+                last = number
+            elif line.strip():
+                break
+        return last
 
 
 def read(path):
@@ -133,6 +149,20 @@ def read(path):
     source = tSource(path, text)
     _cache[path] = (mark, source)
     return source
+
+
+def lines_without_file(name, space):
+    """Lines of text of code that is in no file, as tracebacks show them; an empty list: not known.
+
+    name: as code objects have it; space: globals of the code
+    """
+    # The program's own module: that is where it puts what it has made.
+    cache = getattr(sys.modules.get("linecache"), "cache", None)
+    entry = cache.get(name) if isinstance(cache, dict) else None
+    if isinstance(entry, tuple) and len(entry) == 4:
+        return [compat.to_text(line) for line in entry[2]]
+    with private.borrowed():
+        return [compat.to_text(line) for line in _get_lines(name, space)]
 
 
 def lines_of(code):
@@ -178,6 +208,10 @@ def _split_lines(text):
         lines = [line + "\n" for line in text.split("\n")]
         return lines[:-1] if text[-1:] in ("\n", "") else lines
     return list(text)
+
+
+def _indent_of(line):
+    return len(line) - len(line.lstrip())
 
 
 def _children(code):

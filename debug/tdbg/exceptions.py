@@ -68,6 +68,11 @@ class tExceptions(object):
         self._tell_infos()
         self._tell_mode()
 
+    def pass_in(self, is_foreign):
+        """is_foreign: function (frame) -> whether what is raised there stops only where it comes out,
+        if everything that is raised stops."""
+        self._is_hidden = is_foreign
+
     # --- the user's rules ---
 
     @property

@@ -10,12 +10,18 @@ import sys
 import warnings  # noqa: F401  must be among the debugger's modules, for quiet()
 
 _modules = {}  # name -> module
+_borrowing = [0]  # how many blocks are running
 
 
 def take_out(names):
     """Remove modules from the program's sight."""
     for name in names:
         _modules[name] = sys.modules.pop(name)
+
+
+def is_borrowing():
+    """Whether sys.modules holds modules of the debugger now."""
+    return _borrowing[0] > 0
 
 
 class borrowed(object):
@@ -27,6 +33,7 @@ class borrowed(object):
 
     def __enter__(self):
         # None stands for a module that may not be imported, or on version 2 is not there.
+        _borrowing[0] += 1
         self._before = set(sys.modules)
         for name in set(_modules) - self._before:
             sys.modules[name] = _modules[name]
@@ -34,6 +41,7 @@ class borrowed(object):
     def __exit__(self, *exc_info):
         if _modules:  # else everything is the program's
             take_out(set(sys.modules) - self._before)
+        _borrowing[0] -= 1
 
 
 class quiet(borrowed):

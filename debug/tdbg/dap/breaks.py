@@ -10,7 +10,7 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 
-from tdbg import breakpoints, codelines, compat
+from tdbg import breakpoints, codelines, compat, private
 from tdbg.dap import logpoints, rules, sources
 from tdbg.dap.paths import base_name, is_of_windows, paths_of
 from tdbg.dap.requests import (
@@ -78,7 +78,8 @@ class tBreaks(object):
     def set_source(self, path, reference, checksum, rows, is_modified):
         """rows: [(line, condition, hits, log)] in the order wanted; their Breakpoints."""
         old = self._by_source.pop(path, [])
-        keep = {} if is_modified else dict((wish.key, wish) for wish in old)
+        keep = dict(
+            (wish.key, wish) for wish in old if not is_modified and wish.checksum == checksum)
         same_line = dict((wish.line, wish) for wish in reversed(old))
         wishes = []
         for line, condition, hits, log in rows:
@@ -286,7 +287,7 @@ class tBreaks(object):
 
     def see_import(self, _session, _module):
         """Something was imported: look for what is waited for."""
-        if self._is_busy:
+        if self._is_busy or private.is_borrowing():
             return
         self._is_busy = True
         try:
@@ -315,7 +316,8 @@ class tBreaks(object):
         news = []
         for name in list(sys.modules):
             module = sys.modules.get(name)
-            if module is not None and self._modules.get(name) != id(module):
+            if module is not None and self._modules.get(name) != id(module) and (
+                    not sources.is_loading(module)):
                 self._modules[name] = id(module)
                 news.append((name, module))
         return news
@@ -361,12 +363,12 @@ class tBreaks(object):
             row["line"] = self._paths.line_to_client(line)
         found = sources.sources_of(self._session)
         if wish.reference:
-            row["source"] = found.of_path(wish.path, wish.path)
+            row["source"] = found.of_path(wish.path)
         elif wish.path is not None and _is_file(wish.path):
             row["source"] = found.of_path(wish.path)
         elif wish.path is not None:
             text = self._paths.to_client(wish.path)
-            row["source"] = {"name": base_name(text), "path": text}
+            row["source"] = {"name": compat.to_text(base_name(wish.path)), "path": text}
         elif wish.sites and _is_file(wish.sites[0].path):
             row["source"] = found.of_path(wish.sites[0].path)
         return row
@@ -469,11 +471,15 @@ def _file_in(session, source, remember=True):
     """(path or name of code, reference) that a Source of the protocol means."""
     reference = sources.reference_in(source, {})
     if reference:
-        return sources.sources_of(session).name_of(reference), reference
+        return sources.sources_of(session).path_of(reference), reference
     text = get_optional(source, "path", str)
     if not text:
         raise tRequestError("the source has neither a path nor a number")
-    path = paths_of(session).from_client(text, remember)
+    paths = paths_of(session)
+    path = paths.from_client(text, remember)
+    if remember:
+        checksum = _checksum_in(source) or (breakpoints.kSameAs + path if _is_file(path) else "")
+        paths.remember(text, path, checksum)
     return path, 0
 
 

@@ -6,11 +6,11 @@ where a stop is about to be shown.
 """
 from __future__ import absolute_import, division, print_function
 
-import linecache
 import re
 
-from tdbg import compat, evaluate, private, stops
+from tdbg import codelines, compat, evaluate, stops
 from tdbg import exceptions as shared
+from tdbg.dap import rules as user_code
 from tdbg.dap import sources
 from tdbg.dap.paths import paths_of
 from tdbg.dap.requests import get, get_optional, kAnytime, kStopped, tRequest, tRequestError
@@ -30,8 +30,6 @@ _kWords = {
     stops.kReported: ("userUnhandled", u"what catches this exception only reports it"),
 }
 _kFilterOf = {stops.kUncaught: shared.kUncaught, stops.kReported: shared.kRunner}
-
-_get_lines = linecache.getlines
 
 
 class tFilters(object):
@@ -81,7 +79,10 @@ def names_in(condition):
 
 
 def attach(session):
+    server = session.server
     session.exception_filters = tFilters()
+    server.exceptions.pass_in(
+        lambda frame: server.is_hidden(frame) or not user_code.is_user_code(frame))
     session.on_configured(_configure)
     session.filter_stops(_passes)
     session.on_stop(_tell_stop)
@@ -106,6 +107,7 @@ def _reset(session):
     rules.set_types()
     rules.stop_on(())
     rules.clear_places()
+    rules.pass_in(session.server.is_hidden)
 
 
 def _passes(session, stop):
@@ -259,8 +261,7 @@ def _text_of(session, traceback, last):
         rows.append(u'  File "{}", line {}, in {}\n'.format(
             compat.to_text(_path_of(session, frame)), line,
             compat.to_text(getattr(code, "co_qualname", code.co_name))))
-        with private.borrowed():
-            lines = _get_lines(code.co_filename, frame.f_globals)
+        lines = codelines.lines_without_file(code.co_filename, frame.f_globals)
         if 0 < line <= len(lines):
             rows[-1] += u"    {}\n".format(compat.to_text(lines[line - 1]).strip())
     return u"".join(rows) + last

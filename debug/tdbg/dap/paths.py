@@ -76,6 +76,11 @@ class tPaths(object):
             text = self._known[path] = self._find_spelling(path)
         return text
 
+    def name_of(self, path):
+        """Last part of what the client writes."""
+        text = self.to_client(path)
+        return base_name(compat.to_text(_from_uri(text)))
+
     def is_known(self, path):
         """Whether the client has a file of its own for the path."""
         return self.to_client(path) != self._in_style(path)

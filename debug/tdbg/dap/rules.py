@@ -67,7 +67,7 @@ class tRules(object):
         return answer
 
     def _decide(self, path, module):
-        if path.startswith(_own_folders):
+        if is_own_file(path):
             return False
         for test, kind, include in self._tests:
             if kind == kModule:
@@ -79,6 +79,11 @@ class tRules(object):
 
     def _fits_client(self, test, path):
         return self._to_client is not None and test(compat.to_native(self._to_client(path)))
+
+
+def is_own_file(path):
+    """Whether the file is a part of the debugger."""
+    return path.startswith(_own_folders)
 
 
 def is_of_program(path):

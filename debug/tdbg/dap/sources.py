@@ -7,7 +7,6 @@ find it, or, for `python -c`, from the command line.
 from __future__ import absolute_import, division, print_function
 
 import io
-import linecache
 import os
 import re
 import sys
@@ -22,7 +21,6 @@ _kCoding = re.compile(br"^[ \t\f]*#.*?coding[:=][ \t]*([-\w.]+)")
 
 _is_file = os.path.isfile
 _isabs = os.path.isabs
-_get_lines = linecache.getlines
 _open = io.open
 
 
@@ -32,8 +30,8 @@ class tSources(object):
     def __init__(self, session):
         self._session = session
         self._paths = paths_of(session)
-        self._references = {}  # name of a file -> reference
-        self._texts = [None]   # reference -> (name of the file, globals of its code)
+        self._references = {}  # path -> reference
+        self._texts = [None]   # reference -> (path, name in code objects, globals of the code)
         self._is_file = {}     # path -> whether it is a file
         self._modules = {}     # name -> (number, id of the module, path)
         self._count = 0
@@ -59,43 +57,46 @@ class tSources(object):
         source = {"name": compat.to_text(base_name(path))}
         if found or (_isabs(path) and self._paths.is_known(path)):
             source["path"] = self._paths.to_client(path)
+            source["name"] = self._paths.name_of(path)
         else:
             source["name"] = compat.to_text(path if path.startswith("<") else base_name(path))
             if not path.startswith("<"):
                 source["path"] = self._paths.to_client(path)
-            source["sourceReference"] = self.reference_of(name or path, space)
+            source["sourceReference"] = self.reference_of(path, name or path, space)
         if not rules.current().is_user_file(path, module):
             source["presentationHint"] = "deemphasize"
         return source
 
-    def reference_of(self, name, space):
-        number = self._references.get(name)
+    def reference_of(self, path, name, space):
+        number = self._references.get(path)
         if number is None:
-            number = self._references[name] = len(self._texts)
-            self._texts.append((name, space))
+            number = self._references[path] = len(self._texts)
+            self._texts.append((path, name, space))
+        elif space is not None:
+            self._texts[number] = (path, name, space)
         return number
 
-    def name_of(self, reference):
-        """Name by which code objects have the file of a reference."""
+    def path_of(self, reference):
+        """Path that the core knows the source of a reference by, `<string>` for example."""
         if not 0 < reference < len(self._texts):
             raise tRequestError("there is no source {}".format(reference))
         return self._texts[reference][0]
 
     def lines_of(self, reference):
         """Its lines; an empty list when nobody knows them."""
-        name = self.name_of(reference)
-        space = self._texts[reference][1]
-        with private.borrowed():
-            lines = _get_lines(name, space)
+        path = self.path_of(reference)
+        name, space = self._texts[reference][1:]
+        lines = codelines.lines_without_file(name, space)
+        lines = lines or codelines.lines_without_file(path, space)
         if not lines and name == "<string>":
             text = _text_of_command()
             lines = text.splitlines(True) if text is not None else []
-        return [compat.to_text(line) for line in lines]
+        return lines
 
     def tree_of(self, reference):
         """codelines.tSource of a reference; breakpoints.tRefused."""
         lines = self.lines_of(reference)
-        name = self.name_of(reference)
+        name = self.path_of(reference)
         if not lines:
             raise breakpoints.tRefused("no source for {}".format(name))
         try:
@@ -105,6 +106,9 @@ class tSources(object):
 
     # --- modules ---
 
+    def of_module(self, name, path):
+        return self.of_path(path, space=_own_dict(sys.modules.get(name)) or None, module=name)
+
     def scan(self):
         """Take note of what was imported; [module as the protocol has it, new or changed]."""
         news = []
@@ -112,13 +116,14 @@ class tSources(object):
         for name in list(modules):
             module = modules.get(name)
             known = self._modules.get(name)
-            if module is None or (known is not None and known[1] == id(module)):
+            if module is None or (known is not None and known[1] == id(module)) or is_loading(module):
                 continue
             path = file_of_module(module)
             if known is not None and known[2] == path:
                 self._modules[name] = (known[0], id(module), path)
                 continue
-            if not isinstance(name, str) or not _is_module(module):
+            if not isinstance(name, str) or not _is_module(module) or (
+                    path is not None and rules.is_own_file(path)):
                 continue
             reason = "changed" if known is not None else "new"
             if known is None:
@@ -142,14 +147,14 @@ class tSources(object):
 
     def tell_news(self, *_):
         """Events for what was imported since the last time."""
-        if not self._configured:
+        if not self._configured or private.is_borrowing():
             return
         for reason, name, number, path in self.scan():
             self._session.send_event("module", {
                 "reason": reason, "module": self.describe(name, number, path)})
             if path is not None and path.endswith(".py"):
                 self._session.send_event("loadedSource", {
-                    "reason": reason, "source": self.of_path(path, module=name)})
+                    "reason": reason, "source": self.of_module(name, path)})
 
     def configure(self, _=None):
         """From now on there are events; what was there before can be asked for."""
@@ -171,7 +176,7 @@ class tSources(object):
         found = {}
         for name, (_, _, path) in list(self._modules.items()):
             if path is not None and path.endswith(".py") and path not in found:
-                found[path] = self.of_path(path, module=name)
+                found[path] = self.of_module(name, path)
         return [found[path] for path in sorted(found)]
 
 
@@ -210,6 +215,14 @@ def _own_dict(module):
         return found if isinstance(found, dict) else {}
     except AttributeError:
         return {}
+
+
+def is_loading(module):
+    """Whether its code is still running for the first time."""
+    try:
+        return bool(object.__getattribute__(_own_dict(module)["__spec__"], "_initializing"))
+    except (KeyError, AttributeError):
+        return False
 
 
 def _is_module(module):
@@ -280,7 +293,7 @@ def source(session, arguments):
     sources = sources_of(session)
     lines = session.run_in_core(lambda: sources.lines_of(reference))
     if not lines:
-        raise tRequestError("the source of {} is not known".format(sources.name_of(reference)))
+        raise tRequestError("the source of {} is not known".format(sources.path_of(reference)))
     return {"content": u"".join(lines), "mimeType": kMimeType}
 
 

@@ -66,7 +66,8 @@ def describe_frame(session, thread_id, frame, line, shape=()):
         name = u"{}:{}".format(name, line)
     row = {
         "id": session.frames.id_of(thread_id, frame, line), "name": name,
-        "line": paths.paths_of(session).line_to_client(line), "column": 1}
+        "line": paths.paths_of(session).line_to_client(line),
+        "column": paths.paths_of(session).column_to_client(1)}
     source = sources.source_of_frame(session, frame)
     if source is not None:
         row["source"] = source
