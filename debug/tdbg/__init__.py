@@ -1,6 +1,7 @@
 """A debugger for programs of Python 2.7 and 3.6 to 3.14.
 
 tdbg.set_trace() in a program stops it there, whether it runs under the debugger or not
+tdbg.listen(), tdbg.connect() let an editor attach to the program; tdbg.wait_for_client() waits for it
 tdbg.register_sub_language() tells of a language that the program implements: templates, say
 tdbg.post_mortem() shows where an exception was raised; tdbg.pm() the last one that was printed
 
@@ -15,7 +16,9 @@ from __future__ import absolute_import, division, print_function
 
 import functools
 
-__all__ = ["dbgserver", "register_sub_language", "pm", "post_mortem", "set_trace", "terminal"]
+__all__ = [
+    "connect", "dbgserver", "listen", "pm", "post_mortem", "register_sub_language", "set_trace", "terminal",
+    "wait_for_client"]
 
 
 class _Attaching(object):
@@ -57,6 +60,27 @@ def pm():
 
 
 current_server = None  # dbgserver.tServer at work in this process
+
+def listen(*args, **options):
+    """See tdbg.api."""
+    from tdbg import api
+
+    return api.listen(*args, **options)
+
+
+def connect(*args, **options):
+    """See tdbg.api."""
+    from tdbg import api
+
+    return api.connect(*args, **options)
+
+
+def wait_for_client(seconds=None):
+    """See tdbg.api."""
+    from tdbg import api
+
+    return api.wait_for_client(seconds)
+
 
 # Under the debugger this is the core's own function.
 set_trace = functools.partial(max, _Attaching())

@@ -39,7 +39,7 @@ def _start():
     if _server is not None:
         return _server
     launch.refuse_unknown_version()
-    _refuse_other_threads()
+    refuse_other_threads("the first set_trace()")
     core = nativelib.find_and_load(os.path.dirname(os.path.abspath(__file__)))
     environment = dict(os.environ)
     saved = ast.literal_eval(os.environ.pop(program.kVariable, "{}"))
@@ -53,11 +53,18 @@ def _start():
     return server
 
 
-def _refuse_other_threads():
+def is_running():
+    """Whether the terminal's debugger has been brought in, or has started the program."""
+    import tdbg
+
+    return _server is not None or tdbg.current_server is not None
+
+
+def refuse_other_threads(what):
     threading = sys.modules.get("threading")
     for ident, thread in list(getattr(threading, "_active", {}).items()):
         if type(thread).__name__ == "_MainThread" and ident != compat.get_ident():
-            raise RuntimeError("the first set_trace() must be called in the main thread")
+            raise RuntimeError(what + " must be called in the main thread")
 
 
 def _command_line():

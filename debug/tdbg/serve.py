@@ -232,7 +232,7 @@ def make_server(core, settings):
     session     see session.tDapFrontEnd
     captured    {variable: text or None} to be put back, where the adapter reads the output
     """
-    from tdbg import dbgserver
+    from tdbg import api, dbgserver
     from tdbg.dap import endpoint, session, wire
 
     if "captured" in settings:
@@ -240,6 +240,7 @@ def make_server(core, settings):
     front_end = session.tDapFrontEnd(settings.get("session"))
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
+    api.take_over(front_end)
     token = read_secret(settings.get("secret"))
     if "socket" in settings:
         front_end.begin(wire.tConnection(endpoint.connect_unix(settings["socket"])))
@@ -250,6 +251,13 @@ def make_server(core, settings):
         listener = endpoint.socket_of_descriptor(settings["listener"], settings["family"])
         open_door_in(front_end, listener, token, settings["allow_remote"])
     return server
+
+
+def attach_running(path, library):
+    """What an adapter has brought into a running process; its socket is at the path."""
+    from tdbg import api
+
+    api.serve_socket(path, library)
 
 
 def open_door_in(front_end, listener, token, allow_remote):

@@ -61,6 +61,7 @@ _fits = fnmatch.fnmatchcase
 kUninitialized = ("initialize", "disconnect")
 kOutputKinds = ("console", "important", "stdout", "stderr", "telemetry")
 kKeptReturnValues = 20
+kDetachSeconds = 5.0
 kReasons = {
     stops.kEntry: "entry", stops.kStep: "step", stops.kReturn: "step", stops.kPause: "pause",
     stops.kBreakpoint: "breakpoint"}
@@ -712,11 +713,18 @@ class tSession(object):
         held = self.held
         self.forget_stop()
         if self.executor.is_serving:
+            done = signals.tDone()
+
             def command():
-                undo()
+                try:
+                    undo()
+                finally:
+                    done.set()
                 if held is not None:
                     self.holder.send_on(held)
             self.executor.finish(command)
+            # Who attaches next must not be undone.
+            done.wait(kDetachSeconds)
         else:
             self.run_in_core(undo)
 
