@@ -20,6 +20,11 @@ if(TDBG_SANITIZE)
 endif()
 
 add_library(tdbg_library_flags INTERFACE)
+if(TDBG_COVERAGE)
+  # Counted without optimisation, or lines and branches are not those of the source.
+  target_compile_options(tdbg_library_flags INTERFACE --coverage -fprofile-update=atomic -O0)
+  target_link_options(tdbg_flags INTERFACE --coverage)
+endif()
 target_compile_definitions(tdbg_library_flags INTERFACE _GNU_SOURCE)
 target_compile_options(tdbg_library_flags INTERFACE
   -fPIC -fno-exceptions -fno-rtti -fno-threadsafe-statics
@@ -34,6 +39,9 @@ target_link_options(tdbg_library_link INTERFACE
   -Wl,-z,relro,-z,now,-z,noexecstack -Wl,--build-id)
 target_link_libraries(tdbg_library_link INTERFACE
   -Wl,--no-as-needed -l:libdl.so.2 -l:libpthread.so.0 -lc -lgcc)
+if(TDBG_COVERAGE)
+  target_link_libraries(tdbg_library_link INTERFACE -lgcov)
+endif()
 if(NOT TDBG_SANITIZE)
   target_link_options(tdbg_library_link INTERFACE -Wl,--no-undefined)
 endif()
