@@ -7,6 +7,8 @@ A variant is a function that switches its kind of tracing on in a fresh process.
   tracer        the tracer, nothing to stop at, idle period 1 s
   tracer-idle   the same with the idle thread (3.7 and later), which lets it switch lines off
   tracer-noeval the same as tracer without the eval-frame hook
+  monitoring    sys.monitoring asking at the start of each function, and never again (3.12 and later):
+                what debuggers built on it cost in code without breakpoints
 """
 from __future__ import absolute_import, division, print_function
 
@@ -34,35 +36,49 @@ def find_trace_lines_offset():
     return changed[0] if len(changed) == 1 else None
 
 
-def set_c_function(name):
-    """Installs a function of the empty library on this thread and on each new one."""
-    library = ctypes.PyDLL(EMPTY_LIBRARY)
-    ctypes.c_int.in_dll(library, 'trace_lines_offset').value = find_trace_lines_offset() or 0
+def load_c_functions():
+    return ctypes.PyDLL(EMPTY_LIBRARY)
+
+
+def address_of(function):
+    return ctypes.cast(function, ctypes.c_void_p).value
+
+
+def set_c_trace(function, trace_object=None):
+    """Installs a C trace function on this thread."""
     set_trace = ctypes.pythonapi.PyEval_SetTrace
     set_trace.argtypes = [ctypes.c_void_p, ctypes.py_object]
     set_trace.restype = None
-    address = ctypes.cast(getattr(library, name), ctypes.c_void_p)
+    set_trace(address_of(function), trace_object)
+
+
+def set_c_function(name):
+    """Installs a function of the empty library on this thread and on each new one."""
+    library = load_c_functions()
+    ctypes.c_int.in_dll(library, 'trace_lines_offset').value = find_trace_lines_offset() or 0
+    function = getattr(library, name)
 
     def first_event(frame, event, arg):
-        set_trace(address, None)
+        set_c_trace(function)
 
     threading.settrace(first_event)
-    set_trace(address, None)
+    set_c_trace(function)
 
 
-def start_tracer(idle_thread=False, eval_frame=True):
+def nothing(*args):
+    pass
+
+
+def start_tracer(idle_thread=False, eval_frame=True, line_cb=nothing):
     if LIBRARY_DIR not in sys.path:
         sys.path.insert(0, LIBRARY_DIR)
     import tdbgtracer
-
-    def nothing(*args):
-        pass
 
     def install_thread_hooks(install):
         threading.settrace(tdbgtracer.bootstrap_new_thread if install else None)
 
     builtins = sys.modules.get('builtins') or sys.modules['__builtin__']
-    tdbgtracer.init(1.0, 2, install_thread_hooks, nothing, nothing, nothing, nothing, nothing,
+    tdbgtracer.init(1.0, 2, install_thread_hooks, nothing, nothing, line_cb, nothing, nothing,
                     nothing, None, builtins.__import__, {})
     tdbgtracer.set_use_eval_frame(1 if eval_frame else 0)
     tdbgtracer.set_use_idle_thread(1 if idle_thread else 0)
@@ -102,5 +118,19 @@ def tracer_noeval():
     return start_tracer(eval_frame=False)
 
 
+def monitoring():
+    if not hasattr(sys, 'monitoring'):
+        return False
+    events, tool = sys.monitoring.events, sys.monitoring.DEBUGGER_ID
+
+    def function_starts(code, offset):
+        return sys.monitoring.DISABLE
+
+    sys.monitoring.use_tool_id(tool, 'bench')
+    sys.monitoring.register_callback(tool, events.PY_START, function_starts)
+    sys.monitoring.set_events(tool, events.PY_START)
+    return True
+
+
 VARIANTS = [('untraced', untraced), ('empty', empty), ('empty-off', empty_off), ('tracer', tracer),
-            ('tracer-idle', tracer_idle), ('tracer-noeval', tracer_noeval)]
+            ('tracer-idle', tracer_idle), ('tracer-noeval', tracer_noeval), ('monitoring', monitoring)]

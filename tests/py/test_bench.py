@@ -1,0 +1,95 @@
+"""bench/run and bench/chart run to their end and fill their page; what they measure is not judged."""
+from __future__ import absolute_import, division, print_function
+
+import io
+import os
+import sys
+import xml.dom.minidom
+
+from support import REPOSITORY, TestCase, capability, library_path, needs, once, run_program
+
+kBench = os.path.join(REPOSITORY, "bench")
+
+
+@capability("runs_bench")
+def _runs_bench():
+    """The bench itself is for the version that runs the tests, not for all measured ones."""
+    return sys.version_info >= (3, 9)
+
+
+def read(path):
+    with io.open(path, encoding="utf-8") as source:
+        return source.read()
+
+
+@once
+@needs("runs_bench")
+class Bench(TestCase):
+    def run_bench(self, script, *arguments):
+        done = run_program([sys.executable, os.path.join(kBench, script), "--quick", "--rounds", "1",
+                            "--lib", os.path.dirname(library_path()), "--python", sys.executable]
+                           + list(arguments))
+        self.assertEqual(done.status, 0, done)
+        return done
+
+    def test_all_tables_are_printed_and_put_into_the_page(self):
+        page = self.make_file("page.md", "above\n<!-- figures: begin -->\nstale\n"
+                                         "<!-- figures: end -->\nbelow\n")
+        results = os.path.join(os.path.dirname(page), "results.json")
+        arguments = ["--page", page, "--results", results, "line_loop"]
+        text = self.run_bench("run", *arguments).out
+        self.assertEqual(text.count("\n| interpreter |"), 4, text)
+        for heading in ["Workloads, ", "Breakpoints, the goals", "Hot function", "What is paid once"]:
+            self.assertIn("\n" + heading, "\n" + text)
+        written = read(page)
+        self.assertIn(text.strip(), written)
+        self.assertNotIn("stale", written)
+        self.assertTrue(written.startswith("above\n") and written.endswith("\nbelow\n"), written)
+        again = self.run_bench("run", *arguments)  # measures nothing: all is in the results
+        self.assertEqual(again.out, text)
+
+    def test_chart_has_a_curve_for_each_debugger(self):
+        picture = os.path.join(self.make_dir(), "chart.svg")
+        text = self.run_bench("chart", "--svg", picture).out
+        self.assertIn("tracer, breakpoints in other files:", text)
+        drawn = xml.dom.minidom.parse(picture)
+        self.assertEqual(len(drawn.getElementsByTagName("polyline")), 2)
+
+    def test_interpreter_that_is_not_there_is_an_error(self):
+        done = run_program([sys.executable, os.path.join(kBench, "chart"), "--python", "no-such"])
+        self.assertEqual(done.status, 1)
+        self.assertIn("no such interpreter", done.err)
+
+
+@once
+@needs("runs_bench")
+class Tables(TestCase):
+    def setUp(self):
+        sys.path.insert(0, kBench)
+        self.addCleanup(sys.path.remove, kBench)
+        import tables
+        self.tables = tables
+
+    def test_columns_without_a_value_are_left_out(self):
+        table = self.tables.make_table(["a", "b", "c"], [["1", "", ""], ["2", "", "3"]])
+        self.assertEqual(table, "| a | c |\n| --- | --- |\n| 1 | - |\n| 2 | 3 |\n")
+
+    def test_missed_goal_is_bold(self):
+        row = {name: 1e-8 for name in (
+            "untraced", "empty", "none", "others 1", "others 100", "others 10000", "same file",
+            "elsewhere", "condition", "imports, 1", "imports, 10000", "set, others", "set, loaded",
+            "memory, breakpoint", "memory, empty", "stop, tracer")}
+        row.update({"bdb elsewhere": 1e-6, "bdb condition": 1e-6})
+        good = {name: {"min": value, "median": value} for name, value in row.items()}
+        bad = dict(good, **{"others 100": {"min": 2e-8, "median": 2e-8}})
+        figures = [(name, self.tables.Figures(f)) for name, f in [("good", good), ("bad", bad)]]
+        lines = self.tables.goal_table(figures).splitlines()
+        self.assertNotIn("**", lines[2])
+        self.assertEqual(lines[3].count("**"), 2)
+        self.assertIn("| bad | **2.00** | 1.00 |", lines[3])
+
+    def test_page_without_a_place_is_an_error(self):
+        page = self.make_file("page.md", "nothing\n")
+        with self.assertRaises(SystemExit):
+            self.tables.replace_in_page(page, "text")
+        self.assertEqual(read(page), "nothing\n")
