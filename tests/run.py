@@ -182,6 +182,15 @@ def host_of(interpreters):
     return (able or interpreters)[0]
 
 
+def hosts_per_version(interpreters):
+    """{version: interpreter} for files of tests that say kOncePerVersion: those of the debugger's Python
+    part, which knows neither word sizes nor variants of the build."""
+    hosts = {}
+    for item in sorted(interpreters, key=lambda item: (item.is_built, item.variant != "release", item.bits != 64)):
+        hosts.setdefault(item.minor, item)
+    return hosts
+
+
 # --- running --------------------------------------------------------------------------------
 
 
@@ -240,7 +249,8 @@ def run_all(interpreters, libraries, run, scratch):
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         listings = list(pool.map(lambda item: list_tests(item, arguments.tests, scratch), interpreters))
         pending = []
-        host = host_of([item for item in interpreters if item.bits in libraries] or interpreters)
+        usable = [item for item in interpreters if item.bits in libraries] or interpreters
+        host, hosts = host_of(usable), hosts_per_version(usable)
         for item, (tests, broken) in zip(interpreters, listings):
             library = libraries.get(item.bits)
             if library is None and not arguments.no_lib:
@@ -253,7 +263,9 @@ def run_all(interpreters, libraries, run, scratch):
             lib_dir = library and offer_library(library, item, tempfile.mkdtemp(dir=scratch))
             env = environment_for(lib_dir)
             for test in tests:
-                if is_chosen(test["id"], arguments.pattern) and (item is host or not test["once"]):
+                if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
+                    continue
+                if arguments.everywhere or not test["per_version"] or item is hosts[item.minor]:
                     pending.append(pool.submit(run_test, item, test, env, arguments, scratch))
         try:
             for future in concurrent.futures.as_completed(pending):
@@ -334,6 +346,8 @@ def parse_arguments(argv):
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
+    parser.add_argument("--everywhere", action="store_true",
+                        help="tests of the debugger's Python part under every variant, not once per version")
     parser.add_argument("--slowest", type=int, default=0, metavar="N", help="show the N slowest tests")
     parser.add_argument("--no-summary", action="store_true", help="failures only")
     parser.add_argument("-v", "--verbose", action="store_true", help="every test")

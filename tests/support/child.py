@@ -45,7 +45,7 @@ def main(argv):
 
 
 def list_tests(files):
-    """{"tests": [{"id", "limit", "unsupported", "once"}], "broken": [[module, status, text]]}"""
+    """{"tests": [{"id", "limit", "unsupported", "once", "per_version"}], "broken": [[module, status, text]]}"""
     listed = {"tests": [], "broken": []}
     for path in files:
         module = os.path.splitext(os.path.basename(path))[0]
@@ -79,6 +79,7 @@ def describe(module, case):
         "limit": getattr(method, "tdbg_time_limit", getattr(case, "tdbg_time_limit", None)),
         "unsupported": is_marked(case, method, "tdbg_unsupported_versions"),
         "once": is_marked(case, method, "tdbg_once"),
+        "per_version": getattr(sys.modules[module], "kOncePerVersion", False),
     }
 
 
