@@ -13,6 +13,8 @@ from support import TestCase, import_tracer, needs
 from tdbg import catchinfo
 from tdbg.catchinfo import CatchInfos, ExceptionInfo
 
+kOncePerVersion = True
+
 
 class SourceCase(TestCase):
     def find(self, source):

@@ -13,6 +13,8 @@ from support import dapclient
 from support.case import TestCase
 from support.programs import run_program
 
+kOncePerVersion = True
+
 kAdapter = os.path.join(dapclient.PACKAGE, "adapter")
 kWaits = "import sys, time\nprint('ready')\nsys.stdout.flush()\nwhile True:\n    time.sleep(0.01)\n"
 

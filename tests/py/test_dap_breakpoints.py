@@ -9,6 +9,8 @@ from support import TestCase, line_of
 from support.dapclient import debug_directly
 from support.dapstops import next_stop, output_of, run_to_end, value_at
 
+kOncePerVersion = True
+
 MAIN = '''\
 """A program."""
 import os

@@ -16,6 +16,8 @@ from support.library import library_path
 from support.programs import run_program
 from tdbg.dap import endpoint, wire
 
+kOncePerVersion = True
+
 kSeconds = 20
 
 

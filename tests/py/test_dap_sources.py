@@ -11,6 +11,8 @@ from support import TestCase
 from support.dapclient import debug_directly
 from support.dapstops import next_stop, run_to_end
 
+kOncePerVersion = True
+
 MAIN = u'''\
 # coding: latin-1
 import linecache

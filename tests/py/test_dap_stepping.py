@@ -6,6 +6,8 @@ import sys
 from support import TestCase, needs
 from support.dapclient import debug_directly
 
+kOncePerVersion = True
+
 kHasAsync = sys.version_info >= (3, 7)
 
 

@@ -11,6 +11,8 @@ import unittest
 
 from support import TestCase, needs
 
+kOncePerVersion = True
+
 PY2 = sys.version_info[0] == 2
 kMillion = 10 ** 6
 

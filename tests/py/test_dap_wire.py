@@ -11,6 +11,8 @@ import unittest
 from support.case import TestCase
 from tdbg.dap import config, wire
 
+kOncePerVersion = True
+
 
 def framed(text, header="Content-Length"):
     data = text if isinstance(text, bytes) else text.encode("utf-8")

@@ -8,6 +8,8 @@ import unittest
 
 from support import TestCase, import_tracer, line_of, needs
 
+kOncePerVersion = True
+
 
 class FrontEnd(object):
     """Takes a list of commands, one for each stop, and records the stops.

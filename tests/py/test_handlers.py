@@ -12,6 +12,8 @@ from support import TestCase, needs, time_limit
 from tdbg import handlers
 from tdbg.handlers import kCaught, kReported, kUncaught, kUnknown
 
+kOncePerVersion = True
+
 kProbe = """\
 import sys
 class Base(Exception): pass

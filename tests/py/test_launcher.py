@@ -8,6 +8,8 @@ import unittest
 
 from support import REPOSITORY, TestCase, library_path, run_program
 
+kOncePerVersion = True
+
 LAUNCHER = os.path.join(REPOSITORY, "tdbg")
 BITS = 8 * struct.calcsize("P")
 

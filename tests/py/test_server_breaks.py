@@ -8,6 +8,8 @@ import unittest
 from support import TestCase, import_tracer, line_of
 from tdbg.dbgserver import tFrontEnd
 
+kOncePerVersion = True
+
 SOURCE = '''\
 """A module."""
 

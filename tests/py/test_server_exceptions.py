@@ -16,6 +16,8 @@ import unittest
 from support import TestCase, import_tracer, library_path, needs, run_script, time_limit
 from support.programs import python_path
 
+kOncePerVersion = True
+
 # The start-up module.  `settings["at"]`: {number of a stop: expression to evaluate there}.
 kStartup = '''\
 import json, os, sys

@@ -12,6 +12,8 @@ from support.dapclient import debug_directly
 from support.languages import EXAMPLES, debug, use_example
 from support.terminal import PROMPT, run_commands
 
+kOncePerVersion = True
+
 USER = """\
 def double(n):
     result = 2 * n  #@ double

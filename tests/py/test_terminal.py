@@ -14,6 +14,8 @@ from support.terminal import (
     PACKAGE, PROMPT, Terminal, debug_on_terminal, debugger_argv, run_commands,
 )
 
+kOncePerVersion = True
+
 FACTORIAL = """\
 def factorial(n):
     if n < 2:

@@ -12,6 +12,8 @@ from support import TestCase, has, library_path, needs, run_program
 from support.programs import python_path
 from support.terminal import PACKAGE, PROMPT, Terminal, debug_on_terminal, run_commands
 
+kOncePerVersion = True
+
 PROGRAM = """\
 import helper_module
 

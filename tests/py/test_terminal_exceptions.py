@@ -9,6 +9,8 @@ from support import TestCase, run_program, time_limit
 from support.programs import python_path, run_script
 from support.terminal import PROMPT, debugger_argv, run_commands
 
+kOncePerVersion = True
+
 RAISING = """\
 import traceback
 class MyError(LookupError): pass
