@@ -73,7 +73,11 @@ class tHolder(object):
             self.send_on(wanted)
         return wanted is not None
 
-    def is_satisfied(self, ident):
+    def forget_wish(self):
+        """Whatever stopped the program, it is stopped."""
+        self._wanted = None
+
+    def tell_stopped(self, ident):
         """A thread has stopped: no pause is needed any more."""
         self._struck.discard(ident)
         self._unmark(ident)

@@ -329,10 +329,11 @@ def client_of_process(process):
     return client
 
 
-def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session=None, **streams):
+def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session=None, inherited=(), **streams):
     """A program in the debugger with this client at the other end of its socket, without an adapter.
 
-    program: a path, or a list such as ["-m", "module"].  streams: stdin, stdout, stderr of Popen.
+    program: a path, or a list such as ["-m", "module"].  inherited: descriptors that it gets, too.
+    streams: stdin, stdout, stderr of Popen.
     """
     folder = tempfile.mkdtemp()
     test.addCleanup(shutil.rmtree, folder, True)
@@ -342,11 +343,14 @@ def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session
         listener.bind(path)
         listener.listen(1)
         listener.settimeout(kSeconds)
+        if sys.version_info[0] == 2:
+            streams["close_fds"] = not inherited
+        else:
+            streams["pass_fds"] = inherited
         target = [program] if not isinstance(program, list) else program
         argv = [sys.executable] + list(flags) + target + list(args)
         process = subprocess.Popen(
-            argv, env=debuggee_environment(argv, path, env, cwd, session), cwd=cwd, close_fds=True,
-            **streams)
+            argv, env=debuggee_environment(argv, path, env, cwd, session), cwd=cwd, **streams)
         test.addCleanup(end_process, process)
         connected, _ = listener.accept()
     finally:

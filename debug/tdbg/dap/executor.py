@@ -66,9 +66,10 @@ class tTask(object):
 
 
 class tExecutor(object):
-    """on_waiting(): called when there is a task for which nobody serves."""
+    """on_waiting(): called when there is a task for which nobody serves; on_left(): when nobody serves
+    any more."""
 
-    def __init__(self, on_waiting=None):
+    def __init__(self, on_waiting=None, on_left=None):
         self._lock = compat.allocate_lock()
         self._signal = signals.tSignal()
         self._queue = []
@@ -79,6 +80,7 @@ class tExecutor(object):
         self._workers = []      # tWorker, idle ones
         self._worker_idents = set()
         self._on_waiting = on_waiting or (lambda: None)
+        self._on_left = on_left or (lambda: None)
 
     @property
     def is_serving(self):
@@ -219,6 +221,7 @@ class tExecutor(object):
             task.refuse(tNotStopped("the program runs again"))
         if waiting:
             self._on_waiting()
+        self._on_left()
 
     # --- workers ---
 

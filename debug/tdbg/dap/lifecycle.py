@@ -107,6 +107,7 @@ def _interrupt(session):
         def command():
             session.core.raise_exception(0, KeyboardInterrupt())
             session.server.continue_run()
+        session.current_stop = None
         session.executor.finish(command)
         return
     if _get_signal(compat.signal.SIGINT) in (compat.signal.SIG_IGN, compat.signal.SIG_DFL, None):

@@ -81,7 +81,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         self.is_launched = bool(self.settings.get("launched"))
         self.server = None
         self.session = None
-        self.executor = executors.tExecutor(self._on_waiting)
+        self.executor = executors.tExecutor(self._on_waiting, self._on_left)
         self.holder = None
         self.thread_ids = numbers.tThreadIds()
         self.is_live = False       # the program's first line has been reached
@@ -115,7 +115,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
     def on_stop(self, stop):
         if _getpid() != self._pid:  # a forked child, which nobody debugs
             return self.server.continue_run()
-        self.holder.is_satisfied(stop.thread.ident)
+        self.holder.tell_stopped(stop.thread.ident)
         try:
             if stop.reason == stops.kEntry:
                 self._stop_at_entry(stop)
@@ -184,6 +184,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         finally:
             session.current_stop = None
 
+
     def _serve(self, announce):
         """Be at the client's service, until it sends the program on."""
         interrupts = []
@@ -221,6 +222,10 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
 
     def _on_waiting(self):
         if self.is_live:
+            self.holder.wake()
+
+    def _on_left(self):
+        if self.is_live and self.holder.is_wanted:
             self.holder.wake()
 
     # --- threads ---
@@ -606,6 +611,7 @@ class tSession(object):
         return had_hits and not stop.hits and stop.reason == stops.kBreakpoint
 
     def tell_stop(self, stop):
+        self.holder.forget_wish()
         body = {
             "reason": kReasons.get(stop.reason, "exception"),
             "threadId": self.thread_ids.id_of(stop.thread.ident), "allThreadsStopped": True}
@@ -615,6 +621,7 @@ class tSession(object):
         self.send_event("stopped", body)
 
     def tell_hold(self, ident):
+        self.holder.forget_wish()
         self.send_event("stopped", {
             "reason": "pause", "threadId": self.thread_ids.id_of(ident), "allThreadsStopped": True})
 
@@ -671,8 +678,8 @@ class tSession(object):
                     self.server.continue_run()
                 elif held != ident:
                     self.holder.send_on(held)
-        if stop is not None and stop is self.front_end.entry_stop:
-            self.current_stop = None  # who serves there does not know
+        # From now on the program counts as running, though the thread is still to hear of it.
+        self.current_stop = self.held = None
         self.executor.finish(command)
 
     # --- the end ---
