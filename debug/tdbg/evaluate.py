@@ -7,6 +7,7 @@ from __future__ import absolute_import, division, print_function
 
 import functools
 import itertools
+import os
 import sys
 import time
 
@@ -23,6 +24,24 @@ try:
 except Exception:  # a build without ctypes: slow values can still be interrupted by hand
     _set_async_exc = None
 
+
+def _find_thread_kill():
+    """pthread_kill() with the result None, or None."""
+    if not compat.PY2:
+        return getattr(compat.signal, "pthread_kill", None)
+    try:
+        kill = ctypes.CDLL(None)["pthread_kill"]
+        kill.argtypes, kill.restype = (ctypes.c_ulong, ctypes.c_int), None
+        return kill
+    except Exception:
+        return None
+
+
+_kill_thread = _find_thread_kill()
+_set_handler, _get_handler = compat.signal.signal, compat.signal.getsignal
+# Ignored unless a program cares, so nothing happens should one come late.
+kInterrupt = compat.signal.SIGURG
+
 kValueSeconds = 3.0
 kPollSeconds = (0.001, 0.01, 0.05)  # 2.7 has no timed wait: short naps first, then longer ones
 kPollsOfEach = 20
@@ -34,6 +53,7 @@ kVarArgs, kVarKeywords = 0x04, 0x08
 
 _plain_types = (int, float, bool, type(None), compat.text_type)
 _sleep = time.sleep
+_get_pid = os.getpid
 _clock = getattr(time, "monotonic", time.time)
 _chain, _flat, _repeat = itertools.chain, itertools.chain.from_iterable, itertools.repeat
 _partial = functools.partial
@@ -222,8 +242,9 @@ def _type_name(value):
 def call_with_limit(function, seconds=kValueSeconds):
     """function(), which gets tTooSlow raised when it takes longer.
 
-    Only Python code can be interrupted so.  The watch is a thread without one Python frame:
-    the tracer would hold a frame of another thread while this one is stopped.
+    Python code can be interrupted so; in the main thread, by a signal, native code too that waits
+    for time to pass, for data or (version 3) for a lock.  The watch is a thread without one Python
+    frame: the tracer would hold a frame of another thread while this one is stopped.
     """
     if _set_async_exc is None:
         return function()
@@ -322,14 +343,39 @@ class tWatch(object):
         self._done = compat.allocate_lock()
         self._done.acquire()
         self._strikes, self._ended = [], []
-        ident = _thread_number(compat.get_ident())
-        strike = [_partial(self._strikes.append, True),
-                  _partial(_set_async_exc, ident, _py_object(tTooSlow))]
+        self._handler = self._take_signal()
+        ident = compat.get_ident()
+        strike = [_partial(self._strikes.append, True)]
+        if self._handler is None:
+            strike.append(_partial(_set_async_exc, _thread_number(ident), _py_object(tTooSlow)))
+        else:
+            strike.append(_partial(_kill_thread, ident, kInterrupt))
         steps = self._waits(seconds) + strike
         again = self._waits(kSecondsToIgnore) + strike
         # Ends at the first step with a true result: being cancelled.
         watch = _partial(any, compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
         self._started = self._start([watch, self._done.release])
+
+    def _take_signal(self):
+        """The signal's handler before, in the main thread; None elsewhere."""
+        if _kill_thread is None:
+            return None
+        handler = _get_handler(kInterrupt)
+        if handler is None:  # native code's, which cannot be put back
+            return None
+        try:
+            _set_handler(kInterrupt, _raise_too_slow)
+        except ValueError:  # not the main thread
+            return None
+        _watches.append(self)
+        return handler
+
+    def _give_signal_back(self):
+        if self._handler is not None:
+            _get_pid()  # enters the kernel: a signal that is under way arrives
+            _set_handler(kInterrupt, self._handler)
+            self._handler = None
+            _watches.remove(self)
 
     def _start(self, calls):
         try:
@@ -362,11 +408,22 @@ class tWatch(object):
                 # It struck, perhaps just now: take delivery here.
                 # deliberate: not by setting "no exception", which leaves the interpreter's request
                 # for attention standing for ever (3.11 then loops in traced code).
+                if self._strikes:
+                    _get_pid()
                 for _ in range(kDeliveryTurns if self._strikes else 0):
                     pass
-                return
+                return self._give_signal_back()
             except tTooSlow:
                 pass
+
+
+_watches = []  # of the main thread
+
+
+def _raise_too_slow(number, frame):
+    """The signal's handler while the main thread is watched."""
+    if any(watch._strikes for watch in _watches):
+        raise tTooSlow()
 
 
 # --- looking at values ----------------------------------------------------------------------

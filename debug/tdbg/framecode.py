@@ -17,6 +17,7 @@ from tdbg import compat, private, sublanguages
 
 kFileName = "<debugger>"
 kNested = 0x10  # of version 2: every function sees those around it
+kOptimized = 0x01
 kFunctionName = "debugger_evaluation"
 
 _code_type = types.CodeType
@@ -39,6 +40,10 @@ def _future_flags():
 
 
 kFutureFlags = _future_flags()
+
+
+_count_references = sys.getrefcount
+kOwnReferences = 3  # of a frame's dict in forget_snapshot(): the frame's, the variable, the argument
 
 
 class tRefusal(Exception):
@@ -141,6 +146,19 @@ def set_local(frame, name, value, core):
     names = frame.f_locals
     names[name] = value
     keep_locals(frame, names, core)
+
+
+def forget_snapshot(frame):
+    """Before 3.13 a frame keeps the dict that f_locals has given, and so every value in it, though
+    the function may have let go of them.  Take out what the frame has itself."""
+    if compat.kNoLocalsToFast or not getattr(frame.f_code, "co_flags", 0) & kOptimized:
+        return
+    names = frame.f_locals
+    if _count_references(names) > kOwnReferences:
+        return  # the program has it from locals()
+    code = frame.f_code
+    for name in code.co_varnames + code.co_cellvars + code.co_freevars:
+        names.pop(name, None)
 
 
 def _mode_of(tree):

@@ -28,8 +28,7 @@ def completions(session, arguments):
     client = session.client or {}
     first_column = 1 if client.get("columnsStartAt1", True) else 0
     first_line = 1 if client.get("linesStartAt1", True) else 0
-    frame_id = get_optional(arguments, "frameId", int)
-    ref = session.frames.get(frame_id) if frame_id is not None else None
+    ref = variables.find_frame(session, get_optional(arguments, "frameId", int))
     lines = re.split(u"\r\n|\r|\n", text)
     index = 0 if line is None else min(max(line - first_line, 0), len(lines) - 1)
     before = take_units(lines[index], column - first_column)

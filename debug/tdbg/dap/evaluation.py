@@ -20,8 +20,7 @@ kClipboardSeconds = 10.0
 def evaluate_text(session, arguments):
     text = get(arguments, "expression", str)
     context = get_optional(arguments, "context", str, "watch")
-    frame_id = get_optional(arguments, "frameId", int)
-    ref = session.frames.get(frame_id) if frame_id is not None else None
+    ref = variables.find_frame(session, get_optional(arguments, "frameId", int))
     job = _tEvaluation(session, arguments, ref)
     if not text.strip():
         return {"result": u"", "variablesReference": 0}
@@ -167,8 +166,7 @@ def _as_parent(expression):
 
 def set_expression(session, arguments):
     target = get(arguments, "expression", str).strip()
-    frame_id = get_optional(arguments, "frameId", int)
-    ref = session.frames.get(frame_id) if frame_id is not None else None
+    ref = variables.find_frame(session, get_optional(arguments, "frameId", int))
     frame = variables.frame_of(session, ref)
     tree = _target_tree(target, frame)
     value = variables.evaluate_new(session, ref, get(arguments, "value", str))

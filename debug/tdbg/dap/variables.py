@@ -461,8 +461,30 @@ def _slow_variables(session, arguments):
 # --- requests -----------------------------------------------------------------------------------
 
 
+def attach(session):
+    session.looked_into = {}  # id -> frame whose variables have been read since the program stopped
+    session.on_resume(_forget_values)
+
+
+def _forget_values(session):
+    frames, session.looked_into = session.looked_into, {}
+    if not session.executor.is_stuck():
+        for frame in frames.values():
+            framecode.forget_snapshot(frame)
+
+
+def find_frame(session, frame_id):
+    """The tFrameRef of a number; None for None."""
+    if frame_id is None:
+        return None
+    ref = session.frames.get(frame_id)
+    if not sublanguages.is_view(ref.frame):
+        session.looked_into[id(ref.frame)] = ref.frame
+    return ref
+
+
 def scopes(session, arguments):
-    ref = session.frames.get(get(arguments, "frameId", int))
+    ref = find_frame(session, get(arguments, "frameId", int))
     frame = ref.frame
     core = session.server.core
     limit = tFrameScope(ref, kLocals, core, _extra_children(session, ref))
