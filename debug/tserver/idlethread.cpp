@@ -261,11 +261,24 @@ static tSingleIdleThreadData* new_single_data(const tIdleThreadPerInterpData* da
     return single;
 }
 
+// Of the interpreter; it is not among the functions that the system needs to run.
+using tDeleteFunc = void (*)();
+static constinit tDeleteFunc gDeleteCurrentThreadState = nullptr;
+
+static void find_delete_function() {
+    if (gDeleteCurrentThreadState == nullptr) {
+        gDeleteCurrentThreadState = reinterpret_cast<tDeleteFunc>(
+            lookup_python_function("PyThreadState_DeleteCurrent"));
+        gPy.PyErr_Clear();
+    }
+}
+
 static int start_idle_thread_mutex_held(tIdleThreadPerInterpData* data) {
     tSingleIdleThreadData* const single = new_single_data(data);
     if (single == nullptr) {
         return -1;
     }
+    find_delete_function();
     gPy.PyThread_acquire_lock(single->stop_lock, kWait);
     data->active_single_data_ptr = single;
     count_live_threads(1);
@@ -631,14 +644,20 @@ void call_idle_from_idle_thread(tSingleIdleThreadData* single_data_ptr) {
     log_without_tstate("Leaving call_idle_from_idle_thread\n");
 }
 
-// What has to be taken off the thread state while the interpreter lock is held; deleting it then
-// does not need the lock.
-static void clear_interrupt_tstate(tSingleIdleThreadData* single) {
-    if (has_interpreter_lock() &&
-        acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
-        gPy.PyThreadState_Clear(single->interrupt_tstate);
-        release_gil_on_idle_thread(single, single->interrupt_tstate, nullptr);
+// Under the interpreter lock as a whole: an interpreter that began to end between the clearing and
+// the deleting would clear the state once more. One that has begun deletes it itself.
+static void delete_interrupt_tstate(tSingleIdleThreadData* single) {
+    if (!has_interpreter_lock() ||
+        !acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
+        return;
     }
+    gPy.PyThreadState_Clear(single->interrupt_tstate);
+    if (gDeleteCurrentThreadState == nullptr) {
+        release_gil_on_idle_thread(single, single->interrupt_tstate, nullptr);
+        return;  // the rest does not need the lock
+    }
+    gDeleteCurrentThreadState();  // gives the interpreter lock away
+    single->interrupt_tstate = nullptr;
 }
 
 void cleanup_at_end_of_idle_thread_func(tIdleThreadPerInterpData* per_interp_data,
@@ -653,7 +672,9 @@ void cleanup_at_end_of_idle_thread_func(tIdleThreadPerInterpData* per_interp_dat
     }
     // deliberate: once the interpreter is on its way out its objects are left alone.
     if (!is_interpreter_ending(per_interp_data)) {
-        gPy.PyThreadState_Delete(our_single_data_ptr->interrupt_tstate);
+        if (our_single_data_ptr->interrupt_tstate != nullptr) {
+            gPy.PyThreadState_Delete(our_single_data_ptr->interrupt_tstate);
+        }
         free_locks(our_single_data_ptr);
     }
     free(our_single_data_ptr);
@@ -795,7 +816,7 @@ void idle_thread_func(void* arg) {
     if (!valid) {
         log_without_tstate("failure in idle_thread_func())\n");
     } else {
-        clear_interrupt_tstate(single);
+        delete_interrupt_tstate(single);
     }
     cleanup_at_end_of_idle_thread_func(data, single);
     count_live_threads(-1);
