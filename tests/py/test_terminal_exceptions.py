@@ -13,11 +13,12 @@ kOncePerVersion = True
 
 RAISING = """\
 import traceback
-class MyError(LookupError): pass
-class Old: pass
+class MyBase(LookupError): pass
+class MyError(MyBase): pass
+class Other(MyBase): pass
 
 def boom(kind):
-    raise kind("x")  #@ raise
+    raise kind("x")
 
 def quiet(kind):
     try:
@@ -28,10 +29,10 @@ def quiet(kind):
 def serve():
     try:
         boom(ValueError)
-    except Exception:  #@ clause
+    except Exception:
         traceback.print_exc()
 
-quiet(KeyError)
+quiet(Other)
 quiet(MyError)
 serve()
 boom(MyError)
@@ -51,7 +52,7 @@ class Stops(TerminalCase):
     def test_reported_and_uncaught(self):
         out = self.answers(RAISING, ["c", "w", "c", "c"])
         catcher = r"--Exception that is only printed or logged by \S+prog\.py\(\d+\)serve\(\)--\n"
-        self.assertRegex(out[1], catcher + r"ValueError: x\n> \S+prog\.py\(6\)boom\(\)\n-> raise kind")
+        self.assertRegex(out[1], catcher + r"ValueError: x\n> \S+prog\.py\(7\)boom\(\)\n-> raise kind")
         self.assertEqual(re.findall(r"\)(\S+)\(\)", out[2]), ["<module>", "serve", "boom"])
         self.assertIn("--Uncaught exception, the program ends after this--\nMyError: x\n", out[3])
         self.assertEqual(self.done.status, 1)
@@ -122,17 +123,17 @@ class Commands(TerminalCase):
         self.assertTrue(out[25].startswith("*** ignore needs"))
 
     def test_types_and_places(self):
-        out = self.answers(RAISING, ["until 20", "catch LookupError", "c", "c", "ignore MyError", "c", "c"])
-        self.assertIn("KeyError: 'x'\n> {}(6)boom()".format(self.path), out[3])
-        self.assertIn("MyError: x\n> {}(6)boom()".format(self.path), out[4])
+        out = self.answers(RAISING, ["until 21", "catch MyBase", "c", "c", "ignore MyError", "c", "c"])
+        self.assertIn("Other: x\n> {}(7)boom()".format(self.path), out[3])
+        self.assertIn("MyError: x\n> {}(7)boom()".format(self.path), out[4])
         self.assertIn("only printed", out[6])
         self.assertEqual((len(out), self.done.status), (8, 1))
         out = self.answers(RAISING, ["c", "ignore here", "catch", "c"])
-        self.assertEqual(out[2], "No exception stops at {}:6.".format(self.path))
+        self.assertEqual(out[2], "No exception stops at {}:7.".format(self.path))
         self.assertEqual((len(out), self.done.status), (5, 1), self.done)
 
     def test_rules_outlive_a_restart(self):
-        out = self.answers(RAISING, ["until 20", "catch raised", "ignore MyError", "ignore prog.py:3", "restart",
+        out = self.answers(RAISING, ["until 21", "catch raised", "ignore MyError", "ignore prog.py:3", "restart",
                                      "catch", "q"])
         self.assertEqual(out[-2], "Exceptions that stop: raised\nNever: __main__.MyError\nNot at {}:3".format(self.path))
 
