@@ -372,6 +372,8 @@ class tServer(object):
         if not self.languages.may_stop(frame):
             return self._pass_hidden(frame, ident)
         if self.is_hidden(frame):
+            if self.languages.is_hidden(frame):
+                self.breakpoints.forget_event(frame)  # its lines are not those of its file
             if stepper is not None and not self.languages.is_active():
                 return stepper.at_foreign(frame)
             return self._pass_hidden(frame, ident)
@@ -436,7 +438,8 @@ class tServer(object):
             if not stop.stack or not self.exceptions.is_ignored_place(
                     *self.place_of_exception(stop)):
                 return self._present(stop)
-        if not is_step or self._is_no_news(exc_info) or self._stops_at_lines_only:
+        if not is_step or self._is_no_news(exc_info) or (
+                self._stops_at_lines_only or self._steps_by(frame, ident)):
             return
         if self.is_hidden(frame):
             return self._pass_hidden(frame, ident)

@@ -25,9 +25,8 @@ kException, kCall, kLine, kReturn = -1, 0, 1, 2
 kModeRun, kModeStepInto, kModeAsked = -1, 0, 1  # kModeAsked: is this a place for a breakpoint?
 
 kRaiseMode = 1  # of the core's exception modes: every exception is told
-kYields = frozenset(
-    dis.opmap[name] for name in ("YIELD_VALUE", "YIELD_FROM", "INSTRUMENTED_YIELD_VALUE")
-    if name in dis.opmap)
+kYieldFrom = dis.opmap.get("YIELD_FROM")
+kYields = frozenset((dis.opmap["YIELD_VALUE"], kYieldFrom))
 kSuffixes = (".pyc", ".pyo")
 
 # Languages of well-known libraries: name of the library -> module with a function make(refresh),
@@ -48,6 +47,7 @@ _builtins = compat.builtins
 _library = tuple(set(
     spelling(os.path.dirname(os.__file__)) + os.sep for spelling in (_abs_path, _real_path)))
 _own_folder = os.path.dirname(register_sub_language.__code__.co_filename) + os.sep
+kFrozen = "<frozen "
 kAddedFolders = ("site-packages", "dist-packages")
 
 _registered = []  # every language that the program has told of, in that order
@@ -269,7 +269,8 @@ class tLanguages(object):
     def _is_library_file(self, name):
         known = self._library_files.get(name)
         if known is None:
-            known = name.startswith(_library) and not any(part in name for part in kAddedFolders)
+            known = name.startswith(kFrozen) or (
+                name.startswith(_library) and not any(part in name for part in kAddedFolders))
             self._library_files[name] = known
         return known
 
@@ -528,7 +529,7 @@ class tHook(object):
         self._arrived.pop(ident, None)
         self._uncounted.discard(ident)
         if event == kException:
-            return self._tells_exception(frame, mode, ident)
+            return mode != kModeAsked and self._tells_exception(frame, mode, ident)
         self._told.discard(ident)
         if event != kLine:
             self._forget(frame, event, ident)
@@ -608,8 +609,9 @@ _kGenerator = 0x20 | 0x80 | 0x200  # generators, coroutines, both
 def _is_yielding(frame):
     if not frame.f_code.co_flags & _kGenerator or frame.f_lasti < 0:
         return False
-    code = frame.f_code.co_code[frame.f_lasti]
-    return (ord(code) if compat.PY2 else code) in kYields
+    # `yield from` of 3.6 to 3.10 is done again when the frame goes on: there it is the next one.
+    code = bytearray(frame.f_code.co_code[frame.f_lasti:frame.f_lasti + 3:2])
+    return code[0] in kYields or (kYieldFrom is not None and code[-1] == kYieldFrom)
 
 
 def code_of(item):

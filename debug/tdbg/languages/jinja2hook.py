@@ -180,7 +180,7 @@ class tJinja2(object):
         else:
             failure = None
         try:
-            return eval(text, {"__builtins__": compat.builtins}, names)
+            return eval(text, dict(names, __builtins__=compat.builtins))
         except SyntaxError:
             if failure is None:
                 raise
