@@ -478,7 +478,10 @@ class tServer(object):
     def _quit_cb(self):
         ident = _get_ident()
         if ident != self._main_ident:
-            return self.exceptions.forget(ident)
+            self.exceptions.forget(ident)
+            if _is_at_end_of_thread():
+                self._thread_end_cb()
+            return
         if self._main_frame is None:
             return
         self._main_frame = None
@@ -762,6 +765,14 @@ def _callers(stop, frame):
     """What is shown of a stop's stack, from the outermost frame to this one."""
     shown = [entry[0] for entry in stop.stack]
     return shown[:shown.index(frame) + 1] if frame in shown else shown[:stop.index + 1]
+
+
+def _is_at_end_of_thread():
+    """Whether the calling thread's outermost frame, which is being left, is that of `threading`."""
+    frame = sys._getframe()
+    while frame.f_back is not None:
+        frame = frame.f_back
+    return frame.f_code.co_name in ("_bootstrap", "__bootstrap")
 
 
 def _is_caller(frame, inner):

@@ -42,7 +42,7 @@ def _start(session, arguments, kind):
     for text in config.warnings:
         session.output("console", text + "\n")
     if session.has_entered:
-        session.run_in_core(lambda: _take_up(session))
+        session.run_in_core(session.front_end.trace_again)
     session.call_all(session.configured_hooks)
 
     def go_on():
@@ -59,12 +59,6 @@ class _Config(configs.tConfig):
         if self.kind == configs.kLaunch and self.raw.get("program") is None:
             return  # what runs is known
         configs.tConfig._check(self)
-
-
-def _take_up(session):
-    session.front_end.trace_again()
-    session.core.set_debug_all_threads(int(session.config.stop_all_threads))
-    session.server.ask_policies()
 
 
 def configuration_done(session, arguments):

@@ -61,6 +61,9 @@ _fits = fnmatch.fnmatchcase
 kUninitialized = ("initialize", "disconnect")
 kOutputKinds = ("console", "important", "stdout", "stderr", "telemetry")
 kKeptReturnValues = 20
+# Up to 3.9 a thread does not tell its end, and the core would know the next one of the same address
+# as ignored: there, ignored ones are traced and only never stop.
+kIgnoredStayTraced = (3, 6) <= sys.version_info[:2] < (3, 10)
 kDetachSeconds = 5.0
 kReasons = {
     stops.kEntry: "entry", stops.kStep: "step", stops.kReturn: "step", stops.kPause: "pause",
@@ -88,6 +91,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         self.is_tracing = False
         self.entry_stop = None     # while the program waits at its first line for the client's wishes
         self._pid = _getpid()
+        self._ended = set()        # idents of threads that are about to be gone
         self._client = signals.tDone()  # a client has attached and is configured
 
     def attach(self, server):
@@ -100,6 +104,8 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         """Serve a client from now on; returns its tSession.  Any thread."""
         session = tSession(self, connection)
         self.session = session
+        if self.is_live:  # since when, only the program's thread knows: it has not seen this session
+            session.has_entered = True
         session.start()
         return session
 
@@ -128,19 +134,25 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         session = self.session
         if session is None or not session.is_configured or stop.reason == stops.kEntry:
             return False
+        if not session.policy_of(stop.thread.ident):
+            if not kIgnoredStayTraced:
+                self.server.ask_policies()  # it had no name yet when the core asked
+            return True
         return session.passes(stop)
 
     def thread_policy(self, ident):
         session = self.session
         if _getpid() != self._pid:
             return 1
+        self._ended.discard(ident)
         self.see_thread(ident)
-        return 1 if session is None else session.policy_of(ident)
+        return 1 if session is None or kIgnoredStayTraced else session.policy_of(ident)
 
     def on_thread_end(self, ident):
-        if _getpid() != self._pid:
+        if _getpid() != self._pid or ident == self.server.main_ident:
             return
         self.holder.forget_thread(ident)
+        self._ended.add(ident)
         number = self.thread_ids.forget(ident)
         if number is not None and self.session is not None:
             self.session.tell_thread("exited", number)
@@ -241,11 +253,12 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         running = _current_frames()
         idents = set(ident for ident in running if not threads.is_own_thread(ident))
         running = None
-        for ident in idents:
+        self._ended.intersection_update(idents)
+        for ident in idents - self._ended:
             self.see_thread(ident)
         registered = getattr(sys.modules.get("threading"), "_active", {})
         for number, ident in self.thread_ids.all():
-            if ident not in idents and ident not in registered and ident != self.server.main_ident:
+            if ident not in idents and ident not in registered:
                 self.on_thread_end(ident)
 
     def name_of_thread(self, ident):
@@ -565,6 +578,7 @@ class tSession(object):
             message, self.started_by = self.started_by, None if ready else self.started_by
         if not ready:
             return
+        self.run_in_core(self._apply_configuration)
         self.is_configured = True
         self.respond(message)
         self.send_event("process", {
@@ -575,6 +589,10 @@ class tSession(object):
         stop = self.front_end.entry_stop
         if stop is not None:
             self._begin_at(stop)
+
+    def _apply_configuration(self):
+        self.core.set_debug_all_threads(int(self.config.stop_all_threads))
+        self.server.ask_policies()
 
     def _program_name(self):
         main = sys.modules.get("__main__")
