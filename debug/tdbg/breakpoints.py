@@ -167,6 +167,9 @@ class tBreakpoints(object):
             languages.on_change = self._move_to_code
         self._folder = folder or _get_folder()
         self._by_number = {}
+        self._by_place = {}    # (path, line) -> {number: breakpoint}
+        self._by_core_id = {}
+        self._core_ids = {}    # (path, line) -> ids that the core has there
         self._next = 1
         self._live = False  # the core keeps breakpoints from its start on
         self._checks = False  # the core asks for checksums
@@ -183,7 +186,7 @@ class tBreakpoints(object):
     def go_live(self):
         """The core has been started: give it what was set before."""
         self._live = True
-        for place in set((bp.path, bp.line) for bp in self._by_number.values()):
+        for place in list(self._by_place):
             self._write(*place)
 
     # --- looking ---
@@ -229,7 +232,7 @@ class tBreakpoints(object):
         try:
             self._insert(bp)
         except Exception as why:  # a name that has no spelling in UTF-8
-            self._by_number.pop(bp.number, None)
+            self._take_out(bp)
             raise tRefused("{}".format(why))
         return bp
 
@@ -244,8 +247,7 @@ class tBreakpoints(object):
 
     def remove(self, bp):
         self._collect()
-        if self._by_number.pop(bp.number, None) is not None:
-            self._checksums = None
+        if self._take_out(bp):
             self._write(bp.path, bp.line)
 
     def set_enabled(self, bp, enabled):
@@ -281,9 +283,22 @@ class tBreakpoints(object):
     def _insert(self, bp):
         self._collect()
         self._next = max(self._next, bp.number) + 1
-        self._by_number[bp.number] = bp
-        self._checksums = None
+        self._put_in(bp)
         self._write(bp.path, bp.line)
+
+    def _put_in(self, bp):
+        self._by_number[bp.number] = bp
+        self._by_place.setdefault((bp.path, bp.line), {})[bp.number] = bp
+        self._checksums = None
+
+    def _take_out(self, bp):
+        """Whether it was there."""
+        on_line = self._by_place.get((bp.path, bp.line), {})
+        on_line.pop(bp.number, None)
+        if not on_line:
+            self._by_place.pop((bp.path, bp.line), None)
+        self._checksums = None
+        return self._by_number.pop(bp.number, None) is not None
 
     def _arm(self, bp):
         """Who judges its hits, and how many of them need not be looked at."""
@@ -318,12 +333,16 @@ class tBreakpoints(object):
         if not self._live:
             return
         name = compat.to_native(path)
+        on_line = self._by_place.get((path, line), {})
+        for core_id in self._core_ids.pop((path, line), ()):
+            self._by_core_id.pop(core_id, None)
         self._core.clear_breaks(name, line)
-        on_line = [bp for bp in self._by_number.values() if bp.path == path and bp.line == line]
-        for bp in sorted(on_line, key=lambda bp: bp.number):
+        for _, bp in sorted(on_line.items()):
             bp.core_id, bp.counted = None, 0
             if bp.enabled and not _is_over(bp):
                 bp.core_id = self._set_break(bp, name)
+                self._by_core_id[bp.core_id] = bp
+                self._core_ids.setdefault((path, line), []).append(bp.core_id)
 
     def _set_break(self, bp, name):
         condition, temporary, ignore = bp.condition, int(bp.temporary), bp.ignore
@@ -345,7 +364,7 @@ class tBreakpoints(object):
         deleted, changed = self._core.get_changed_bps_lists()
         if not deleted and not changed:
             return []
-        by_id = dict((bp.core_id, bp) for bp in self._by_number.values() if bp.core_id is not None)
+        by_id = self._by_core_id
         news = []
         for row in changed:
             bp = by_id.get(row[2])
@@ -365,7 +384,7 @@ class tBreakpoints(object):
             bp.hits += 1
             bp.ignore = 0
             bp.core_id = None
-            del self._by_number[bp.number]
+            self._take_out(bp)
             news.append((bp, 1, 0, True))
         news.sort(key=lambda row: row[0].number)
         return news
@@ -418,7 +437,7 @@ class tBreakpoints(object):
                     bp.passes += 1
                 elif bp.temporary and bp.hit_condition is None:
                     deleted = True
-                    del self._by_number[bp.number]
+                    self._take_out(bp)
                 self._write(bp.path, bp.line)
             news.append((bp, 1, ignored, deleted))
         return news
@@ -459,7 +478,7 @@ class tBreakpoints(object):
         if not self._passes(bp):
             return False, None
         if bp.temporary:
-            del self._by_number[bp.number]
+            self._take_out(bp)
             self._write(bp.path, bp.line)
         return True, None
 
@@ -493,7 +512,7 @@ class tBreakpoints(object):
                 continue
             bp.hits -= 1
             if deleted:
-                self._by_number[bp.number] = bp
+                self._put_in(bp)
             elif ignored < 1:
                 continue
             else:

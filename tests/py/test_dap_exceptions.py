@@ -186,22 +186,92 @@ class Filters(ExceptionTest):
         self.assertEqual([row["verified"] for row in self.answer], [True, True, True, False])
         self.assertIn("nonsense", self.answer[3]["message"])
 
+    def rounds(self, requests):
+        """Names of the types that stop in main(), with other filters each time."""
+        program = self.make_file("rounds.py", MAIN.replace(
+            "    main()  #@ main", "    for turn in range({0}):\n        turn += 0  #@ turn\n        end()".format(
+                len(requests))).replace("def main():", (
+                    "def end():\n"
+                    "    try:\n"
+                    "        main()\n"
+                    "    except NameError:  #@ end\n"
+                    "        pass\n"
+                    "    except:\n"
+                    "        import traceback\n"
+                    "        traceback.print_exc()\n\n\n"
+                    "def main():")), self.folder)
+        found = []
+
+        def look(stop):
+            if stop.mark == "turn":
+                answer = client.request("setExceptionBreakpoints", requests[len(found)])["breakpoints"]
+                self.assertEqual([row["verified"] for row in answer], [True] * len(answer))
+                found.append([])
+            else:
+                found[-1].append(str(stop.body["text"].rpartition(".")[2]))
+
+        client = self.start([], program=program, breakpoints={program: ["turn"]})
+        run_to_end(client, look)
+        return found
+
     def test_types(self):
+        """What ends main() is caught only to be reported: a runner's."""
+        rows = []
         for options, expected in (
                 ([{"filterId": "raised", "condition": "main.Bad, Nothing"}], []),
                 ([{"filterId": "raised", "condition": " Nothing ,__main__.Bad "}], ["Bad", "Bad", "Bad"]),
                 ([{"filterId": "raised", "condition": "LookupError"}], ["Inner", "KeyError"]),
-                ([{"filterId": "uncaught", "condition": "ValueError"}], []),
-                ([{"filterId": "uncaught", "condition": "builtins.KeyError"}], ["KeyError"]),
-                ([{"filterId": "runner", "condition": "KeyError"}], []),
+                ([{"filterId": "runner", "condition": "ValueError"}], ["Bad"]),
+                ([{"filterId": "runner", "condition": "builtins.KeyError"}], ["KeyError"]),
+                ([{"filterId": "runner", "condition": "TypeError"}], []),
+                ([{"filterId": "uncaught"}], []),
                 ([{"filterId": "raised", "condition": "Inner"}, {"filterId": "runner", "condition": "Bad"}],
                  ["Inner", "Bad"]),
-                ([{"filterId": "uncaught"}, {"filterId": "raised", "condition": ""}], None)):
-            found = [text for text, _ in self.stops([], options)]
-            if expected is None:
-                self.assertEqual(len(found), 5)
-            else:
-                self.assertEqual(found, expected, options)
+                ([{"filterId": "uncaught"}, {"filterId": "raised", "condition": ""}],
+                 ["Bad", "Bad", "Inner", "Bad", "KeyError"])):
+            rows.append(({"filters": [], "filterOptions": options}, expected))
+        names = [{"names": ["Python Exceptions"]}, {"names": ["ValueError"]}]
+        for filters, options, expected in (
+                ([], [{"path": names, "breakMode": "always"}], ["Bad"] * 3),
+                (["raised"], [{"path": names, "breakMode": "never"}], ["Inner", "KeyError"]),
+                (["raised"], [{"path": [names[0], dict(names[1], negate=True)], "breakMode": "always"}],
+                 ["Inner", "KeyError"]),
+                ([], [{"breakMode": "userUnhandled"}], ["Bad", "KeyError"])):
+            rows.append(({"filters": filters, "exceptionOptions": options}, expected))
+        self.assertEqual(self.rounds([row[0] for row in rows]), [row[1] for row in rows])
+
+    def test_types_that_nothing_catches(self):
+        for condition, expected in (("ValueError", []), ("builtins.KeyError", [("KeyError", "missing")])):
+            self.assertEqual(self.stops([], [{"filterId": "uncaught", "condition": condition}]), expected)
+
+    def test_raised_in_code_that_is_not_the_users(self):
+        """What a library raises stops where it comes out; what it keeps to itself does not."""
+        self.make_file("site-packages/installed.py", (
+            "def keep():\n"
+            "    try:\n"
+            "        raise KeyError(1)\n"
+            "    except KeyError:\n"
+            "        pass\n"
+            "def leak():\n"
+            "    raise IndexError(2)  #@ leak\n"), self.folder)
+        program = self.make_file("program.py", (
+            "import sys\n"
+            "sys.path.append('site-packages')\n"
+            "import installed\n"
+            "installed.keep()\n"
+            "try:\n"
+            "    installed.leak()  #@ out\n"
+            "except IndexError:\n"
+            "    pass\n"), self.folder)
+        lines = []
+
+        def look(client, stop):
+            lines.append([frame["line"] for frame in client.stack(stop.thread_id)])
+
+        self.assertEqual([text for text, _ in self.stops(["raised"], program=program, look=look)], ["IndexError"])
+        self.assertEqual(lines[0][-1], line_of(program, "out"))
+        found = self.stops(["raised"], program=program, arguments={"justMyCode": False})
+        self.assertEqual([text for text, _ in found][-2:], ["KeyError", "IndexError"])
 
     def test_wrong_types(self):
         client = self.start(None)
@@ -214,15 +284,6 @@ class Filters(ExceptionTest):
             "setExceptionBreakpoints", {"filters": [], "filterOptions": [{}]}))
         self.assertIn("filters", client.refused("setExceptionBreakpoints", {"filters": 3}))
 
-    def test_options_of_other_clients(self):
-        names = [{"names": ["Python Exceptions"]}, {"names": ["ValueError"]}]
-        self.assertEqual(len(self.stops([], exceptionOptions=[{"path": names, "breakMode": "always"}])), 3)
-        self.assertEqual(
-            self.stops(["raised"], exceptionOptions=[{"path": names, "breakMode": "never"}]),
-            [("Inner", "fail"), ("KeyError", "missing")])
-        self.assertEqual(
-            self.stops([], exceptionOptions=[{"breakMode": "userUnhandled"}]), [("Bad", "fail")])
-
     def test_settings_of_the_launch(self):
         for settings, filters, expected in (
                 ({"always": ["Bad"]}, [], ["Bad"] * 3),
@@ -232,9 +293,15 @@ class Filters(ExceptionTest):
             self.assertEqual([text for text, _ in found], expected, settings)
 
     def test_exit_status_is_an_exception_unless_it_is_0(self):
-        for status, expected in (("0", []), ("", []), ("None", []), ("3", []), ("'text'", [])):
-            program = self.make_file("leave.py", "import sys\nsys.exit({})\n".format(status), self.folder)
-            self.assertEqual(self.stops(["raised", "uncaught", "runner"], program=program), expected)
+        program = self.make_file("leave.py", (
+            "import sys\n"
+            "for status in (0, '', None, 3):\n"
+            "    try:\n"
+            "        sys.exit(status)\n"
+            "    except SystemExit:\n"
+            "        pass\n"
+            "sys.exit('text')\n"), self.folder)
+        self.assertEqual(self.stops(["raised", "uncaught", "runner"], program=program), [])
         program = self.make_file("leave.py", "import sys\nsys.exit(3)  #@ leave\n", self.folder)
         option = {"filterId": "raised", "condition": "SystemExit"}
         self.assertEqual(self.stops([], [option], program=program), [("SystemExit", "leave")])

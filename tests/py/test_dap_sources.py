@@ -118,11 +118,16 @@ class Sources(SourceTest):
             "packed.work(stop)\n"
             "packed.work(run)\n"
             "packed.work(run)\n"), self.folder)
+        packed = os.path.join(self.folder, "archive.zip", "packed.py")
         client = self.start(program=program, breakpoints={program: [{"line": 7}]})
         stop = next_stop(client)
         source = client.stack(stop.thread_id)[1]["source"]
         rows = client.request("setBreakpoints", {"source": source, "breakpoints": [{"line": 2}]})["breakpoints"]
         self.assertEqual((rows[0]["verified"], rows[0]["source"]["sourceReference"]), (True, source["sourceReference"]))
+        by_path = client.set_breakpoints(packed, [1, {"line": 2}])
+        self.assertEqual([(row["verified"], row["line"]) for row in by_path], [(True, 1), (True, 2)])
+        self.assertEqual(
+            client.request("source", {"source": {"path": packed}})["content"], PACKED)
         client.resume(stop.thread_id)
         stops = run_to_end(client)
         self.assertEqual([(found.name, found.line) for found in stops], [
@@ -135,7 +140,7 @@ class Sources(SourceTest):
         source = stop.frame["source"]
         self.assertEqual(source["name"], "<string>")
         text = client.request("source", {"source": source, "sourceReference": source["sourceReference"]})
-        self.assertEqual(text["content"], code)
+        self.assertEqual(text["content"].rstrip("\n"), code.rstrip("\n"))
         client.resume(stop.thread_id)
         run_to_end(client)
 

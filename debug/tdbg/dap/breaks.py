@@ -115,11 +115,12 @@ class tBreaks(object):
     def _replace(self, old, wishes):
         self._is_busy = True
         try:
+            kept = set(map(id, wishes)).intersection(map(id, old))
             for wish in old:
-                if wish not in wishes:
+                if id(wish) not in kept:
                     self._drop(wish)
             for wish in wishes:
-                if wish not in old:
+                if id(wish) not in kept:
                     self._place(wish)
         finally:
             self._is_busy = False
@@ -175,6 +176,12 @@ class tBreaks(object):
             self._add(wish, _real_path(wish.path), wish.line, on_hit, checksum=checksum)
             wish.is_bound = True
             return
+        found = sources.sources_of(self._session)
+        reference = found.reference_of_module(wish.path)
+        if reference:  # a member of an archive
+            self._add(wish, wish.path, wish.line, on_hit, source=found.tree_of(reference))
+            wish.is_bound = True
+            return
         if wish.checksum:
             # Any file of that name may be it; whether the line has code, its import will show.
             self._add(wish, wish.path, wish.line, on_hit, checksum=wish.checksum, exactly=True)
@@ -202,13 +209,14 @@ class tBreaks(object):
         self._by_site[bp.number] = wish
 
     def _make_writer(self, message):
-        def write(bp, frame):
-            text = message.write(frame)
-            wish = self._by_site.get(bp.number)
-            self._session.output(
-                "console", text + u"\n", line=self._paths.line_to_client(frame.f_lineno),
-                source=sources.source_of_frame(self._session, frame))
-            return wish
+        def write(_bp, frame):
+            try:
+                self._session.output(
+                    "console", message.write(frame) + u"\n",
+                    line=self._paths.line_to_client(frame.f_lineno),
+                    source=sources.source_of_frame(self._session, frame))
+            except Exception:
+                self._session.tell_failure("log point")
         return write
 
     # --- functions ---

@@ -76,6 +76,13 @@ class tSources(object):
             self._texts[number] = (path, name, space)
         return number
 
+    def reference_of_module(self, path):
+        """Reference for the path of a loaded module that is in no file of its own; 0: there is none."""
+        for name, module in list(sys.modules.items()):
+            if file_of_module(module) == path and not _is_file(path):
+                return self.reference_of(path, path, _own_dict(module))
+        return 0
+
     def path_of(self, reference):
         """Path that the core knows the source of a reference by, `<string>` for example."""
         if not 0 < reference < len(self._texts):
@@ -289,7 +296,10 @@ def source(session, arguments):
         path = get_optional(given, "path", str)
         if path is None:
             raise tRequestError("neither a path nor a number of a source")
-        return {"content": read_text(paths_of(session).from_client(path, False)), "mimeType": kMimeType}
+        path = paths_of(session).from_client(path, False)
+        reference = 0 if _is_file(path) else sources_of(session).reference_of_module(path)
+        if not reference:
+            return {"content": read_text(path), "mimeType": kMimeType}
     sources = sources_of(session)
     lines = session.run_in_core(lambda: sources.lines_of(reference))
     if not lines:
