@@ -8,7 +8,7 @@ import os
 import sys
 
 from tdbg import attach, dbgserver, launch, nativelib, serve
-from tdbg.dap import endpoint, session, wire
+from tdbg.dap import endpoint, requests, session, wire
 
 _front_end = None  # of this process
 _door = None
@@ -78,6 +78,7 @@ def start(library=None):
         core = nativelib.load_library(library)
     else:
         core = nativelib.find_and_load(os.path.dirname(os.path.abspath(__file__)))
+    requests.load_modules()  # before tracing: a thread of ours could not import during a stop
     _front_end = front_end = session.tDapFrontEnd({"launched": False})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)

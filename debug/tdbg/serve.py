@@ -233,8 +233,10 @@ def make_server(core, settings):
     captured    {variable: text or None} to be put back, where the adapter reads the output
     """
     from tdbg import api, dbgserver
-    from tdbg.dap import endpoint, session, wire
+    from tdbg.dap import endpoint, requests, session, wire
 
+    # A thread of ours could not import while another one is stopped.
+    requests.load_modules()
     if "captured" in settings:
         undo_capture(settings["captured"])
     front_end = session.tDapFrontEnd(settings.get("session"))

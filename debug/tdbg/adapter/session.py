@@ -416,9 +416,12 @@ class tSession:
         if response.get("success"):
             self._respond(request, response.get("body"))
         else:
+            if self._program is None:  # the client may try again, with another token for one
+                with self._lock:
+                    debuggee, self._debuggee, self._messenger = self._debuggee, None, None
+                    self._state = kInitialized
+                debuggee.close()
             self._pass_response(request, response)
-            if self._program is None:
-                self._state = kInitialized
 
     def on_exit(self, status, why):
         """The program has ended and all its output has been sent."""
