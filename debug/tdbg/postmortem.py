@@ -61,7 +61,7 @@ def _prepare():
 
 
 class tNoServer(object):
-    """What a front end needs of dbgserver.tServer where nothing runs: every command ends the stop."""
+    """What a front end needs of dbgserver.tServer where nothing runs: any command ends the stop."""
 
     def __init__(self, core, front_end):
         self.core = core
