@@ -349,6 +349,32 @@ class Callbacks(BadCase):
             self.run_with(act)
             self.assertEqual(self.tracer.is_dbgserver_mutex_held(), 0, names)
 
+    def test_all_delete_frames(self):
+        """Generators that were stepped into and to end while they are the frame to step out to.
+
+        (A yield that is being told of is not cleared: 3.11 itself does not survive that.)
+        """
+        generators = []
+
+        def make():
+            yield 1
+            yield 2
+
+        def act(tracer):
+            del generators[:]
+            generators.append(make())
+            tracer.step_into()
+            next(generators[0])
+            frame = generators[0].gi_frame
+            tracer.step_out_to_frame(frame)
+            generators[0].close()
+            getattr(frame, "clear", int)()
+            tracer.get_frame_file(frame)
+            tracer.is_botframe(frame)
+
+        self.run_with(act)
+        self.assertTrue(generators)
+
     def test_all_initialise_anew(self):
         def act(tracer):
             nothing = lambda *_: None
@@ -462,6 +488,57 @@ sys.exit(5)
         for action in ("sys.exit(7)", "raise KeyboardInterrupt", "1 // 0"):
             done = self.status_of(action)
             self.assertEqual(done.status, 5, done)
+
+    kEvery = """
+import os, sys
+from support.tracing import Session, import_debuggee
+steps = import_debuggee("steps")
+def act(*_):
+    if os.getpid() == parent or not busy:
+        busy.append(1)
+        {action}
+def program(stop):
+    stop()
+    __import__("string")
+    return steps.catches(stop), steps.calls(stop)
+parent, busy, statuses = os.getpid(), [], []
+expected = program(lambda: None)
+for kind in ("line_cb", "return_cb", "exception_cb", "import_cb", "thread_hooks_cb",
+             "checksum_cb", "idle_cb", "policy"):
+    del busy[:]
+    {before}
+    session = Session(exception_mode=1, idle_period=1.0, **({{}} if kind == "policy" else {{kind: act}}))
+    if kind == "policy":
+        session.tracer.set_debug_thread_cb(act)
+    session.tracer.enable_checksums(1)
+    session.tracer.set_break(steps.__file__[:-1] + "x", "sum", 3, 1, 0, None, 0)
+    result = session.run(program, *["step_into"] * 30)
+    {after}
+    if result != expected or not busy:
+        print(kind, result, len(busy))
+    session.tracer.destroy()
+print(statuses)
+"""
+
+    def test_fork_in_every_callback(self):
+        """The child goes on untraced; the parent is the same as before."""
+        done = run_code(self.kEvery.format(
+            action="pid = len(busy) == 1 and os.fork()\n"
+                   "        if pid: statuses.append(os.WEXITSTATUS(os.waitpid(pid, 0)[1]))\n"
+                   "        if pid == 0 and pid is not False: busy.append('child')",
+            before="pass",
+            after="if os.getpid() != parent: os._exit(7 if result == expected else 8)"))
+        self.assertEqual((done.out, done.status), ("[7, 7, 7, 7, 7, 7, 7, 7]\n", 0), done)
+
+    def test_exit_in_every_callback(self):
+        done = run_code(self.kEvery.format(
+            action="if os.getpid() != parent: os._exit(9)",
+            before="pid = os.fork()\n"
+                   "    if pid:\n"
+                   "        statuses.append(os.WEXITSTATUS(os.waitpid(pid, 0)[1]))\n"
+                   "        continue",
+            after="os._exit(8)"))
+        self.assertEqual((done.out, done.status), ("[9, 9, 9, 9, 9, 9, 9, 9]\n", 0), done)
 
     def test_fork_in_a_stop(self):
         done = self.status_of("os.fork() or os._exit(0); os.wait()")

@@ -236,6 +236,46 @@ class ReentryTest(TestCase):
         self.assertEqual(session.run(steps.calls), 10)
 
 
+class MemoryTest(TestCase):
+    @needs("!python2", "module:_testcapi")
+    @unittest.skipIf(sys.version_info >= (3, 11), "too few allocations of the tracer's own")
+    def test_no_memory_for_the_path_of_a_module_raises_in_the_program(self):
+        import _testcapi
+
+        lines = []
+
+        class Log(object):
+            def write(self, text):
+                lines.append(text)
+
+            def flush(self):
+                pass
+
+        def program(stop):
+            raised = 0
+            for number in range(60):  # the allocation that fails
+                code = compile("a = 5", "/nowhere/file{}.py".format(number), "exec")
+                del lines[:]
+                try:
+                    _testcapi.set_nomemory(number, number + 1)
+                    try:
+                        exec(code, {})
+                    finally:
+                        _testcapi.remove_mem_hooks()
+                except MemoryError:
+                    raised += "PROPAGATING EXCEPTION INTO USER CODE\n" in lines
+                self.assertEqual(session.tracer.get_tracing(), 1)
+                self.assertIsNotNone(sys.gettrace())
+            return raised
+
+        session = Session()
+        session.tracer.set_dprintf_file(Log(), -1, 0)
+        try:
+            self.assertGreater(session.run(program), 0)
+        finally:
+            session.tracer.set_dprintf_file(None, -1, 0)
+
+
 class ThreadStatesTest(TestCase):
     def end_threads_while(self, text, operation, session):
         """All other threads end, their states with them, when the tracer logs the text."""

@@ -52,15 +52,19 @@ class Origins(TestCase):
             ("line", "add", "add-first")])
 
     def run_in(self, start_and_join):
+        listed = []
+
         def target():
             try:
                 __import__("sys")  # adopts a thread that nothing else has told of
+                listed.append(self.tracer.get_current_tstate_id() in self.tracer.get_threads())
                 steps.calls(self.tracer.stop)
             finally:
                 sys.settrace(None)
                 self.tracer.thread_exiting()
 
         self.session.run(lambda stop: start_and_join(target), "step_over", "step_into")
+        self.assertEqual(listed, [True])
         self.check_stops()
 
     def test_threading(self):
