@@ -334,55 +334,40 @@ class tLimiter(object):
             self._watch = tWatch(seconds)
 
 
-class tWatch(object):
-    """Raises tTooSlow in the calling thread after so many seconds; again where that is ignored."""
+class _tStriker(object):
+    """Raises `error` in the thread that has made it; again where that is ignored."""
 
-    def __init__(self, seconds):
-        self._cancelled = compat.allocate_lock()
-        self._cancelled.acquire()
-        self._done = compat.allocate_lock()
-        self._done.acquire()
+    error = tTooSlow
+
+    def __init__(self):
         self._strikes, self._ended = [], []
+        self._cancelled = self._done = None  # locks, once it is launched
+        self._ident = compat.get_ident()
         self._handler = self._take_signal()
-        ident = compat.get_ident()
-        strike = [_partial(self._strikes.append, True)]
-        if self._handler is None:
-            strike.append(_partial(_set_async_exc, _thread_number(ident), _py_object(tTooSlow)))
-        else:
-            strike.append(_partial(_kill_thread, ident, kInterrupt))
+
+    def _launch(self, seconds):
+        """Begin: the first strike is after so many seconds."""
+        self._cancelled, self._done = compat.allocate_lock(), compat.allocate_lock()
+        self._cancelled.acquire()
+        self._done.acquire()
+        strike = self._strike_steps()
         steps = self._waits(seconds) + strike
         again = self._waits(kSecondsToIgnore) + strike
         # Ends at the first step with a true result: being cancelled.
         watch = _partial(any, compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
-        self._started = self._start([watch, self._done.release])
-
-    def _take_signal(self):
-        """The signal's handler before, in the main thread; None elsewhere."""
-        if _kill_thread is None:
-            return None
-        handler = _get_handler(kInterrupt)
-        if handler is None:  # native code's, which cannot be put back
-            return None
-        try:
-            _set_handler(kInterrupt, _raise_too_slow)
-        except ValueError:  # not the main thread
-            return None
-        _watches.append(self)
-        return handler
-
-    def _give_signal_back(self):
-        if self._handler is not None:
-            _get_pid()  # enters the kernel: a signal that is under way arrives
-            _set_handler(kInterrupt, self._handler)
-            self._handler = None
-            _watches.remove(self)
-
-    def _start(self, calls):
+        calls = [watch, self._done.release]
         try:
             compat.start_new_thread(list, (compat.lazy_map(_call, map(_partial, calls)),))
-        except Exception:  # no more threads: no limit
-            return False
-        return True
+        except Exception:  # no more threads: no strikes
+            self._done = None
+
+    def _strike_steps(self):
+        """Calls that strike; none has a true result."""
+        if self._handler is None:
+            strike = _partial(_set_async_exc, _thread_number(self._ident), _py_object(self.error))
+        else:
+            strike = _partial(_kill_thread, self._ident, kInterrupt)
+        return [_partial(self._strikes.append, True), strike]
 
     def _waits(self, seconds):
         if not compat.PY2:
@@ -396,34 +381,94 @@ class tWatch(object):
             slept += kPollSeconds[step]
         return waits
 
-    def cancel(self):
-        """End the watch; nothing of it may reach the program later.  May be called again."""
+    def _take_signal(self):
+        """The signal's handler before, in the main thread; None elsewhere."""
+        if _kill_thread is None:
+            return None
+        handler = _get_handler(kInterrupt)
+        if handler is None:  # native code's, which cannot be put back
+            return None
+        try:
+            _set_handler(kInterrupt, _raise_error)
+        except ValueError:  # not the main thread
+            return None
+        _strikers.append(self)
+        return handler
+
+    def _end(self):
+        """No more strikes; nothing of it may reach the program later.  May be called again."""
         while True:
             try:
-                if self._cancelled.locked():
+                if self._cancelled is not None and self._cancelled.locked():
                     self._cancelled.release()
-                if self._started and not self._ended:
+                if self._done is not None and not self._ended:
                     # In one go: a strike between the two would have us wait again, for ever.
                     self._ended.extend(compat.lazy_map(_call, (_partial(self._done.acquire),)))
                 # It struck, perhaps just now: take delivery here.
                 # deliberate: not by setting "no exception", which leaves the interpreter's request
                 # for attention standing for ever (3.11 then loops in traced code).
                 if self._strikes:
-                    _get_pid()
+                    _get_pid()  # enters the kernel: a signal that is under way arrives
                 for _ in range(kDeliveryTurns if self._strikes else 0):
                     pass
-                return self._give_signal_back()
-            except tTooSlow:
+                if self._handler is not None:
+                    _set_handler(kInterrupt, self._handler)
+                    self._handler = None
+                    _strikers.remove(self)
+                return
+            except self.error:
                 pass
 
 
-_watches = []  # of the main thread
+_strikers = []  # of the main thread, the innermost last
 
 
-def _raise_too_slow(number, frame):
-    """The signal's handler while the main thread is watched."""
-    if any(watch._strikes for watch in _watches):
-        raise tTooSlow()
+def _raise_error(number, frame):
+    """The signal's handler while there are strikers."""
+    for striker in reversed(_strikers):
+        if striker._strikes:
+            raise striker.error()
+
+
+class tWatch(_tStriker):
+    """Raises tTooSlow in the calling thread after so many seconds."""
+
+    def __init__(self, seconds):
+        _tStriker.__init__(self)
+        self._launch(seconds)
+
+    def cancel(self):
+        self._end()
+
+
+class tInterruptible(_tStriker):
+    """Lets other threads end, by KeyboardInterrupt, what the calling thread runs until close()."""
+
+    error = KeyboardInterrupt
+
+    def __init__(self):
+        self._is_closed = False
+        self._lock = compat.allocate_lock()
+        _tStriker.__init__(self)
+
+    @property
+    def has_struck(self):
+        return bool(self._strikes)
+
+    def interrupt(self):
+        """Any thread."""
+        with self._lock:
+            if not self._is_closed and self._cancelled is None and _set_async_exc is not None:
+                self._launch(0)
+
+    def close(self):
+        while not self._is_closed:
+            try:
+                with self._lock:
+                    self._is_closed = True
+            except KeyboardInterrupt:
+                pass
+        self._end()
 
 
 # --- looking at values ----------------------------------------------------------------------

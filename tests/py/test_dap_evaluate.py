@@ -532,6 +532,20 @@ class Slow(DapTest):
         self.client.resume(self.thread)
         self.assertEqual(self.client.wait_exit(), 0)
 
+    def test_console_can_be_interrupted(self):
+        self.start(SLOW, "stop", stdout=subprocess.PIPE)
+        for text in ("while True:\n    pass", "time.sleep(60)"):
+            number = self.client.send("evaluate", {"expression": text, "context": "repl", "frameId": self.frame})
+            self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")  # by another thread
+            self.client.request("cancel", {"requestId": number})
+            answer = self.client.response_to(number)
+            self.assertEqual((answer["success"], answer["message"]), (False, "cancelled"))
+        self.assertEqual(self.result("zero"), "0")
+        number = self.client.send("evaluate", {"expression": "while True: pass", "context": "repl", "frameId": self.frame})
+        self.client.resume(self.thread)
+        self.assertFalse(self.client.response_to(number)["success"])
+        self.assertEqual(self.client.wait_exit(), 0)
+
     def test_values_are_let_go(self):
         self.start(FREED, "stop", stdout=subprocess.PIPE)
         found = self.scope()

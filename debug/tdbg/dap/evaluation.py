@@ -31,6 +31,25 @@ def evaluate_text(session, arguments):
     return job.watch(text, context == kClipboard)
 
 
+def attach(session):
+    session.console_jobs = {}  # id of a request's arguments -> what interrupts it
+    session.on_resume(_interrupt_all)
+    session.on_cancel(interrupt)
+
+
+def _interrupt_all(session):
+    """The program is to go on: it cannot while the console has its thread."""
+    for job in list(session.console_jobs.values()):
+        job.interrupt()
+
+
+def interrupt(session, arguments):
+    """The client has cancelled the request with these arguments while it was being served."""
+    job = session.console_jobs.get(id(arguments))
+    if job is not None:
+        job.interrupt()
+
+
 class _tEvaluation(object):
     def __init__(self, session, arguments, ref):
         self._session, self._arguments, self._ref = session, arguments, ref
@@ -59,6 +78,20 @@ class _tEvaluation(object):
         return self._show(result.value, expression, is_whole or is_full)
 
     def run(self, text):
+        job = evaluate.tInterruptible()
+        jobs = self._session.console_jobs
+        jobs[id(self._arguments)] = job
+        try:
+            return self._run(text)
+        except (tRequestError, KeyboardInterrupt):
+            if job.has_struck:
+                raise tRequestError("cancelled")
+            raise
+        finally:
+            jobs.pop(id(self._arguments), None)
+            job.close()
+
+    def _run(self, text):
         expression, is_full = self._strip_format(text)
         source, tail = self._split(expression)
         value, is_expression = None, False

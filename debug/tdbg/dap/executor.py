@@ -57,12 +57,11 @@ class tTask(object):
             error = None
 
     def _end(self):
-        try:
-            if self.on_done is not None:
-                self.on_done(self)
-        finally:
-            self.job = None
-            self.done.set()
+        # First, so that what is asked for after the answer finds a thread that is not stuck.
+        self.done.set()
+        self.job = None
+        if self.on_done is not None:
+            self.on_done(self)
 
 
 class tExecutor(object):

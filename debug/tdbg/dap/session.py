@@ -34,6 +34,8 @@ filter_stops(f)  f(session, stop) -> true to pass: the thread is not to stop aft
                  out of stop.hits; a stop for breakpoints alone passes when none is left
 on_resume(f)     f(session): numbers have become invalid, the program runs
 on_import(f)     f(session, module): on the importing thread
+on_cancel(f)     f(session, arguments): the client does not want the answer any more to a request
+                 without a limit of time that is being served; any thread
 on_configured(f) f(session): launch or attach has come, session.config is there
 on_end(f)        f(session): the client goes; undo what it asked for (breakpoints are removed by
                  their module).  Runs where the core may be called
@@ -291,10 +293,12 @@ class tSession(object):
         self.told_initialized = False
         self.stop_hooks, self.stop_filters, self.resume_hooks = [], [], []
         self.import_hooks, self.configured_hooks, self.end_hooks = [], [], []
+        self.cancel_hooks = []
         self._connection = connection
         self._pending = {}         # number of a reverse request -> on_response
         self._after = {}           # ident -> functions for after the response
         self._waiting = []         # requests for the stopped thread
+        self._unlimited = []       # those of them that are being served, for as long as they take
         self._arrived = signals.tSignal()
         self._lock = compat.allocate_lock()
         self._request = None       # the one that the reader's thread is at
@@ -325,6 +329,9 @@ class tSession(object):
 
     def on_import(self, function):
         self.import_hooks.append(function)
+
+    def on_cancel(self, function):
+        self.cancel_hooks.append(function)
 
     def on_configured(self, function):
         self.configured_hooks.append(function)
@@ -517,9 +524,15 @@ class tSession(object):
         except Exception:
             limit = requests.kSeconds
         if limit is None:
-            task = self.executor.submit(
-                lambda: request.handler(self, arguments),
-                lambda task: self._answer(message, task.result))
+            row = (message, request, arguments)
+            with self._lock:
+                self._unlimited.append(row)
+
+            def on_done(task):
+                with self._lock:
+                    self._unlimited.remove(row)
+                self._answer(message, task.result)
+            task = self.executor.submit(lambda: request.handler(self, arguments), on_done)
             if not task.done.wait(executors.kPatience):
                 self.executor.give_up(task)
         else:
@@ -546,12 +559,15 @@ class tSession(object):
         return body
 
     def cancel(self, number):
-        """Drop a request that has not begun."""
+        """Drop a request that has not begun; interrupt one without a limit that has."""
         with self._lock:
             rows = [row for row in self._waiting if row[0].get("seq") == number]
             self._waiting = [row for row in self._waiting if row[0].get("seq") != number]
+            running = [row[2] for row in self._unlimited if row[0].get("seq") == number]
         for row in rows:
             self._refuse(row[0], "cancelled")
+        for arguments in running:
+            self.call_all(self.cancel_hooks, arguments)
 
     # --- what the client is told ---
 

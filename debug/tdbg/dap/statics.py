@@ -67,7 +67,7 @@ def namespace_of(kind):
     """The dict of a class, read-only."""
     if type(kind) is old_class_type:
         return kind.__dict__
-    return _dict_of(kind)
+    return _dict_of(kind) or {}  # a native type that is not finished has none
 
 
 def find_in_class(kind, name):
