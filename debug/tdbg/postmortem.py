@@ -9,7 +9,7 @@ import os
 import sys
 
 import tdbg
-from tdbg import breakpoints, compat, exceptions, launch, nativelib, program, stops, terminal
+from tdbg import compat, dbgserver, exceptions, launch, nativelib, program, stops, terminal
 
 _front_end = None  # this process has one terminal
 
@@ -60,31 +60,24 @@ def _prepare():
     return server
 
 
-class tNoServer(object):
-    """What a front end needs of dbgserver.tServer where nothing runs: any command ends the stop."""
-
-    def __init__(self, core, front_end):
-        self.core = core
-        self.front_end = front_end
-        self.breakpoints = breakpoints.tBreakpoints(core)
-        self.exceptions = exceptions.tExceptions(core, _say_nothing, _say_nothing)
+class tNoServer(dbgserver.tServer):
+    """The server of a process in which nothing is traced: any command ends the stop."""
 
     def show_post_mortem(self, exc_info):
         exc_info = exceptions.with_instance(exc_info)
         stack = _stack_of(exc_info[2])
         ident = compat.get_ident()
         thread = stops.tThread(ident, str(ident), True)
-        self.front_end.on_stop(stops.tStop(
-            thread, stops.kPostMortem, stack[-1][0], stack, len(stack) - 1, exc_info=exc_info))
+        try:
+            self.front_end.on_stop(stops.tStop(
+                thread, stops.kPostMortem, stack[-1][0], stack, len(stack) - 1, exc_info=exc_info))
+        except Exception as why:
+            self.front_end.on_internal_error("{}: {}".format(type(why).__name__, why))
 
     def step_into(self, *where):
         pass
 
     step_over = step_out = run_to_line = continue_run = leave_alone = step_into
-
-    def place_of_exception(self, stop):
-        frame, line = stop.stack[-1]
-        return self.breakpoints.path_of(frame), line
 
 
 def _stack_of(traceback):
@@ -99,7 +92,3 @@ def _stack_of(traceback):
         stack.append((traceback.tb_frame, traceback.tb_lineno))
         traceback = traceback.tb_next
     return stack
-
-
-def _say_nothing(*ignored):
-    pass
