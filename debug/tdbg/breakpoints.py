@@ -424,9 +424,9 @@ class tBreakpoints(object):
     def _count_here(self, frame):
         """What _collect() would give if the core had counted the hits at the frame's line."""
         news = []
-        known = [bp for bp in self._by_number.values() if bp.core_id is not None]
-        for bp in sorted(known, key=lambda bp: bp.number):
-            if not self._is_at(bp, frame):
+        on_line = self._by_place.get((self.path_of(frame), frame.f_lineno), {})
+        for bp in [on_line[number] for number in sorted(on_line)]:
+            if bp.core_id is None:
                 continue
             bp.hits += 1
             ignored, deleted = 0, False
@@ -649,8 +649,10 @@ class tBreakpoints(object):
             source = self._languages.source_of(bp.path)
             line = None if source is None else source.line_with_code(bp.line)
             if line not in (None, bp.line):
-                before, bp.line = bp.line, line
-                self._write(bp.path, before)
+                self._take_out(bp)
+                self._write(bp.path, bp.line)
+                bp.line = line
+                self._put_in(bp)
                 self._write(bp.path, line)
 
     def find_function(self, name, frame=None, path=None):

@@ -210,13 +210,17 @@ class tLanguages(object):
                 self._begin_ready(name)
 
     def set_ready(self, name, wanted):
-        """Whether templates of a library of kReady are shown; before it is imported.  KeyError for
-        other names."""
+        """Whether templates of a library of kReady are shown.  KeyError for other names, ValueError
+        when it is too late to switch it off."""
         kReady[name]
         if wanted:
             self._off.discard(name)
-        else:
+            if name in sys.modules:
+                self._begin_ready(name)
+        elif name in self._waiting:
             self._off.add(name)
+        else:
+            raise ValueError("{} has been imported".format(name))
 
     def ready(self):
         """{name: whether it is in force, is wanted, or neither}, for kReady: "on", "waits", "off"."""

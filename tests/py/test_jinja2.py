@@ -300,6 +300,16 @@ class PromptTest(JinjaCase):
         self.assertIn("--Breakpoint 1--", shown[7])
         self.assertEqual(shown[8], "> templates/page.html(5)block body\n-> {% for n in numbers %}\n")
 
+    def test_switching(self):
+        shown = self.run_in([
+            "languages", "languages jinja2 off", "languages", "languages jinja2", "languages x on",
+            "next", "languages jinja2 on", "languages jinja2 off", "languages",
+            "break templates/foot.html:1", "continue", "quit"])
+        self.assertEqual(shown[:5] + shown[6:9], [
+            "jinja2: waits\n", "", "jinja2: off\n", "*** languages needs a name and `on` or `off`\n",
+            "*** no language x\n", "", "*** jinja2 has been imported\n", "jinja2: on\n"])
+        self.assertIn("> templates/foot.html(1)foot.html\n", shown[10])
+
     def test_an_error_in_a_template(self):
         shown = self.run_in(["continue", "where", "continue"], "broken.html")
         self.assertIn("UndefinedError: 'nothing' is undefined", shown[0])

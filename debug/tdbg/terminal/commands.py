@@ -62,6 +62,9 @@ kTable = [
     tCommand(("locals",), "", "Show all local variables.", "do_locals"),
     tCommand(("p",), "EXPRESSION", "Show the value.", "do_print"),
     tCommand(("pp",), "EXPRESSION", "Show the value in lines.", "do_pretty_print"),
+    tCommand(("languages",), "[NAME on | off]", "Whether templates of a library (jinja2) are "
+             "debugged as source; `off` before it is imported. Without arguments, show which are.",
+             "do_languages"),
     tCommand(("whatis",), "EXPRESSION", "Show the type of the value.", "do_whatis"),
     tCommand(("source",), "EXPRESSION", "Show the source of a function, class or module.",
              "do_source"),
@@ -244,6 +247,21 @@ class tCommands(breakcommands.tBreakCommands, catchcommands.tCatchCommands):
         if not result.ok:
             raise tUsage(result.error)
         return result.value
+
+    def do_languages(self, text):
+        languages, words = self._terminal.server.languages, text.split()
+        if not words:
+            for name, state in sorted(languages.ready().items()):
+                self._display.line(u"{}: {}".format(name, state))
+            return
+        if len(words) != 2 or words[1] not in ("on", "off"):
+            raise tUsage("languages needs a name and `on` or `off`")
+        try:
+            languages.set_ready(words[0], words[1] == "on")
+        except KeyError:
+            raise tUsage("no language {}".format(words[0]))
+        except ValueError as why:
+            raise tUsage(str(why))
 
     # --- help ---
 

@@ -54,6 +54,8 @@ class tTerminal(dbgserver.tFrontEnd):
         """Set the breakpoints again that an earlier run has left."""
         self.server.breakpoints.restore(settings.get("breakpoints", []))
         self._commands.lists = dict(settings.get("commands", {}))
+        for name in settings.get("languages_off", ()):
+            self.server.languages.set_ready(name, False)
         self._post_mortem = settings.get("post_mortem", False)
         default = {"wanted": (exceptions.kUncaught,)} if self._post_mortem else {}
         self.server.exceptions.restore(settings.get("exceptions", default))
@@ -219,6 +221,8 @@ class tTerminal(dbgserver.tFrontEnd):
             self.program.restart(arguments, {
                 "breakpoints": self.server.breakpoints.as_settings(),
                 "exceptions": self.server.exceptions.as_settings(),
+                "languages_off": [name for name, state in self.server.languages.ready().items()
+                                  if state == "off"],
                 "commands": self._commands.lists})
         except (OSError, ValueError) as why:
             raise commands.tUsage("cannot restart: {}".format(why))
