@@ -139,27 +139,40 @@ class tExecutor(object):
     # --- the serving thread ---
 
     def serve(self, announce=None, interrupted=None):
-        """Run jobs until finish() is called; returns what that was given.
+        """Run jobs until finish() is called; returns all that was given there.
 
         announce(): called when requests can come
-        interrupted(exception): a signal handler of the program has raised it, in the main thread.
+        interrupted(exception): a signal handler of the program has raised it, in the main thread
         """
         with self._lock:
             self._server = _get_ident()
-            del self._commands[:]
+            self._commands = []
         try:
-            if announce is not None:
-                announce()
             while True:
-                task = self._next()
-                if task is not None:
-                    self._execute(task)
-                elif self._commands:
-                    return self._commands[0]
-                else:
-                    self._wait(interrupted)
+                try:
+                    if announce is not None:
+                        announce()
+                        announce = None
+                    self._work()
+                    break
+                except BaseException:
+                    # It comes between any two steps; what was begun is taken up again.
+                    if interrupted is None:
+                        raise
+                    interrupted(sys.exc_info()[1])
         finally:
             self._leave()
+        return self._commands
+
+    def _work(self):
+        while True:
+            task = self._next()
+            if task is not None:
+                self._execute(task)
+            elif self._commands:
+                return
+            else:
+                self._signal.wait()
 
     def run_waiting(self):
         """Run what waits, on the calling thread, which holds the program for this moment."""
@@ -190,7 +203,9 @@ class tExecutor(object):
 
     def _next(self):
         with self._lock:
-            self._current = self._queue.pop(0) if self._queue else None
+            # One may be left from before an interruption.
+            if self._current is None or self._current.done.is_set:
+                self._current = self._queue.pop(0) if self._queue else None
             return self._current
 
     def _execute(self, task):
@@ -201,14 +216,6 @@ class tExecutor(object):
                 self._current = None
                 if self._stuck is task:
                     self._stuck = None
-
-    def _wait(self, interrupted):
-        try:
-            self._signal.wait()
-        except BaseException:
-            self._signal.set()  # look again
-            if interrupted is not None:
-                interrupted(sys.exc_info()[1])
 
     def _leave(self):
         with self._lock:

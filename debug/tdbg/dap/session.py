@@ -202,8 +202,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
     def _serve(self, announce):
         """Be at the client's service, until it sends the program on."""
         interrupts = []
-        command = self.executor.serve(announce, interrupts.append)
-        if command is not None:
+        for command in self.executor.serve(announce, interrupts.append):
             command()
         for interrupt in interrupts[:1]:
             self._interrupted(interrupt)
@@ -753,17 +752,16 @@ class tSession(object):
         self.holder.call_off()
         held = self.held
         self.forget_stop()
-        if self.executor.is_serving:
-            done = signals.tDone()
+        done = signals.tDone()
 
-            def command():
-                try:
-                    undo()
-                finally:
-                    done.set()
-                if held is not None:
-                    self.holder.send_on(held)
-            self.executor.finish(command)
+        def command():
+            try:
+                undo()
+            finally:
+                done.set()
+            if held is not None:
+                self.holder.send_on(held)
+        if self.executor.finish(command):
             # Who attaches next must not be undone.
             done.wait(kDetachSeconds)
         else:
