@@ -3,7 +3,13 @@ from __future__ import absolute_import, division, print_function
 
 import sys
 import threading
+import time
 import types
+
+try:
+    import _thread
+except ImportError:
+    import thread as _thread
 
 from support import (
     TestCase, growth_of_references, has, import_tracer, line_of, needs, run_script,
@@ -97,6 +103,30 @@ class CatchInfoTest(CatchInfoCase):
     def test_where_the_parent_decides_it_stops_when_the_frame_is_left(self):
         self.assertEqual(self.stops(self.code.prints, Info("passes", parent=1)), ["passes"])
         self.assertEqual(self.stops(self.code.prints, Info("prints", parent=1)), [])  # caught there
+
+    def test_the_outermost_frame_of_a_thread_decides_like_a_parent(self):
+        """Its exception ends the thread, whatever the list says of other functions."""
+        def outermost():
+            try:
+                __import__("sys")  # adopts the thread
+                try:
+                    self.code.raises()
+                finally:
+                    finally_ran.append(1)
+            finally:
+                done.set()
+
+        def program():
+            _thread.start_new_thread(outermost, ())
+            done.wait()
+            while _thread._count() > before:
+                time.sleep(0)
+
+        for infos in ([Info("elsewhere")], [Info("outermost", prints=0)], []):
+            done, finally_ran, before = threading.Event(), [], _thread._count()
+            self.tracer.set_exception_mode(kPrints)
+            stops = self.stops(program, *infos)
+            self.assertEqual((stops, finally_ran), (["outermost"], [1]))
 
     def test_prints_and_parent_are_truth_values(self):
         self.assertEqual(self.stops(self.code.prints, Info("prints", prints="yes", parent=[])),
@@ -267,6 +297,22 @@ class ModeTest(CatchInfoCase):
         self.tracer.ignore_exception_loc(self.code.__file__, line, 0)
         self.tracer.ignore_exception_loc(self.code.__file__, line + 3, 1)
         self.assertEqual(self.stops(self.code.passes), ["raises", "passes", "program"])
+
+    def test_what_the_parser_of_regular_expressions_catches_itself(self):
+        for name, line, is_reported in (("sre_parse.py", 139, not has("python2")),
+                                        ("sre_parse.py", 138, True), ("xre_parse.py", 139, True)):
+            path = self.make_file(name, "\n" * (line - 1) + "1 // 0\n")
+            session = Session(exception_mode=kAlways)
+
+            def program(stop):
+                try:
+                    exec(compile("\n" * (line - 1) + "1 // 0\n", path, "exec"), {})
+                except ZeroDivisionError:
+                    pass
+
+            session.run(program)
+            places = [stop[1] for stop in session.stops if stop[0] == "exception"]
+            self.assertEqual("<module>" in places, is_reported, (name, line, places))
 
     def test_a_pseudo_file_is_judged_by_the_next_real_one(self):
         self.tracer.set_exception_mode(kAlways)
