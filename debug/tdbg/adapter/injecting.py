@@ -21,6 +21,12 @@ kToolSeconds = 30
 kPatienceSeconds = 2.0   # for a pending call, or a script that was left for the interpreter
 kArrivalSeconds = 10.0
 kRemoteExec = (3, 14)
+kNoWayIn = r"ptrace: |Could not attach|No such process|Couldn't write"
+# The last ones change a register and put it back: a gdb that is older than the processor fails
+# there, before any harm.  After a call it could not restore them, and the program would break.
+kGdbSettings = [
+    "set pagination off", "set confirm off", "set unwindonsignal on",
+    "set $old = $mxcsr", "set var $mxcsr = $old ^ 0x8000", "set var $mxcsr = $old"]
 kSupported = ((2, 7), (3, 6), (3, 14))
 
 # Runs in the process; {} are its parts.  Nothing of it stays in the program's modules but `tdbg`.
@@ -66,7 +72,7 @@ class tProcess:
                 for name in (script, path, folder):
                     os.chown(name, owner, -1)
             if self._uses_gdb:
-                return self._through_gdb(listener, script)
+                return self._through_gdb(listener, script, folder)
             return self._through_interpreter(listener, script)
         finally:
             self.close()
@@ -91,7 +97,7 @@ class tProcess:
 
     def _through_interpreter(self, listener, script):
         code = "import sys; sys.remote_exec(int(sys.argv[1]), sys.argv[2])"
-        status, text = run_tool([self._python, "-I", "-S", "-c", code, str(self.pid), script])
+        status, text = run_tool(self._python + ["-I", "-S", "-c", code, str(self.pid), script])
         if status != 0:
             lines = text.strip().splitlines() or ["no reason given"]
             raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, lines[-1]))
@@ -102,25 +108,25 @@ class tProcess:
                 "busy or waiting in native code".format(self.pid))
         return connected
 
-    def _through_gdb(self, listener, script):
+    def _through_gdb(self, listener, script, folder):
         command = "exec(compile(open({0!r}).read(), {0!r}, 'exec'), {{}})".format(script)
-        text = self._run_gdb(pending_call_commands(command))
+        text = self._run_gdb(folder, pending_call_commands(command))
         connected = arrived(listener, kPatienceSeconds)
         if connected is not None:
             return connected
-        text += self._run_gdb(locked_call_commands(command))
+        text += self._run_gdb(folder, locked_call_commands(command))
         connected = arrived(listener, kArrivalSeconds)
         if connected is None:
             raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, reason_in(text)))
         return connected
 
-    def _run_gdb(self, commands):
-        argv = ["gdb", "--batch", "--nx", "-p", str(self.pid), "-ex", "set pagination off",
-                "-ex", "set auto-solib-add on", "-ex", "set unwindonsignal on"]
-        for command in commands:
-            argv += ["-ex", command]
-        status, text = run_tool(argv)
-        if re.search(r"ptrace: |Could not attach|No such process", text):
+    def _run_gdb(self, folder, commands):
+        # Of a file, for the first command that fails ends it.
+        path = os.path.join(folder, "commands.gdb")
+        with open(path, "w", encoding="utf-8") as out:
+            out.write("\n".join(kGdbSettings + commands) + "\n")
+        status, text = run_tool(["gdb", "--batch", "--nx", "-p", str(self.pid), "-x", path])
+        if re.search(kNoWayIn, text):
             raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, reason_in(text)))
         return text
 
@@ -174,35 +180,47 @@ def status_of(pid):
 
 
 def find_interpreter(pid):
-    """Path of the executable that runs Python; endpoint.tRefused for a process that does not."""
+    """Words that run the process's interpreter; endpoint.tRefused for a process without one."""
     try:
         path = os.readlink("/proc/{}/exe".format(pid))
-        with open("/proc/{}/maps".format(pid)) as source:
-            files = {line.split(None, 5)[5].strip() for line in source if line.count("/")}
+        with open("/proc/{}/cmdline".format(pid), "rb") as source:
+            words = [os.fsdecode(word) for word in source.read().split(b"\0")[:-1]]
     except OSError as why:
         raise endpoint.tRefused("cannot look into process {}: {}".format(pid, why.strerror))
-    names = [os.path.basename(name) for name in files | {path}]
-    if not any(re.match(r"(lib)?python[\d.]*", name) for name in names):
+    if is_python(path):
+        return ["/proc/{}/exe".format(pid)]
+    for count, word in enumerate(words):  # run through the dynamic loader
+        if count and is_python(word) and os.path.basename(path).startswith("ld"):
+            last = count
+            while last + 1 < len(words) and is_python(words[last + 1]):
+                last += 1
+            return [path] + words[1:last + 1]
+    if not any(is_python(name) for name in mapped_files(pid)):
         raise endpoint.tRefused("process {} ({}) is not a Python program".format(pid, os.path.basename(path)))
-    return "/proc/{}/exe".format(pid)
+    return ["/proc/{}/exe".format(pid)]
+
+
+def is_python(path):
+    return re.match(r"(lib)?python[\d.]*", os.path.basename(path)) is not None
+
+
+def mapped_files(pid):
+    try:
+        with open("/proc/{}/maps".format(pid)) as source:
+            return {line.split(None, 5)[5].strip() for line in source if "/" in line}
+    except OSError:
+        return set()
 
 
 def version_of(pid, python):
     """(major, minor), or None where only the process itself knows."""
-    path = os.readlink(python)
-    try:
-        with open("/proc/{}/maps".format(pid)) as source:
-            found = re.search(r"libpython(\d)\.(\d+)", source.read())
-    except OSError:
-        found = None
-    found = found or re.match(r"python(\d)\.(\d+)", os.path.basename(path))
-    if found:
-        return int(found.group(1)), int(found.group(2))
-    if not os.path.basename(path).startswith("python"):
+    for name in mapped_files(pid) | {os.path.realpath(python[-1])}:
+        found = re.match(r"(?:lib)?python(\d)\.(\d+)", os.path.basename(name))
+        if found:
+            return int(found.group(1)), int(found.group(2))
+    if not is_python(os.path.realpath(python[-1])):
         return None
-    status, text = run_tool([path, "-I", "-S", "-c", "import sys; print('%d.%d' % sys.version_info[:2])"])
-    if status != 0:
-        status, text = run_tool([path, "-E", "-S", "-c", "import sys; print('%d.%d' % sys.version_info[:2])"])
+    _, text = run_tool(python + ["-E", "-S", "-c", "import sys; print('%d.%d' % sys.version_info[:2])"])
     found = re.match(r"(\d+)\.(\d+)\s*$", text)
     return (int(found.group(1)), int(found.group(2))) if found else None
 
@@ -252,7 +270,7 @@ def locked_call_commands(command):
 def reason_in(text):
     """The line of gdb's output that tells most."""
     lines = [line.strip() for line in text.splitlines() if line.strip()]
-    for pattern in (r"ptrace: ", r"Could not attach", r"No symbol", r"takes too long", r"[Ee]rror"):
+    for pattern in (r"ptrace: ", r"Could not attach", r"Couldn't write", r"No symbol", r"takes too long", r"[Ee]rror"):
         for line in lines:
             if re.search(pattern, line):
                 return "gdb says: " + line

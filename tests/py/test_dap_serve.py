@@ -1,0 +1,278 @@
+"""Programs that editors attach to: `tdbg serve`, tdbg.listen() and tdbg.connect(), process ids."""
+from __future__ import absolute_import, division, print_function
+
+import os
+import re
+import socket
+import stat
+import subprocess
+import sys
+import unittest
+
+from support import dapclient
+from support.case import TestCase
+from support.library import library_path
+from support.programs import python_path, run_program
+
+kOncePerVersion = True
+
+kLoop = """\
+from __future__ import print_function
+import os, sys, time
+n = 0
+while not os.path.exists({!r}):
+    n += 1  #@ count
+    time.sleep(0.001)
+print('end')
+sys.exit(4)
+"""
+
+
+def serve_argv(*arguments):
+    return [sys.executable, dapclient.PACKAGE, "--library", library_path(), "serve"] + list(arguments)
+
+
+class Case(TestCase):
+
+    def setUp(self):
+        self.end_file = os.path.join(self.make_dir(), "end")
+
+    def loop(self):
+        return self.make_file("prog.py", kLoop.format(self.end_file))
+
+    def let_end(self):
+        open(self.end_file, "w").close()
+
+    def start(self, argv, **more):
+        env = dict(os.environ, **more.pop("env", {}))
+        process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env, **more)
+        self.addCleanup(dapclient.end_process, process)
+        return process
+
+    def address_and_token(self, process):
+        line = process.stderr.readline().decode("utf-8")
+        found = re.match(r"tdbg: listening on 127\.0\.0\.1:(\d+); the token is in (\S+)\n", line)
+        self.assertTrue(found, line)
+        path = found.group(2)
+        self.addCleanup(os.remove, path)
+        self.assertEqual(stat.S_IMODE(os.stat(path).st_mode), 0o600)
+        with open(path) as source:
+            return ("127.0.0.1", int(found.group(1))), source.read().strip()
+
+    def client_at(self, address, process):
+        while True:  # until it listens
+            try:
+                connected = socket.create_connection(address)
+            except socket.error:
+                self.assertIsNone(process.poll())
+                continue
+            client = dapclient.client_of_socket(connected)
+            self.addCleanup(client.close)
+            return client
+
+    def attach_and_stop(self, client, path, **arguments):
+        client.start_session(arguments, "attach", {path: ["count"]})
+        stop = client.wait_stopped("breakpoint")
+        self.assertEqual(client.place(stop["threadId"]), ("<module>", "count"))
+        return stop["threadId"]
+
+    def end_of(self, process):
+        """(status, stdout, stderr)"""
+        out, err = process.communicate()
+        return process.returncode, out.decode("utf-8"), err.decode("utf-8")
+
+
+class Serving(Case):
+
+    def test_client_and_adapter_reach_the_same_port(self):
+        path = self.loop()
+        process = self.start(serve_argv("--wait-for-client", path))
+        address, token = self.address_and_token(process)
+        client = self.client_at(address, process)
+        thread = self.attach_and_stop(client, path, token=token)
+        self.assertEqual(client.evaluate("n", client.stack(thread)[0]["id"]), "0")
+        client.request("disconnect")
+        client = dapclient.start_adapter(self)
+        client.initialize()
+        self.assertIn("token", client.refused("attach", {"connect": {"port": address[1]}, "token": "wrong"}))
+        client.start_session({"connect": {"port": address[1]}, "token": token}, "attach")
+        client.request("disconnect")
+        self.assertEqual(client.wait_exit(), 0)
+        self.let_end()
+        self.assertEqual(self.end_of(process), (4, "end\n", ""))
+
+    def test_adapter_that_is_killed_leaves_the_program(self):
+        path = self.loop()
+        process = self.start(serve_argv("--wait-for-client", path))
+        address, token = self.address_and_token(process)
+        client = dapclient.start_adapter(self)
+        client.initialize()
+        self.attach_and_stop(client, path, connect={"port": address[1]}, token=token)
+        client.process.kill()
+        self.let_end()
+        self.assertEqual(self.end_of(process), (4, "end\n", ""))
+
+    def test_secrets_leave_the_environment(self):
+        path = self.make_file("prog.py", (
+            "import os\nprint(sorted(name for name in os.environ if 'TDBG_TO' in name or 'TDBG_ST' in name))\n"
+            "print(b'topsecret' in open('/proc/self/environ', 'rb').read())\n"
+            "print(b'topsecret' in open('/proc/self/cmdline', 'rb').read())\n"
+            "print(sorted(int(n) for n in os.listdir('/proc/self/fd') if os.path.exists('/proc/self/fd/' + n)\n"
+            "      and int(n) < 100))\n"))
+        plain = run_program([sys.executable, path])
+        done = run_program(serve_argv("--listen", "0", path), env={"TDBG_TOKEN": "topsecret"})
+        self.assertEqual((done.status, done.out), (0, plain.out), done)
+        self.assertRegex(done.err, r"^tdbg: listening on 127\.0\.0\.1:\d+\n$")
+
+    def test_silent_when_nothing_is_to_be_told(self):
+        listener = socket.socket()
+        listener.bind(("127.0.0.1", 0))
+        port = str(listener.getsockname()[1])
+        listener.close()
+        path = self.make_file("prog.py", (
+            "import sys\nsys.stderr.write('err')\nsys.stdout.write('out %r' % sys.argv[1:])\nsys.exit(7)\n"))
+        token = self.make_file("token", "abc")
+        os.chmod(token, 0o600)
+        for arguments in (["--no-token"], ["--token-file", token]):
+            done = run_program(serve_argv("--listen", port, *arguments + [path, "--listen", "x"]))
+            self.assertEqual((done.status, done.out, done.err), (7, "out ['--listen', 'x']", "err"), done)
+
+    def test_no_client_no_tracing(self):
+        path = self.make_file("prog.py", "import sys\nx = 1\nprint(sys.gettrace())\n")
+        self.assertEqual(run_program(serve_argv("--no-token", path)).out, "None\n")
+
+    def test_module_code_and_status(self):
+        folder = self.make_dir()
+        self.make_file("mod.py", "import sys\nprint(sys.argv[1:])\nsys.exit(5)\n", folder)
+        done = run_program(serve_argv("-m", "mod", "a"), cwd=folder)
+        self.assertEqual((done.status, done.out), (5, "['a']\n"), done)
+        done = run_program(serve_argv("-c", "import sys; print(sys.argv)", "a"))
+        self.assertEqual((done.status, done.out), (0, "['-c', 'a']\n"), done)
+
+    def test_connecting_to_an_adapter_that_listens(self):
+        path = self.loop()
+        client = dapclient.start_adapter(self)
+        client.initialize()
+        seq = client.send("attach", {"listen": {"port": 0}})
+        note = client.wait_event("output")["output"]
+        port = re.search(r"waiting for a program at 127.0.0.1:(\d+)", note).group(1)
+        process = self.start(serve_argv("--connect", "127.0.0.1:" + port, "--wait-for-client", path))
+        client.wait_event("initialized")
+        client.set_breakpoints(path, ["count"])
+        client.request("configurationDone")
+        self.assertTrue(client.response_to(seq)["success"])
+        client.wait_stopped("breakpoint")
+        client.request("disconnect")
+        self.let_end()
+        self.assertEqual(self.end_of(process), (4, "end\n", ""))
+
+    def test_unknown_words_are_one_line(self):
+        path = self.make_file("prog.py", "")
+        unprotected = self.make_file("token", "abc")
+        os.chmod(unprotected, 0o644)
+        for arguments in (
+                [], ["--nonsense", path], ["--listen"], ["--listen", "x", path], ["--listen", "1:2:3", path],
+                ["--listen", "0", "--connect", "1", path], ["-x", path], ["--listen", "0.0.0.0:0", path],
+                ["--no-token", "--allow-remote", path], ["--no-token", "--token-file", "x", path],
+                ["--token-file", "/nowhere", path], ["--token-file", unprotected, path],
+                ["--connect", "127.0.0.1:1", path], ["--connect", "192.0.2.1:1", path], ["/nowhere/prog.py"],
+                ["-m", "nowhere_at_all"], ["--wait-for-client"]):
+            done = run_program(serve_argv(*arguments))
+            self.assertEqual((done.status, done.out, len(done.err.splitlines())), (2, "", 1), done)
+            self.assertRegex(done.err, "^tdbg: ")
+
+
+class InCode(Case):
+
+    def test_listen_and_wait(self):
+        path = self.make_file("prog.py", (
+            "import sys\nimport tdbg\nprint(tdbg.listen()[0])\nprint(sys.gettrace())\n"
+            "tdbg.wait_for_client()\nx = 1  #@ count\nprint(tdbg.listen())\nsys.exit(3)\n"))
+        process = self.start([sys.executable, path], env=self.environment())
+        address, token = self.address_and_token(process)
+        client = self.client_at(address, process)
+        thread = self.attach_and_stop(client, path, token=token)
+        client.resume(thread)
+        self.assertEqual(self.end_of(process), (3, "127.0.0.1\nNone\nNone\n", ""))
+
+    def test_connect(self):
+        client = dapclient.start_adapter(self)
+        client.initialize()
+        client.send("attach", {"listen": {"port": 0}})
+        port = re.search(r":(\d+)\n", client.wait_event("output")["output"]).group(1)
+        path = self.make_file("prog.py", (
+            "import tdbg\ntdbg.connect(('127.0.0.1', %s))\ntdbg.wait_for_client()\nx = 1  #@ count\n" % port))
+        process = self.start([sys.executable, path], env=self.environment())
+        client.wait_event("initialized")
+        client.set_breakpoints(path, ["count"])
+        client.request("configurationDone")
+        client.resume(client.wait_stopped("breakpoint")["threadId"])
+        self.assertEqual(self.end_of(process), (0, "", ""))
+        client.wait_event("terminated")
+
+    def test_under_an_adapter_they_do_nothing(self):
+        path = self.make_file("prog.py", "import tdbg\nprint(tdbg.listen())\nprint(tdbg.wait_for_client())\n")
+        client, _ = dapclient.launch_through_adapter(self, path)
+        client.wait_event("terminated")
+        text = "".join(body["output"] for body in client.seen_events("output"))
+        self.assertEqual(text, "None\nTrue\n")
+
+    def test_without_listening_nobody_is_waited_for(self):
+        done = run_program([sys.executable, "-c", "import tdbg\ntdbg.wait_for_client()"], env=self.environment())
+        self.assertIn("RuntimeError: nobody can attach", done.err)
+
+    def environment(self):
+        return {"PYTHONPATH": python_path(), "TDBG_LIB_DIR": os.path.dirname(library_path())}
+
+
+class ByProcess(Case):
+
+    def adapter(self):
+        client = dapclient.start_adapter(self)
+        client.initialize()
+        return client
+
+    def test_refusals_name_the_condition(self):
+        client = self.adapter()
+        sleeper = self.start(["/bin/sh", "-c", "echo; read line"], stdin=subprocess.PIPE)
+        sleeper.stdout.readline()
+        with open("/proc/sys/kernel/pid_max") as source:
+            beyond = int(source.read())
+        self.assertIn("no process", client.refused("attach", {"processId": beyond}))
+        self.assertIn("is not a Python program", client.refused("attach", {"processId": sleeper.pid}))
+        self.assertIn("is the debug adapter", client.refused("attach", {"processId": client.process.pid}))
+        if os.getuid() != 0:
+            self.assertIn("another user", client.refused("attach", {"processId": 1}))
+
+    @unittest.skipIf(sys.version_info >= (3, 14), "needs no gdb")
+    def test_without_gdb(self):
+        folder = self.make_dir()
+        os.symlink(dapclient.adapter_python(), os.path.join(folder, "python3"))
+        client = dapclient.start_adapter(self, env=dict(os.environ, PATH=folder))
+        client.initialize()
+        process = self.start([sys.executable, self.loop()])
+        self.assertIn("gdb is not installed", client.refused("attach", {"processId": process.pid}))
+
+    def test_running_program(self):
+        if sys.version_info < (3, 14) and not shutil_which("gdb"):
+            self.skipTest("gdb is not installed")
+        path = self.loop()
+        process = self.start([sys.executable, path])
+        client = self.adapter()
+        try:
+            thread = self.attach_and_stop(client, path, processId=str(process.pid))
+        except dapclient.NoAnswer:
+            # A gdb that does not know this processor must not harm the program.
+            refused = [m for m in client.messages if m.get("command") == "attach"][0]["message"]
+            self.assertIn("gdb says: ", refused)
+            self.let_end()
+            self.assertEqual(self.end_of(process), (4, "end\n", ""))
+            self.skipTest(refused.partition("gdb says: ")[2])
+        self.assertGreater(int(client.evaluate("n", client.stack(thread)[0]["id"])), 0)
+        client.request("disconnect")
+        self.let_end()
+        self.assertEqual(self.end_of(process), (4, "end\n", ""))
+
+
+def shutil_which(name):
+    return any(os.access(os.path.join(folder, name), os.X_OK) for folder in os.environ["PATH"].split(os.pathsep))
