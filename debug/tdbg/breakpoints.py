@@ -172,10 +172,10 @@ class tBreakpoints(object):
         self._core_ids = {}    # (path, line) -> ids that the core has there
         self._next = 1
         self._live = False  # the core keeps breakpoints from its start on
-        self._checks = False  # the core asks for checksums
         self._real_paths = {}  # file of code -> real path
         self._entries = {}  # id of code, offset, line -> (whether a call begins there, the code)
-        self._checksums = None  # {last part of a path: {(path, checksum)}} of all; None: not known
+        self._checksums = {}  # last part of a path -> {(path, checksum): how many breakpoints}
+        self._searched = {}   # path -> how many files the core knew when it looked for copies of it
         self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
 
     @property
@@ -289,7 +289,10 @@ class tBreakpoints(object):
     def _put_in(self, bp):
         self._by_number[bp.number] = bp
         self._by_place.setdefault((bp.path, bp.line), {})[bp.number] = bp
-        self._checksums = None
+        if bp.checksum:
+            found = self._checksums.setdefault(_tail_of(bp.path), {})
+            key = (bp.path, bp.checksum)
+            found[key] = found.get(key, 0) + 1
 
     def _take_out(self, bp):
         """Whether it was there."""
@@ -297,8 +300,15 @@ class tBreakpoints(object):
         on_line.pop(bp.number, None)
         if not on_line:
             self._by_place.pop((bp.path, bp.line), None)
-        self._checksums = None
-        return self._by_number.pop(bp.number, None) is not None
+        if self._by_number.pop(bp.number, None) is None:
+            return False
+        if bp.checksum:
+            found = self._checksums[_tail_of(bp.path)]
+            key = (bp.path, bp.checksum)
+            found[key] -= 1
+            if not found[key]:
+                del found[key]
+        return True
 
     def _arm(self, bp):
         """Who judges its hits, and how many of them need not be looked at."""
@@ -350,12 +360,18 @@ class tBreakpoints(object):
             condition, temporary, ignore = None, 0, 0
         if bp.hit_condition is not None:
             temporary = 0
-        if bp.checksum and not self._checks:
-            self._checks = True
+        arguments = (name, compat.to_native(bp.checksum), bp.line, 1, temporary,
+                     compat.to_native(condition), ignore)
+        if not bp.checksum:
+            return self._core.set_break(*arguments)
+        # The core compares with every file that it knows: once for all breakpoints of a file.
+        known = self._core.get_registered_module_count()
+        self._core.enable_checksums(int(self._searched.get(bp.path) != known))
+        self._searched[bp.path] = known
+        try:
+            return self._core.set_break(*arguments)
+        finally:
             self._core.enable_checksums(1)
-        return self._core.set_break(
-            name, compat.to_native(bp.checksum), bp.line, 1, temporary,
-            compat.to_native(condition), ignore)
 
     def _collect(self):
         """Take over what the core has counted; [(tBreakpoint, new hits, ignored ones, deleted)]."""
@@ -540,12 +556,6 @@ class tBreakpoints(object):
     def checksum_of(self, name):
         """What the core asks of a file: text that equals the checksum of a breakpoint if the file has
         the contents of the breakpoint's."""
-        if self._checksums is None:
-            self._checksums = {}
-            for bp in self._by_number.values():
-                if bp.checksum:
-                    found = self._checksums.setdefault(_tail_of(bp.path), set())
-                    found.add((bp.path, bp.checksum))
         for path, checksum in sorted(self._checksums.get(_tail_of(name), ())):
             if has_checksum(name, path, checksum):
                 return compat.to_native(checksum)

@@ -39,6 +39,7 @@ class tSource(object):
         self.count = len(self._lines)
         self._code = _compile(path, text)
         self._lines_with_code = set()
+        self._one_line_functions = None  # {line: ...}, when they are known
         for code in _walk(self._code):
             self._lines_with_code.update(lines_of(code))
 
@@ -68,14 +69,24 @@ class tSource(object):
     def one_line_functions(self, line):
         """{(name, first line)} of the code objects of functions whose whole body is on the line of
         their `def`: who stops there wants to see them called, not made."""
-        found = set()
+        if self._one_line_functions is None:
+            self._one_line_functions = self._find_one_line_functions()
+        return self._one_line_functions.get(line, ())
+
+    def _find_one_line_functions(self):
+        found = {}
         for scope in _walk(self._code):
+            lines = None
             for code in _children(scope):
-                if code.co_flags & inspect.CO_OPTIMIZED and not _is_part(code):
-                    body = set(lines_of(code))
-                    body = body - {code.co_firstlineno} or body
-                    if body == {line} and line in lines_of(scope):
-                        found.add((code.co_name, code.co_firstlineno))
+                if not code.co_flags & inspect.CO_OPTIMIZED or _is_part(code):
+                    continue
+                body = set(lines_of(code))
+                body = body - {code.co_firstlineno} or body
+                if len(body) == 1:
+                    line = body.pop()
+                    lines = set(lines_of(scope)) if lines is None else lines
+                    if line in lines:
+                        found.setdefault(line, set()).add((code.co_name, code.co_firstlineno))
         return found
 
     def functions(self):
