@@ -120,7 +120,7 @@ class SessionCase(TestCase):
     def outcome(self):
         """Of the last run, without what differs from run to run."""
         folder = os.path.dirname(self.path)
-        texts = [re.sub("0x[0-9a-f]+", "0x", text).replace(folder, "")
+        texts = [re.sub("0x[0-9a-f]+", "0x", text.replace(folder, ""))
                  for text in (self.ended.out, self.ended.err)]
         return [self.ended.status] + [re.sub(r"\^+", "^", text) for text in texts]
 
