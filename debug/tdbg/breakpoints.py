@@ -30,7 +30,6 @@ from tdbg import codelines, compat, evaluate, private, sublanguages
 
 _exists = os.path.isfile
 _real_path = os.path.realpath
-_abs_path = os.path.abspath
 _isabs = os.path.isabs
 _join = os.path.join
 _folder_of = os.path.dirname
@@ -554,8 +553,8 @@ class tBreakpoints(object):
         return self._is_same[key]
 
     def checksum_of(self, name):
-        """What the core asks of a file: text that equals the checksum of a breakpoint if the file has
-        the contents of the breakpoint's."""
+        """What the core asks of a file: text that equals the checksum of a breakpoint if the file
+        has the contents of the breakpoint's."""
         for path, checksum in sorted(self._checksums.get(_tail_of(name), ())):
             if has_checksum(name, path, checksum):
                 return compat.to_native(checksum)
@@ -772,7 +771,8 @@ def is_plain(text):
     """Whether it does not matter how often the expression is evaluated, as far as can be seen."""
     try:
         with private.quiet():
-            tree = _compile(compat.to_native(text).strip(), "<condition>", "eval", ast.PyCF_ONLY_AST)
+            text = compat.to_native(text).strip()
+            tree = _compile(text, "<condition>", "eval", ast.PyCF_ONLY_AST)
     except Exception:  # check_condition() says what is wrong
         return False
     for node in ast.walk(tree):
@@ -802,7 +802,8 @@ class tExpression(object):
         flags = frame.f_code.co_flags & kFutureFlags
         code = self._codes.get(flags) or self._compile(flags)
         names = frame.f_locals
-        if names is not frame.f_globals and any(isinstance(item, _code_type) for item in code.co_consts):
+        has_functions = any(isinstance(item, _code_type) for item in code.co_consts)
+        if has_functions and names is not frame.f_globals:
             # Comprehensions and lambdas look names up as globals.
             both = dict(frame.f_globals)
             both.update(names)

@@ -64,7 +64,8 @@ class tSource(object):
     def lines_with_code(self, first=1, last=None):
         """Every line from `first` to `last` that a breakpoint can stop at, in order."""
         return sorted(
-            line for line in self._lines_with_code if line >= first and (last is None or line <= last))
+            line for line in self._lines_with_code
+            if line >= first and (last is None or line <= last))
 
     def one_line_functions(self, line):
         """{(name, first line)} of the code objects of functions whose whole body is on the line of
@@ -191,8 +192,8 @@ def first_line_of(code):
 
 
 def is_entry(code, offset, line):
-    """Whether a line event at the offset is the first that the call makes on the line, as far as can
-    be told: a loop comes to its own line again."""
+    """Whether a line event at the offset is the first that the call makes on the line, as far as
+    can be told: a loop comes to its own line again."""
     starts = sorted(start for start, number in _find_line_starts(code) if number == line)
     if not starts:
         return True

@@ -163,7 +163,6 @@ class Lines(BreakpointTest):
             ("3", None, [2]), ("==3", None, [2]), (">=7", None, [6, 7]), (">6", None, [6, 7]), ("<3", None, [0, 1]),
             ("%3", None, [2, 5]), ("%2", "i % 2", [3, 7]), ("2", "str(i) > '3'", [5]), (" > 2 ", "i > 3", [6, 7])]
         client = self.start(breakpoints={program: ["turn"]}, program=program)
-        turn = -1
         seen = [[] for _ in rounds]
         ids = []
 
@@ -182,7 +181,6 @@ class Lines(BreakpointTest):
         run_to_end(client, look)
         self.assertEqual(seen, [expected for _, _, expected in rounds])
         self.assertEqual(len(set(ids)), 1)  # the wish at this line has kept its number
-        self.assertEqual(turn, -1)
 
     def test_replaced_per_source(self):
         client = self.start(breakpoints={self.main: ["import-helper", "loop-first"], self.helper: ["work"]})
@@ -274,7 +272,11 @@ class Functions(BreakpointTest):
     def test_by_qualified_name(self):
         names = ["loop", "Thing.method", "helper.work", "helper.decorated", "late.later", "nothing.at.all",
                  "Thing.other.<locals>.inner", "one()", "loop"]
-        self.make_file("late.py", "import helper\nhelper.decorated()\ndef later():\n    return 1  #@ later\n", self.folder)
+        self.make_file("late.py", (
+            "import helper\n"
+            "helper.decorated()\n"
+            "def later():\n"
+            "    return 1  #@ later\n"), self.folder)
         program = self.make_file("program.py", MAIN + (
             "__import__('sys').path.append('more')\n"
             "import late\n"
@@ -460,7 +462,6 @@ class Files(BreakpointTest):
         self.assertEqual([(row["verified"], row["line"]) for row in told], [(True, 3), (True, 4)])
 
     def test_counting_from_zero_and_uris(self):
-        name = u"m\u00e4in x.py"
         program = self.make_file("main.py", MAIN, self.folder)
         spaced = os.path.join(self.folder, "a b%")
         os.mkdir(spaced)
@@ -475,8 +476,8 @@ class Files(BreakpointTest):
             })["breakpoints"][1]["line"], line), env={"PYTHONPATH": self.folder})
         stops = run_to_end(client)
         self.assertEqual([(stop.line, stop.path, stop.frame["column"]) for stop in stops], [(line, uri, 0)])
-        self.assertEqual([row["line"] for row in client.seen_events("output") if row.get("output") == "x\n"], [line - 1])
-        self.assertTrue(name)
+        self.assertEqual(
+            [row["line"] for row in client.seen_events("output") if row.get("output") == "x\n"], [line - 1])
 
     def test_in_code_that_is_not_the_users_own(self):
         library = self.make_file("site-packages/installed.py", (

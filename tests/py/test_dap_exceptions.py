@@ -330,7 +330,8 @@ class Details(ExceptionTest):
         details = info["details"]
         self.assertEqual((details["typeName"], details["fullTypeName"], details["message"]), (
             "Bad", "__main__.Bad", "two"))
-        self.assertIn('File "{}", line {}, in fail\n'.format(self.main, line_of(self.main, "fail")), details["stackTrace"])
+        self.assertIn('File "{}", line {}, in fail\n'.format(self.main, line_of(self.main, "fail")),
+                      details["stackTrace"])
         self.assertIn("    raise kind(*args)", details["stackTrace"])
         self.assertTrue(details["stackTrace"].endswith("Bad: two"), details["stackTrace"])
         self.assertNotIn("innerException", details)

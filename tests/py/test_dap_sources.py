@@ -217,8 +217,6 @@ class Rules(SourceTest):
             if stop is None or os.path.basename(stop.path) == "program.py" and stop.name == "<module>":
                 break
             found.append(os.path.basename(stop.path)[:-3])
-        hints = [frame["source"].get("presentationHint") for frame in []]
-        self.assertEqual(hints, [])
         return sorted(set(found)), answer
 
     def test_only_the_users_own_by_default(self):
@@ -278,7 +276,8 @@ class Patterns(unittest.TestCase):
     def test_paths(self):
         for pattern, path, expected in (
                 ("/a/b", "/a/b/c.py", True), ("/a/b/", "/a/b/c.py", True), ("/a/b", "/a/bc.py", False),
-                ("**/lib/*.py", "/x/lib/a.py", True), ("**/lib/**", "/x/lib/y/a.py", True), ("lib", "/x/lib/a.py", True),
+                ("**/lib/*.py", "/x/lib/a.py", True), ("**/lib/**", "/x/lib/y/a.py", True),
+                ("lib", "/x/lib/a.py", True),
                 ("a.py", "/x/a.py", True), ("a.py", "/x/ba.py", False), ("/x/?.py", "/x/a.py", True),
                 ("<string>", "<string>", True), ("/x/[ab].py", "/x/b.py", True)):
             rules = self.make(("path", pattern, False))

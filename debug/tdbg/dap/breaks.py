@@ -513,7 +513,8 @@ def set_breakpoints(session, arguments):
 
 def set_function_breakpoints(session, arguments):
     rows = [
-        (get(row, "name", str), _optional_text(row, "condition"), _optional_text(row, "hitCondition"))
+        (get(row, "name", str), _optional_text(row, "condition"),
+         _optional_text(row, "hitCondition"))
         for row in _rows(arguments, "breakpoints")]
     return {"breakpoints": session.run_in_core(lambda: breaks_of(session).set_functions(rows))}
 
@@ -535,7 +536,8 @@ def breakpoint_locations(session, arguments):
         except breakpoints.tRefused:
             return []
 
-    return {"breakpoints": [{"line": paths.line_to_client(line)} for line in session.run_in_core(find)]}
+    lines = session.run_in_core(find)
+    return {"breakpoints": [{"line": paths.line_to_client(line)} for line in lines]}
 
 
 kRequests = {

@@ -149,7 +149,8 @@ def set_exception_breakpoints(session, arguments):
 def _add_filter(filters, name, condition):
     name = kAliases.get(name, name)
     if name not in shared.kAll:
-        return {"verified": False, "message": "there is no filter {}".format(compat.to_native(name))}
+        text = "there is no filter {}".format(compat.to_native(name))
+        return {"verified": False, "message": text}
     try:
         filters.want(name, names_in(condition))
     except tRequestError as why:
@@ -221,8 +222,8 @@ def _describe(session, kind, value, traceback, seen, depth):
     if depth < kMaxDepth:
         for other in _members(value) + _causes(value):
             if id(other) not in seen:
-                inner.append(_describe(
-                    session, type(other), other, getattr(other, "__traceback__", None), seen, depth + 1))
+                traceback = getattr(other, "__traceback__", None)
+                inner.append(_describe(session, type(other), other, traceback, seen, depth + 1))
     if inner:
         details["innerException"] = inner
     return details

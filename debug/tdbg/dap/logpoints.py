@@ -26,11 +26,12 @@ class tLogMessage(object):
     def write(self, frame):
         """The text in a frame of the program."""
         return u"".join(
-            part if isinstance(part, compat.text_type) else part.write(frame) for part in self._parts)
+            part if isinstance(part, compat.text_type) else part.write(frame)
+            for part in self._parts)
 
 
 class tField(object):
-    """expression: breakpoints.tExpression; conversion: r, s, a or empty; form: the format or empty"""
+    """expression: breakpoints.tExpression; conversion: r, s, a or nothing; form: the format"""
 
     def __init__(self, expression, conversion="", form=""):
         self.expression, self.conversion, self.form = expression, conversion, form

@@ -13,7 +13,6 @@ from tdbg import compat
 
 _real_path = os.path.realpath
 _norm_path = os.path.normpath
-_is_file = os.path.isfile
 _isabs = os.path.isabs
 _join = os.path.join
 

@@ -55,7 +55,8 @@ class tRules(object):
         self.just_my_code = just_my_code
         self.rules = list(rules)
         self._to_client = to_client
-        self._tests = [(_make_test(kind, pattern), kind, include) for kind, pattern, include in self.rules]
+        self._tests = [
+            (_make_test(kind, pattern), kind, include) for kind, pattern, include in self.rules]
         self._known = {}
 
     def is_user_file(self, path, module=None):

@@ -45,7 +45,8 @@ class tSources(object):
         if not name.startswith("<") and not sublanguages.is_view(frame):
             path = self._session.server.core.get_frame_file(frame) or name
         module = frame.f_globals.get("__name__")
-        return self.of_path(path, name, frame.f_globals, module if isinstance(module, str) else None)
+        module = module if isinstance(module, str) else None
+        return self.of_path(path, name, frame.f_globals, module)
 
     def of_path(self, path, name=None, space=None, module=None):
         """path: of the source or, as it is called by code objects, `name`; space: globals there."""
@@ -77,7 +78,7 @@ class tSources(object):
         return number
 
     def reference_of_module(self, path):
-        """Reference for the path of a loaded module that is in no file of its own; 0: there is none."""
+        """Reference for the path of a loaded module that is in no file of its own; 0: none is."""
         for name, module in list(sys.modules.items()):
             if file_of_module(module) == path and not _is_file(path):
                 return self.reference_of(path, path, _own_dict(module))
@@ -123,7 +124,8 @@ class tSources(object):
         for name in list(modules):
             module = modules.get(name)
             known = self._modules.get(name)
-            if module is None or (known is not None and known[1] == id(module)) or is_loading(module):
+            if module is None or is_loading(module) or (
+                    known is not None and known[1] == id(module)):
                 continue
             path = file_of_module(module)
             if known is not None and known[2] == path:
@@ -266,7 +268,8 @@ def read_text(path):
             encoding = found.group(1).decode("ascii")
             break
     try:
-        text = data.decode("utf-8-sig" if encoding.lower().replace("_", "-") == "utf-8" else encoding)
+        is_utf8 = encoding.lower().replace("_", "-") == "utf-8"
+        text = data.decode("utf-8-sig" if is_utf8 else encoding)
     except (LookupError, UnicodeDecodeError):
         text = data.decode("utf-8", "replace")
     return text.replace(u"\r\n", u"\n").replace(u"\r", u"\n")
