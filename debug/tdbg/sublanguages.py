@@ -26,7 +26,8 @@ kModeRun, kModeStepInto, kModeAsked = -1, 0, 1  # kModeAsked: is this a place fo
 
 kRaiseMode = 1  # of the core's exception modes: every exception is told
 kYieldFrom = dis.opmap.get("YIELD_FROM")
-kYields = frozenset((dis.opmap["YIELD_VALUE"], kYieldFrom))
+# A frame of 3.13 that yields is at the instruction that it will go on with.
+kYields = frozenset((dis.opmap["YIELD_VALUE"], kYieldFrom, dis.opmap.get("RESUME")))
 kSuffixes = (".pyc", ".pyo")
 
 # Languages of well-known libraries: name of the library -> module with a function make(refresh),
