@@ -340,7 +340,7 @@ class _tStriker(object):
     error = tTooSlow
 
     def __init__(self):
-        self._strikes, self._ended = [], []
+        self._strikes, self._released, self._ended = [], [], []
         self._cancelled = self._done = None  # locks, once it is launched
         self._ident = compat.get_ident()
         self._handler = self._take_signal()
@@ -399,10 +399,11 @@ class _tStriker(object):
         """No more strikes; nothing of it may reach the program later.  May be called again."""
         while True:
             try:
-                if self._cancelled is not None and self._cancelled.locked():
-                    self._cancelled.release()
+                # Each lock once, and noted in one go: a strike between the two would have us do it
+                # again, and so wait for ever.
+                if self._cancelled is not None and not self._released:
+                    self._released.extend(compat.lazy_map(_call, (_partial(self._cancelled.release),)))
                 if self._done is not None and not self._ended:
-                    # In one go: a strike between the two would have us wait again, for ever.
                     self._ended.extend(compat.lazy_map(_call, (_partial(self._done.acquire),)))
                 # It struck, perhaps just now: take delivery here.
                 # deliberate: not by setting "no exception", which leaves the interpreter's request
