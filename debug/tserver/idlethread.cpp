@@ -267,8 +267,8 @@ static constinit tDeleteFunc gDeleteCurrentThreadState = nullptr;
 
 static void find_delete_function() {
     if (gDeleteCurrentThreadState == nullptr) {
-        gDeleteCurrentThreadState = reinterpret_cast<tDeleteFunc>(
-            lookup_python_function("PyThreadState_DeleteCurrent"));
+        gDeleteCurrentThreadState =
+            reinterpret_cast<tDeleteFunc>(lookup_python_function("PyThreadState_DeleteCurrent"));
         gPy.PyErr_Clear();
     }
 }
@@ -726,10 +726,10 @@ static bool are_pending_calls_refused_at_end() {
 static bool has_main_thread_ended() {
     tSavedError keep_error;
     tOwnedRef threading(get_imported_module("threading"));
-    tOwnedRef main_thread(
-        threading ? gPy.PyObject_GetAttrString(threading.borrow(), "_main_thread") : nullptr);
-    tOwnedRef stopped(
-        main_thread ? gPy.PyObject_GetAttrString(main_thread.borrow(), "_is_stopped") : nullptr);
+    tOwnedRef main_thread(threading ? gPy.PyObject_GetAttrString(threading.borrow(), "_main_thread")
+                                    : nullptr);
+    tOwnedRef stopped(main_thread ? gPy.PyObject_GetAttrString(main_thread.borrow(), "_is_stopped")
+                                  : nullptr);
     return stopped && stopped.borrow() == gPy.Py_True;
 }
 

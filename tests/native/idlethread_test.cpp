@@ -36,7 +36,7 @@ struct tWorld {
     unsigned long thread = kMainThread;
     int locks_made = 0;
     std::set<PyThread_type_lock> locks;  // made and not freed; some are meant to stay
-    int fail_lock = -1;  // number of the lock that cannot be made
+    int fail_lock = -1;                  // number of the lock that cannot be made
     bool fail_tstate = false;
     bool fail_start = false;
     bool finalizing = false;
