@@ -204,6 +204,26 @@ class Lines(BreakpointTest):
             ("loop-first", [answers[0]["id"], answers[1]["id"]])])
         self.assertEqual(output_of(client), [("here\n", "main.py", line)])
 
+    def test_set_and_removed_while_the_program_runs(self):
+        flag = os.path.join(self.folder, "flag")
+        program = self.make_file("busy.py", (
+            "import os\n"
+            "def busy(flag):\n"
+            "    turns = 0\n"
+            "    while not os.path.exists(flag):\n"
+            "        turns += 1  #@ turn\n"
+            "busy({!r})\n"
+            "x = 1  #@ end\n").format(flag), self.folder)
+        client = self.start(program=program, breakpoints={program: ["end"]})
+        for _ in range(2):
+            client.set_breakpoints(program, ["turn", "end"])
+            stop = next_stop(client)
+            self.assertEqual(stop.mark, "turn")
+            client.set_breakpoints(program, ["end"])
+            client.resume(stop.thread_id)
+        self.make_file("flag", "", self.folder)
+        self.assertEqual(self.marks(run_to_end(client)), ["end"])
+
     def test_possible_lines(self):
         client = self.start({"stopOnEntry": True})
         stop = next_stop(client)

@@ -50,6 +50,8 @@ kCapabilities = {
     "supportsLoadedSourcesRequest": True,
     "supportsExceptionInfoRequest": True,
     "supportsExceptionFilterOptions": True,
+    "supportsExceptionOptions": True,
+    "supportedChecksumAlgorithms": ["MD5", "SHA1", "SHA256"],
     "exceptionBreakpointFilters": kExceptionFilters,
     "supportsTerminateRequest": True,
     "supportTerminateDebuggee": True,
