@@ -35,6 +35,8 @@ def settings_to_environment(environment, settings, startup_folder, to_literal):
 def start(startup_folder, loaded):
     """Begin debugging, then hand on to the real start-up module.  loaded: names of the modules
     that were there before the debugger's first one."""
+    if kVariable not in os.environ:
+        return _start_child(startup_folder, loaded)
     settings = ast.literal_eval(os.environ[kVariable])
     original_environment = dict(os.environ)
     _clear_traces(startup_folder, settings)
@@ -53,6 +55,24 @@ def start(startup_folder, loaded):
         _import_real_hook_module()
     finally:
         server.start_with_program()
+
+
+def _start_child(startup_folder, loaded):
+    """A process that the program has started.  It runs as it would, with or without a client."""
+    from tdbg import children
+
+    taken = _take_low_descriptors()
+    try:
+        server = children.start(startup_folder)
+    finally:
+        for descriptor in taken:
+            os.close(descriptor)
+    _forget_modules(loaded)
+    try:
+        _import_real_hook_module()
+    finally:
+        if server is not None:
+            server.start_with_program()
 
 
 def _clear_traces(startup_folder, settings):

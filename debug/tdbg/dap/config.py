@@ -98,12 +98,11 @@ class tConfig(object):
                 raise tConfigError("exactly one of `program`, `module` and `code` is needed" + (
                     ", not " + " and ".join(names) if names else ""))
             return
-        ways = [name for name in ("connect", "listen", "process_id", "sub_process_id", "socket")
+        ways = [name for name in ("connect", "listen", "process_id", "socket")
                 if getattr(self, name) is not None]
         if len(ways) > 1:
             raise tConfigError("more than one way to attach: " + ", ".join(
-                {"process_id": "processId", "sub_process_id": "subProcessId"}.get(name, name)
-                for name in ways))
+                {"process_id": "processId"}.get(name, name) for name in ways))
 
 
 # --- types ------------------------------------------------------------------------------------

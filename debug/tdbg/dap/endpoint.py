@@ -87,7 +87,7 @@ def listen(host, port, allow_remote=False):
     why = None
     for family, address in refuse_remote(host, port, allow_remote):
         try:
-            listener = _socket.socket(family, _socket.SOCK_STREAM)
+            listener = not_for_children(_socket.socket(family, _socket.SOCK_STREAM))
             listener.setsockopt(_socket.SOL_SOCKET, _socket.SO_REUSEADDR, 1)
             listener.bind(address)
             listener.listen(kBacklog)
@@ -102,7 +102,7 @@ def connect(host, port):
     why = None
     for family, address in resolve(host, port):
         try:
-            connected = _socket.socket(family, _socket.SOCK_STREAM)
+            connected = not_for_children(_socket.socket(family, _socket.SOCK_STREAM))
             connected.connect(address)
             return without_delay(connected)
         except (_socket.error, OSError) as error:
@@ -115,7 +115,16 @@ def accept(listener):
     if hasattr(listener, "_accept"):
         descriptor, _ = listener._accept()
         return _socket.socket(listener.family, listener.type, listener.proto, fileno=descriptor)
-    return listener.accept()[0]
+    return not_for_children(listener.accept()[0])
+
+
+def not_for_children(stream):
+    """The socket is closed where another program is executed (it is so from version 3 on)."""
+    if compat.PY2:
+        import fcntl
+
+        fcntl.fcntl(stream.fileno(), fcntl.F_SETFD, fcntl.FD_CLOEXEC)
+    return stream
 
 
 def without_delay(connected):
@@ -158,7 +167,7 @@ def _temporary_folder():
 
 def listen_unix(path):
     """A listening socket at the path, which only this user can use."""
-    listener = _socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM)
+    listener = not_for_children(_socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM))
     listener.bind(path)
     _chmod(path, stat.S_IRUSR | stat.S_IWUSR)
     listener.listen(kBacklog)
@@ -167,7 +176,7 @@ def listen_unix(path):
 
 def connect_unix(path):
     """A connected socket; OSError (IOError) when nobody listens."""
-    connected = _socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM)
+    connected = not_for_children(_socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM))
     connected.connect(path)
     return connected
 

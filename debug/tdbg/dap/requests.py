@@ -31,7 +31,8 @@ kSeconds = 0.9
 
 kModules = (
     "lifecycle", "runcontrol", "threadview", "breaks", "exceptions", "sources", "rules",
-    "variables", "evaluation", "completion")
+    "variables", "evaluation", "completion",
+    "subprocesses")
 
 
 class tRequestError(Exception):

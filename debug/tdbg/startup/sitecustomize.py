@@ -24,4 +24,19 @@ def _start():
     bootstrap.start(here, loaded)
 
 
-_start()
+def _supported():
+    """A child of the program may be run by any interpreter; see children.py."""
+    return "TDBG_START" in os.environ or sys.version_info[:2] == (2, 7) or (3, 6) <= sys.version_info[:2] <= (3, 14)
+
+
+def _leave_alone():
+    here = os.path.dirname(os.path.abspath(__file__))
+    sys.path[:] = [path for path in sys.path if os.path.abspath(path) != here]
+    sys.modules.pop("sitecustomize", None)
+    __import__("sitecustomize")
+
+
+if _supported():
+    _start()
+else:
+    _leave_alone()

@@ -1,0 +1,150 @@
+"""The child's side of the debugging of children (the parent's is dap/subprocesses.py).
+
+A child that the interpreter has been started for finds one environment variable, which it leaves
+for its own children.  It makes itself known to its parent's debugger, listens on a socket of its
+own, and waits for a client as long as it was told to, and no longer: whatever fails on the way, it
+runs on alone.
+"""
+from __future__ import absolute_import, division, print_function
+
+import ast
+import os
+import sys
+
+kVariable = "TDBG_CHILD"
+kPathVariable = "PYTHONPATH"
+kPatience = 0.1  # seconds between looks at a client that has come, but is not ready
+kStartupFolder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "startup")
+
+_fork_settings = None
+_hooked = False
+_getpid = os.getpid
+
+
+def find_client(settings):
+    """A wire.tConnection with the client that wants to debug this process, or None."""
+    from tdbg.dap import endpoint, wire
+
+    folder = listener = None
+    try:
+        announcement = endpoint.connect_unix(settings["socket"])
+        folder = endpoint.make_private_folder()
+        path = os.path.join(folder, "child")
+        listener = endpoint.listen_unix(path)
+        announcement.settimeout(settings["seconds"])
+        parent = wire.tConnection(announcement)
+        parent.write({"pid": _getpid(), "socket": path})
+        answer = parent.read()
+        parent.close()
+        if not answer or not answer.get("wait"):
+            return None
+        listener.settimeout(settings["seconds"])
+        connected = endpoint.accept(listener)
+        if endpoint.peer_of_unix(connected)[1] != os.getuid():
+            connected.close()
+            return None
+        connected.settimeout(None)
+        return wire.tConnection(connected)
+    except Exception:  # nobody is there any more, or nobody comes
+        return None
+    finally:
+        if listener is not None:
+            listener.close()
+        if folder is not None:
+            _remove(folder)
+
+
+def _remove(folder):
+    for name in ("child", None):
+        try:
+            os.remove(os.path.join(folder, name)) if name else os.rmdir(folder)
+        except OSError:
+            pass
+
+
+def start(startup_folder):
+    """In a new interpreter, before the program: its debug server, or None to run alone."""
+    settings = ast.literal_eval(os.environ[kVariable])
+    sys.path[:] = [path for path in sys.path if path != startup_folder]
+    sys.path_importer_cache.pop(startup_folder, None)
+    if settings["seconds"] <= 0:
+        return None
+    try:
+        from tdbg import launch, nativelib
+
+        launch.refuse_unknown_version()
+        library = _library_for(settings["library"], nativelib)
+        connection = find_client(settings)
+        if connection is None:
+            return None
+        return _make_server(nativelib.load_library(library), connection)
+    except Exception:
+        return None
+
+
+def _library_for(path, nativelib):
+    """The parent's, where it is of our word size."""
+    with open(path, "rb") as source:
+        word_size = {b"\x01": 32, b"\x02": 64}.get(source.read(5)[4:])
+    if word_size == nativelib.word_size():
+        return path
+    return nativelib.find_library(os.path.dirname(os.path.abspath(__file__)))
+
+
+def _make_server(core, connection):
+    from tdbg import api, dbgserver
+    from tdbg.dap import requests, session
+
+    requests.load_modules()
+    front_end = session.tDapFrontEnd({"launched": False, "wait": True})
+    server = dbgserver.tServer(core, front_end)
+    front_end.attach(server)
+    api.take_over(front_end)
+    front_end.begin(connection)
+    return server
+
+
+# --- fork ------------------------------------------------------------------------------------------
+
+
+def see_forks(settings):
+    """Forked children are to make themselves known from now on; None: no longer."""
+    global _fork_settings, _hooked
+    _fork_settings = settings
+    if settings is not None and not _hooked and hasattr(os, "register_at_fork"):
+        _hooked = True
+        os.register_at_fork(after_in_child=_after_fork)
+
+
+def _after_fork():
+    """In the child, before it runs anything of its own.  Threads but this one are gone."""
+    settings = _fork_settings
+    if settings is None or settings["seconds"] <= 0:
+        return
+    try:
+        connection = find_client(settings)
+        if connection is not None:
+            _debug_forked(connection)
+    except Exception:
+        pass
+
+
+def _debug_forked(connection):
+    """The process is a copy of its parent in the middle of being debugged: begin anew."""
+    from tdbg import api, dbgserver, nativelib, threads
+    from tdbg.dap import session
+
+    core = sys.modules[nativelib.kModule]
+    threads.forget_own_threads()
+    core.fork_ok()
+    front_end = session.tDapFrontEnd({"launched": False})
+    server = dbgserver.tServer(core, front_end)
+    front_end.attach(server)
+    server.start_unnoticed()
+    front_end.is_live = front_end.is_tracing = True
+    front_end.leave_alone()
+    api.take_over(front_end)
+    front_end.begin(connection)
+    while not front_end.wait_for_client(kPatience):
+        if not connection.is_open:
+            return

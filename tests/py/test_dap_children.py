@@ -1,0 +1,163 @@
+"""Children of a debugged program: sessions of their own for clients that can have them."""
+from __future__ import absolute_import, division, print_function
+
+import os
+
+import sys
+import unittest
+
+from support import dapclient
+from support.case import TestCase
+
+class Case(TestCase):
+
+    announces = True
+
+    def start(self, text, child="x = 1  #@ in-child\nprint('child ran')\n", **arguments):
+        """A client at a program that has launched; `child` is the path of a second program."""
+        self.child = self.make_file("child.py", child)
+        self.path = self.make_file("prog.py", text)
+        client = dapclient.start_adapter(self)
+        client.initialize(supportsStartDebuggingRequest=self.announces)
+        client.start_session(dict({
+            "program": self.path, "args": [self.child], "python": sys.executable, "childAttachTimeout": 30},
+            **arguments))
+        return client
+
+    def attach_to_child(self, client, path, accepts=True):
+        """A client, by a new adapter, at the child that the first one is told of."""
+        request = client.wait_request("startDebugging")
+        configuration = request["arguments"]["configuration"]
+        self.assertEqual((request["arguments"]["request"], configuration["request"], configuration["type"]),
+                         ("attach", "attach", "tdbg"))
+        client.respond(request)
+        other = dapclient.start_adapter(self)
+        other.initialize(supportsStartDebuggingRequest=True)
+        other.start_session(configuration, "attach", {path: ["in-child"]})
+        return other
+
+    def finish(self, client):
+        client.wait_event("terminated")
+        text = "".join(body["output"] for body in client.seen_events("output") if body["category"] == "stdout")
+        return client.seen_events("exited")[0]["exitCode"], text
+
+kCall = "import subprocess, sys\nsys.exit(subprocess.call([sys.executable, sys.argv[1], 'a']) + 5)\n"
+
+class Interpreters(Case):
+
+    def test_program_of_its_own(self):
+        client = self.start(kCall, "import sys\nx = sys.argv  #@ in-child\nprint(x[1:], sys.argv == x)\nsys.exit(2)\n")
+        other = self.attach_to_child(client, self.child)
+        thread = other.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(other.place(thread), ("<module>", "in-child"))
+        other.resume(thread)
+        other.wait_event("terminated")
+        status, text = self.finish(client)
+        self.assertEqual((status, text.replace("(", "").replace(")", "")), (7, "['a'] True\n" if sys.version_info[0] > 2 else "['a'], True\n"))
+
+    def test_client_that_refuses(self):
+        client = self.start(kCall)
+        client.respond(client.wait_request("startDebugging"), success=False, message="no")
+        self.assertEqual(self.finish(client), (5, "child ran\n"))
+
+    def test_client_that_does_not_come(self):
+        client = self.start(kCall, childAttachTimeout=0.01)
+        client.respond(client.wait_request("startDebugging"))
+        self.assertEqual(self.finish(client), (5, "child ran\n"))
+
+    def test_client_that_does_not_answer(self):
+        client = self.start(kCall, childAttachTimeout=0.01)
+        client.wait_request("startDebugging")
+        self.assertEqual(self.finish(client), (5, "child ran\n"))
+
+    def test_not_wanted(self):
+        for value in (False, "none"):
+            client = self.start(kCall, subProcess=value)
+            self.assertEqual(self.finish(client), (5, "child ran\n"))
+            self.assertEqual(client.requests, [])
+
+    def test_after_the_client_has_gone_children_run_alone(self):
+        gate = os.path.join(self.make_dir(), "gate")
+        os.mkfifo(gate)
+        result = os.path.join(self.make_dir(), "result")
+        os.mkfifo(result)
+        client = self.start(
+            "import os, subprocess, sys\nopen({!r}).read()\n"
+            "status = subprocess.call([sys.executable, sys.argv[1]])\n"
+            "open({!r}, 'w').write('%d %s' % (status, 'TDBG_CHILD' in os.environ))\n".format(gate, result), child="")
+        client.request("disconnect", {"terminateDebuggee": False})
+        open(gate, "w").close()
+        with open(result) as source:
+            self.assertEqual(source.read(), "0 False")
+
+class WithoutTheClientsHelp(Case):
+    """Clients that do not announce startDebugging."""
+
+    announces = False
+
+    def test_children_run_at_once_and_see_nothing(self):
+        client = self.start(
+            "import os, subprocess, sys\n"
+            "print('TDBG_CHILD' in os.environ or 'TDBG_START' in os.environ)\nsys.stdout.flush()\n"
+            "subprocess.call([sys.executable, sys.argv[1]])\n",
+            "import os, sys\nprint(sys.gettrace(), any('tdbg' in name for name in sys.modules))\n")
+        status, text = self.finish(client)
+        self.assertEqual(status, 0)
+        self.assertEqual(text.split()[0], "False")
+        self.assertNotIn("True", text)
+
+    @unittest.skipUnless(hasattr(os, "fork"), "no fork")
+    def test_forks_run_on(self):
+        client = self.start(
+            "import os\npid = os.fork()\nif pid == 0:\n    os.write(1, b'forked\\n')\n    os._exit(3)\n"
+            "os._exit(os.waitpid(pid, 0)[1] >> 8)\n")
+        self.assertEqual(self.finish(client), (3, "forked\n"))
+
+@unittest.skipUnless(hasattr(os, "register_at_fork"), "children of fork can be debugged from 3.7 on")
+class Forks(Case):
+
+    text = (
+        "import os\n"
+        "def work(n):\n    x = n  #@ in-child\n    os.write(1, b'forked\\n')\n    os._exit(n)\n"
+        "pid = os.fork()\nif pid == 0:\n    work(3)\n"
+        "os._exit(os.waitpid(pid, 0)[1] >> 8)\n")
+
+    def test_debugged(self):
+        client = self.start(self.text)
+        other = self.attach_to_child(client, self.path)
+        thread = other.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(other.place(thread), ("work", "in-child"))
+        self.assertEqual(other.step("next", thread)[0], "work")
+        other.resume(thread)
+        other.wait_event("terminated")
+        self.assertEqual(self.finish(client), (3, "forked\n"))
+
+    def test_refused(self):
+        client = self.start(self.text)
+        client.respond(client.wait_request("startDebugging"), success=False)
+        self.assertEqual(self.finish(client), (3, "forked\n"))
+
+    def test_nobody_comes(self):
+        client = self.start(self.text, childAttachTimeout=0.01)
+        client.respond(client.wait_request("startDebugging"))
+        self.assertEqual(self.finish(client), (3, "forked\n"))
+
+
+class Multiprocessing(Case):
+
+    text = (
+        "import multiprocessing, os, sys\n"
+        "def work(n):\n    x = n  #@ in-child\n    os.write(1, b'worked\\n')\n    sys.exit(n)\n"
+        "if __name__ == '__main__':\n"
+        "    if sys.argv[2] != 'fork': multiprocessing.set_start_method(sys.argv[2])\n"
+        "    child = multiprocessing.Process(target=work, args=(3,))\n"
+        "    child.start()\n    child.join()\n    sys.exit(child.exitcode)\n")
+
+    def run_method(self, method, announces):
+        self.announces = announces
+        client = self.start(self.text, args=["x", method])
+        self.assertEqual(self.finish(client), (3, "worked\n"))
+
+    def test_run_on_alone(self):
+        for method in ["fork"] if sys.version_info[0] == 2 else ["fork", "spawn", "forkserver"]:
+            self.run_method(method, False)
