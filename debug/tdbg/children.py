@@ -8,11 +8,15 @@ runs on alone.
 from __future__ import absolute_import, division, print_function
 
 import ast
+import functools
 import os
 import sys
 
 kVariable = "TDBG_CHILD"
 kPathVariable = "PYTHONPATH"
+kFramesOfSubprocess = 6
+# Processes of the library that nobody wants to debug.
+kHelpers = (b"multiprocessing.resource_tracker", b"multiprocessing.semaphore_tracker")
 kPatience = 0.1  # seconds between looks at a client that has come, but is not ready
 kStartupFolder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "startup")
 
@@ -67,7 +71,7 @@ def start(startup_folder):
     settings = ast.literal_eval(os.environ[kVariable])
     sys.path[:] = [path for path in sys.path if path != startup_folder]
     sys.path_importer_cache.pop(startup_folder, None)
-    if settings["seconds"] <= 0:
+    if settings["seconds"] <= 0 or _is_helper():
         return None
     try:
         from tdbg import launch, nativelib
@@ -80,6 +84,15 @@ def start(startup_folder):
         return _make_server(nativelib.load_library(library), connection)
     except Exception:
         return None
+
+
+def _is_helper():
+    try:
+        with open("/proc/self/cmdline", "rb") as source:
+            words = source.read()
+    except (IOError, OSError):
+        return False
+    return any(name in words for name in kHelpers)
 
 
 def _library_for(path, nativelib):
@@ -111,15 +124,41 @@ def see_forks(settings):
     """Forked children are to make themselves known from now on; None: no longer."""
     global _fork_settings, _hooked
     _fork_settings = settings
-    if settings is not None and not _hooked and hasattr(os, "register_at_fork"):
+    if settings is not None and not _hooked:
         _hooked = True
-        os.register_at_fork(after_in_child=_after_fork)
+        if hasattr(os, "register_at_fork"):
+            os.register_at_fork(after_in_child=_after_fork)
+        else:
+            os.fork = _make_fork(os.fork)
+
+
+def _make_fork(original):
+    @functools.wraps(original)
+    def fork():
+        pid = original()
+        if pid == 0:
+            _after_fork()
+        return pid
+
+    return fork
+
+
+def _is_before_exec():
+    """Whether the fork is the first half of starting another program."""
+    frame = sys._getframe()
+    for _ in range(kFramesOfSubprocess):
+        if frame is None:
+            return False
+        if frame.f_code.co_name == "_execute_child":
+            return True
+        frame = frame.f_back
+    return False
 
 
 def _after_fork():
     """In the child, before it runs anything of its own.  Threads but this one are gone."""
     settings = _fork_settings
-    if settings is None or settings["seconds"] <= 0:
+    if settings is None or settings["seconds"] <= 0 or _is_before_exec():
         return
     try:
         connection = find_client(settings)

@@ -4,10 +4,11 @@ from __future__ import absolute_import, division, print_function
 import os
 
 import sys
+import threading
 import unittest
 
 from support import dapclient
-from support.case import TestCase
+from support.case import TestCase, time_limit
 
 class Case(TestCase):
 
@@ -113,7 +114,6 @@ class WithoutTheClientsHelp(Case):
             "os._exit(os.waitpid(pid, 0)[1] >> 8)\n")
         self.assertEqual(self.finish(client), (3, "forked\n"))
 
-@unittest.skipUnless(hasattr(os, "register_at_fork"), "children of fork can be debugged from 3.7 on")
 class Forks(Case):
 
     text = (
@@ -157,6 +157,47 @@ class Multiprocessing(Case):
         self.announces = announces
         client = self.start(self.text, args=["x", method])
         self.assertEqual(self.finish(client), (3, "worked\n"))
+
+    def serve_children(self, client):
+        """Debug every child, and every child's children, until all have ended."""
+        threads = []
+        while True:
+            try:
+                request = client.wait_request("startDebugging")
+            except dapclient.NoAnswer:
+                break
+            threads.append(threading.Thread(target=self.debug_child, args=(client, request)))
+            threads[-1].start()
+        for thread in threads:
+            thread.join()
+
+    def debug_child(self, client, request):
+        client.respond(request)
+        other = dapclient.start_adapter(self)
+        other.initialize(supportsStartDebuggingRequest=True)
+        try:
+            other.start_session(
+                request["arguments"]["configuration"], "attach", {self.path: ["in-child"]})
+            server = threading.Thread(target=self.serve_children, args=(other,))
+            server.start()
+            while True:
+                thread = other.wait_stopped()["threadId"]
+                self.seen.append(other.place(thread))
+                other.resume(thread)
+        except dapclient.NoAnswer:
+            pass
+
+    @time_limit(120)
+    def test_debugged(self):
+        for method in ["fork"] if sys.version_info[0] == 2 else ["fork", "spawn", "forkserver"]:
+            self.seen = []
+            client = self.start(self.text, args=["x", method])
+            server = threading.Thread(target=self.serve_children, args=(client,))
+            server.daemon = True
+            server.start()
+            self.assertEqual(self.finish(client), (3, "worked\n"), method)
+            client.request("disconnect")
+            self.assertEqual(self.seen, [("work", "in-child")], method)
 
     def test_run_on_alone(self):
         for method in ["fork"] if sys.version_info[0] == 2 else ["fork", "spawn", "forkserver"]:
