@@ -2,12 +2,10 @@
 from __future__ import absolute_import, division, print_function
 
 import os
-import re
-import select
+import random
 import signal
 import subprocess
 import sys
-import threading
 
 from support import dapclient
 from support.case import TestCase
@@ -16,6 +14,7 @@ from support.programs import run_program
 kOncePerVersion = True
 
 kAdapter = os.path.join(dapclient.PACKAGE, "adapter")
+kRandomRequests = 10000
 kWaits = "import sys, time\nprint('ready')\nsys.stdout.flush()\nwhile True:\n    time.sleep(0.01)\n"
 
 
@@ -233,6 +232,189 @@ class WithoutDebugging(Case):
             "code": "print('other')", "noDebug": True, "python": sys.executable}})
         self.wait_output(client, "other")
         self.assertEqual(self.finish(client)[0], 0)
+
+
+class Debugging(Case):
+    """The same with a debugger in the program."""
+
+    text = (
+        "import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n"
+        "for n in range(3):\n    x = n  #@ loop\n"
+        "print('done')\nsys.exit(6)  #@ exit\n")
+
+    def start(self, text=None, places=("loop",), **arguments):
+        self.path = self.program(text or self.text)
+        client = self.adapter()
+        self.answers = client.start_session(
+            dict({"program": self.path, "python": sys.executable}, **arguments), breakpoints={self.path: places})
+        return client
+
+    def pid_of(self, client):
+        return client.wait_event("process")["systemProcessId"]
+
+    def test_session_from_start_to_end(self):
+        client = self.start(None, ["exit"], args=["a"], foo=1)
+        pid = self.pid_of(client)
+        thread = client.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(client.place(thread), ("<module>", "exit"))
+        # What was written before the stop has been shown before it.
+        kinds = [m["event"] for m in client.messages if m["type"] == "event"]
+        self.assertEqual(self.output(client)["stdout"], "{}\ndone\n".format(pid))
+        self.assertLess(max(i for i, k in enumerate(kinds) if k == "output"), kinds.index("stopped"))
+        self.assertIn("must be a whole number", client.refused("next", {"threadId": "x"}))
+        self.assertIn("is missing", client.refused("stackTrace", {}))
+        self.assertIn("no request", client.refused("nonsense", {}))
+        client.resume(thread)
+        self.assertEqual(self.finish(client)[0], 6)
+        self.assertIn("ended", client.refused("threads"))
+        client.request("disconnect")
+        self.assertEqual(client.wait_exit(), 0)
+
+    def test_environment_of_the_program_is_as_without(self):
+        text = ("import os, sys\nprint(sorted(n for n in os.environ if 'TDBG_S' in n or 'TDBG_T' in n),"
+                " os.environ.get('PYTHONPATH'), os.environ.get('PYTHONIOENCODING'))\n"
+                "print(os.listdir('/proc/self/fd') and sys.argv[1:])\n")
+        with_debugger = self.finish(self.start(text, [], args=["x y"]))
+        without = self.finish(self.launch(self.adapter(), text, args=["x y"], noDebug=True))
+        self.assertEqual(with_debugger, without)
+
+    def test_restart_keeps_breakpoints(self):
+        client = self.start()
+        number = self.answers[self.path][0]["id"]
+        first = self.pid_of(client)
+        thread = client.wait_stopped("breakpoint")["threadId"]
+        client.request("restart")
+        self.assertNotEqual(self.pid_of(client), first)
+        stop = client.wait_stopped("breakpoint")
+        self.assertEqual(stop["hitBreakpointIds"], [number])
+        self.assertEqual(client.place(stop["threadId"]), ("<module>", "loop"))
+        wait_until_gone(first)
+        # A client that sends them again moves them.
+        client.set_breakpoints(self.path, ["exit"])
+        client.resume(stop["threadId"])
+        thread = client.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(client.place(thread), ("<module>", "exit"))
+        client.request("restart")
+        self.assertEqual(client.place(client.wait_stopped("breakpoint")["threadId"]), ("<module>", "exit"))
+        self.assertEqual(client.seen_events("terminated"), [])
+        self.assertEqual(len(client.seen_events("initialized")), 1)
+        client.resume(1)
+        self.assertEqual(self.finish(client)[0], 6)
+
+    def test_configuration_before_launch(self):
+        path = self.program(self.text)
+        client = self.adapter()
+        row = client.set_breakpoints(path, ["loop"])[0]
+        self.assertFalse(row["verified"])
+        client.request("setExceptionBreakpoints", {"filters": []})
+        client.request("configurationDone")
+        client.request("launch", {"program": path, "python": sys.executable})
+        told = client.wait_event("breakpoint")["breakpoint"]
+        self.assertEqual((told["id"], told["verified"]), (row["id"], True))
+        self.assertEqual(client.wait_stopped("breakpoint")["hitBreakpointIds"], [row["id"]])
+        client.request("disconnect")
+
+    def test_terminate_runs_what_cleans_up(self):
+        text = "try:\n    while True:\n        x = 1  #@ loop\nfinally:\n    print('cleaned up')\n"
+        for places in (["loop"], []):  # stopped, running
+            client = self.start(text, places)
+            self.pid_of(client)
+            if places:
+                client.wait_stopped("breakpoint")
+            client.request("terminate")
+            status, texts = self.finish(client)
+            self.assertEqual(texts["stdout"], "cleaned up\n")
+            self.assertIn(status, (1, 130))
+
+    def test_terminate_a_program_that_refuses(self):
+        text = "while True:\n    try:\n        while True:\n            x = 1  #@ loop\n    except BaseException: pass\n"
+        client = self.start(text, [], killTimeout=0.05)
+        self.pid_of(client)
+        client.request("terminate")
+        self.assertEqual(self.finish(client)[0], 128 + signal.SIGTERM)
+
+    def test_ends_with_its_adapter_stopped_or_not(self):
+        for places in (["loop"], []):
+            for way in ("kill", "hang up", "disconnect"):
+                client = self.start(self.text.replace("range(3)", "iter(int, 1)"), places)
+                pid = self.pid_of(client)
+                if places:
+                    client.wait_stopped("breakpoint")
+                if way == "kill":
+                    client.process.kill()
+                elif way == "hang up":
+                    client.close()
+                else:
+                    client.request("disconnect")
+                wait_until_gone(pid)
+                client.wait_exit()
+
+    def test_disconnect_that_lets_it_go_on(self):
+        done = os.path.join(self.make_dir(), "done")
+        os.mkfifo(done)
+        client = self.start("x = 1  #@ loop\nopen({!r}, 'w').write('went on')\n".format(done))
+        client.wait_stopped("breakpoint")
+        client.request("disconnect", {"terminateDebuggee": False})
+        self.assertEqual(client.wait_exit(), 0)
+        with open(done) as source:
+            self.assertEqual(source.read(), "went on")
+
+    def test_many_requests_good_and_bad(self):
+        client = self.start("def f(a):\n    b = [a]  #@ loop\n    return b\nwhile True:\n    f(1)\n")
+        client.wait_stopped("breakpoint")
+        count = 1000 if "TDBG_RANDOM_CALLS" in os.environ else kRandomRequests  # ./check --quick
+        random = RandomRequests(self.path, 20)
+        sent = [client.send(*random.next()) for _ in range(count)]
+        for seq in sent:
+            client.response_to(seq, 300)
+        client.send("pause", {"threadId": 1})
+        client.set_breakpoints(self.path, ["loop"])
+        kinds = [m["success"] for m in client.messages if m["type"] == "response"]
+        self.assertGreater(kinds.count(True), count // 20)
+        self.assertGreater(kinds.count(False), count // 20)
+        client.request("disconnect")
+        self.assertEqual(client.wait_exit(), 0)
+
+    test_many_requests_good_and_bad.tdbg_time_limit = 400
+
+
+class RandomRequests(object):
+    """Requests of every kind, with arguments that may be right, wrong, missing or of another type.
+    None of those that end the session."""
+
+    commands = (
+        "threads", "stackTrace", "scopes", "variables", "evaluate", "setVariable", "setExpression", "source",
+        "continue", "next", "stepIn", "stepOut", "pause", "goto", "gotoTargets", "stepInTargets", "completions",
+        "exceptionInfo", "loadedSources", "modules", "setBreakpoints", "setFunctionBreakpoints",
+        "setExceptionBreakpoints", "breakpointLocations", "cancel", "configurationDone", "initialize", "launch",
+        "attach", "nonsense", "tdbg/tasks", "tdbg/ignoreException", "tdbg/setRules", "dataBreakpointInfo",
+        "restartFrame", "disassemble")
+
+    def __init__(self, path, seed):
+        self.random = random.Random(seed)
+        self.path = path
+
+    def next(self):
+        choose = self.random.choice
+        arguments = {
+            "threadId": choose((1, 1, 1, 2, 0, -1, "1", None, 2 ** 40)),
+            "frameId": choose((1, 2, 3, 50, 0, -1, None, "x", 1.5)),
+            "variablesReference": choose((1, 2, 3, 4, 10, 0, -1, [], 2 ** 70)),
+            "expression": choose(("a", "b", "1/0", "a +", u"'\U0001f40d'", "", None, 3, "x" * 5000)),
+            "context": choose(("watch", "hover", "repl", "clipboard", "variables", None, 7)),
+            "source": choose(({"path": self.path}, {"path": "/nowhere.py"}, {"sourceReference": 5}, {}, None, "x")),
+            "breakpoints": choose(([], [{"line": 2}], [{"line": -5}], [{"line": "x"}], [{}], None, [{"name": "f"}],
+                                   [{"line": 2, "condition": "a ==", "hitCondition": "%2", "logMessage": "{a"}])),
+            "filters": choose(([], ["raised"], ["nonsense"], None, 4)),
+            "line": choose((1, 2, 0, -1, 10 ** 9, "x", None)), "column": choose((1, 0, -3, None)),
+            "text": choose(("a", "", "b.", None, 4)), "name": choose(("a", "b", "", None, 5)),
+            "value": choose(("1", "", "1/0", "a +", None, 5)), "targetId": choose((1, 0, -1, "x")),
+            "requestId": choose((1, 0, -1, None)), "sourceReference": choose((0, 1, -1)),
+        }
+        for name in list(arguments):
+            if self.random.random() < 0.2:
+                del arguments[name]
+        return choose(self.commands), choose((arguments, arguments, arguments, arguments, None, {}))
 
 
 class Refusals(Case):

@@ -211,6 +211,8 @@ class tSession:
             self._fail(message, str(why), show_user=True)
         except (config.tConfigError, endpoint.tRefused) as why:
             self._fail(message, str(why), show_user=True)
+        except Exception as why:  # ours: the session goes on
+            self._fail(message, "internal error: {}: {}".format(type(why).__name__, why))
 
     def _check(self, message):
         seq = message.get("seq")
@@ -525,14 +527,11 @@ class tSession:
         number += self._run * kNumbersPerRun
         return self._aliases.get(number, number)
 
-    def _keep(self, request):
-        arguments = request.get("arguments", {})
-        source = arguments.get("source") or {}
+    def _keep(self, request, kept):
+        source = kept.arguments["source"] if request["command"] == "setBreakpoints" else {}
         key = (request["command"], source.get("path") or source.get("name"), source.get("sourceReference"))
-        kept = tKept(arguments)
         with self._lock:
             self._kept[key] = kept
-        return kept
 
     def _take_breakpoints(self, kept, response):
         """Put the client's numbers into an answer."""
@@ -568,8 +567,9 @@ class tSession:
 
     def _set_breakpoints_early(self, request):
         """Before there is a program: nothing is known of them yet."""
-        kept = self._keep(request)
         arguments = request.get("arguments", {})
+        kept = tKept(arguments)
+        self._keep(request, kept)
         rows = []
         for _ in arguments.get("breakpoints") or arguments.get("filters") or ():
             self._early_numbers -= 1
@@ -595,11 +595,12 @@ class tSession:
             return self._respond(request)  # it was too quick
         if state == kEnded or debuggee is None:
             return self._fail(request, "the program has ended")
-        kept = self._keep(request) if command in kKeptRequests else None
 
         def answered(response):
-            if kept is not None:
+            if command in kKeptRequests and response.get("success"):
+                kept = tKept(request.get("arguments", {}))
                 self._take_breakpoints(kept, response)
+                self._keep(request, kept)
             self._pass_response(request, response)
 
         debuggee.request(command, request.get("arguments"), answered, request["seq"])
@@ -617,7 +618,7 @@ class tSession:
         if command in kBreakpointRequests:
             self._set_breakpoints_early(request)
         elif command in kKeptRequests:
-            self._keep(request)
+            self._keep(request, tKept(request.get("arguments", {})))
             self._respond(request)
         elif command == "configurationDone":
             self._configured = True
@@ -640,7 +641,9 @@ class tSession:
         command = request["command"]
         if command in kBreakpointRequests:
             rows = request.get("arguments", {}).get("breakpoints") or ()
-            self._keep(request).numbers = [None for _ in rows]
+            kept = tKept(request.get("arguments", {}))
+            kept.numbers = [None for _ in rows]
+            self._keep(request, kept)
             self._respond(request, {"breakpoints": [
                 {"verified": False, "message": "the program runs without a debugger"} for _ in rows]})
         elif command == "threads":
