@@ -35,6 +35,7 @@ kReturnOpcodes = frozenset(
     if name in dis.opmap)
 
 _get_ident = compat.get_ident
+_current_frames = sys._current_frames
 _set_trace = sys.settrace
 
 
@@ -181,6 +182,8 @@ class tServer(object):
     def leave_alone(self):
         """End tracing; the program runs on as if there had been no debugger."""
         self.core.stop_trace()
+        if sys.version_info < (3, 12):
+            _wake_leaf_frames()
         tdbg.current_server = None
 
     # --- commands ---
@@ -291,11 +294,23 @@ class tServer(object):
         return self._armed.pop(ident, None) is not None
 
     def start_again(self):
-        """After leave_alone(): trace again, every thread running on.  Any thread."""
+        """After leave_alone(): trace again, every thread running on.  Where the core may be called."""
         for table in (self._asked, self._places, self._steppers, self._goals, self._armed):
             table.clear()
-        self.core.start_trace()
+        if sys.version_info >= (3, 10) or not threads.call_in_main_thread(self._start_here):
+            self.core.start_trace()
         self.ask_policies()
+
+    def _start_here(self):
+        """Before 3.10 a thread can only be traced from within."""
+        try:
+            if self.core.acquire_dbgserver_mutex():
+                try:
+                    self.core.start_trace()
+                finally:
+                    self.core.release_dbgserver_mutex()
+        except BaseException:
+            self._tell_internal_error("start_again")
 
     def current_stop(self):
         """The stop that the calling thread is in, or None."""
@@ -765,6 +780,15 @@ def _callers(stop, frame):
     """What is shown of a stop's stack, from the outermost frame to this one."""
     shown = [entry[0] for entry in stop.stack]
     return shown[:shown.index(frame) + 1] if frame in shown else shown[:stop.index + 1]
+
+
+def _wake_leaf_frames():
+    """The core leaves a thread at its next event of any kind, but for lines of frames that have no
+    trace object: in a loop without calls, never."""
+    own = _get_ident()
+    for ident, frame in _current_frames().items():
+        if ident != own and not threads.is_own_thread(ident) and frame.f_trace is None:
+            frame.f_trace = max  # anything; it is never called
 
 
 def _is_at_end_of_thread():

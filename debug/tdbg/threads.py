@@ -137,14 +137,40 @@ def start_own_thread(function):
     The tracer leaves it alone, the module `threading` does not know of it, and the process does not
     wait for it.  False when the system has no more threads, or the interpreter is ending.
     """
-    # Its first step is in place before it has a first frame, which the core would adopt.
+    # The first step is in place before there is a first frame, which the core would adopt.
     announce = _partial(list, compat.lazy_map(_own.add, compat.lazy_map(_call, [_partial(compat.get_ident)])))
-    run = _partial(list, compat.lazy_map(_call, [announce, _partial(_run_own, function)]))
     try:
-        compat.start_new_thread(run, ())
+        compat.start_new_thread(_partial(list, compat.lazy_map(
+            _call, [announce, _partial(_run_own, function)])), ())
     except Exception:
         return False
     return True
+
+
+def call_in_main_thread(function):
+    """Have function() called in the main thread as soon as that runs Python; False where that
+    cannot be done.  The function must not fail."""
+    if _add_pending_call is None:
+        return False
+
+    def call(argument):
+        _pending.remove(callback)
+        function()
+        return 0
+    callback = _callback_type(call)
+    _pending.append(callback)
+    return _add_pending_call(callback, None) == 0
+
+
+try:
+    import ctypes
+
+    _add_pending_call = ctypes.pythonapi["Py_AddPendingCall"]
+    _callback_type = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p)
+    _add_pending_call.argtypes = [_callback_type, ctypes.c_void_p]
+except Exception:  # a build without ctypes
+    _add_pending_call = None
+_pending = []  # callbacks that must live until they are called
 
 
 def is_own_thread(ident):
@@ -162,15 +188,12 @@ def forget_own_threads():
     _own.clear()
 
 
-def _run_own(function):
-    _set_trace(None)
+def _run_own(function, own=_own, any_exception=BaseException, set_trace=_set_trace, ident=compat.get_ident):
+    # The names are its own: version 2 empties the modules while threads still run.
+    set_trace(None)
     try:
         function()
-    except BaseException:
-        # At the end of the process modules may be empty already; before, functions guard themselves.
+    except any_exception:  # functions guard themselves, but for that
         pass
     finally:
-        try:
-            _own.discard(compat.get_ident())
-        except BaseException:
-            pass
+        own.discard(ident())

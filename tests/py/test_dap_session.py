@@ -193,8 +193,8 @@ sys.exit(7 if sys.gettrace() is None else 8)
 
     def test_disconnect_from_a_held_program(self):
         client = self.launch(
-            "import sys\nsys.stdin.read()\nsys.exit(7 if sys.gettrace() is None else 8)\n",
-            stdin=subprocess.PIPE)
+            "import sys\ndef trace():\n    return sys.gettrace()\n"
+            "sys.stdin.read()\nsys.exit(7 if trace() is None else 8)\n", stdin=subprocess.PIPE)
         client.start_session({})
         client.request("pause", {"threadId": 1})
         client.wait_stopped("pause")

@@ -40,7 +40,7 @@ class Refused(AssertionError):
         error = (response.get("body") or {}).get("error") or {}
         self.response = response
         self.text = error.get("format") or response.get("message") or ""
-        AssertionError.__init__(self, "{}: {}".format(response.get("command"), self.text))
+        AssertionError.__init__(self, json.dumps([response.get("command"), self.text]))
 
 
 class DapClient(object):

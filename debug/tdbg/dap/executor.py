@@ -83,7 +83,8 @@ class tExecutor(object):
 
     @property
     def is_serving(self):
-        return self._server is not None
+        """False from finish() on, though the thread may be at its last job."""
+        return self._server is not None and not self._commands
 
     def is_on_duty(self):
         """Whether the calling thread runs a job for requests: then it need not ask for another."""

@@ -104,6 +104,9 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
 
     def begin(self, connection):
         """Serve a client from now on; returns its tSession.  Any thread."""
+        before = self.session
+        if before is not None:  # its client has gone, but it may be leaving the program still
+            before.over.wait(kDetachSeconds)
         session = tSession(self, connection)
         self.session = session
         if self.is_live:  # since when, only the program's thread knows: it has not seen this session
@@ -231,7 +234,6 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         if not self.is_tracing:
             self.is_tracing = True
             self.server.start_again()
-            sys.settrace(None)  # of this thread, which is the debugger's
 
     def _on_waiting(self):
         if self.is_live:
@@ -299,6 +301,7 @@ class tSession(object):
         self._waiting = []         # requests for the stopped thread
         self._unlimited = []       # those of them that are being served, for as long as they take
         self._arrived = signals.tSignal()
+        self.over = signals.tDone()
         self._lock = compat.allocate_lock()
         self._request = None       # the one that the reader's thread is at
         modules = requests.load_modules()
@@ -398,21 +401,24 @@ class tSession(object):
 
     def _read_all(self):
         try:
-            while not self.is_over:
-                try:
-                    message = self._connection.read()
-                except wire.tBadMessage as why:
-                    self._refuse({}, "not a message of the protocol: {}".format(why))
-                    continue
-                if message is None:
-                    break
-                self._take(message)
+            self._read_on()
         except wire.tBadHeader:
             pass
         except Exception:
             self.tell_failure("reading")
-        finally:
-            self._client_is_gone()
+        # Not in a `finally`: when the process ends under this thread, nobody has gone.
+        self._client_is_gone()
+
+    def _read_on(self):
+        while not self.is_over:
+            try:
+                message = self._connection.read()
+            except wire.tBadMessage as why:
+                self._refuse({}, "not a message of the protocol: {}".format(why))
+                continue
+            if message is None:
+                break
+            self._take(message)
 
     def _take(self, message):
         kind = message.get("type")
@@ -740,6 +746,7 @@ class tSession(object):
                 self.front_end.session = None
             self._arrived.set()
             self._connection.close()
+            self.over.set()
 
     def _detach(self):
         """Leave the program alone, stopped or not."""
@@ -756,11 +763,11 @@ class tSession(object):
 
         def command():
             try:
+                if held is not None:
+                    self.holder.send_on(held)
                 undo()
             finally:
                 done.set()
-            if held is not None:
-                self.holder.send_on(held)
         if self.executor.finish(command):
             # Who attaches next must not be undone.
             done.wait(kDetachSeconds)
