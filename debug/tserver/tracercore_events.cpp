@@ -258,7 +258,7 @@ static int translate_key_frame(tThreadData* thread_data, tExcPlace* place, tOwne
     tSavedError saved;
     PyObject* const hook = thread_data->sub_language_hook;
     tOwnedRef stops(
-        gPy.PyObject_CallMethod(hook, "_StopHere", "Oii", place->inner, kStopException, -1));
+        call_method_unlocked(hook, "_StopHere", "Oii", place->inner, kStopException, -1));
     if (!stops) {
         log_failure("Exception from _StopHere in __tracer_sub_language_get_frame_category\n");
         return 0;
@@ -266,7 +266,7 @@ static int translate_key_frame(tThreadData* thread_data, tExcPlace* place, tOwne
     if (gPy.PyObject_IsTrue(stops.borrow()) != 1) {
         return 0;
     }
-    translation->reset(gPy.PyObject_CallMethod(hook, "_TranslateFrame", "Oi", place->inner, 1));
+    translation->reset(call_method_unlocked(hook, "_TranslateFrame", "Oi", place->inner, 1));
     tOwnedRef file(*translation ? gPy.PySequence_GetItem(translation->borrow(), 0) : nullptr);
     tOwnedRef line(*translation ? gPy.PySequence_GetItem(translation->borrow(), 1) : nullptr);
     place->file = file ? _pystring_to_c_string(file.borrow()) : nullptr;
@@ -367,8 +367,8 @@ static int report_exception(tDispatchCtx* ctx, PyObject* exc_info) {
 
 // What the frame raised, for the moment at which the exception leaves it.
 static void record_exception(tDispatchCtx* ctx, bool was_reported) {
-    if (gSelf.exc_data.to_be_ignored) {
-        return;
+    if (gSelf.exc_data.to_be_ignored || !gSelf.tracing) {
+        return;  // after the callback has ended tracing nobody would let go of the frame
     }
     const bool is_bottom = ctx->frame == ctx->thread_data->bot_frame;
     const bool prints =

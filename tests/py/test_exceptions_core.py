@@ -572,6 +572,35 @@ raise ValueError(1)
             self.assertEqual([stop[:3] for stop in stops], [self.kBottom[:3], self.kQuit], parent)
 
 
+class StopTraceTest(TestCase):
+    def test_bottom_frame_is_let_go_when_the_callback_ends_tracing(self):
+        session = Session(exception_mode=kAlways)
+        seen, ended = [], threading.Event()
+
+        class tLast(object):
+            def __del__(self):
+                ended.set()
+
+        def bottom(last):
+            sys.settrace(session.tracer.bootstrap_new_thread)
+            try:
+                raise ValueError(1)
+            except ValueError:
+                pass
+            session.tracer.thread_exiting()
+
+        def end(frame, info):
+            seen.append(frame.f_code.co_name)
+            session.tracer.stop_trace()
+
+        session.exception_cb = end
+        session.init()
+        session.tracer.start_trace()
+        _thread.start_new_thread(bottom, (tLast(),))
+        self.assertIsNot(ended.wait(30), False)
+        self.assertIn(seen, ([], ["bottom"]))  # where nothing adopts the thread nothing is seen
+
+
 class ThreadBottomTest(TestCase):
     """A thread that came under the tracer has a bottom frame of its own."""
 
