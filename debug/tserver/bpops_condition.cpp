@@ -37,6 +37,7 @@ static PyObject* run_condition(tBp* bp, PyObject* globals, PyObject* locals) {
     }
     // Held: the expression may change or clear its own breakpoint.
     tOwnedRef code(new_ref(bp->cond_code));
+    tCoreUnlock unlocked;
     return code ? compiler.eval(code.borrow(), globals, locals) : nullptr;
 }
 

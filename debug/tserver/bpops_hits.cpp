@@ -80,7 +80,7 @@ static bool translate_position(tThreadData* td,
     tSavedError saved;
     tOwnedRef owned_hook(new_ref(td->sub_language_hook));  // it may take itself off the thread
     PyObject* const hook = owned_hook.borrow();
-    tOwnedRef stops(gPy.PyObject_CallMethod(hook, "_StopHere", "Oii", frame, event_type, 1));
+    tOwnedRef stops(call_method_unlocked(hook, "_StopHere", "Oii", frame, event_type, 1));
     if (!stops) {
         DPRINTF(kLogCore, "Exception from _StopHere in __tracer_sub_language_get_frame_category\n");
         do_dlogexception();
@@ -89,7 +89,7 @@ static bool translate_position(tThreadData* td,
     if (gPy.PyObject_IsTrue(stops.borrow()) != 1) {
         return false;
     }
-    tOwnedRef place(gPy.PyObject_CallMethod(hook, "_TranslateFrame", "Oi", frame, 0));
+    tOwnedRef place(call_method_unlocked(hook, "_TranslateFrame", "Oi", frame, 0));
     tOwnedRef file(place ? gPy.PySequence_GetItem(place.borrow(), 0) : nullptr);
     tOwnedRef line(file ? gPy.PySequence_GetItem(place.borrow(), 1) : nullptr);
     pos->codefile = line ? _pystring_to_c_string_copy(file.borrow()) : nullptr;
@@ -146,8 +146,7 @@ static tCondition evaluate_by_hook(const tBp* bp, tThreadData* td, PyFrameObject
     tOwnedRef hook(new_ref(td->sub_language_hook));
     tOwnedRef text(new_native_string(bp->cond));
     tOwnedRef result(
-        text ? gPy.PyObject_CallMethod(hook.borrow(), "_Eval", "OO", text.borrow(), frame)
-             : nullptr);
+        text ? call_method_unlocked(hook.borrow(), "_Eval", "OO", text.borrow(), frame) : nullptr);
     const int truth = result ? gPy.PyObject_IsTrue(result.borrow()) : -1;
     return truth == -1 ? kConditionBroken : truth == 1 ? kConditionTrue : kConditionFalse;
 }

@@ -3,6 +3,7 @@
 
 #include "bpops.h"
 #include "conames.h"
+#include "corelock.h"
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "fileops.h"

@@ -12,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "corelock.h"
 #include "dprintf.h"
 #include "guards.h"
 #include "libc_compat.h"
@@ -114,6 +115,7 @@ static PyObject* call_with(PyObject* callable, PyObject* const (&args)[count]) {
             return nullptr;
         }
     }
+    tCoreUnlock unlocked;
     return gPy.PyObject_CallObject(callable, tuple.borrow());
 }
 

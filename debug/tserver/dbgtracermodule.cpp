@@ -3,6 +3,9 @@
 
 #include <stdio.h>
 
+#include <utility>
+
+#include "corelock.h"
 #include "dbgtracermodule_internal.h"
 #include "dprintf.h"
 #include "ioops.h"
@@ -121,6 +124,7 @@ static bool serve_this_interpreter() {
             forget_code_extra_index();  // each interpreter hands out its own
         }
     }
+    update_interpreter_lock();
     gOwner = interp;
     set_owned(&gOwnerModules, new_ref(modules));
     return true;
@@ -587,11 +591,53 @@ PyMethodDef TracerMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+// ---- The table for free-threaded builds: the same functions under the core's own lock ----
+
+static constexpr size_t kMethodCount = 87;
+static constinit PyMethodDef gLockedMethods[kMethodCount + 1] = {};
+
+template <size_t kIndex>
+static PyObject* call_locked(PyObject* self, PyObject* args) {
+    tCoreLock lock;
+    return TracerMethods[kIndex].ml_meth(self, args);
+}
+
+static PyObject* call_import_hook_locked(PyObject* self, PyObject* args, PyObject* kw) {
+    tCoreLock lock;
+    return import_hook_after_init(self, args, kw);
+}
+
+template <size_t... kIndexes>
+static void fill_locked_methods(std::index_sequence<kIndexes...> /*all*/) {
+    ((gLockedMethods[kIndexes] = {TracerMethods[kIndexes].ml_name,
+                                  call_locked<kIndexes>,
+                                  TracerMethods[kIndexes].ml_flags,
+                                  TracerMethods[kIndexes].ml_doc}),
+     ...);
+    for (PyMethodDef& method : gLockedMethods) {
+        if ((method.ml_flags & kMethKeywords) != 0) {  // the import hook, and no other
+            method.ml_meth = AS_CFUNCTION(call_import_hook_locked);
+        }
+    }
+}
+
+// Needs the binding layer.
+static PyMethodDef* choose_methods() {
+    static_assert(sizeof(TracerMethods) == sizeof(gLockedMethods));
+    if (!is_free_threaded_build()) {
+        return TracerMethods;
+    }
+    update_interpreter_lock();
+    fill_locked_methods(std::make_index_sequence<kMethodCount>());
+    return gLockedMethods;
+}
+
 // ---- Creation ----
 
 PyObject* PyInit_tdbgtracer() {
     begin_new_life();  // of the first interpreter, or of one after its end
-    gModuleSelf = XPy_InitModule("tdbgtracer", TracerMethods);
+    const bool is_bound = gPy.initialized || XPy_Initialize() == 0;
+    gModuleSelf = is_bound ? XPy_InitModule("tdbgtracer", choose_methods()) : nullptr;
     if (gModuleSelf == nullptr) {
         return nullptr;
     }

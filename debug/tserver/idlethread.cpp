@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "corelock.h"
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "guards.h"
@@ -240,6 +241,19 @@ static void free_unstarted(const tIdleThreadPerInterpData* data, tSingleIdleThre
     free(single);
 }
 
+// A free-threaded interpreter has no lock to take turns with, and its thread states must not move
+// between threads: their memory belongs to the thread that made them. There the idle thread has
+// none of its own.
+static bool has_own_thread_state() {
+    return !is_free_threaded_build();
+}
+
+static PyThreadState* new_thread_state() {
+    return has_own_thread_state()
+               ? gPy.PyThreadState_New(borrow_thread_state_interp(gPy.PyThreadState_Get()))
+               : nullptr;
+}
+
 // Null when anything is missing.
 static tSingleIdleThreadData* new_single_data(const tIdleThreadPerInterpData* data) {
     void* const memory = malloc(sizeof(tSingleIdleThreadData));
@@ -249,12 +263,11 @@ static tSingleIdleThreadData* new_single_data(const tIdleThreadPerInterpData* da
     tSingleIdleThreadData* const single = static_cast<tSingleIdleThreadData*>(memory);
     *single = {.thread_id = kNoThread,
                .stop = 0,
-               .interrupt_tstate =
-                   gPy.PyThreadState_New(borrow_thread_state_interp(gPy.PyThreadState_Get())),
+               .interrupt_tstate = new_thread_state(),
                .stop_lock = gPy.PyThread_allocate_lock(),
                .acquiring_gil_lock = gPy.PyThread_allocate_lock()};
-    if (single->interrupt_tstate == nullptr || single->stop_lock == nullptr ||
-        single->acquiring_gil_lock == nullptr) {
+    if ((single->interrupt_tstate == nullptr && has_own_thread_state()) ||
+        single->stop_lock == nullptr || single->acquiring_gil_lock == nullptr) {
         free_unstarted(data, single);
         return nullptr;
     }
@@ -489,6 +502,7 @@ static void call_idle_callback() {
     {
         tTracingOff quiet(gPy.PyThreadState_Get());
         tOwnedRef callback(new_ref(gSelf.idle_cb));  // init may replace it meanwhile
+        tCoreUnlock unlocked;
         tOwnedRef result(gPy.PyObject_CallObject(callback.borrow(), nullptr));
     }
     gSelf.idling = 0;
@@ -542,6 +556,7 @@ static void call_idle_callback_if_allowed() {
 // Between two instructions of the program, which must find everything as it was.
 int pending_call_callback(void* /*arg*/) {
     tSavedErrno keep_errno;
+    tCoreLock lock;
     tSavedError keep_error;
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
     if (!lock_record(data, kGilHeld)) {
@@ -611,15 +626,9 @@ void release_gil_on_idle_thread(tSingleIdleThreadData* /*single_data_ptr*/,
     log_without_tstate("Leaving release_gil_on_idle_thread\n");
 }
 
-// A free-threaded interpreter has no lock to take turns with, and its thread states must not move
-// between threads: their memory belongs to the thread that made them.
-static bool has_interpreter_lock() {
-    return gPy.pyobject_offsets.refcnt != -1;
-}
-
 // Makes the running thread yield, so that it looks at its pending calls.
 static void force_lock_switch(tSingleIdleThreadData* single) {
-    if (!has_interpreter_lock()) {
+    if (single->interrupt_tstate == nullptr) {
         return;
     }
     log_without_tstate("Acquiring and releasing GIL\n");
@@ -635,11 +644,14 @@ void call_idle_from_idle_thread(tSingleIdleThreadData* single_data_ptr) {
         log_without_tstate("Failure in call_idle_from_idle_thread: unable to acquire the GIL\n");
         return;
     }
-    gIdleCaller = gPy.PyThread_get_thread_ident();
-    call_idle_callback_if_allowed();
-    gIdleCaller = 0;
-    // Our own record is not one of a thread to debug.
-    remove_thread_data(&gSelf.thread_data, gPy.PyThreadState_Get());
+    {
+        tCoreLock lock;
+        gIdleCaller = gPy.PyThread_get_thread_ident();
+        call_idle_callback_if_allowed();
+        gIdleCaller = 0;
+        // Our own record is not one of a thread to debug.
+        remove_thread_data(&gSelf.thread_data, gPy.PyThreadState_Get());
+    }
     release_gil_on_idle_thread(single_data_ptr, nullptr, &gil_state);
     log_without_tstate("Leaving call_idle_from_idle_thread\n");
 }
@@ -647,7 +659,7 @@ void call_idle_from_idle_thread(tSingleIdleThreadData* single_data_ptr) {
 // Under the interpreter lock as a whole: an interpreter that began to end between the clearing and
 // the deleting would clear the state once more. One that has begun deletes it itself.
 static void delete_interrupt_tstate(tSingleIdleThreadData* single) {
-    if (!has_interpreter_lock() ||
+    if (single->interrupt_tstate == nullptr ||
         !acquire_gil_on_idle_thread(single, single->interrupt_tstate, nullptr)) {
         return;
     }
@@ -808,7 +820,9 @@ void idle_thread_func(void* arg) {
     log_without_tstate("entering idle_thread_func())\n");
     tSingleIdleThreadData* const single = static_cast<tSingleIdleThreadData*>(arg);
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
-    adopt_thread_state(single->interrupt_tstate);
+    if (single->interrupt_tstate != nullptr) {
+        adopt_thread_state(single->interrupt_tstate);
+    }
     bool valid = true;
     while (valid && wait_for_next_turn(single)) {
         valid = take_turn(data, single);

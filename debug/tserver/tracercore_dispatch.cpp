@@ -27,6 +27,7 @@ int time_for_idle_call(int check_line_count) {
 
 static PyObject* call_with_arguments(PyObject* callback, PyObject* a, PyObject* b) {
     if (a == nullptr) {
+        tCoreUnlock unlocked;
         return gPy.PyObject_CallObject(callback, nullptr);
     }
     return b == nullptr ? do_one_arg_call(callback, a) : do_two_arg_call(callback, a, b);
@@ -122,7 +123,7 @@ static bool is_call_quiet(tThreadData* thread_data, PyFrameObject* frame) {
         return false;
     }
     if (is_frame_trace_lines_supported()) {
-        set_frame_trace_lines(frame, gSelf.global_idle_thread_data.use_idle_thread == 0);
+        set_frame_trace_lines(frame, are_all_lines_wanted());
     }
     return true;
 }
@@ -271,7 +272,7 @@ static int dispatch_to_thread(tDispatchCtx* ctx) {
     return ctx.propagate_exception ? -1 : result;
 }
 
-int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg) {
+static int dispatch(PyFrameObject* frame, int what, PyObject* arg) {
     if (what == kTraceLine) {
         if (gSelf.thread_f_trace_update_count != 0 && update_f_trace_if_scheduled() == -1) {
             return -1;
@@ -283,6 +284,40 @@ int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg)
         return 0;
     }
     return full_dispatch(frame, what, arg);
+}
+
+// Without an interpreter lock start_trace leaves the others' stacks to themselves.
+static void install_tracer_into_own_frames() {
+    tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr || thread_data->tracing || !gSelf.tracing ||
+        gPy.cached_pid != gSelf.pid) {
+        return;
+    }
+    PyThreadState* const tstate = gPy.PyThreadState_Get();
+    tMaybeSavedErrno keep_errno;
+    tHeldThreadData held(thread_data);
+    tSavedError saved;
+    if (!has_our_trace_object(tstate) || !__should_debug_thread(thread_data) || !gSelf.tracing) {
+        return;
+    }
+    thread_data->tstate_trace_function_set = 1;
+    initial_frame_scan();
+    install_tracer_into_frames(tstate);
+}
+
+[[gnu::noinline]] static int dispatch_without_interpreter_lock(PyFrameObject* frame,
+                                                               int what,
+                                                               PyObject* arg) {
+    tCoreLock lock;
+    install_tracer_into_own_frames();
+    return dispatch(frame, what, arg);
+}
+
+int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg) {
+    if (gNoInterpreterLock) [[unlikely]] {
+        return dispatch_without_interpreter_lock(frame, what, arg);
+    }
+    return dispatch(frame, what, arg);
 }
 
 // ---- Inside ----

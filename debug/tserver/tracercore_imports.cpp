@@ -52,6 +52,11 @@ PyObject* _tracer_register_module(PyObject* /*self*/, PyObject* args) {
 
 // ---- The hook ----
 
+static PyObject* call_import(PyObject* import, PyObject* args, PyObject* kw) {
+    tCoreUnlock unlocked;
+    return gPy.PyObject_Call(import, args, kw);
+}
+
 static PyObject* call_default_import(PyObject* args, PyObject* kw) {
     if (gSelf.default_import == nullptr) {
         gPy.PyErr_SetString(gPy.PyExc_ImportError, "init must be called first");
@@ -60,7 +65,7 @@ static PyObject* call_default_import(PyObject* args, PyObject* kw) {
     tOwnedRef import(new_ref(gSelf.default_import));
     gSelf.stat_imports++;
     gSelf.import_level++;
-    PyObject* const module = gPy.PyObject_Call(import.borrow(), args, kw);
+    PyObject* const module = call_import(import.borrow(), args, kw);
     gSelf.import_level--;
     return module;
 }

@@ -24,15 +24,12 @@ static PyObject* wanted_trace(PyFrameObject* frame, tThreadData* thread_data) {
     return nullptr;
 }
 
-// Lines are switched off only in frames that nobody watches, and only when the idle thread is there
-// to get the server's idle calls done without them.
 static int update_frame_trace_lines(PyFrameObject* frame, tThreadData* thread_data, bool traced) {
     if (!is_frame_trace_lines_supported()) {
         return 0;
     }
-    const bool use_idle_thread = gSelf.global_idle_thread_data.use_idle_thread != 0;
     const bool others_stopped = gSelf.mutex_thread_id != -1 && !dbgserver_mutex_held(thread_data);
-    return set_frame_trace_lines(frame, !use_idle_thread || others_stopped || traced);
+    return set_frame_trace_lines(frame, are_all_lines_wanted() || others_stopped || traced);
 }
 
 int update_f_trace(PyFrameObject* frame, tThreadData* thread_data) {
@@ -99,6 +96,9 @@ static bool is_record_in_table(const tThreadData* thread_data) {
 }
 
 int sync_update_f_trace_in_all_threads() {
+    if (gNoInterpreterLock) {
+        return 0;  // each thread does it in its next line
+    }
     tOwnedRef frames(call_sys_current_frames());
     tOwnedRef records(frames ? get_thread_data_by_outer_frame_dict(&gSelf.thread_data) : nullptr);
     if (!records) {
@@ -162,8 +162,8 @@ static bool is_only_thread() {
 }
 
 void update_f_trace_lines_in_other_leaf_frames() {
-    if (is_only_thread()) {
-        return;
+    if (gNoInterpreterLock || is_only_thread()) {
+        return;  // without the lock all frames send their lines anyway
     }
     tTracingOff quiet(gPy.PyThreadState_Get());
     tSavedError saved;
@@ -413,6 +413,7 @@ int __tracer_start_trace() {
     if (!is_interpreter_supported()) {
         return 0;
     }
+    update_interpreter_lock();
     gSelf.stat_instructions = 0;
     gSelf.tracing = 1;
     initial_module_scan();
@@ -462,6 +463,17 @@ static void stop_tracing_current_thread() {
     }
 }
 
+// Their frames keep our trace object, which does nothing any more: only they may touch them.
+static void forget_tracing_of_others() {
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search); entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        tThreadData* const thread_data = static_cast<tThreadData*>(entry->clientData);
+        thread_data->tracing = 0;
+        thread_data->tstate_trace_function_set = 0;
+    }
+}
+
 static void stop_tracing_all_threads() {
     const bool was_tracing = gSelf.tracing != 0;
     gSelf.tracing = 0;
@@ -472,6 +484,9 @@ static void stop_tracing_all_threads() {
         gPy.PyEval_SetTraceAllThreads(nullptr, nullptr);
     }
     for_each_thread_state(stop_tracing_thread);
+    if (gNoInterpreterLock) {
+        forget_tracing_of_others();
+    }
     stop_tracing_current_thread();
 }
 

@@ -3,6 +3,7 @@
 
 #include <stdlib.h>
 
+#include "corelock.h"
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "guards.h"
@@ -65,20 +66,27 @@ private:
     int errno_;
 };
 
+// Lines are switched off in frames that nobody watches only when the idle thread is there to get the
+// server's idle calls done without them, and when other threads can switch them on again: without
+// an interpreter lock nobody touches the frames of a thread that runs.
+inline bool are_all_lines_wanted() {
+    return gSelf.global_idle_thread_data.use_idle_thread == 0 || gNoInterpreterLock;
+}
+
 // tracercore_threads.cpp: the thread states of the calling thread's interpreter as they are now,
-// without the idle thread's, which runs nothing of the program.
+// without the idle thread's, which runs nothing of the program. Without an interpreter lock the
+// calling thread's only: the others may end any moment.
 struct tThreadStates {
     PyThreadState** states;  // owned: free()
     size_t count;
 };
 tThreadStates list_thread_states();
 // The thread has not ended meanwhile.
-bool is_thread_state_alive(const PyThreadState* tstate);
+bool is_thread_state_alive(PyThreadState* tstate);
 
-// Calls `visit` for each of them. A visit may let other threads run, and so end.
+// Calls `visit` for each of a list, which it frees. A visit may let other threads run, and so end.
 template <class Visit>
-inline void for_each_thread_state(Visit visit) {
-    const tThreadStates list = list_thread_states();
+inline void visit_living(const tThreadStates& list, Visit visit) {
     for (size_t i = 0; i < list.count; i++) {
         if (is_thread_state_alive(list.states[i])) {
             visit(list.states[i]);
@@ -86,6 +94,14 @@ inline void for_each_thread_state(Visit visit) {
     }
     free(list.states);
 }
+
+template <class Visit>
+inline void for_each_thread_state(Visit visit) {
+    visit_living(list_thread_states(), visit);
+}
+// For queries only: without an interpreter lock those of the records, of which more cannot be said
+// than that their threads have not ended.
+tThreadStates list_known_thread_states();
 
 // tracercore_dispatch.cpp: a callback of the debug server with up to two arguments, with room on
 // the stack and errno kept. False = it raised, which is logged under `failure` and cleared. The

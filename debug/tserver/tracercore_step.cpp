@@ -206,7 +206,7 @@ static bool is_frame_or_none(PyObject* obj) {
 
 // New ref; null with an exception set, its own or that of a bad answer.
 static PyFrameObject* ask_hook_for_step_out_frame(PyObject* hook, PyFrameObject* current) {
-    tOwnedRef answer(gPy.PyObject_CallMethod(hook, "_GetStepOutFrame", "O", current));
+    tOwnedRef answer(call_method_unlocked(hook, "_GetStepOutFrame", "O", current));
     if (answer && !is_frame_or_none(answer.borrow())) {
         gPy.PyErr_SetString(gPy.PyExc_TypeError, "_GetStepOutFrame must return a frame or None");
         return nullptr;
@@ -338,7 +338,7 @@ static bool append_id(PyObject* list, PyThreadState* tstate) {
 PyObject* _tracer_get_threads(PyObject* /*self*/, PyObject* /*args*/) {
     tOwnedRef ids(gPy.PyList_New(0));
     bool ok = static_cast<bool>(ids);
-    for_each_thread_state([&](PyThreadState* tstate) {
+    visit_living(list_known_thread_states(), [&](PyThreadState* tstate) {
         if (ok && gSelf.trace_module != nullptr &&
             find_thread_data(&gSelf.thread_data, tstate) != nullptr) {
             ok = append_id(ids.borrow(), tstate);

@@ -141,7 +141,7 @@ static bool store_each_code(PyObject* codes, PyObject* hook, PyObject* hooks_by_
 }
 
 static PyObject* ask_hook(PyObject* hook, const char* method) {  // new ref: a non-empty sequence
-    tOwnedRef answer(gPy.PyObject_CallMethod(hook, method, nullptr));
+    tOwnedRef answer(call_method_unlocked(hook, method, nullptr));
     if (!answer || gPy.PySequence_Length(answer.borrow()) < 1) {
         return nullptr;
     }
@@ -262,12 +262,12 @@ int sub_language_stop_here(tDispatchCtx* ctx, int event_type) {
     }
     tRecursionHeadroom room(kRecursionHeadroom);
     tSavedError saved;
-    tOwnedRef answer(gPy.PyObject_CallMethod(thread_data->sub_language_hook,
-                                             "_StopHere",
-                                             "Oii",
-                                             ctx->frame,
-                                             event_type,
-                                             get_step_mode(thread_data)));
+    tOwnedRef answer(call_method_unlocked(thread_data->sub_language_hook,
+                                          "_StopHere",
+                                          "Oii",
+                                          ctx->frame,
+                                          event_type,
+                                          get_step_mode(thread_data)));
     if (!answer) {
         log_failure("Exception from _StopHere in sub_language_stop_here\n");
         return 0;

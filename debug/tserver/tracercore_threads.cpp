@@ -18,19 +18,35 @@ static bool is_state_of_idle_thread(const PyThreadState* tstate) {
     return idle != nullptr && idle->interrupt_tstate == tstate;
 }
 
+static tThreadStates new_list(size_t size) {
+    tThreadStates list = {static_cast<PyThreadState**>(malloc(size * sizeof(void*))), 0};
+    if (list.states == nullptr) {
+        log_failure("Failure in list_thread_states()\n");
+    }
+    return list;
+}
+
+static tThreadStates list_current_thread_state() {
+    tThreadStates list = new_list(1);
+    if (list.states != nullptr) {
+        list.states[list.count++] = gPy.PyThreadState_Get();
+    }
+    return list;
+}
+
 tThreadStates list_thread_states() {
+    if (gNoInterpreterLock) {
+        return list_current_thread_state();
+    }
     PyThreadState* const first = borrow_first_thread_state();
     size_t count = 0;
     for (PyThreadState* tstate = first; tstate != nullptr;
          tstate = gPy.PyThreadState_Next(tstate)) {
         count++;
     }
-    tThreadStates list = {static_cast<PyThreadState**>(malloc((count + 1) * sizeof(void*))), 0};
-    if (list.states == nullptr) {
-        log_failure("Failure in list_thread_states()\n");
-        return list;
-    }
-    for (PyThreadState* tstate = first; tstate != nullptr && list.count < count;
+    tThreadStates list = new_list(count + 1);
+    for (PyThreadState* tstate = first;
+         list.states != nullptr && tstate != nullptr && list.count < count;
          tstate = gPy.PyThreadState_Next(tstate)) {
         if (!is_state_of_idle_thread(tstate)) {
             list.states[list.count++] = tstate;
@@ -39,7 +55,42 @@ tThreadStates list_thread_states() {
     return list;
 }
 
-bool is_thread_state_alive(const PyThreadState* wanted) {
+// Without an interpreter lock the list of states may change under the reader. The interpreter has a
+// way to tell of its threads that is safe, by their numbers.
+static bool has_thread_with_number(PyObject* frames_by_number, long number) {
+    tOwnedRef key(
+        gPy.PyLong_FromLongLong(static_cast<long long>(static_cast<unsigned long>(number))));
+    const bool found = key && gPy.PyDict_Contains(frames_by_number, key.borrow()) == 1;
+    gPy.PyErr_Clear();
+    return found;
+}
+
+static bool is_thread_alive_without_lock(PyThreadState* tstate) {
+    const tThreadData* const thread_data = find_thread_data(&gSelf.thread_data, tstate);
+    tOwnedRef frames(thread_data != nullptr ? call_sys_current_frames() : nullptr);
+    return frames && has_thread_with_number(frames.borrow(), thread_data->thread_id);
+}
+
+static tThreadStates list_states_of_records() {
+    tThreadStates list = new_list(gSelf.thread_data.numEntries + 1);
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search);
+         entry != nullptr && list.states != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        const tThreadData* const thread_data = static_cast<tThreadData*>(entry->clientData);
+        list.states[list.count++] = reinterpret_cast<PyThreadState*>(thread_data->tstate_id);
+    }
+    return list;
+}
+
+tThreadStates list_known_thread_states() {
+    return gNoInterpreterLock ? list_states_of_records() : list_thread_states();
+}
+
+bool is_thread_state_alive(PyThreadState* wanted) {
+    if (gNoInterpreterLock) {
+        return wanted == gPy.PyThreadState_Get() || is_thread_alive_without_lock(wanted);
+    }
     PyThreadState* tstate = borrow_first_thread_state();
     while (tstate != nullptr && tstate != wanted) {
         tstate = gPy.PyThreadState_Next(tstate);
