@@ -39,6 +39,7 @@ def listen(address=("127.0.0.1", 0), token=None, token_file=None, no_token=False
         token = endpoint.make_token()
         sys.stderr.write("tdbg: listening on {}:{}; the token is in {}\n".format(
             listener.getsockname()[0], listener.getsockname()[1], endpoint.write_token(token)))
+        sys.stderr.flush()  # before 3.9 it is buffered where it is no terminal
     _door = serve.open_door_in(front_end, listener, token, allow_remote)
     return _door.address
 

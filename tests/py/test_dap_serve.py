@@ -186,7 +186,7 @@ class InCode(Case):
 
     def test_listen_and_wait(self):
         path = self.make_file("prog.py", (
-            "import sys\nimport tdbg\nprint(tdbg.listen()[0])\nprint(sys.gettrace())\n"
+            "import sys\nimport tdbgtracer, tdbg\nprint(tdbg.listen()[0])\nprint(sys.gettrace())\n"
             "tdbg.wait_for_client()\nx = 1  #@ count\nprint(tdbg.listen())\nsys.exit(3)\n"))
         process = self.start([sys.executable, path], env=self.environment())
         address, token = self.address_and_token(process)
@@ -201,7 +201,7 @@ class InCode(Case):
         client.send("attach", {"listen": {"port": 0}})
         port = re.search(r":(\d+)\n", client.wait_event("output")["output"]).group(1)
         path = self.make_file("prog.py", (
-            "import tdbg\ntdbg.connect(('127.0.0.1', %s))\ntdbg.wait_for_client()\nx = 1  #@ count\n" % port))
+            "import tdbgtracer, tdbg\ntdbg.connect(('127.0.0.1', %s))\ntdbg.wait_for_client()\nx = 1  #@ count\n" % port))
         process = self.start([sys.executable, path], env=self.environment())
         client.wait_event("initialized")
         client.set_breakpoints(path, ["count"])
