@@ -322,18 +322,35 @@ sys.exit(os.WEXITSTATUS(status))
         from support.dapclient import PACKAGE
         from support.library import library_path
 
+        port = self.free_port()
         process = subprocess.Popen(
-            [sys.executable, PACKAGE, "serve", "--listen", "0", "--no-token", "--library", library_path()]
-            + list(argv), stderr=subprocess.PIPE)
+            [sys.executable, PACKAGE, "serve", "--listen", str(port), "--no-token",
+             "--library", library_path()] + list(argv))
         self.addCleanup(self.end, process)
-        words = process.stderr.readline().decode()
-        return int(words.strip().rpartition(":")[2].split(";")[0]), process
+        return port, process
+
+    @staticmethod
+    def free_port():
+        """Below those that connections get: whoever tries one of these again and again, while nobody
+        listens, is at last connected to itself."""
+        import random
+        import socket
+
+        while True:
+            port = random.randrange(10000, 32000)
+            probe = socket.socket()
+            try:
+                probe.bind(("127.0.0.1", port))
+                return port
+            except (IOError, OSError):
+                pass
+            finally:
+                probe.close()
 
     def end(self, process):
         if process.poll() is None:
             process.kill()
         process.wait()
-        process.stderr.close()
 
     def connect(self, port):
         import socket
