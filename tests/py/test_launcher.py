@@ -90,6 +90,22 @@ class Launching(TestCase):
         self.assertEqual((done.status, done.err), (3, ""), done)
         self.assertIn("['a b', '--python', 'c']", done.out)
 
+    def test_text_as_the_program(self):
+        tree = self.make_tree()
+        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "-c",
+                            "import sys; sys.exit(len(sys.argv))", "-x"], stdin="c\n")
+        self.assertEqual((done.status, done.err), (2, ""), done)
+
+    def test_serving_and_the_adapter(self):
+        tree = self.make_tree()
+        start = [os.path.join(tree, "tdbg"), "--python", sys.executable]
+        done = run_program(start + ["serve", "--no-token", "--listen", "0", "-c", "print(1)"])
+        self.assertEqual((done.status, done.out), (0, "1\n"), done)
+        self.assertRegex(done.err, r"^tdbg: listening on 127\.0\.0\.1:\d+\n$")
+        for words in (["serve"], ["serve", "--nonsense", "x"], ["adapter", "--nonsense"]):
+            done = run_program(start + words)
+            self.assertEqual((done.status, done.out, len(done.err.splitlines())), (2, "", 1), done)
+
     def test_by_a_link_from_elsewhere(self):
         tree = self.make_tree()
         link = os.path.join(self.make_dir(), "debugger")
