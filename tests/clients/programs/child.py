@@ -1,0 +1,4 @@
+import sys
+
+number = int(sys.argv[1])  #@ child
+sys.exit(number)
