@@ -17,7 +17,6 @@ void __tracer_init_bp_ops_data(tBpOpsData* data,
     data->next_bp_id = 1;
     CU_InitHashTable(&data->loaded_modules, kHashStringKeys);
     data->co_pathname_table = co_pathname_table;
-    data->unique_import_count = 0;
     data->resolve_bp_tmpfile[0] = '\0';
     data->get_checksum_cb = new_ref(get_checksum_cb);
     data->checksums_enabled = checksums_enabled;

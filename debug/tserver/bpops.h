@@ -54,7 +54,7 @@ struct tBpOpsData {
     int next_bp_id;                               // next id to hand out
     CUt_HashTable loaded_modules;                 // file name or synonym -> owned module file name
     tCOPathnameTable* co_pathname_table;          // not owned
-    int unique_import_count;                      // distinct module files registered so far
+    int unique_import_count;                      // module files registered so far; only grows
     char resolve_bp_tmpfile[kResolveBufferSize];  // used only during one resolution
     PyObject* get_checksum_cb;                    // owned
     int checksums_enabled;                        // checksums may identify files
@@ -84,7 +84,8 @@ inline CUt_HashEntry* find_line_entry(CUt_HashTable* table, int lineno) {
     return entry;
 }
 
-// Life of the table. Clearing keeps `checksums_enabled`; ids restart at 1.
+// Life of the table, whose memory is zero at first. Clearing keeps `checksums_enabled` and
+// `unique_import_count`, by which the server tells that nothing was imported; ids restart at 1.
 TDBG_API void __tracer_init_bp_ops_data(tBpOpsData* data,
                                         tCOPathnameTable* co_pathname_table,
                                         PyObject* get_checksum_cb,

@@ -133,7 +133,7 @@ protected:
         files_ = create_file_ops_data(nullptr);
         names_ = static_cast<tCOPathnameTable*>(malloc(sizeof(tCOPathnameTable)));
         InitCOPathnameTable(names_, files_);
-        data_ = static_cast<tBpOpsData*>(malloc(sizeof(tBpOpsData)));
+        data_ = static_cast<tBpOpsData*>(calloc(1, sizeof(tBpOpsData)));
         __tracer_init_bp_ops_data(data_, names_, gPy.Py_None, 1);
         td_ = {};
     }

@@ -98,6 +98,19 @@ class Names(FileCase):
         self.run_traced(module.f)
         self.assertEqual(self.hits(), ["f"])
 
+    def test_the_number_of_registered_files_only_grows(self):
+        """By it the server tells that it has compared a breakpoint with all there are."""
+        module = self.load("target", self.folder)
+        self.tracer.register_module(module)
+        count = self.tracer.get_registered_module_count()
+        self.assertGreater(count, 0)
+        self.tracer.reset()
+        self.assertEqual(self.tracer.get_registered_module_count(), count)
+        self.tracer.register_module(module)
+        self.assertEqual(self.tracer.get_registered_module_count(), count + 1)
+        self.session.init()
+        self.assertEqual(self.tracer.get_registered_module_count(), count + 1)
+
     def test_importlib_goes_past_the_hook_and_is_noticed(self):
         importlib = __import__("importlib")
         sys.path.insert(0, self.folder)
