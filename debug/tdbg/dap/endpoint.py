@@ -14,7 +14,7 @@ import struct
 
 import _socket
 
-from tdbg import compat
+from tdbg import compat, signals
 from tdbg.dap import capabilities, wire
 
 try:
@@ -416,8 +416,7 @@ class tAdmitted(object):
     def __init__(self, connection, first):
         self._connection, self._first = connection, list(first)
         self._answered = first[0]["seq"]
-        self._gone = compat.allocate_lock()
-        self._gone.acquire()
+        self._gone = signals.tDone()
         self._lock = compat.allocate_lock()
 
     @property
@@ -450,13 +449,8 @@ class tAdmitted(object):
         self._tell_gone()
 
     def wait_until_closed(self):
-        self._gone.acquire()
-        self._gone.release()
+        self._gone.wait()
 
     def _tell_gone(self):
         with self._lock:
-            if self._gone.locked():
-                try:
-                    self._gone.release()
-                except Exception:  # not locked
-                    pass
+            self._gone.set()
