@@ -259,15 +259,20 @@ class ByProcess(Case):
         path = self.loop()
         process = self.start([sys.executable, path])
         client = self.adapter()
-        try:
-            thread = self.attach_and_stop(client, path, processId=str(process.pid))
-        except dapclient.NoAnswer:
+        seq = client.send("attach", {"processId": str(process.pid)})
+        client._wait(
+            lambda: client.has_response_to(seq) or [e for e in client.events if e["event"] == "initialized"],
+            "answer to attach", dapclient.kSeconds)
+        if client.has_response_to(seq):
             # A gdb that does not know this processor must not harm the program.
-            refused = [m for m in client.messages if m.get("command") == "attach"][0]["message"]
+            refused = client.response_to(seq)["message"]
             self.assertIn("gdb says: ", refused)
             self.let_end()
             self.assertEqual(self.end_of(process), (4, "end\n", ""))
             self.skipTest(refused.partition("gdb says: ")[2])
+        client.set_breakpoints(path, ["count"])
+        client.request("configurationDone")
+        thread = client.wait_stopped("breakpoint")["threadId"]
         self.assertGreater(int(client.evaluate("n", client.stack(thread)[0]["id"])), 0)
         client.request("disconnect")
         self.let_end()
