@@ -132,9 +132,13 @@ static bool asks_who_prints() {
     return gSelf.exception_mode == 4 || gSelf.exception_mode == 5;
 }
 
-static bool is_return_quiet(const tThreadData* thread_data, PyFrameObject* frame) {
-    return frame != thread_data->bot_frame && frame != thread_data->return_frame &&
-           gSelf.exc_data.exc_info_for_frame == nullptr && !asks_who_prints();
+static bool is_return_quiet(tThreadData* thread_data, PyFrameObject* frame) {
+    if (frame == thread_data->bot_frame || frame == thread_data->return_frame ||
+        gSelf.exc_data.exc_info_for_frame != nullptr || asks_who_prints()) {
+        return false;
+    }
+    forget_unnamed_parent(thread_data, frame);
+    return true;
 }
 
 static bool is_exception_quiet(const tThreadData* thread_data, PyFrameObject* frame) {

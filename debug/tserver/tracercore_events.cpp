@@ -599,6 +599,7 @@ int dispatch_return(tDispatchCtx* ctx) {
         do_dprintf(
             kLogCore, "entering dispatch_return; frame = %s\n", get_dprintf_frame_str1(ctx->frame));
     }
+    forget_unnamed_parent(ctx->thread_data, ctx->frame);
     if (!gSelf.tracing) {
         return stop_tracer(ctx, "TRACER RETURN STOPPED TRACER\n");
     }

@@ -232,6 +232,7 @@ void install_tracer_into_frames(PyThreadState* tstate) {
     set_owned(&thread_data->bot_frame,
               bottom != nullptr ? bottom : static_cast<PyFrameObject*>(new_ref(gPy.Py_None)));
     set_owned<PyObject>(&thread_data->thread_name, nullptr);
+    forget_unnamed_parents(thread_data);
     DPRINTF(kLogCore,
             "install_tracer_into_frames(): thread_data->bot_frame = %p (Py_None is %p)\n",
             static_cast<void*>(thread_data->bot_frame),

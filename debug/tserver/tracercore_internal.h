@@ -132,13 +132,21 @@ void forget_scheduled_update(tThreadData* thread_data);
 // The record of the thread that Python names by its id: null for an unknown one, and with an
 // exception set when the id is no number.
 tThreadData* find_thread_data_by_id(PyObject* id);
-// Where a thread remembers a frame below which no name was found: a frame's callers do not change,
-// so the same answer would come again. By address, one place each.
+// Where a thread remembers a frame below which no name was found: while it runs its callers do not
+// change, so the same answer would come again. By address, one place each.
 inline PyFrameObject** unnamed_parent_slot(tThreadData* thread_data, PyFrameObject* parent) {
     constexpr size_t kCount = sizeof(thread_data->unnamed_parents) / sizeof(PyFrameObject*);
     const size_t address = reinterpret_cast<size_t>(parent);
     return &thread_data->unnamed_parents[((address >> 5) ^ (address >> 9)) % kCount];
 }
+// At its return or yield: the next frame at its address, often the same one, has other callers.
+inline void forget_unnamed_parent(tThreadData* thread_data, PyFrameObject* frame) {
+    PyFrameObject** const slot = unnamed_parent_slot(thread_data, frame);
+    if (*slot == frame) {
+        *slot = nullptr;
+    }
+}
+void forget_unnamed_parents(tThreadData* thread_data);
 // Gives the thread a name once its stack tells one; nothing on failure.
 void name_thread_after_stack(tThreadData* thread_data, PyFrameObject* frame);
 

@@ -363,6 +363,12 @@ static PyObject* get_name_of_deep_stack(PyFrameObject* frame) {
     return get_frame_code_name(outermost.borrow());
 }
 
+void forget_unnamed_parents(tThreadData* thread_data) {
+    for (PyFrameObject*& parent : thread_data->unnamed_parents) {
+        parent = nullptr;
+    }
+}
+
 void name_thread_after_stack(tThreadData* thread_data, PyFrameObject* frame) {
     if (thread_data->thread_name != nullptr) {
         return;

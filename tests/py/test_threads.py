@@ -305,6 +305,38 @@ class QueryTest(TestCase):
         session.run(lambda stop: ask())
         self.assertEqual(names, ["<module>"])
 
+    def test_a_thread_gets_its_name_once_its_stack_is_deep(self):
+        """The same functions ran on a shallow stack before, perhaps in the same frame objects."""
+        session = Session()
+        names, done = [], threading.Event()
+
+        def asks():
+            names.append(session.tracer.get_thread_name(session.tracer.get_current_tstate_id()))
+
+        def inner():
+            asks()
+
+        def middle():
+            inner()
+
+        def begins():
+            inner()
+            middle()
+
+        def outermost():
+            sys.settrace(session.tracer.bootstrap_new_thread)
+            begins()
+            sys.settrace(None)
+            session.tracer.thread_exiting()
+            done.set()
+
+        def program(stop):
+            _thread.start_new_thread(outermost, ())
+            done.wait()
+
+        session.run(program)
+        self.assertEqual(names, [None, "outermost"])
+
     def test_threads_of_the_low_level_module_stop_when_told_to(self):
         """Their first import, and where it can be hooked their first frame, adopts them."""
         session = Session()
