@@ -320,6 +320,10 @@ bool find_code_entry(tCOPathnameTable* table,
     *path = gPy.PyList_GetItem(entry, kEntryPathname);
     *any_bps = gPy.PyList_GetItem(entry, kEntryAnyBps);
     *any_bps_version = gPy.PyList_GetItem(entry, kEntryAnyBpsVersion);
+    if (*path == nullptr || *any_bps == nullptr || *any_bps_version == nullptr) {
+        gPy.PyErr_Clear();
+        return false;
+    }
     return true;
 }
 

@@ -103,7 +103,11 @@ static void try_to_install_import_hook(PyObject* default_import) {
     if (!hook || !name_module_of_hook(hook.borrow())) {
         return;
     }
-    if (pyobjects_equal(hook.borrow(), default_import)) {
+    const int is_default = pyobjects_equal(hook.borrow(), default_import);
+    if (is_default == -1) {
+        return;
+    }
+    if (is_default) {
         gPy.PyErr_SetString(gPy.PyExc_AssertionError,
                             "The default import hook cannot be equal to our import hook");
         return;

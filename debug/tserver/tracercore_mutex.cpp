@@ -191,7 +191,15 @@ static tThreadData* get_record_of_caller(PyObject* args, const char* format) {
 
 PyObject* _tracer_acquire_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
     tThreadData* const record = get_record_of_caller(args, ":acquire_dbgserver_mutex");
-    return record != nullptr ? new_int(acquire_dbgserver_mutex(record)) : nullptr;
+    if (record == nullptr) {
+        return nullptr;
+    }
+    const int acquired = acquire_dbgserver_mutex(record);
+    PyObject* const answer = new_int(acquired);
+    if (answer == nullptr && acquired) {
+        release_dbgserver_mutex(record);  // the caller, who gets an exception, would not
+    }
+    return answer;
 }
 
 PyObject* _tracer_release_dbgserver_mutex(PyObject* /*self*/, PyObject* args) {
