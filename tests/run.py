@@ -127,12 +127,13 @@ def offer_library(library, interpreter, folder):
     return folder
 
 
-def environment_for(lib_dir, may_compile=False):
+def environment_for(interpreter, lib_dir, may_compile=False):
     env = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
     if not may_compile:
         env["PYTHONDONTWRITEBYTECODE"] = "1"  # many children at once
     env["PYTHONNOUSERSITE"] = "1"
     env["PYTHONIOENCODING"] = "utf-8"
+    env.update(interpreter.environment)
     env.pop("TDBG_LIB_DIR", None)
     if lib_dir is not None:
         env["TDBG_LIB_DIR"] = lib_dir
@@ -155,7 +156,7 @@ def list_tests(interpreter, folder_of_tests, scratch):
         argv = [interpreter.path, "list"] + files
         # One process per version compiles the helpers for all its tests; 2.7 would write files whose
         # names modules then show, beside the sources.
-        env = environment_for(None, may_compile=interpreter.version >= (3,))
+        env = environment_for(interpreter, None, may_compile=interpreter.version >= (3,))
         ended, result, output = run_child(argv, env, kListSeconds, folder)
     if ended is not None or result is None:
         return [], [tResult(interpreter, "(listing)", "failed", ended or "no result", output)]
@@ -261,7 +262,7 @@ def run_all(interpreters, libraries, run, scratch):
                 if is_chosen(result.test, arguments.pattern):
                     run.add(result)
             lib_dir = library and offer_library(library, item, tempfile.mkdtemp(dir=scratch))
-            env = environment_for(lib_dir)
+            env = environment_for(item, lib_dir)
             for test in tests:
                 if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
                     continue

@@ -45,6 +45,7 @@ print("tells:%d.%d.%d|%d|%d|%d|%d|%s|%d|%s|%d" % (
 """
 
 kBuilt = "built-"
+kNoLock = "+nolock"
 kOldest = (2, 6)
 kNewest = (3, 14)
 
@@ -66,7 +67,9 @@ class tInterpreter:
     version   (major, minor, micro)
     bits      word size, 32 or 64
     variant   "release", "trace_refs" (Py_TRACE_REFS), "pydebug" (Py_DEBUG without that),
-              "free_threaded", "narrow" (2.7 with 16-bit characters)
+              "free_threaded", "free_threaded_no_lock", "narrow" (2.7 with 16-bit characters)
+    environment  variables that make it so: a free-threaded interpreter is there twice, once as it
+              comes, which switches its lock on for the library, and once with that forbidden
     debug     whether it counts references (Py_DEBUG, of any variant)
     suffixes  endings of extension modules, the preferred one first
     libc      the C library that it runs with, for example "glibc 2.36"
@@ -78,6 +81,16 @@ class tInterpreter:
         self.version, self.bits, self.variant = version, bits, variant
         self.debug, self.suffixes, self.libc = debug, suffixes, libc
         self.is_static = is_static
+        self.environment = {}
+        if variant == "free_threaded":  # it says that it switches its lock on for the library
+            self.environment = {"PYTHONWARNINGS": "ignore:The global interpreter lock:RuntimeWarning"}
+
+    def without_lock(self):
+        """The same free-threaded interpreter with its lock off whatever is imported."""
+        twin = tInterpreter(self.name + kNoLock, self.path, self.version, self.bits, "free_threaded_no_lock",
+                            self.debug, self.suffixes, self.libc, self.is_static)
+        twin.environment = {"PYTHON_GIL": "0"}
+        return twin
 
     @property
     def minor(self):
@@ -205,6 +218,8 @@ def find_interpreters(broken=None):
             continue
         name = name_for(origin, answers, path)
         found.setdefault(name, tInterpreter(name, path, **answers))
+        if answers["variant"] == "free_threaded":
+            found.setdefault(name + kNoLock, found[name].without_lock())
     return sorted(found.values(), key=lambda item: (item.version, item.bits, item.name))
 
 

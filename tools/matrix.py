@@ -17,7 +17,8 @@ the tree under every interpreter that it found, could fetch or had built (tools/
 
 kVariants = {
     "release": "release", "trace_refs": "`Py_TRACE_REFS`", "pydebug": "`Py_DEBUG`",
-    "free_threaded": "free-threaded", "narrow": "16-bit characters",
+    "free_threaded": "free-threaded", "free_threaded_no_lock": "free-threaded, lock off",
+    "narrow": "16-bit characters",
 }
 
 

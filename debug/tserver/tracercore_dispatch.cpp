@@ -222,12 +222,18 @@ static void take_tracer_off_thread(tThreadData* thread_data) {
     if (!thread_data->tstate_trace_function_set) {
         return;
     }
+    const bool was_tracing = gSelf.tracing != 0;
     thread_data->tstate_trace_function_set = 0;
     if (set_thread_state_trace_cfunc(tstate, nullptr, nullptr) != 0) {
         DPRINTF(kLogCore,
                 "Unable to set tracer in tstate %p, current tstate is %p\n",
                 static_cast<void*>(tstate),
                 static_cast<void*>(gPy.PyThreadState_Get()));
+    }
+    if (gNoInterpreterLock && !was_tracing && gSelf.tracing) {
+        // Another thread has started tracing while this one waited for all to halt, and perhaps we
+        // have just switched the interpreter's events off again.
+        set_tstate_trace_function(tstate, thread_data);
     }
 }
 

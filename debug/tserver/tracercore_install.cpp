@@ -366,8 +366,10 @@ static void start_tracing_thread(PyThreadState* tstate) {
 }
 
 // 3.12 and later have a function for all threads at once, and offer no other for foreign ones.
+// Without an interpreter lock a thread may end while that walks over it, which crashes: the threads
+// that run already then come under the tracer like those of 3.9, by the hooks.
 static bool has_function_for_all_threads() {
-    return version_at_least(3, 12);
+    return version_at_least(3, 12) && !gNoInterpreterLock;
 }
 
 static void start_tracing_all_threads() {
@@ -445,7 +447,7 @@ static void stop_tracing_thread(PyThreadState* tstate) {
     }
     if (has_function_for_all_threads()) {
         thread_data->tstate_trace_function_set = 0;
-    } else {
+    } else if (!gNoInterpreterLock) {
         // deliberate: a thread that runs on gets our function once more, and its next event, which
         // finds tracing off, takes the function out from within.
         set_tstate_trace_function(tstate, thread_data);
@@ -464,14 +466,13 @@ static void stop_tracing_current_thread() {
     }
 }
 
-// Their frames keep our trace object, which does nothing any more: only they may touch them.
+// Each takes the trace function and its frames' trace objects out in its next event.
 static void forget_tracing_of_others() {
     CUt_HashSearch search;
     for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         tThreadData* const thread_data = static_cast<tThreadData*>(entry->clientData);
         thread_data->tracing = 0;
-        thread_data->tstate_trace_function_set = 0;
     }
 }
 

@@ -15,7 +15,7 @@ from support import (
     TestCase, growth_of_references, has, import_tracer, line_of, needs, run_script,
 )
 from support.programs import python_path
-from support.tracing import Session, kDefaultImport
+from support.tracing import Log, Session, kDefaultImport
 
 kNever, kAlways, kUnhandled, kPrints, kPrintsToo = 0, 1, 2, 4, 5
 
@@ -413,6 +413,47 @@ class ModeTest(CatchInfoCase):
 
         self.assertNotIn("execusercustomize", self.stops(program))
 
+    kProbe = """
+def {name}():
+    sys.settrace(session.tracer.bootstrap_new_thread)
+    passes()
+    try:
+        raise ValueError(1)
+    except ValueError:
+        sys.settrace(None)
+    session.tracer.thread_exiting()
+    done.set()
+
+def outer():
+    {name}()
+"""
+
+    def probe(self, name, start):
+        """(What is reported, what the log says) of an exception in a function of that name, in a
+        thread that begins with the function `start`."""
+        done, log = threading.Event(), Log()
+        namespace = {"sys": sys, "session": self.session, "passes": lambda: None, "done": done}
+        exec(self.kProbe.format(name=name), namespace)
+
+        def program(stop):
+            _thread.start_new_thread(namespace[start], ())
+            done.wait()
+
+        self.session.stops, self.session.exception_mode = [], kAlways
+        self.session.init()
+        self.tracer.set_dprintf_file(log, -1, 0)
+        self.session.run(program)
+        self.tracer.set_dprintf_file(None, -1, 0)
+        return ([stop[1] for stop in self.session.stops if stop[1] == name],
+                [line for line in log.lines if "NOT STOPPING" in line])
+
+    def test_the_log_tells_of_ignored_probes(self):
+        hook, line = "path_hook_for_FileFinder", (
+            "  NOT STOPPING - single frame in path_hook_for_FileFinder\n")
+        self.assertEqual(self.probe(hook, hook), ([], [line]))
+        self.assertEqual(self.probe(hook, "outer"), ([hook], []))
+        self.assertEqual(self.probe("execusercustomize", "outer"), ([], [line]))  # the same line
+
 
 class BottomFrameTest(TestCase):
     """One exception that leaves the bottom frame is one stop there, on every version."""
@@ -572,6 +613,16 @@ raise ValueError(1)
             self.assertEqual([stop[:3] for stop in stops], [self.kBottom[:3], self.kQuit], parent)
 
 
+def wait_and_run(event):
+    """Whether the event comes; this thread goes on running meanwhile: in free-threaded builds what it
+    made and another thread lets go of dies in this one."""
+    for _ in range(3000):
+        if event.is_set():
+            return True
+        time.sleep(0.01)  # not wait(), which raises exceptions in itself
+    return False
+
+
 class StopTraceTest(TestCase):
     def test_bottom_frame_is_let_go_when_the_callback_ends_tracing(self):
         session = Session(exception_mode=kAlways)
@@ -597,7 +648,7 @@ class StopTraceTest(TestCase):
         session.init()
         session.tracer.start_trace()
         _thread.start_new_thread(bottom, (tLast(),))
-        self.assertIsNot(ended.wait(30), False)
+        self.assertTrue(wait_and_run(ended))
         self.assertIn(seen, ([], ["bottom"]))  # where nothing adopts the thread nothing is seen
 
 
@@ -630,7 +681,7 @@ class ThreadBottomTest(TestCase):
             sys.unraisablehook = lambda *_: None
         try:
             start_new_thread(bottom, (Last(),))
-            self.assertIsNot(ended.wait(30), False)
+            self.assertTrue(wait_and_run(ended))
         finally:
             sys.stderr = stderr
             session.tracer.stop_trace()

@@ -1,0 +1,138 @@
+"""Free-threaded builds: many threads traced at once, with the interpreter's lock on and off."""
+from __future__ import absolute_import, division, print_function
+
+import json
+import os
+import sys
+import threading
+
+from support import TestCase, needs, time_limit
+from support.programs import run_script
+from support.tracing import Session, ThreadSession, import_debuggee
+
+steps = import_debuggee("steps")
+kStress = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support", "threadstress.py")
+kRounds = 60
+
+
+def is_lock_on():
+    return getattr(sys, "_is_gil_enabled", lambda: True)()
+
+
+class Lock(TestCase):
+    @needs("free_threaded")
+    def test_importing_the_library_switches_it_on_unless_that_is_forbidden(self):
+        Session()
+        self.assertEqual(is_lock_on(), os.environ.get("PYTHON_GIL") != "0")
+
+
+class Threads(TestCase):
+    def test_a_call_of_the_server_does_not_keep_others_from_their_events(self):
+        """A callback that waits for another thread without ever leaving Python code to wait in."""
+        session = ThreadSession()
+        session.tracer.set_debug_all_threads(0)
+        reached = []
+
+        def target():
+            steps.add(1, 2)
+            reached.append(1)
+            sys.settrace(None)
+            session.tracer.thread_exiting()
+
+        thread = threading.Thread(target=target)
+
+        def in_stop(frame):
+            thread.start()
+            while not reached:
+                pass
+            thread.join()
+
+        def program(stop):
+            stop()
+            return steps.add(1, 2)
+
+        self.assertEqual(session.run(program, in_stop), 3)
+        self.assertEqual(reached, [1])
+
+    def test_an_import_does_not_keep_others_from_their_events(self):
+        session = ThreadSession()
+        reached = []
+
+        def target():
+            steps.add(1, 2)
+            reached.append(1)
+            sys.settrace(None)
+            session.tracer.thread_exiting()
+
+        def imports(*_, **__):
+            thread.start()
+            while not reached:
+                pass
+            return sys
+
+        thread = threading.Thread(target=target)
+        tracer = session.tracer
+        builtins = sys.modules.get("builtins") or sys.modules["__builtin__"]
+        real = builtins.__import__
+
+        def program(stop):
+            tracer.init(0.0, 0, session.thread_hooks_cb, session.checksum_cb, session.idle_cb,
+                        session.line_cb, session.return_cb, session.exception_cb, session.quit_cb,
+                        None, imports, {})
+            tracer.__import__("anything")
+
+        try:
+            session.run(program)
+        finally:
+            builtins.__import__ = real
+        thread.join()
+        self.assertEqual(reached, [1])
+
+    def test_the_list_of_threads_holds_the_living(self):
+        session = ThreadSession()
+        ready, go = threading.Event(), threading.Event()
+        ids = []
+
+        def target():
+            ids.append(session.tracer.get_current_tstate_id())
+            ready.set()
+            go.wait()
+            steps.add(1, 2)
+
+        thread = threading.Thread(target=target)
+        tracer = session.tracer
+
+        def program(stop):
+            thread.start()
+            ready.wait()
+            during = tracer.get_threads()
+            tracer.get_curr_frame(ids[0])
+            go.set()
+            thread.join()
+            return during
+
+        during = session.run(program)
+        self.assertIn(ids[0], during)
+        self.assertIn(tracer.get_current_tstate_id(), during)
+        while thread.ident in sys._current_frames():
+            pass
+        self.assertNotIn(ids[0], tracer.get_threads())
+        self.assertRaises(IndexError, tracer.get_curr_frame, ids[0])
+
+
+class Stress(TestCase):
+    @needs("free_threaded")
+    @time_limit(300)
+    def test_eight_threads_at_once(self):
+        ended = run_script(kStress, str(kRounds), seconds=250)
+        self.assertEqual(ended.status, 0, ended)
+        counts = json.loads(ended.out.splitlines()[-1])
+        self.assertEqual(counts["overlaps"], 0)
+        self.assertGreaterEqual(counts["threads"], 8)
+        self.assertGreater(counts["stops"], 100)
+        self.assertEqual(counts["free"], os.environ.get("PYTHON_GIL") == "0")
+
+
+if __name__ == "__main__":
+    import unittest
+    unittest.main()
