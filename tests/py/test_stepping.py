@@ -560,6 +560,30 @@ called()
         ended = run_script(path, env={"PYTHONPATH": python_path()})
         self.assertEqual((ended.status, ended.out, ended.err), (0, "", ""))
 
+    def stops_to_the_end(self, script):
+        path = self.make_file("ends.py", self.kHead.format(autoquit=1) + """
+import atexit
+atexit.register(report)
+def quit():
+    session.stops.append("quit")
+    session.tracer.stop_trace()
+session.quit_cb = quit
+session.init()
+session.script = {!r}
+session.tracer.start_trace()
+session.tracer.stop()
+last = 1  #@ last
+""".format(script))
+        ended = run_script(path, env={"PYTHONPATH": python_path()})
+        self.assertEqual((ended.status, ended.err), (0, ""), ended)
+        return eval(ended.out)
+
+    def test_a_stop_at_its_return_does_not_quit(self):
+        line = ("line", "<module>", "last")
+        self.assertEqual(self.stops_to_the_end(["continue_run"]), [line, "quit"])
+        self.assertEqual(self.stops_to_the_end(["step_into", "continue_run"]),
+                         [line, ("return", "<module>", "last", None)])
+
     def test_leaving_it_by_an_exception_quits(self):
         path = self.make_file("raises.py", self.kHead.format(autoquit=1) + """
 def quit():

@@ -50,6 +50,16 @@ def place_of(frame, line=None):
     return names[0] if names else line
 
 
+class Log(object):
+    """A file for set_dprintf_file()."""
+
+    def __init__(self):
+        self.lines = []
+
+    def write(self, text):
+        self.lines.append(text)
+
+
 class Session(object):
     """The callbacks may be replaced by methods of a subclass or by attributes before init()."""
 
