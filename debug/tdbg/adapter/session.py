@@ -703,11 +703,11 @@ class tSession:
             self._finish(None)
 
     def _terminate(self, request):
-        if self._state in (kInitialized, kEnded):
+        if self._state == kEnded:
+            return self._respond(request)  # some clients ask when they are told that it has ended
+        if self._state == kInitialized or self._program is None and self._debuggee is None:
             return self._fail(request, "there is no program")
         if self._program is None:
-            if self._debuggee is None:
-                return self._fail(request, "there is no program")
             return self._relay(request)
         self._respond(request)
         self._end_program(self._config.kill_timeout)
