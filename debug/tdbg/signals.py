@@ -15,14 +15,23 @@ kFirstNap, kLongestNap = 0.0002, 0.005  # 2.7 has no timed wait
 
 
 class tSignal(object):
-    """One thread waits until another has called set(); the wait takes the signal away."""
+    """One thread waits until another has called set(); the wait takes the signal away.
+
+    The wait may end without a signal after an exception of a signal handler: whoever waits looks
+    for what there is to do.
+    """
 
     def __init__(self):
         self._lock = compat.allocate_lock()
         self._lock.acquire()
+        # Empty while it is set.  The lock is released once per signal: from 3.13 on a released lock
+        # may still be on its way to the one who waits, and is not to be released again there.
+        self._unset = {0: True}
 
     def set(self):
         """Also when it is set already."""
+        if self._unset.pop(0, None) is None:
+            return
         try:
             self._lock.release()
         except Exception:
@@ -30,11 +39,20 @@ class tSignal(object):
 
     def wait(self, seconds=None):
         """False when the time is over.  An exception of a signal handler leaves it as it was."""
-        if seconds is None:
+        if not self._unset:
+            # It is set, or an exception came between the two last steps below.
+            self._lock.acquire(False)
+        elif seconds is None:
             self._lock.acquire()
-            return True
-        if not compat.PY2:
-            return self._lock.acquire(True, max(seconds, 0))
+        elif not compat.PY2:
+            if not self._lock.acquire(True, max(seconds, 0)):
+                return False
+        elif not self._wait_2(seconds):
+            return False
+        self._unset[0] = True
+        return True
+
+    def _wait_2(self, seconds):
         end = _now() + seconds
         nap = kFirstNap
         while not self._lock.acquire(False):

@@ -266,6 +266,8 @@ class tWorker(object):
         while True:
             self._signal.wait()
             task, self._task = self._task, None
+            if task is None:
+                continue
             task.execute()
             task = None
             self._executor.worker_is_free(self)
