@@ -112,7 +112,8 @@ static void create_core() {
 static bool serve_this_interpreter() {
     PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
     PyObject* const modules = gPy.PySys_GetObject("modules");
-    if (gOwnerModules != nullptr && gOwnerModules != modules) {
+    // None at all, where the program took them away, tells nothing.
+    if (modules != nullptr && gOwnerModules != nullptr && gOwnerModules != modules) {
         if (interp == gOwner || !is_alive(gOwner)) {
             begin_new_life();
             create_core();
@@ -126,8 +127,20 @@ static bool serve_this_interpreter() {
     }
     update_interpreter_lock();
     gOwner = interp;
-    set_owned(&gOwnerModules, new_ref(modules));
+    if (modules != nullptr) {
+        set_owned(&gOwnerModules, new_ref(modules));
+    }
     return true;
+}
+
+// The import goes on without the core when there is no memory for it. False with an exception set
+// when there still is none.
+static bool make_sure_of_core() {
+    if (gSelf.file_ops_data != nullptr || init_tracercore() == 0) {
+        return true;
+    }
+    gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
+    return false;
 }
 
 // A subinterpreter that imports the module gets one of its own, without a call of ours.
@@ -179,7 +192,7 @@ PyObject* _tracer_init(PyObject* /*self*/, PyObject* args) {
                               &o[kDefaultImport],
                               &o[kInternalModules]) ||
         !check_init_objects(o) || !serve_this_interpreter() ||
-        !init_core(idle_period, exception_mode, o)) {
+        !make_sure_of_core() || !init_core(idle_period, exception_mode, o)) {
         return nullptr;
     }
     gInitialized = true;

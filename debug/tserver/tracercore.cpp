@@ -44,14 +44,11 @@ void forget_ended_interpreter() {
 int init_tracercore() {
     DPRINTF(kLogCore, "In init_tracercore()\n");
     gSelf.file_ops_data = create_file_ops_data(&gUnsafeGlobalDPData);
-    if (gSelf.file_ops_data == nullptr) {
-        return -1;
-    }
     InitCOPathnameTable(&gSelf.co_pathname_table, gSelf.file_ops_data);
     init_tables();
     gSelf.mutex = allocate_thread_mutex();
     gSelf.mutex_thread_id = -1;
-    return 0;
+    return gSelf.file_ops_data != nullptr ? 0 : -1;  // all else is there, and is empty
 }
 
 // ---- The import hook ----

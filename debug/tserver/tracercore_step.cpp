@@ -147,14 +147,23 @@ static PyObject* start_step(tThreadData* thread_data, const tStep& step) {
     return finish_command(thread_data);
 }
 
-PyObject* _tracer_stop(PyObject* /*self*/, PyObject* /*args*/) {
+// Null with an exception set when there is no memory for a record.
+static tThreadData* own_record_or_raise() {
     tThreadData* const thread_data = current_thread_data();
+    if (thread_data == nullptr && gPy.PyErr_Occurred() == nullptr) {
+        gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
+    }
+    return thread_data;
+}
+
+PyObject* _tracer_stop(PyObject* /*self*/, PyObject* /*args*/) {
+    tThreadData* const thread_data = own_record_or_raise();
     return thread_data == nullptr ? nullptr
                                   : start_step(thread_data, {new_none_frame(), nullptr, -1, -1, 0});
 }
 
 PyObject* _tracer_continue_run(PyObject* /*self*/, PyObject* /*args*/) {
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     return thread_data == nullptr ? nullptr
                                   : start_step(thread_data, {nullptr, new_none_frame(), -1, -1, 0});
 }
@@ -163,6 +172,7 @@ PyObject* _tracer_step_into(PyObject* /*self*/, PyObject* args) {
     if (!gPy.PyArg_ParseTuple(args, ":step_into")) {
         return nullptr;
     }
+    // deliberate: without a record the caller gets no exception of ours
     tThreadData* const thread_data = current_thread_data();
     return thread_data == nullptr
                ? nullptr
@@ -176,12 +186,12 @@ static PyObject* step_over_lines(tThreadData* thread_data, int first_line, int l
 }
 
 PyObject* _tracer_step_over(PyObject* /*self*/, PyObject* /*args*/) {
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     return thread_data == nullptr ? nullptr : step_over_lines(thread_data, -1, -1);
 }
 
 PyObject* _tracer_step_over_line(PyObject* /*self*/, PyObject* /*args*/) {
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     if (thread_data == nullptr) {
         return nullptr;
     }
@@ -196,7 +206,7 @@ PyObject* _tracer_step_over_line_range(PyObject* /*self*/, PyObject* args) {
     if (!gPy.PyArg_ParseTuple(args, "ii", &first_line, &last_line)) {
         return nullptr;
     }
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     return thread_data == nullptr ? nullptr : step_over_lines(thread_data, first_line, last_line);
 }
 
@@ -226,7 +236,7 @@ static PyFrameObject* get_step_out_frame(tThreadData* thread_data, PyFrameObject
 }
 
 PyObject* _tracer_step_out(PyObject* /*self*/, PyObject* /*args*/) {
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     if (thread_data == nullptr) {
         return nullptr;
     }
@@ -248,7 +258,7 @@ PyObject* _tracer_step_out_to_frame(PyObject* /*self*/, PyObject* args) {
         gPy.PyErr_SetString(gPy.PyExc_TypeError, "step_out_to_frame needs a frame object");
         return nullptr;
     }
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     if (thread_data == nullptr) {
         return nullptr;
     }
@@ -325,7 +335,7 @@ PyObject* _tracer_is_botframe(PyObject* /*self*/, PyObject* args) {
     if (frame == nullptr) {
         return nullptr;
     }
-    tThreadData* const thread_data = current_thread_data();
+    tThreadData* const thread_data = own_record_or_raise();
     return thread_data == nullptr ? nullptr : new_int(frame == thread_data->bot_frame);
 }
 

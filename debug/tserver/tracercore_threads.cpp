@@ -181,7 +181,7 @@ PyObject* _tracer_bootstrap_new_thread(PyObject* self, PyObject* args) {
     tThreadData* const thread_data = current_thread_data();
     tHeldThreadData held(thread_data);
     if (thread_data == nullptr) {
-        return nullptr;
+        return gPy.PyErr_Occurred() != nullptr ? nullptr : gPy.PyErr_NoMemory();
     }
     if (gSelf.trace_function == nullptr) {
         return new_ref(gPy.Py_None);

@@ -79,8 +79,9 @@ constexpr tManners kManners[] = {
     {"_Py_IsFinalizing", kNeverFails},
     {"_PyInterpreterState_GetEvalFrameFunc", kNeverFails},
     {"PyDict_Next", kNeverFails},
-    {"PyList_Size", kNeverFails},  // only of what is no list; these two are asked of the type first
+    {"PyList_Size", kNeverFails},  // only for what is no list: the library looks at the type first
     {"PyTuple_Size", kNeverFails},
+    {"PyTuple_GetItem", kNeverFails},  // and at the length, which for a list may change meanwhile
     {"PyFrame_GetBack", kNeverFails},  // null is the outermost frame's answer, and another program
     {"PyThreadState_GetFrame", kNeverFails},
     {"PyFrame_GetGenerator", kNull},

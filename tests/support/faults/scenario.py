@@ -325,7 +325,7 @@ def use_generator(stop):
     return steps.consumes(stop)
 
 
-def program(server):
+def program(server, imports):
     """Everything once; commands are given at the stops."""
     into, over, out = "step_into", "step_over", "step_out"
     stop = server.stop_there
@@ -334,7 +334,8 @@ def program(server):
     server.part(steps.loops, stop(["step_over_line", ("step_over_line_range", 1, 400), over]), gives=1)
     server.part(steps.consumes, stop([over] * 6), gives=3)
     server.part(run_module_code, gives=1)
-    server.part(import_anew, gives=("family", "family.sibling"))
+    if imports:
+        server.part(import_anew, gives=("family", "family.sibling"))
     server.part(steps.catches_below, stop([over, over, over, over]), gives="caught")
     server.part(caught_by_caller, gives=("at the bottom",))
     server.part(with_finally, [], gives=["finally", "except"])
@@ -370,7 +371,7 @@ def run(tracer, log=False):
         server.attempt("set_use_eval_frame", 1)
         server.start()
         try:
-            program(server)
+            program(server, imports=mode == 5)
         except MemoryError:  # between two parts
             server.raised.append("program")
         finally:
@@ -397,7 +398,6 @@ def run_again(tracer):
     tracer.set_break(steps.__file__, "", kLines + 3, 1, 0, None, 0)
     server.start()
     server.part(steps.calls, server.stop_there(["step_into", "step_over", "step_out"]), gives=10)
-    server.part(import_anew, gives=("family", "family.sibling"))
     tracer.stop_trace()
     held = tracer.is_dbgserver_mutex_held()
     tracer.destroy()

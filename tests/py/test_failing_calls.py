@@ -1,0 +1,156 @@
+"""Every call that the library makes into the interpreter and every allocation, made to fail in turn.
+
+The session is tests/support/faults/scenario.py; what must hold is told there.  All calls are tried
+under one interpreter, elsewhere a share of them, another one under each.
+"""
+from __future__ import absolute_import, division, print_function
+
+import sys
+import unittest
+
+from support import TestCase, has, import_tracer, needs, once, time_limit
+from support.faults import Faults, scenario
+
+kShare = 16  # elsewhere one of so many calls is tried
+kBlocksMore = 6  # names that a run may have come to know and the one without failures not
+kReached = 0.9  # of the runs: what depends on the clock may not come to its n-th call
+
+
+class Logged(object):
+    def __init__(self, log):
+        self.log = log
+
+    def __call__(self, faults):
+        """The session with faults, one without, and what is left of both."""
+        tracer = import_tracer()
+        report = scenario.run(tracer, self.log)
+        faults.stop()
+        report["failed"] = faults.failed
+        report["again"], report["after"] = scenario.run_again(tracer)
+        report["blocks"] = faults.native.faults_count_of_blocks()
+        return report
+
+
+def find_troubles(outcome, expected):
+    if outcome.why:
+        return [outcome.why]
+    report = outcome.result
+    troubles = report["troubles"] + report["again"]
+    if report["after"] != expected["after"]:
+        troubles.append("stops afterwards: {}".format(report["after"]))
+    if report["blocks"] > expected["blocks"] + kBlocksMore:
+        troubles.append("{} blocks, not {}".format(report["blocks"], expected["blocks"]))
+    return troubles
+
+
+class FailingCase(TestCase):
+    def assert_good(self, report):
+        self.assertEqual((report["troubles"], report["raised"], report["again"]), ([], [], []))
+        self.assertIn(["line", "calls", scenario.kLines + 3], report["after"])
+        self.assertGreater(len(report["stops"]), 60)
+
+    def fail_each(self, faults, work, expected, attempts):
+        """attempts: (what to call it, arguments of Faults.run)"""
+        reached, wrong = 0, []
+        for name, arguments in attempts:
+            outcome = faults.run(work, **arguments)
+            troubles = find_troubles(outcome, expected)
+            if troubles:
+                wrong.append("{}: {}".format(name, "\n".join(troubles)))
+            reached += bool(outcome.result and outcome.result["failed"])
+        self.assertEqual(wrong, [])
+        self.assertGreater(len(attempts), 0)
+        self.assertGreaterEqual(reached, int(kReached * len(attempts)))
+
+    def fail_calls(self, log, number=0, parts=1):
+        faults, work = Faults(), Logged(log)
+        expected, places, _ = faults.learn(work)
+        self.assert_good(expected)
+        self.assertGreater(len(places), 500)
+        attempts = [
+            ("{0.name} at {1}, call {2} of {0.calls}".format(place, " < ".join(place.road), call),
+             {"place": place, "at": call})
+            for place in places for call in sorted({1, place.calls})]
+        self.fail_each(faults, work, expected, attempts[number::parts])
+
+
+def number_of_interpreter():
+    return sys.version_info[1] * 5 + has("32bit") * 2 + has("total_refcount")
+
+
+@needs("fork")
+class FailingCalls(FailingCase):
+    @time_limit(150)
+    def test_a_share_of_the_calls(self):
+        self.fail_calls(False, number_of_interpreter() % kShare, kShare)
+
+    @time_limit(150)
+    def test_a_share_of_the_calls_while_logging(self):
+        self.fail_calls(True, number_of_interpreter() % (3 * kShare), 3 * kShare)
+
+    @time_limit(150)
+    def test_a_share_of_the_allocations(self):
+        self.fail_allocations(4)
+
+    def fail_allocations(self, parts):
+        faults, work = Faults(), Logged(False)
+        expected, _, count = faults.learn(work)
+        self.assert_good(expected)
+        self.assertGreater(count, 60)
+        number = number_of_interpreter() % parts
+        self.fail_each(faults, work, expected, [
+            ("allocation {}".format(at), {"allocation": True, "at": at})
+            for at in range(1 + number, count + 1, parts)])
+
+    def test_no_allocation_succeeds_for_a_while(self):
+        faults, work = Faults(), Logged(False)
+        expected, _, count = faults.learn(work)
+        self.fail_each(faults, work, expected, [
+            ("allocations from {}".format(at), {"allocation": True, "at": at, "count": 20})
+            for at in range(1, count, 20)])
+
+    def test_allocations_of_the_import(self):
+        """Each may end the import with an exception; the next one works."""
+        def work(faults):
+            try:
+                imported = import_tracer()
+            except (ImportError, MemoryError, SystemError) as why:
+                imported = None
+            faults.stop()
+            sys.modules.pop("tdbgtracer", None)
+            again, after = scenario.run_again(import_tracer())
+            return {"imported": imported is not None, "again": again, "after": after,
+                    "failed": faults.failed}
+
+        faults = Faults(before_import=True)
+        expected, _, count = faults.learn(work)
+        self.assertEqual((expected["imported"], expected["again"]), (True, []))
+        for at in range(1, count + 1):
+            outcome = faults.run(work, allocation=True, at=at)
+            self.assertIsNone(outcome.why, at)
+            self.assertEqual((outcome.result["again"], outcome.result["after"]),
+                             ([], expected["after"]), at)
+
+
+@needs("fork")
+@once
+class AllCalls(FailingCase):
+    kParts = 6
+
+    def fail_part(self, number):
+        self.fail_calls(False, number, self.kParts)
+
+
+def _add_parts():
+    for number in range(AllCalls.kParts):
+        def test(self, number=number):
+            self.fail_part(number)
+
+        setattr(AllCalls, "test_part_{}".format(number + 1), time_limit(300)(test))
+
+
+_add_parts()
+
+
+if __name__ == "__main__":
+    unittest.main()
