@@ -269,6 +269,7 @@ int __tracer_set_break(tBpOpsData* data,
         return -1;
     }
     const int id = bp->id;
+    // deliberate: a second one of the same file and line is added, nothing is updated in place
     if (!__tracer_add_userbp(data, bp)) {
         __tracer_del_userbp(data, bp);
         __tracer_free_bp(data, bp);
@@ -439,8 +440,11 @@ static PyObject* new_list_of(const tHeldBps& held, bool all_held, Describe descr
     return ok ? list.give_away() : fail_for_memory();
 }
 
-static PyObject* new_break_tuple(const tBp* bp) {
-    return new_tuple({new_int(bp->id),
+// New tuple: the leading items, which it steals, and what every list tells of a breakpoint.
+template <class... tItems>
+static PyObject* new_bp_tuple(const tBp* bp, tItems... leading) {
+    return new_tuple({leading...,
+                      new_int(bp->id),
                       new_int(bp->enabled),
                       new_int(bp->temporary),
                       new_text_or_none(bp->cond),
@@ -448,14 +452,16 @@ static PyObject* new_break_tuple(const tBp* bp) {
                       new_int(bp->hit_count)});
 }
 
+static PyObject* new_break_tuple(const tBp* bp) {
+    return new_bp_tuple(bp);
+}
+
 static PyObject* new_file_break_tuple(const tBp* bp) {
-    return new_tuple({new_int(bp->lineno),
-                      new_int(bp->id),
-                      new_int(bp->enabled),
-                      new_int(bp->temporary),
-                      new_text_or_none(bp->cond),
-                      new_int(bp->ignore_count),
-                      new_int(bp->hit_count)});
+    return new_bp_tuple(bp, new_int(bp->lineno));
+}
+
+static PyObject* new_changed_tuple(const tBp* bp) {
+    return new_bp_tuple(bp, new_native_string(bp->user_filename), new_int(bp->lineno));
 }
 
 PyObject* __tracer_get_breaks(tBpOpsData* data, const char* filename, int lineno) {
@@ -475,17 +481,6 @@ PyObject* __tracer_get_file_breaks(tBpOpsData* data, const char* filename) {
         all_held = hold_matches(data, filename, lineno, &held);
     }
     return new_list_of(held, all_held, new_file_break_tuple);
-}
-
-static PyObject* new_changed_tuple(const tBp* bp) {
-    return new_tuple({new_native_string(bp->user_filename),
-                      new_int(bp->lineno),
-                      new_int(bp->id),
-                      new_int(bp->enabled),
-                      new_int(bp->temporary),
-                      new_text_or_none(bp->cond),
-                      new_int(bp->ignore_count),
-                      new_int(bp->hit_count)});
 }
 
 // The server has been told of these. Others may have joined the list while it was.
