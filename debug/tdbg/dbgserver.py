@@ -208,12 +208,16 @@ class tServer(object):
             return self._resume_in(_callers(stop, stop.frame))
         if stop.reason == stops.kReturn:
             return self.leave(stop.frame)
+        if stop.is_within_line:
+            return self._resume(
+                kAskedNext, stop.frame, self.core.step_out_to_frame, stop.frame)
         self._resume(kAskedNext, stop.frame, self.core.step_over_line)
 
     def run_to_line(self, line, frame=None):
         """Stop in the frame at a line greater than or equal to this one, or at its end."""
         stop = self._current_stop()
-        if self.is_over(stop) or stop.reason == stops.kReturn or _is_caller(frame, stop.frame) or (
+        if self.is_over(stop) or stop.reason == stops.kReturn or stop.is_within_line or _is_caller(
+                frame, stop.frame) or (
                 sublanguages.is_view(frame) and frame is not stop.frame):
             return self.step_over(frame)
         if sublanguages.is_view(stop.frame):
@@ -227,7 +231,9 @@ class tServer(object):
             return self.continue_run()
         if sublanguages.is_view(frame) or (frame is None and sublanguages.is_view(stop.frame)):
             return self._resume_in(_callers(stop, frame or stop.frame)[:-1])
-        if _is_caller(frame, stop.frame):
+        if stop.is_within_line and frame is None:
+            frame = stop.frame
+        if stop.is_within_line or _is_caller(frame, stop.frame):
             # The core waits for the return of the frame that it is in: go there first.
             self._resume(kAskedNext, frame, self.core.step_out_to_frame, frame)
             self._goals[_get_ident()] = frame
@@ -246,6 +252,24 @@ class tServer(object):
         self._places[_get_ident()] = id(kAnywhere)
         self.languages.plan_anywhere(_get_ident())
         self.core.stop()
+
+    def pause_here(self, frame):
+        """Stop the calling thread where it is: in the context of a signal handler, which the
+        interpreter calls also while the frame waits in native code.  The wait goes on afterwards.
+
+        False when the frame is none of the program's: then pause() stops at the next line.
+        """
+        if not self._entered or self.current_stop() is not None or self.is_hidden(frame):
+            return False
+        if not self.core.acquire_dbgserver_mutex():  # what runs now is not traced
+            return False
+        try:
+            stop = self._make_stop(stops.kPause, frame)
+            stop.is_within_line = True
+            self._present(stop)
+        finally:
+            self.core.release_dbgserver_mutex()
+        return True
 
     def steer(self, stepper, asked, place, command, *args):
         """Go on with a command of the core; the stepper tells where the step of the thread ends.

@@ -18,9 +18,15 @@ _real_handler = compat.signal.default_int_handler
 _kInterrupt = compat.signal.SIGINT
 kName = "default_int_handler"
 
+# What has come of a pause.
+kPending = "pending"  # the program will stop at its next line
+kStopped = "stopped"  # it was stopped, and may go on
+kRaise = "raise"      # it may go on with KeyboardInterrupt, as without a debugger
+
 
 class tInterrupts(object):
-    """pause: called in the main thread, in the context of the signal handler."""
+    """pause(frame): called in the main thread, in the context of the signal handler that has
+    interrupted the frame; says what has come of it, one of the constants above."""
 
     def __init__(self, pause):
         self._pause = pause
@@ -56,8 +62,16 @@ class tInterrupts(object):
                 return _real_handler(number, frame)
             # A second one before the stop interrupts what blocks the program, as without us.
             _set_signal(_kInterrupt, _real_handler)
-            self._pause()
+            outcome = self._pause(frame)
+            if outcome != kPending:
+                self._take_again()
+            if outcome == kRaise:
+                return _real_handler(number, frame)
         return default_int_handler
+
+    def _take_again(self):
+        if _get_signal(_kInterrupt) is _real_handler and compat.signal.default_int_handler is self._handler:
+            _set_signal(_kInterrupt, self._handler)
 
     def begin_prompt(self):
         """While the user is asked, Ctrl-C is for the prompt: it raises KeyboardInterrupt there.

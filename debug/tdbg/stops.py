@@ -43,10 +43,11 @@ class tStop(object):
     stack     [(frame, line)], the outermost first; frames of the debugger are left out.  A frame may
               be a sublanguages.tFrameView: code of a language that the program implements
     index     position in `stack` of the frame to show first
+    is_within_line  the frame is in the middle of its line: it waits in native code, perhaps
     """
 
     __slots__ = ("thread", "reason", "frame", "value", "exc_info", "stack", "index", "hits",
-                 "catcher")
+                 "catcher", "is_within_line")
 
     def __init__(self, thread, reason, frame, stack, index, value=None, exc_info=None, hits=(),
                  catcher=None):
@@ -55,6 +56,7 @@ class tStop(object):
         self.value, self.exc_info = value, exc_info
         self.hits = hits
         self.catcher = catcher
+        self.is_within_line = False
 
 
 def collect_stack(frame, traceback, without_hidden):

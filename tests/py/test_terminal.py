@@ -630,22 +630,69 @@ sys.stdout.write(spin(1))
             terminal.interrupt()
             self.assertIn("--Interrupted--", terminal.expect(PROMPT))
 
-    def test_second_interrupt_reaches_a_blocked_program(self):
-        source = ("import os, sys\nr, w = os.pipe()\ntry:\n    os.write(1, b'waiting\\n'); os.read(r, 1)\n"
-                  "except KeyboardInterrupt:\n    print('got it')\n")
+    BLOCKED = ("import os, sys\nr, w = os.pipe()\ndef wait(what):\n    os.write(1, b'waiting\\n')\n"
+               "    return what()\ntry:\n    wait(lambda: os.read(r, 1))\n    print('on')\n"
+               "except KeyboardInterrupt:\n    print('got it')\n")
+
+    def interrupt_blocked(self, source):
         terminal = self.debug(source)
         terminal.start()
         terminal.send_line("c")
         terminal.expect("waiting\n")
         terminal.wait_until_blocked()
         terminal.interrupt()
-        terminal.expect("Ctrl-C again")
-        if not has("python2"):  # there the call does not go on after the first one
+        return terminal, terminal.expect(PROMPT)
+
+    def test_interrupt_stops_in_a_call_that_waits(self):
+        terminal, out = self.interrupt_blocked(self.BLOCKED)
+        self.assertIn("--Interrupted--", out)
+        self.assertIn("{}(7)<lambda>()".format(self.path), out)
+        self.assertIn("{}(5)wait()".format(self.path), terminal.command("w"))
+        terminal.command("!os.write(w, b'x')")
+        if has("python2"):  # the call ends with an error when a signal comes
+            terminal.send_line("c")
+            self.assertIn("OSError", terminal.expect(PROMPT))
+            return
+        self.assertIn("--Return--", terminal.command("n"))
+        terminal.command("tbreak 8")
+        self.assertIn("{}(8)<module>()".format(self.path), terminal.command("c"))
+
+    def test_step_out_of_a_call_that_waits(self):
+        terminal, _ = self.interrupt_blocked(self.BLOCKED)
+        if not has("python2"):
+            terminal.command("!os.write(w, b'x')")
+            self.assertIn("--Return--", terminal.command("r"))
+            terminal.send_line("c")
+            self.assertEqual(terminal.wait(), 0)
+            self.assertIn("on\n", terminal.rest())
+
+    def test_interrupts_again_and_again_in_a_sleep(self):
+        source = ("import os, time\ndone = 0\nwhile done < 3:\n    os.write(1, b'waiting\\n')\n    try:\n"
+                  "        time.sleep(3600)\n    except KeyboardInterrupt:\n        done += 1\n")
+        terminal, out = self.interrupt_blocked(source)
+        for _ in range(2):
+            self.assertIn("{}(6)<module>()".format(self.path), out)
+            terminal.send_line("interrupt")
+            terminal.expect("waiting\n")
+            terminal.wait_until_blocked()
             terminal.interrupt()
-        terminal.expect(PROMPT)
-        terminal.send_line("c")
-        terminal.wait()
-        self.assertIn("OSError" if has("python2") else "got it", terminal.rest())
+            out = terminal.expect(PROMPT)
+        terminal.send_line("interrupt")
+        self.assertEqual(terminal.wait(), 0)
+
+    def test_interrupt_command_reaches_a_blocked_program(self):
+        terminal, _ = self.interrupt_blocked(self.BLOCKED)
+        terminal.send_line("interrupt")
+        self.assertEqual(terminal.wait(), 0)
+        self.assertIn("got it", terminal.rest())
+
+    def test_interrupt_command_at_a_line(self):
+        terminal = self.debug("try:\n    x = 1\n    y = 2\nexcept KeyboardInterrupt:\n    print('got it')\n")
+        terminal.start()
+        terminal.command("n")
+        terminal.send_line("interrupt")
+        self.assertEqual(terminal.wait(), 0)
+        self.assertIn("got it", terminal.rest())
 
     def test_own_handler_of_the_program_gets_the_signal(self):
         source = ("import os, signal, sys\ndef handler(number, frame):\n    os.write(1, b'handled\\n')\n"

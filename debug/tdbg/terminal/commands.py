@@ -29,6 +29,8 @@ kTable = [
     tCommand(("return", "r"), "", "Run to the end of this function and show what it returns.",
              "do_return"),
     tCommand(("continue", "cont", "c"), "", "Run on.", "do_continue"),
+    tCommand(("interrupt",), "", "Run on, with KeyboardInterrupt raised where the program is.",
+             "do_interrupt"),
     tCommand(("break", "b"), "[[FILE:]LINE | [FILE:]FUNCTION[, CONDITION]]", "Stop there; without "
              "arguments, show all breakpoints.", "do_break"),
     tCommand(("tbreak",), "[FILE:]LINE | [FILE:]FUNCTION[, CONDITION]", "Stop there once.",
@@ -128,6 +130,10 @@ class tCommands(breakcommands.tBreakCommands, catchcommands.tCatchCommands):
 
     def do_continue(self, text):
         self._terminal.server.continue_run()
+        return True
+
+    def do_interrupt(self, text):
+        self._terminal.interrupt()
         return True
 
     def do_restart(self, text):

@@ -5,7 +5,7 @@ import codeop
 import re
 
 from tdbg import breakpoints, compat, dbgserver, exceptions, interrupts, private, stops
-from tdbg.terminal import breakcommands, commands, completion, display, lineinput
+from tdbg.terminal import breakcommands, commands, completion, display, lineinput, startupfile
 
 kPrompt = "(Tdb) "
 kMorePrompt = "  ... "
@@ -35,9 +35,11 @@ class tTerminal(dbgserver.tFrontEnd):
         self._interrupts = None
         self._last_line = ""     # what an empty line repeats
         self._pending = []       # commands of the line still to run
+        self._notices = []       # of the start-up files
         self._last_thread = None
         self._ended = False      # the user has said that the program may end
         self._begun = False      # there has been a stop
+        self._raise_here = False  # the signal handler, which asks the user, is to raise
         self._post_mortem = False  # nothing stops before an uncaught exception
 
     def attach(self, server):
@@ -59,6 +61,8 @@ class tTerminal(dbgserver.tFrontEnd):
         self._post_mortem = settings.get("post_mortem", False)
         default = {"wanted": (exceptions.kUncaught,)} if self._post_mortem else {}
         self.server.exceptions.restore(settings.get("exceptions", default))
+        if "breakpoints" not in settings:  # a new run has what the commands have set
+            self._pending, self._notices = startupfile.read_all(self.program.cwd)
 
     @property
     def entry(self):
@@ -110,6 +114,8 @@ class tTerminal(dbgserver.tFrontEnd):
         if not silent:
             self.display.show_stop(stop, changed and not first)
             self._show_selected()
+        while self._notices:
+            self.on_notice(self._notices.pop(0))
         while not self._run_line():
             pass
 
@@ -149,7 +155,7 @@ class tTerminal(dbgserver.tFrontEnd):
     def _next_line(self):
         """Text of the next command; None at the end of the input."""
         if self._pending:
-            return self._pending.pop(0)
+            return self._next_pending()
         try:
             line = self.console.read_line(kPrompt, self._completer.complete).strip()
         except EOFError:
@@ -162,6 +168,18 @@ class tTerminal(dbgserver.tFrontEnd):
             parts = [part.strip() for part in line.split(kSeparator)]
             line, self._pending = parts[0], parts[1:]
         return line
+
+    def _next_pending(self):
+        line, colons, rest = self._pending.pop(0).partition(kSeparator)
+        if colons:
+            self._pending.insert(0, rest.strip())
+        return line.strip(" ")
+
+    def read_more(self, prompt):
+        """A line that belongs to the command at hand: what waits comes before the user's."""
+        if self._pending:
+            return self._next_pending()
+        return self.console.read_line(prompt)
 
     def _run_command(self, line):
         if not line:
@@ -196,11 +214,24 @@ class tTerminal(dbgserver.tFrontEnd):
         except (SyntaxError, ValueError, OverflowError):
             return False  # wrong rather than incomplete: executing it tells how
 
-    def _pause(self):
+    def _pause(self, frame):
         """Ctrl-C was typed while the program runs; in the context of a signal handler."""
-        self.server.pause()
-        # It may be long until then: the program may be waiting in native code.
-        self.console.write(u"\n[stops at the next line; Ctrl-C again raises KeyboardInterrupt]\n")
+        self.console.write(u"\n")
+        if not self.server.pause_here(frame):
+            self.server.pause()
+            self.console.write(u"[stops at the next line; Ctrl-C again raises KeyboardInterrupt]\n")
+            return interrupts.kPending
+        wanted, self._raise_here = self._raise_here, False
+        return interrupts.kRaise if wanted else interrupts.kStopped
+
+    def interrupt(self):
+        """Go on with KeyboardInterrupt raised where the program is."""
+        if self.server.is_over(self.stop):
+            raise commands.tUsage("the program is at its end")
+        self._raise_here = self.stop.is_within_line
+        if not self._raise_here:
+            self.server.core.raise_exception(0, KeyboardInterrupt())
+        self.server.continue_run()
 
     # --- ending ---
 
