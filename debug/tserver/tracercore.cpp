@@ -254,6 +254,7 @@ int __tracer_init(PyObject* module,
 
 // ---- reset, destroy, fork ----
 
+// deliberate: the callbacks, the trace function and the import hook stay; start_trace may follow.
 void __tracer_reset() {
     __tracer_stop_trace();
     DPRINTF(kLogCore, "RESET THREAD TABLE\n");
