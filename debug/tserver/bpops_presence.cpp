@@ -64,6 +64,10 @@ static tAnswer calculate_using_co_lnotab(tBpOpsData* data,
         return kFailed;
     }
     const int first_line = get_code_firstlineno(code);
+    if (first_line == -1 && gPy.PyErr_Occurred() != nullptr) {
+        log_failure("calculate_any_bps_using_co_lnotab failed\n");
+        return kFailed;
+    }
     const unsigned increments = get_line_increments();
     tAnswer answer = kNone;
     if ((increments & kUnsigned) != 0) {
@@ -159,10 +163,14 @@ static tAnswer calculate_any_bps(tBpOpsData* data, PyCodeObject* code, PyFrameOb
 
 static void log_question(PyCodeObject* code) {
     tOwnedRef name(get_code_name(code));
+    const Py_ssize_t first_line = get_code_firstlineno(code);
+    if (first_line == -1) {
+        gPy.PyErr_Clear();  // logged by now
+    }
     do_dprintf(kLogBreakpoints,
                "tracer_any_bps() called for name = %s, lineno = %zd\n",
                dprint_check_pystr(name.borrow()),
-               static_cast<Py_ssize_t>(get_code_firstlineno(code)));
+               first_line);
 }
 
 static int answer_and_keep(tBpOpsData* data, PyCodeObject* code, PyFrameObject* frame) {

@@ -17,7 +17,11 @@
 
 #include <type_traits>
 
+#include "libc_compat.h"
 #include "xpy_c_api.h"
+
+extern "C" int faults_dladdr(const void* address, Dl_info* info);
+LIBC_SYMBOL("faults_dladdr, dladdr", "GLIBC_2.2.5", "GLIBC_2.0");
 
 // The vector registers may hold arguments of a call that a thunk passes on.
 #pragma GCC target("general-regs-only")
@@ -253,9 +257,9 @@ bool is_to_fail(int point, uintptr_t caller, const uintptr_t* frame) {
 long raise_no_memory(long result) {
     using tSetString = void (*)(PyObject*, const char*);
     static const tSetString set_string =
-        reinterpret_cast<tSetString>(dlsym(RTLD_DEFAULT, "PyErr_SetString"));
+        reinterpret_cast<tSetString>(tdbg_dlsym(RTLD_DEFAULT, "PyErr_SetString"));
     static PyObject** const error =
-        static_cast<PyObject**>(dlsym(RTLD_DEFAULT, "PyExc_MemoryError"));
+        static_cast<PyObject**>(tdbg_dlsym(RTLD_DEFAULT, "PyExc_MemoryError"));
     set_string(*error, "injected");
     return result;
 }
@@ -273,7 +277,7 @@ int fail_with_null_result(PyObject*, PyObject*, PyObject** result) {
 
 int fail_and_drop_item(PyObject*, Py_ssize_t, PyObject* item) {
     using tDecRef = void (*)(PyObject*);
-    static const tDecRef drop = reinterpret_cast<tDecRef>(dlsym(RTLD_DEFAULT, "Py_DecRef"));
+    static const tDecRef drop = reinterpret_cast<tDecRef>(tdbg_dlsym(RTLD_DEFAULT, "Py_DecRef"));
     drop(item);
     return static_cast<int>(raise_no_memory(-1));
 }
@@ -537,7 +541,7 @@ void name_points() {
 // be counted. symbol: any address in the library. 0, or -1.
 FAULTS_API int faults_take_imports(void* symbol) {
     Dl_info info;
-    if (dladdr(symbol, &info) == 0) {
+    if (faults_dladdr(symbol, &info) == 0) {
         return -1;
     }
     tLibrary library = {reinterpret_cast<uintptr_t>(info.dli_fbase), nullptr};
