@@ -3,6 +3,7 @@
 frontend    stops in, commands out
 commands    the table of commands and what each does; those on breakpoints are in breakcommands
 display     how stops, source and values look
+startupfile  the user's commands for the first prompt
 lineinput   the user's terminal: reading lines with history and completion, writing
 completion  what Tab offers
 """

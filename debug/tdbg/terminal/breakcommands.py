@@ -155,7 +155,7 @@ class tBreakCommands(object):
         lines = []
         while True:
             try:
-                line = self._terminal.console.read_line(kListPrompt).strip()
+                line = self._terminal.read_more(kListPrompt).strip()
             except EOFError:
                 break
             if line == kEnd:
