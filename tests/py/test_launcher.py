@@ -139,6 +139,22 @@ class Launching(TestCase):
         self.assertIn("tdbg: the build failed; all of it is in ", done.err)
         self.assertIn("Error: nope", done.err)
 
+    def test_tree_that_was_moved_is_configured_anew(self):
+        tree = self.make_tree()
+        folder = os.path.join(tree, "build", str(BITS))
+        cache = os.path.join(folder, "CMakeCache.txt")
+        tools = self.make_dir()
+        for name in ("g++", "cmake", "make"):
+            os.chmod(self.make_file(name, "#!/bin/sh\nexit 0\n", tools), 0o755)
+        for home, is_kept in ((tree, True), (os.path.join(tree, "gone"), False)):
+            self.make_file("CMakeCache.txt", "A:STRING=b\nCMAKE_HOME_DIRECTORY:INTERNAL={}\n".format(home), folder)
+            os.remove(os.path.join(folder, "tdbg-built"))
+            done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "--build"],
+                               env={"PATH": tools + os.pathsep + os.environ["PATH"]})
+            self.assertEqual(done.status, 0, done)
+            self.assertEqual(os.path.exists(cache), is_kept, home)
+            self.assertTrue(os.path.exists(os.path.join(folder, "tdbg-built")), home)
+
     def test_missing_tools_are_named(self):
         tree = self.make_tree()
         os.remove(os.path.join(tree, "build", str(BITS), "tdbg-built"))
