@@ -2,7 +2,7 @@
 
   ./tdbg examples/bank.py
 
-`continue` runs into the uncaught exception: look around with `where`, `up` and `p account`.
+`continue` runs into the uncaught exception: look around with `where`, `up` and `p source`.
 """
 from __future__ import print_function
 
@@ -56,7 +56,8 @@ def transfer(source, target, amount):
     try:
         target.deposit(amount)
     except ValueError:
-        source.deposit(amount)
+        source.history.pop()
+        source._balance += amount
         raise
 
 
