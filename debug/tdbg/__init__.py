@@ -59,6 +59,8 @@ def pm():
     postmortem.pm()
 
 
+__version__ = "1.0.0"
+
 current_server = None  # dbgserver.tServer at work in this process
 
 def listen(*args, **options):

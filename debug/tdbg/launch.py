@@ -6,6 +6,7 @@ its ordinary argument; see startup/sitecustomize.py for the rest.
 from __future__ import absolute_import, division, print_function
 
 import errno
+import glob
 import os
 import subprocess
 import sys
@@ -32,6 +33,7 @@ a port); `serve` runs a program that an editor can attach to (`tdbg serve --help
   -m MODULE    run a module as `python -m` does
   -c CODE      run this text
   -h, --help   this text
+  --version    the version of the debugger
 """
 
 
@@ -39,8 +41,23 @@ class tRefused(Exception):
     """The program cannot be started; the text is one line for the user."""
 
 
+def run():
+    """The installed command."""
+    sys.exit(main(sys.argv[1:], os.path.dirname(os.path.abspath(__file__))))
+
+
 def main(argv, package_folder):
     """Run the command line; returns the exit status when there is nothing to debug."""
+    try:
+        argv = switch_interpreter(argv, package_folder)
+    except tRefused as why:
+        sys.stderr.write("tdbg: {}\n".format(compat.to_native(compat.to_text(str(why)))))
+        return kUsageStatus
+    if argv[:1] == ["--version"]:
+        from tdbg import __version__
+
+        sys.stdout.write("tdbg {}\n".format(__version__))
+        return 0
     command = command_of(argv)
     if command is not None:
         return command(package_folder)
@@ -53,6 +70,41 @@ def main(argv, package_folder):
     except (tRefused, nativelib.tNoLibrary) as why:
         sys.stderr.write("tdbg: {}\n".format(compat.to_native(compat.to_text(str(why)))))
         return kUsageStatus
+
+
+def switch_interpreter(argv, package_folder):
+    """Become the interpreter that --python names; without it, the rest of the command line."""
+    word, equals, value = argv[0].partition("=") if argv else ("", "", "")
+    if word != "--python":
+        return argv
+    if not equals and len(argv) < 2:
+        raise tRefused("--python needs a version or a path")
+    wanted, rest = (value, argv[1:]) if equals else (argv[1], argv[2:])
+    python = find_python(wanted)
+    execute([python, os.path.join(package_folder, "__main__.py")] + rest, dict(os.environ))
+
+
+def find_python(wanted):
+    """Path of the interpreter that the user means by a version, a name or a path."""
+    if os.sep in wanted:
+        return wanted
+    names = ["python" + wanted, wanted] if wanted[:1].isdigit() else [wanted]
+    for name in names:
+        for folder in os.environ.get("PATH", os.defpath).split(os.pathsep):
+            path = os.path.join(folder, name)
+            if os.access(path, os.X_OK) and not os.path.isdir(path) and runs(path):
+                return path
+    for root in (os.environ.get("PYENV_ROOT", ""), os.path.expanduser("~/.pyenv")):
+        for pattern in (wanted, wanted + ".*"):
+            for path in sorted(glob.glob(os.path.join(root, "versions", pattern, "bin", "python"))):
+                return path
+    raise tRefused("no interpreter \"{}\" on the PATH or among pyenv's versions".format(wanted))
+
+
+def runs(python):
+    """A version manager's stand-in may have no such version."""
+    with open(os.devnull, "r+") as nothing:
+        return subprocess.call([python, "-c", ""], stdin=nothing, stdout=nothing, stderr=nothing) == 0
 
 
 def command_of(argv):
