@@ -552,6 +552,29 @@ class Terminals(Case):
         self.assertEqual(client.seen_events("exited"), [{"exitCode": 5}])
         self.assertEqual(client.seen_events("output"), [])
 
+    def test_output_of_a_terminal_is_shown_in_the_editor_on_request(self):
+        text = (
+            "import sys\n"
+            "sys.stdout.write('a')\nprint('b')  #@ stop\nsys.stderr.write('c\\n')\n"
+            "sys.stdout.write(u'\\xe4\\n')\nsys.stdout.write('rest')\n")
+        client, request = self.start(text, noDebug=False, redirectOutput=True, env={"PYTHONIOENCODING": "utf-8"})
+        process = self.run_it(client, request, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE)
+        client.wait_event("initialized")
+        path = os.path.join(request["arguments"]["args"][-1])
+        client.set_breakpoints(path, ["stop"])
+        client.request("configurationDone")
+        thread = client.wait_stopped("breakpoint")["threadId"]
+        # What is written is told at once, and nothing of how it is done can be stepped into.
+        self.assertEqual(client.step("stepIn", thread), ("<module>", 4))
+        client.wait_event("output", lambda body: body == {"category": "stdout", "output": "ab\n"})
+        client.resume(thread)
+        out, err = process.communicate()
+        self.assertEqual((out.decode("utf-8"), err.decode("utf-8"), process.returncode), (
+            u"ab\n\xe4\nrest", "c\n", 0))
+        client.wait_event("terminated")
+        self.assertEqual(self.output(client), {"stdout": u"ab\n\xe4\nrest", "stderr": "c\n"})
+
     def test_external_kind_and_arguments_for_a_shell(self):
         client = dapclient.start_adapter(self)
         client.initialize(supportsRunInTerminalRequest=True, supportsArgsCanBeInterpretedByShell=True)

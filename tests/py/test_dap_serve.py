@@ -101,6 +101,25 @@ class Serving(Case):
         self.let_end()
         self.assertEqual(self.end_of(process), (4, "end\n", ""))
 
+    def test_output_is_shown_on_request_and_streams_are_given_back(self):
+        path = self.make_file("prog.py", (
+            "from __future__ import print_function\nimport os, sys, time\n"
+            "for n in range(2):\n"
+            "    print('turn', n)  #@ count\n"
+            "    sys.stderr.writelines(['x', 'y\\n'])\n"
+            "while sys.stdout is not sys.__stdout__ or sys.gettrace():\n    time.sleep(0.001)\n"
+            "print('end', sys.stderr is sys.__stderr__)\n"))
+        process = self.start(serve_argv("--wait-for-client", "--no-token", "--listen", "0", path))
+        port = int(re.search(r":(\d+)\n", process.stderr.readline().decode("utf-8")).group(1))
+        client = self.client_at(("127.0.0.1", port), process)
+        thread = self.attach_and_stop(client, path, redirectOutput=True)
+        client.resume(thread)
+        client.wait_stopped("breakpoint")
+        self.assertEqual([(body["category"], body["output"]) for body in client.seen_events("output")], [
+            ("stdout", "turn 0\n"), ("stderr", "xy\n")])
+        client.request("disconnect")
+        self.assertEqual(self.end_of(process), (0, "turn 0\nturn 1\nend True\n", "xy\nxy\n"))
+
     def test_adapter_that_is_killed_leaves_the_program(self):
         path = self.loop()
         process = self.start(serve_argv("--wait-for-client", path))

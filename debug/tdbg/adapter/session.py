@@ -400,6 +400,8 @@ class tSession:
         arguments = dict(request.get("arguments") or {}) if request["command"] != "restart" else dict(
             self._config.raw)
         command = "launch" if self._config.kind == config.kLaunch else "attach"
+        if command == "launch":
+            arguments["console"] = self._config.console  # an editor without terminals gets another
         self._debuggee.request(command, arguments, self._started)
         with self._lock:
             waiting, self._waiting = self._waiting, []

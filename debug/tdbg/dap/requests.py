@@ -32,7 +32,7 @@ kSeconds = 0.9
 kModules = (
     "lifecycle", "runcontrol", "threadview", "breaks", "exceptions", "sources", "rules",
     "variables", "evaluation", "completion",
-    "subprocesses")
+    "subprocesses", "teeing")
 
 
 class tRequestError(Exception):

@@ -1,0 +1,151 @@
+"""What the program prints is the client's to see as well, where no adapter reads the program's output:
+in a terminal, or after attaching.  Only on request (redirectOutput).
+
+The streams sys.stdout and sys.stderr are replaced.  What bypasses them (the descriptors, a stream that
+was kept from before) goes where it went.
+"""
+from __future__ import absolute_import, division, print_function
+
+import atexit
+import collections
+import os
+import sys
+
+from tdbg import compat, signals, threads
+from tdbg.dap import config as configs
+
+kNames = ("stdout", "stderr")
+kPatience = 1.0     # seconds that the program waits, each time, for a client that does not read
+kLargest = 4096     # characters of an unfinished line that are kept back
+
+kRequests = {}
+_getpid = os.getpid
+_at_exit = atexit.register
+_not_at_exit = getattr(atexit, "unregister", lambda function: None)  # version 3
+
+
+def attach(session):
+    session.on_configured(_begin)
+    session.on_end(_end)
+
+
+def _begin(session):
+    config = session.config
+    if config.raw.get("redirectOutput") is not True:
+        return
+    if config.kind == configs.kLaunch and config.console == configs.kConsoles[0]:
+        return  # the adapter reads it
+    mouth = session.tee = tMouth(session)
+    if mouth.start():
+        mouth.put_in()
+
+
+def _end(session):
+    mouth = getattr(session, "tee", None)
+    if mouth is not None:
+        mouth.take_out()
+
+
+class tMouth(object):
+    """Tells one client what is written, on a thread of the debugger's own.
+
+    The program's threads must not do it: a signal handler that stops them there would keep the
+    connection locked.
+    """
+
+    def __init__(self, session):
+        self._session = session
+        self._pid = _getpid()
+        self._waiting = collections.deque()  # (category, text, tDone)
+        self._arrived = signals.tSignal()
+        self._tees = []
+
+    def start(self):
+        return threads.start_own_thread(self._run)
+
+    def put_in(self):
+        for name in kNames:
+            stream = getattr(sys, name, None)
+            if stream is not None:
+                tee = tTee(stream, name, self)
+                self._tees.append((name, tee, stream))
+                setattr(sys, name, tee)
+        _at_exit(self.finish)
+
+    def finish(self):
+        """The program ends, and soon our thread cannot run any more."""
+        for _, tee, _ in self._tees:
+            tee.tell()
+            tee.let_go()
+
+    def take_out(self):
+        _not_at_exit(self.finish)
+        for name, tee, stream in self._tees:
+            if getattr(sys, name, None) is tee:  # else the program has put in another since
+                setattr(sys, name, stream)
+            tee.let_go()
+        self._arrived.set()
+
+    def say(self, category, text):
+        """Returns when it has been told."""
+        if _getpid() != self._pid or self._session.is_over:
+            return
+        done = signals.tDone()
+        self._waiting.append((category, text, done))
+        self._arrived.set()
+        done.wait(kPatience)
+
+    def _run(self):
+        while not self._session.is_over:
+            self._arrived.wait()
+            while self._waiting:
+                category, text, done = self._waiting.popleft()
+                self._session.output(category, text)
+                done.set()
+
+
+class tTee(object):
+    """A stream in the place of the program's.  All but what is written is the original's business."""
+
+    def __init__(self, stream, category, mouth):
+        self._stream, self._category, self._mouth = stream, category, mouth
+        self._line = u""  # what has come of it
+
+    def write(self, text):
+        if compat.PY2 and isinstance(text, compat.text_type):
+            # `print` asks a file for its encoding, and nothing else.
+            result = self._stream.write(text.encode(getattr(self._stream, "encoding", None) or "ascii"))
+        else:
+            result = self._stream.write(text)
+        if self._mouth is not None and isinstance(text, compat.string_types):
+            line = self._line = self._line + compat.to_text(text)
+            if line.endswith(u"\n") or len(line) > kLargest:
+                self.tell()
+        return result
+
+    def writelines(self, lines):
+        for line in lines:
+            self.write(line)
+
+    def flush(self):
+        result = self._stream.flush()
+        self.tell()
+        return result
+
+    def let_go(self):
+        self._mouth = None
+
+    def tell(self):
+        line, self._line = self._line, u""
+        mouth = self._mouth
+        if line and mouth is not None:
+            mouth.say(self._category, line)
+
+    def __getattr__(self, name):
+        return getattr(self._stream, name)
+
+    def __iter__(self):
+        return iter(self._stream)
+
+    def __repr__(self):
+        return repr(self._stream)
