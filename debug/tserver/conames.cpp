@@ -255,7 +255,8 @@ const char* __resolve_module_full_path(tCOPathnameTable* table,
     const char* const full = is_file && !is_used_as_it_is ? get_full_name(table, rel) : nullptr;
     free(rel);
     if (is_used_as_it_is) {
-        return keep_copy(table, get_native_text(co_filename));
+        const char* const text = get_native_text(co_filename);
+        return text != nullptr ? keep_copy(table, text) : nullptr;
     }
     if (full != nullptr) {
         register_full_path(table, full, code, register_all_in_globals != 0 ? globals : nullptr);

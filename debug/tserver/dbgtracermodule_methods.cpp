@@ -72,6 +72,11 @@ PyObject* _tracer_set_dprintf_file(PyObject* /*self*/, PyObject* args) {
 // The frames' trace functions depend on the breakpoints.
 static PyObject* finish_breakpoint_change(PyObject* new_result) {
     tOwnedRef result(new_result);
+    if (!result) {
+        tSavedError saved;  // the change is made nevertheless
+        schedule_f_trace_update();
+        return nullptr;
+    }
     if (schedule_f_trace_update() != 0) {
         return raise_unless_raised(gPy.PyExc_RuntimeError, "Failed to schedule_f_trace_update");
     }

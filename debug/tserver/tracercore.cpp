@@ -232,6 +232,9 @@ int __tracer_init(PyObject* module,
     __tracer_init_exception_filters(&gSelf.exception_filters);
 
     set_owned(&gSelf.newly_imported_module_files, gPy.PyList_New(0));
+    if (gPy.PyErr_Occurred() != nullptr) {
+        return 0;  // out of memory
+    }
     gSelf.import_level = 0;
     gSelf.import_cb_active = 0;
     set_owned<PyObject>(&gSelf.import_hook, nullptr);
@@ -257,6 +260,7 @@ int __tracer_init(PyObject* module,
 // deliberate: the callbacks, the trace function and the import hook stay; start_trace may follow.
 void __tracer_reset() {
     __tracer_stop_trace();
+    tSavedError of_callback;  // what the thread-hooks callback raised; the rest may run Python code
     DPRINTF(kLogCore, "RESET THREAD TABLE\n");
     clear_thread_table(&gSelf.thread_data);
     gSelf.thread_f_trace_update_count = 0;
@@ -264,9 +268,15 @@ void __tracer_reset() {
     __tracer_clear_exception_filters(&gSelf.exception_filters);
     __tracer_clear_bp_ops_data(&gSelf.bp_ops_data, &gSelf.co_pathname_table, gSelf.get_checksum_cb);
     set_owned(&gSelf.newly_imported_module_files, gPy.PyList_New(0));
+    const bool out_of_memory = gPy.PyErr_Occurred() != nullptr;
+    gPy.PyErr_Clear();
     clear_settings();
     reset_exc_data(&gSelf.exc_data);
     update_eval_frame();
+    if (out_of_memory && of_callback.empty()) {
+        of_callback.abandon();
+        gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
+    }
 }
 
 void __tracer_destroy() {

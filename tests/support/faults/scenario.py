@@ -21,6 +21,7 @@ steps = import_debuggee("steps")
 
 kLines = steps.calls.__code__.co_firstlineno
 kRelative = "relative_of_scenario.py"
+kTemplate = "/templates/page.html"
 kModuleSource = "first = 1\ndef inner():\n    return first\nsecond = inner()\n"
 
 
@@ -43,8 +44,9 @@ def raising_key(node):
     raise KeyError(node)
 
 
-def marker(nodes):
+def marker(nodes, stop=int):
     total = 0
+    stop()
     for function, node in nodes:
         total += hidden(function, node)
     return total
@@ -60,6 +62,11 @@ def hidden(function, node):
 class Hook(object):
     """A sub-language: marker() interprets, key() and raising_key() are its code."""
 
+    def __init__(self, server):
+        for name in dir(self):
+            if name.startswith("_") and name[1].isupper():
+                setattr(self, name, server.guarded_method(getattr(self, name)))
+
     def _GetMarkerFrames(self):
         return [marker.__code__]
 
@@ -73,10 +80,10 @@ class Hook(object):
         return mode != -1 or event == -1
 
     def _TranslateFrame(self, frame, flag):
-        return ("/templates/page.html", frame.f_lineno)
+        return (kTemplate, frame.f_lineno)
 
     def _GetStepOutFrame(self, frame):
-        return frame.f_back
+        return getattr(frame, "f_back", None)
 
     def _Eval(self, text, frame):
         return eval(text, {}, frame.f_locals)
@@ -127,7 +134,9 @@ def is_answer_to_failure(error):
 
 
 class Server(object):
-    """Callbacks that obey a script and let nothing out but what was injected."""
+    """Callbacks that obey a script and let nothing out."""
+
+    idle_period = 0.0
 
     def __init__(self, tracer):
         self.tracer = tracer
@@ -160,7 +169,7 @@ class Server(object):
         cb = {name: self.guarded(getattr(self, name)) for name in (
             "hooks", "checksum", "idle", "line", "returns", "exception", "quit", "imported")}
         self.attempt(
-            "init", 0.0, mode, cb["hooks"], cb["checksum"], cb["idle"], cb["line"], cb["returns"],
+            "init", self.idle_period, mode, cb["hooks"], cb["checksum"], cb["idle"], cb["line"], cb["returns"],
             cb["exception"], cb["quit"], cb["imported"] if import_cb else None, kDefaultImport,
             {os.path.abspath(__file__.replace(".pyc", ".py")) + "x": 1})
 
@@ -178,6 +187,13 @@ class Server(object):
 
     def imported(self, module):
         pass
+
+    def policy(self, tstate_id):
+        return 1
+
+    def guarded_method(self, method):
+        """Of a sub-language hook: its exceptions are the tracer's to deal with."""
+        return method
 
     def line(self, frame):
         self.stop("line", frame)
@@ -339,10 +355,11 @@ def program(server, imports):
     server.part(steps.catches_below, stop([over, over, over, over]), gives="caught")
     server.part(caught_by_caller, gives=("at the bottom",))
     server.part(with_finally, [], gives=["finally", "except"])
-    server.attempt("set_debug_thread_cb", server.guarded(lambda id_of: 1))
+    server.attempt("set_debug_thread_cb", server.guarded(server.policy))
     server.part(work_in_thread, [], gives=3)
-    server.attempt("register_sub_language_hook", Hook())
-    server.part(marker, [(key, 1), (raising_key, 2), (key, 3)], gives=14)
+    server.attempt("register_sub_language_hook", Hook(server))
+    server.attempt("set_break", kTemplate, "", key.__code__.co_firstlineno + 2, 1, 0, "first == 3", 0)
+    server.part(marker, [(key, 1), (raising_key, 2), (key, 3)], stop([into, into, out, over]), gives=14)
     server.part(steps.factorial, stop([into, into, out, out]), gives=6)
     server.attempt("set_break", steps.__file__, "", kLines + 40, 1, 0, None, 0)
     server.attempt("register_module", steps)
