@@ -26,7 +26,7 @@ import os
 import re
 import sys
 
-from tdbg import codelines, compat, evaluate, private, sublanguages
+from tdbg import codelines, compat, evaluate, private, statements, sublanguages
 
 _exists = os.path.isfile
 _real_path = os.path.realpath
@@ -775,7 +775,7 @@ def is_plain(text):
             tree = _compile(text, "<condition>", "eval", ast.PyCF_ONLY_AST)
     except Exception:  # check_condition() says what is wrong
         return False
-    for node in ast.walk(tree):
+    for node in statements.walk(tree):
         if isinstance(node, ast.Call):
             if not isinstance(node.func, ast.Name) or node.func.id not in kPlainCalls:
                 return False

@@ -13,7 +13,7 @@ import sys
 import textwrap
 import types
 
-from tdbg import compat, private, sublanguages
+from tdbg import compat, private, statements, sublanguages
 
 kFileName = "<debugger>"
 kNested = 0x10  # of version 2: every function sees those around it
@@ -270,7 +270,7 @@ def _run_in_snapshot(code, frame, names, extra):
 def _run_as_function(tree, frame, names, extra, waits):
     is_module = names is frame.f_globals
     assigned = _assigned_names(tree)
-    used = set(node.id for node in ast.walk(tree) if isinstance(node, ast.Name)) | assigned
+    used = set(node.id for node in statements.walk(tree) if isinstance(node, ast.Name)) | assigned
     declared = _declared_names(tree)
     known = set(extra or ()) if is_module else set(extra or ()) | set(names)
     free = sorted((used & known) - declared) if is_module else sorted(
@@ -442,7 +442,7 @@ def _assign_globals(tree, frame, names):
 
 def _mangle(tree, frame, names):
     """In a method, `self.__x` means what it means in the class."""
-    found = [node for node in ast.walk(tree)
+    found = [node for node in statements.walk(tree)
              if isinstance(node, ast.Attribute) and is_private_name(node.attr)]
     if not found:
         return

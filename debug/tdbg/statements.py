@@ -52,7 +52,7 @@ class tStatements(object):
         with private.quiet():
             self._tree = _parse(text)
         self._nodes = {}  # first line -> statements that begin there
-        for node in _walk(self._tree):
+        for node in walk(self._tree):
             if isinstance(node, ast.stmt) or type(node).__name__ == "ExceptHandler":
                 self._nodes.setdefault(_first_line(node), []).append(node)
             elif type(node).__name__ == "match_case":
@@ -104,7 +104,7 @@ def of_text(text):
         return None
 
 
-def _walk(node):
+def walk(node):
     """Like ast.walk(), which imports when it runs."""
     todo = [node]
     while todo:

@@ -17,6 +17,7 @@ from tdbg.dap.paths import base_name, paths_of
 from tdbg.dap.requests import get_optional, kAnytime, tRequest, tRequestError
 
 kMimeType = "text/x-python"
+kMark = b"\xef\xbb\xbf"  # of UTF-8; the codec that knows of it would have to be imported
 _kCoding = re.compile(br"^[ \t\f]*#.*?coding[:=][ \t]*([-\w.]+)")
 
 _is_file = os.path.isfile
@@ -261,15 +262,15 @@ def read_text(path):
             data = file.read()
     except (IOError, OSError) as why:
         raise tRequestError("cannot read {}: {}".format(path, why.strerror))
-    encoding = "utf-8-sig"
+    encoding = "utf-8"
+    data = data[len(kMark):] if data.startswith(kMark) else data
     for line in data.split(b"\n", 2)[:2]:
         found = _kCoding.match(line)
         if found:
             encoding = found.group(1).decode("ascii")
             break
     try:
-        is_utf8 = encoding.lower().replace("_", "-") == "utf-8"
-        text = data.decode("utf-8-sig" if is_utf8 else encoding)
+        text = data.decode(encoding)
     except (LookupError, UnicodeDecodeError):
         text = data.decode("utf-8", "replace")
     return text.replace(u"\r\n", u"\n").replace(u"\r", u"\n")
