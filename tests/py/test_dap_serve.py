@@ -120,6 +120,40 @@ class Serving(Case):
         client.request("disconnect")
         self.assertEqual(self.end_of(process), (0, "turn 0\nturn 1\nend True\n", "xy\nxy\n"))
 
+    def test_detached_program_is_free_of_the_debugger(self):
+        path = self.make_file("prog.py", (
+            "from __future__ import print_function\nimport os, sys, threading, time\n"
+            "def state():\n"
+            "    import threading as module\n"
+            "    return [str(sys.gettrace()), str(module._trace_hook), __import__.__name__, 'TDBG_CHILD' in os.environ]\n"
+            "def work():\n"
+            "    while not os.path.exists({!r}):\n"
+            "        time.sleep(0.001)  #@ count\n"
+            "    states.append(state())\n"
+            "states = []\n"
+            "threads = [threading.Thread(target=work) for _ in range(2)]\n"
+            "for thread in threads: thread.start()\n"
+            "work()\n"
+            "for thread in threads: thread.join()\n"
+            "new = threading.Thread(target=lambda: states.append(state()))\n"
+            "new.start()\nnew.join()\n"
+            "print(states)\n").format(self.end_file))
+        process = self.start(serve_argv("--wait-for-client", path))
+        address, token = self.address_and_token(process)
+        for stopped in (True, False):
+            client = self.client_at(address, process)
+            client.initialize(supportsStartDebuggingRequest=True)
+            client.start_session({"token": token}, "attach", {path: ["count"]})
+            thread = client.wait_stopped("breakpoint")["threadId"]
+            if not stopped:
+                client.set_breakpoints(path, [])
+                client.resume(thread)
+            client.request("disconnect")
+            client.wait_end()
+        self.let_end()
+        self.assertEqual(self.end_of(process), (
+            0, "{}\n".format([["None", "None", "__import__", False]] * 4), ""))
+
     def test_adapter_that_is_killed_leaves_the_program(self):
         path = self.loop()
         process = self.start(serve_argv("--wait-for-client", path))
