@@ -226,7 +226,8 @@ class Traced(Alone):
             if frame.f_code.co_filename != self.path:
                 if frame.f_code.co_filename != _own:
                     self.problems.append("stop in " + frame.f_code.co_filename)
-                self.tracer.continue_run() if self.has_ended else self.tracer.step_into()
+                # In tell(): stop() is the one command that leaves the return frame as it is.
+                self.tracer.continue_run() if self.has_ended else self.tracer.stop()
                 return
             self.stops.append((what, frame.f_code.co_name, frame.f_lineno, offset_of(frame), value))
             self.command(len(self.stops) - 1)
@@ -638,10 +639,19 @@ def check_commands(program, session, alone, events, counts):
     compare("stops of random commands", without_lines(steered.stops), without_lines(model.stops),
             [plan.step(number) for number in range(len(model.stops))])
     compare("output of random commands", output, alone)
-    compare("breakpoints (line, id, ignored, hits)", steered.counts, model.counts())
+    if not kLinesDependOnWatching or steered.stops == model.stops:
+        compare("breakpoints (line, id, ignored, hits)", steered.counts, model.counts())
     counts["steered"] += 1
     counts["random stops"] += len(model.stops)
     counts["hits"] += sum(item.hits for item in model.breaks)
+
+
+def be_quiet():
+    """Of generators that refuse to end the interpreter says so, and may run Python code for that."""
+    if hasattr(sys, "unraisablehook"):
+        sys.unraisablehook = collections.deque(maxlen=0).append
+    else:
+        sys.stderr = io.BytesIO() if sys.version_info < (3,) else io.StringIO()
 
 
 def main(argv):
@@ -649,7 +659,7 @@ def main(argv):
     warnings.simplefilter("ignore")
     gc.disable()
     session = tDiffSession()
-    sys.stderr = open(os.devnull, "w")  # what generators that refuse to end make the interpreter say
+    be_quiet()
     session.tracer.set_autoquit(0)
     counts = collections.Counter()
     folder = tempfile.mkdtemp(prefix="tdbg-differential-")
