@@ -11,12 +11,9 @@ npm go into build/clients.
 
 import argparse
 import concurrent.futures
-import hashlib
 import importlib
 import json
 import os
-import re
-import shutil
 import subprocess
 import sys
 import time
@@ -28,13 +25,10 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.join(kRepository, "tools"))
 sys.path.insert(0, kHere)
 import interpreters as finder  # noqa: E402
+import packages  # noqa: E402
 
 kPackages = os.path.join(kRepository, "build", "clients")
-kInstalled = ("package.json", "package-lock.json", ".npmrc")
-kInstallSeconds = 120
 kSuiteSeconds = 300
-kAskSeconds = 30
-kOldestNode = (18, 15)  # has reporters
 kVersions = ("2.7", "3.6", "3.9", "3.11", "3.13", "3.14")
 kAtOnce = 2
 kSuite = "acceptance"
@@ -44,48 +38,6 @@ kModules = tuple(sorted(
 
 def row(where, test, status, reason="", output=""):
     return {"interpreter": where, "test": test, "status": status, "reason": reason, "output": output}
-
-
-# --- packages for node ------------------------------------------------------------------------
-
-
-def install_packages():
-    """None when they are in kPackages, else why not."""
-    for program in ("node", "npm"):
-        if not shutil.which(program):
-            return "{} is not installed".format(program)
-    found = re.match(r"v(\d+)\.(\d+)", ask(["node", "--version"]))
-    if not found or (int(found.group(1)), int(found.group(2))) < kOldestNode:
-        return "node is older than {}.{}".format(*kOldestNode)
-    digest = hashlib.sha256()
-    for name in kInstalled:
-        with open(os.path.join(kHere, name), "rb") as source:
-            digest.update(source.read())
-    stamp = os.path.join(kPackages, "installed-" + digest.hexdigest()[:16])
-    if os.path.exists(stamp):
-        return None
-    os.makedirs(kPackages, exist_ok=True)
-    for name in kInstalled:
-        shutil.copy(os.path.join(kHere, name), kPackages)
-    try:
-        done = subprocess.run(
-            ["npm", "ci", "--loglevel=error"], cwd=kPackages, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, timeout=kInstallSeconds)
-    except subprocess.TimeoutExpired:
-        return "npm ci took longer than {} s".format(kInstallSeconds)
-    if done.returncode != 0:
-        lines = [line for line in done.stdout.decode("utf-8", "replace").splitlines() if "error" in line]
-        return "npm ci failed: " + " ".join(lines[:2])[:200]
-    open(stamp, "w").close()
-    return None
-
-
-def ask(argv):
-    try:
-        return subprocess.run(
-            argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=kAskSeconds).stdout.decode()
-    except (OSError, subprocess.TimeoutExpired):
-        return ""
 
 
 # --- the acceptance suite -----------------------------------------------------------------------
@@ -133,7 +85,7 @@ def run_suite(version, path, library, why_not):
 
 
 def run_suites(chosen, library):
-    why_not = install_packages() if any(chosen.values()) else None
+    why_not = packages.install(kHere, kPackages) if any(chosen.values()) else None
     with concurrent.futures.ThreadPoolExecutor(kAtOnce) as pool:
         running = [pool.submit(run_suite, version, path, library, why_not) for version, path in chosen.items()]
         return [one for future in running for one in future.result()]
