@@ -105,8 +105,15 @@ class Faults(object):
         self.native.faults_start(1, 0, 0, 0)  # a key that no place has
 
 
+def end_of_child():
+    """A library that counts what is run of it writes that down only when the process really exits."""
+    counts = hasattr(ctypes.PyDLL(library_path()), "__gcov_master")
+    return ctypes.CDLL(None).exit if counts else os._exit
+
+
 def in_child(work):
     """(what work() returned in a forked child, why there is nothing)"""
+    end = end_of_child()
     here, there = os.pipe()
     sys.stdout.flush()
     sys.stderr.flush()
@@ -123,7 +130,7 @@ def in_child(work):
             send(there, json.dumps(answer).encode("ascii"))
             status = 0
         finally:
-            os._exit(status)
+            end(status)
     os.close(there)
     data = receive(here)
     status = os.waitpid(pid, 0)[1]
