@@ -13,7 +13,19 @@ kOncePerVersion = True
 kPauseSeconds = 1.0
 
 
+def release(fifo):
+    """Let who has opened it for reading go on."""
+    with open(fifo, "w"):
+        pass
+
+
 class Pausing(TestCase):
+    def make_fifo(self):
+        """Path of a pipe: opening it waits for the other side."""
+        path = os.path.join(self.make_dir(), "fifo")
+        os.mkfifo(path)
+        return path
+
     def start(self, text, **options):
         """The client of a program that has announced to be where it is to be paused."""
         self.path = self.make_file("program.py", "import os, sys\n" + text)
@@ -149,13 +161,7 @@ end = 1  #@ end
         kept[0].close()
 
     def test_step_from_a_wait_for_a_lock(self):
-        folder = self.make_dir()
-        path = os.path.join(folder, "fifo")
-        os.mkfifo(path)
-
-        def release(client):
-            with open(path, "w"):
-                pass
+        path = self.make_fifo()
         # The thread that releases it is held, too, until the program goes on.
         self.check_step("lock.acquire()", """\
 import threading
@@ -166,23 +172,15 @@ def free():
     lock.release()
 thread = threading.Thread(target=free)
 thread.start()
-""".format(path), release)
+""".format(path), lambda client: release(path))
 
     def test_step_from_native_code(self):
-        folder = self.make_dir()
-        path = os.path.join(folder, "fifo")
-        os.mkfifo(path)
-
-        def release(client):
-            with open(path, "w"):
-                pass
+        path = self.make_fifo()
         self.check_step(
-            "os.close(os.open({!r}, os.O_RDONLY))".format(path), "", release)
+            "os.close(os.open({!r}, os.O_RDONLY))".format(path), "", lambda client: release(path))
 
     def test_step_in_and_out_from_a_wait(self):
-        folder = self.make_dir()
-        path = os.path.join(folder, "fifo")
-        os.mkfifo(path)
+        path = self.make_fifo()
         client = self.start("""\
 def inner():
     return 1  #@ inner
@@ -196,32 +194,27 @@ end = 1  #@ end
 """.format(path))
         self.pause_at(("wait", "wait"), client)
         client.request("stepIn", {"threadId": 1})
-        with open(path, "w"):
-            pass
+        release(path)
         client.wait_stopped("step")
         self.assertEqual(client.place(1), ("inner", "inner"))
         client.resume(1)
         self.pause_at(("wait", "wait"), client)
         client.request("stepOut", {"threadId": 1})
-        with open(path, "w"):
-            pass
+        release(path)
         client.wait_stopped("step")
         self.assertEqual(client.place(1)[0], "<module>")
         client.resume(1)
         self.assertEqual(client.wait_exit(), 0)
 
     def test_breakpoint_set_while_it_waits(self):
-        folder = self.make_dir()
-        path = os.path.join(folder, "fifo")
-        os.mkfifo(path)
+        path = self.make_fifo()
         client = self.start(self.kWaiting % "os.close(os.open({!r}, os.O_RDONLY))".format(path))
         answer = client.set_breakpoints(self.path, ["got"])
         self.assertTrue(answer[0]["verified"])
         self.pause_at(("wait", "wait"), client)
         client.set_breakpoints(self.path, ["got", "end"])
         client.resume(1)
-        with open(path, "w"):
-            pass
+        release(path)
         client.wait_stopped("breakpoint")
         self.assertEqual(client.place(1), ("wait", "got"))
         client.resume(1)
@@ -230,9 +223,7 @@ end = 1  #@ end
         self.assertEqual(client.wait_exit(), 0)
 
     def test_another_thread_than_the_main_one(self):
-        folder = self.make_dir()
-        path = os.path.join(folder, "fifo")
-        os.mkfifo(path)
+        path = self.make_fifo()
         client = self.start("""\
 import threading
 def work():
@@ -247,8 +238,7 @@ thread.join()
         number = [row["id"] for row in rows if row["name"] == "worker"][0]
         self.pause_at(("work", "wait"), client, number)
         client.request("next", {"threadId": number})
-        with open(path, "w"):
-            pass
+        release(path)
         stop = client.wait_stopped("step")
         self.assertEqual(stop["threadId"], number)
         self.assertEqual(client.place(number), ("work", "after"))

@@ -20,6 +20,18 @@ from support.tracing import Log, Session, kDefaultImport
 kNever, kAlways, kUnhandled, kPrints, kPrintsToo = 0, 1, 2, 4, 5
 
 
+class Empty(object):
+    """An iterator written in Python."""
+
+    def __iter__(self):
+        return self
+
+    def next(self):
+        raise StopIteration
+
+    __next__ = next
+
+
 class Info(object):
     """What the server tells of a function."""
 
@@ -325,32 +337,14 @@ class ModeTest(CatchInfoCase):
         self.assertEqual(self.stops(self.code.passes), [])
 
     def test_stop_iteration_is_no_stop_in_a_program_that_runs(self):
-        class Counter(object):
-            def __iter__(self):
-                return self
-
-            def next(self):
-                raise StopIteration
-
-            __next__ = next
-
         self.tracer.set_exception_mode(kAlways)
-        self.assertEqual(self.stops(lambda: list(Counter())), [])
-        self.assertEqual(self.stops(lambda: [one for one in Counter()]), [])
+        self.assertEqual(self.stops(lambda: list(Empty())), [])
+        self.assertEqual(self.stops(lambda: [one for one in Empty()]), [])
 
     def test_the_end_of_an_iterator_stepped_over_is_a_line_stop(self):
-        class Counter(object):
-            def __iter__(self):
-                return self
-
-            def next(self):
-                raise StopIteration
-
-            __next__ = next
-
         def loops(stop):
             stop()
-            for one in Counter():
+            for one in Empty():
                 pass
             return 1
 
