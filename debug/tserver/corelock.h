@@ -6,14 +6,15 @@
 // like that it cannot be part of a deadlock with the program's locks. It is given away around each
 // call into Python code of the debug server or the program (tCoreUnlock), since nothing makes the
 // owner of a section yield by and by.
-// With the interpreter lock on all of this is one test of a variable per event.
+// With the interpreter lock on nothing of this is on the road of an event, and a call into the
+// server pays for one test of a variable.
 #pragma once
 
 #include "guards.h"
 #include "xpy_c_api.h"
 
 // The interpreter runs its threads at the same time.
-extern bool gNoInterpreterLock;
+__attribute__((visibility("hidden"))) extern bool gNoInterpreterLock;
 
 // Asks the interpreter. Importing this library switches the lock on, unless the user has forbidden
 // that, so the answer is final once it was imported.

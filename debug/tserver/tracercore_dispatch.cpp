@@ -282,7 +282,7 @@ static int dispatch_to_thread(tDispatchCtx* ctx) {
     return ctx.propagate_exception ? -1 : result;
 }
 
-static int dispatch(PyFrameObject* frame, int what, PyObject* arg) {
+int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg) {
     if (what == kTraceLine) {
         if (gSelf.thread_f_trace_update_count != 0 && update_f_trace_if_scheduled() == -1) {
             return -1;
@@ -315,19 +315,17 @@ static void install_tracer_into_own_frames() {
     install_tracer_into_frames(tstate);
 }
 
-[[gnu::noinline]] static int dispatch_without_interpreter_lock(PyFrameObject* frame,
-                                                               int what,
-                                                               PyObject* arg) {
+static int c_dispatch_under_core_lock(PyObject* obj,
+                                      PyFrameObject* frame,
+                                      int what,
+                                      PyObject* arg) {
     tCoreLock lock;
     install_tracer_into_own_frames();
-    return dispatch(frame, what, arg);
+    return c_dispatch(obj, frame, what, arg);
 }
 
-int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg) {
-    if (gNoInterpreterLock) [[unlikely]] {
-        return dispatch_without_interpreter_lock(frame, what, arg);
-    }
-    return dispatch(frame, what, arg);
+Py_tracefunc dispatch_function() {
+    return gNoInterpreterLock ? c_dispatch_under_core_lock : c_dispatch;
 }
 
 // ---- Inside ----
@@ -400,7 +398,7 @@ PyObject* _tracer_trace_dispatch(PyObject* self, PyObject* args) {
     }
     // Python's own trampoline led here; from now on the interpreter calls us directly.
     if (has_our_trace_object(gPy.PyThreadState_Get())) {
-        gPy.PyEval_SetTrace(c_dispatch, gSelf.trace_function);
+        gPy.PyEval_SetTrace(dispatch_function(), gSelf.trace_function);
     }
     return new_ref(gSelf.trace_function);
 }

@@ -194,7 +194,8 @@ int set_tstate_trace_function(PyThreadState* tstate, tThreadData* thread_data) {
     if (thread_data->tstate_trace_function_set) {
         return 0;
     }
-    const int result = set_thread_state_trace_cfunc(tstate, c_dispatch, gSelf.trace_function);
+    const int result =
+        set_thread_state_trace_cfunc(tstate, dispatch_function(), gSelf.trace_function);
     thread_data->tstate_trace_function_set = result == 0;
     if (result != 0) {
         DPRINTF(kLogCore,

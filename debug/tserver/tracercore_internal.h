@@ -66,9 +66,9 @@ private:
     int errno_;
 };
 
-// Lines are switched off in frames that nobody watches only when the idle thread is there to get the
-// server's idle calls done without them, and when other threads can switch them on again: without
-// an interpreter lock nobody touches the frames of a thread that runs.
+// Lines are switched off in frames that nobody watches only when the idle thread is there to get
+// the server's idle calls done without them, and when other threads can switch them on again:
+// without an interpreter lock nobody touches the frames of a thread that runs.
 inline bool are_all_lines_wanted() {
     return gSelf.global_idle_thread_data.use_idle_thread == 0 || gNoInterpreterLock;
 }
@@ -102,6 +102,10 @@ inline void for_each_thread_state(Visit visit) {
 // For queries only: without an interpreter lock those of the records, of which more cannot be said
 // than that their threads have not ended.
 tThreadStates list_known_thread_states();
+
+// tracercore_dispatch.cpp: what the interpreter calls on each event; c_dispatch where it has its
+// lock.
+Py_tracefunc dispatch_function();
 
 // tracercore_dispatch.cpp: a callback of the debug server with up to two arguments, with room on
 // the stack and errno kept. False = it raised, which is logged under `failure` and cleared. The
