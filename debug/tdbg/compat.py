@@ -45,6 +45,9 @@ default_import = builtins.__import__
 # The core adopts every thread at its first frame where it can get in there.
 kAdoptsThreads = (3, 6) <= sys.version_info[:2] <= (3, 11)
 
+# False where a free-threaded interpreter runs without its lock, True before there was such a thing.
+is_gil_enabled = getattr(sys, "_is_gil_enabled", lambda: True)
+
 if PY2:
     from itertools import imap as lazy_map
 

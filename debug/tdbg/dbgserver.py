@@ -321,12 +321,13 @@ class tServer(object):
         """After leave_alone(): trace again, every thread running on.  Where the core may be called."""
         for table in (self._asked, self._places, self._steppers, self._goals, self._armed):
             table.clear()
-        if sys.version_info >= (3, 10) or not threads.call_in_main_thread(self._start_here):
+        can_trace_others = sys.version_info >= (3, 10) and compat.is_gil_enabled()
+        if can_trace_others or not threads.call_in_main_thread(self._start_here):
             self.core.start_trace()
         self.ask_policies()
 
     def _start_here(self):
-        """Before 3.10 a thread can only be traced from within."""
+        """Before 3.10, and without an interpreter lock, a thread can only be traced from within."""
         try:
             if self.core.acquire_dbgserver_mutex():
                 try:
