@@ -60,6 +60,35 @@ end = 1  #@ end
             ("<module>", name) for name in ("call", "head", "body", "loop", "sum", "loop", "end")])
         self.finish(client)
 
+    kLines = """\
+def add(a, b):
+    return a + b  #@ add
+
+for turn in (1, 2):  #@ loop
+    total = add(  #@ call
+        add(1, 1),  #@ first
+        add(2,  #@ second
+            3))
+    turn += 1  #@ end
+"""
+
+    def test_breakpoints_on_further_lines_of_the_statement_stop_once(self):
+        client = self.start(self.kLines, ["call", "first", "second", "end"])
+        for turn in range(2):
+            for place, reason in (("first", "breakpoint"), ("second", "breakpoint"), ("end", "breakpoint"),
+                                  ("loop", "step")):
+                self.assertEqual(client.step("next", self.thread, reason=reason), ("<module>", place))
+            if turn == 0:
+                self.assertEqual(client.step("next", self.thread, reason="breakpoint"), ("<module>", "call"))
+        self.finish(client)
+
+    def test_breakpoint_behind_the_call_that_a_step_out_leaves(self):
+        client = self.start(self.kLines, ["first", "second"])
+        self.assertEqual(client.step("stepIn", self.thread), ("add", "add"))
+        self.assertEqual(client.step("stepOut", self.thread, reason="breakpoint"), ("<module>", "second"))
+        self.assertEqual(client.step("stepIn", self.thread), ("add", "add"))
+        self.finish(client)
+
     def test_line_granularity_on_request(self):
         client = self.start(self.kStatements, ["call"])
         place = client.step("next", self.thread, granularity="line")

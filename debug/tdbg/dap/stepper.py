@@ -41,6 +41,11 @@ class tStepper(object):
         raise NotImplementedError
 
     def is_within(self, frame):
+        """Whether breakpoints of the line have had their turn: a statement comes back to its lines,
+        but those behind the one where the step began are yet to come."""
+        return frame.f_lineno <= self._line and self._is_in_statement(frame)
+
+    def _is_in_statement(self, frame):
         """Whether the line belongs to the statement that the step began in."""
         first, last = self._extent
         return first <= frame.f_lineno <= last and (frame is self._base or self._is_part(frame))
@@ -166,17 +171,19 @@ class tOut(tStepper):
     def __init__(self, *args):
         tStepper.__init__(self, *args)
         caller = self._base.f_back
-        self._caller = None if caller is None else (caller, self._extent_of(caller, caller.f_lineno))
+        self._caller = None
+        if caller is not None:
+            line = caller.f_lineno
+            self._caller = caller, self._extent_of(caller, line)[0], line
 
     def start(self, stop):
         self._out()
 
     def is_within(self, frame):
-        """Also in the statement that has called: its breakpoints have had their turn."""
+        """Also in the statement that has called, up to the line that did."""
         if self._caller is None or frame is not self._caller[0]:
             return tStepper.is_within(self, frame)
-        first, last = self._caller[1]
-        return first <= frame.f_lineno <= last
+        return self._caller[1] <= frame.f_lineno <= self._caller[2]
 
     def _out(self):
         self._server.steer(self, kAskedNext, self._base.f_back or kAnywhere, self._core.step_out)
@@ -210,7 +217,7 @@ class tInto(tStepper):
         self._into()
 
     def at_line(self, frame):
-        if self.is_within(frame):
+        if self._is_in_statement(frame):
             self._into()
             return False
         if not self._may_end_in(frame):
