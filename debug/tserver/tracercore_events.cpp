@@ -268,7 +268,7 @@ static int translate_key_frame(tThreadData* thread_data, tExcPlace* place, tOwne
     }
     translation->reset(call_method_unlocked(hook, "_TranslateFrame", "Oi", place->inner, 1));
     tOwnedRef file(*translation ? gPy.PySequence_GetItem(translation->borrow(), 0) : nullptr);
-    tOwnedRef line(*translation ? gPy.PySequence_GetItem(translation->borrow(), 1) : nullptr);
+    tOwnedRef line(file ? gPy.PySequence_GetItem(translation->borrow(), 1) : nullptr);
     place->file = file ? _pystring_to_c_string(file.borrow()) : nullptr;
     translation->reset(file.give_away());  // the answer need not keep it
     place->line = line ? static_cast<long>(int_from_object(line.borrow())) : -1;

@@ -111,13 +111,15 @@ def start_thread_and_leave(server, arguments):
 
 
 def spoil_frames(server, arguments):
+    """(Up to 3.10 the interpreter lets frames be cleared that are about to run, and then crashes.)"""
     for frame in arguments:
         if hasattr(frame, "f_locals"):
             names = frame.f_locals
             server.tracer.PyFrame_LocalsToFast(frame, 0)
             del names
             try:
-                frame.clear()
+                if frame.f_lasti >= 0:
+                    frame.clear()
             except (AttributeError, RuntimeError):  # it is running
                 pass
 
@@ -232,7 +234,7 @@ def run_session(kind, deed, interrupted=False):
         settle()
     except KeyboardInterrupt:
         pass
-    server.kind = None
+    server.times = 0  # its callbacks may be called once more, by the next init
     again, after = scenario.run_again(tracer)
     return {"done": server.done, "troubles": server.troubles, "interruptions": interruptions,
             "again": again, "after": after}
