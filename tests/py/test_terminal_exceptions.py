@@ -66,7 +66,7 @@ class Stops(TerminalCase):
             "class Opens(object):\n    def __del__(self): gate.release()\n"
             "def work(opens): raise ValueError(1)\n"
             "t = threading.Thread(target=work, args=(0,), name='worker')\nt.start()\nt.join()\n"
-            "_thread.start_new_thread(work, (Opens(),))\ngate.acquire()\nprint('end')\n",
+            "_thread.start_new_thread(work, (Opens(),))\nwhile not gate.acquire(0): __import__('time').sleep(0.001)\nprint('end')\n",
             ["c", "c", "q"])
         self.assertFalse(self.done.timed_out, self.done)
         self.assertRegex(
