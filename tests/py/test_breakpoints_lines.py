@@ -281,7 +281,11 @@ class RunningCode(BreakCase):
 
     def test_in_a_thread_that_runs_the_function_already(self):
         self.start_new_threads_traced()
-        stop, running, hit = threading.Event(), threading.Event(), threading.Event()
+        stop, running = threading.Event(), threading.Event()
+        # No Event: the other thread may be held up by the stop in the midst of its Python code, with
+        # the lock that set() needs.
+        hit = threading.Lock()
+        hit.acquire()
 
         class Turn(object):
             def is_set(self):
@@ -290,7 +294,7 @@ class RunningCode(BreakCase):
 
         def at_hit(frame):
             self.clear_at(self.path, "turn")
-            hit.set()
+            hit.release()
         thread = threading.Thread(target=self.code.count, args=(Turn(),))
         thread.daemon = True
 
@@ -298,7 +302,7 @@ class RunningCode(BreakCase):
             thread.start()
             running.wait(30)
             self.break_at(self.path, "turn")
-            hit.wait(30)
+            hit.acquire()
             stop.set()
             thread.join(30)
         self.run_traced(program, at_hit)

@@ -376,8 +376,8 @@ class AdapterPort(TestCase):
         self.addCleanup(client.close)
         client.initialize()
         program = self.make_file("p.py", (
-            "import os\nprint('TDBG_TOKEN' in os.environ or"
-            " b'topsecret' in open('/proc/self/environ', 'rb').read())\n"))
+            "import os\nwith open('/proc/self/environ', 'rb') as file: text = file.read()\n"
+            "print('TDBG_TOKEN' in os.environ or b'topsecret' in text)\n"))
         client.request("launch", {"program": program, "noDebug": True, "python": sys.executable})
         client.wait_event("terminated")
         text = "".join(body["output"] for body in client.seen_events("output"))
