@@ -18,22 +18,22 @@ from tdbg import bootstrap, compat, nativelib
 kUsageStatus = 2
 kForAdapter = "--adapter"  # SOCKET: the adapter starts a program
 kUsage = """\
-usage: tdbg [--python VERSION-or-PATH] PROGRAM [ARGUMENTS]
-       tdbg [--python VERSION-or-PATH] -m MODULE [ARGUMENTS]
-       tdbg [--python VERSION-or-PATH] -c CODE [ARGUMENTS]
-       tdbg adapter [--port N [--host H]]
-       tdbg [--python VERSION-or-PATH] serve [OPTIONS] (PROGRAM | -m MODULE | -c CODE) [ARGUMENTS]
+usage: tdbg [--python X] [--post-mortem] PROGRAM [ARGUMENTS]
+       tdbg [--python X] [--post-mortem] -m MODULE [ARGUMENTS]
+       tdbg [--python X] [--post-mortem] -c CODE [ARGUMENTS]
+       tdbg adapter [OPTIONS]
+       tdbg [--python X] serve [OPTIONS] (PROGRAM | -m MODULE | -c CODE) [ARGUMENTS]
 
 Debug a Python program in the terminal. It stops before its first line; type `help` there.
-`adapter` is what an editor starts (debug adapter protocol, through standard input and output or
-a port); `serve` runs a program that an editor can attach to (`tdbg serve --help`).
+`adapter` is what an editor starts (Debug Adapter Protocol, through standard input and output or
+a port); `serve` runs a program that an editor can attach to. Both have a `--help` of their own.
 
+  --python X     the interpreter: a version (3.9), a name or a path (default: python3); comes first
   --post-mortem  stop only when an exception ends the program
-  --python X   the interpreter: a version (3.9), a name or a path (default: python3)
-  -m MODULE    run a module as `python -m` does
-  -c CODE      run this text
-  -h, --help   this text
-  --version    the version of the debugger
+  -m MODULE      run a module as `python -m` does
+  -c CODE        run this text
+  -h, --help     this text
+  --version      the version of the debugger
 """
 
 

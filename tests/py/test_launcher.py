@@ -2,6 +2,7 @@
 from __future__ import absolute_import, division, print_function
 
 import os
+import shutil
 import struct
 import sys
 import unittest
@@ -122,6 +123,14 @@ class Launching(TestCase):
         done = run_program([LAUNCHER, "--help"], env={"PATH": folder + os.pathsep + os.environ["PATH"]})
         self.assertEqual(done.status, 0, done)
         self.assertIn("usage: tdbg", done.out)
+
+    def test_version_needs_no_core(self):
+        tree = self.make_tree()
+        shutil.rmtree(os.path.join(tree, "build"))
+        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "--version"])
+        self.assertEqual((done.status, done.err), (0, ""), done)
+        self.assertRegex(done.out, r"^tdbg \d+\.\d+")
+        self.assertFalse(os.path.exists(os.path.join(tree, "build")))
 
     def test_failed_build_is_told(self):
         tree = self.make_tree()
