@@ -47,20 +47,9 @@ class tSignal(object):
         elif not compat.PY2:
             if not self._lock.acquire(True, max(seconds, 0)):
                 return False
-        elif not self._wait_2(seconds):
+        elif not _nap_until(lambda: self._lock.acquire(False), seconds):
             return False
         self._unset[0] = True
-        return True
-
-    def _wait_2(self, seconds):
-        end = _now() + seconds
-        nap = kFirstNap
-        while not self._lock.acquire(False):
-            left = end - _now()
-            if left <= 0:
-                return False
-            _sleep(min(nap, left))
-            nap = min(nap * 2, kLongestNap)
         return True
 
 
@@ -84,19 +73,21 @@ class tDone(object):
         if seconds is None:
             self._lock.acquire()
         elif compat.PY2:
-            return self._wait_2(seconds)
+            return _nap_until(lambda: self.is_set, seconds)
         elif not self._lock.acquire(True, max(seconds, 0)):
             return False
         self._lock.release()
         return True
 
-    def _wait_2(self, seconds):
-        end = _now() + seconds
-        nap = kFirstNap
-        while not self.is_set:
-            left = end - _now()
-            if left <= 0:
-                return False
-            _sleep(min(nap, left))
-            nap = min(nap * 2, kLongestNap)
-        return True
+
+def _nap_until(holds, seconds):
+    """The wait of 2.7; False when the time is over."""
+    end = _now() + seconds
+    nap = kFirstNap
+    while not holds():
+        left = end - _now()
+        if left <= 0:
+            return False
+        _sleep(min(nap, left))
+        nap = min(nap * 2, kLongestNap)
+    return True
