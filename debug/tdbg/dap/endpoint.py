@@ -101,12 +101,15 @@ def connect(host, port):
     """A connected TCP socket, or tRefused."""
     why = None
     for family, address in resolve(host, port):
+        connected = None
         try:
             connected = not_for_children(_socket.socket(family, _socket.SOCK_STREAM))
             connected.connect(address)
             return without_delay(connected)
         except (_socket.error, OSError) as error:
             why = error
+            if connected is not None:
+                connected.close()
     raise tRefused("cannot connect to {}:{}: {}".format(host, port, _reason(why)))
 
 
