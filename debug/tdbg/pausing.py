@@ -89,7 +89,7 @@ class tHolder(object):
     # --- what a thread that is not stopped is to do next ---
 
     def plan_step(self, ident, stepper):
-        """The thread, which is held, or waits behind the stopped one, makes a step when it goes on."""
+        """The thread, held or waiting behind the stopped one, makes a step when it goes on."""
         self._server.plan(ident, stepper)
         if ident not in self._struck:
             self._arm(ident, self._server.core.stop)

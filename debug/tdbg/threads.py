@@ -138,7 +138,8 @@ def start_own_thread(function):
     wait for it.  False when the system has no more threads, or the interpreter is ending.
     """
     # The first step is in place before there is a first frame, which the core would adopt.
-    announce = _partial(list, compat.lazy_map(_own.add, compat.lazy_map(_call, [_partial(compat.get_ident)])))
+    ident = compat.lazy_map(_call, [_partial(compat.get_ident)])
+    announce = _partial(list, compat.lazy_map(_own.add, ident))
     try:
         compat.start_new_thread(_partial(list, compat.lazy_map(
             _call, [announce, _partial(_run_own, function)])), ())
@@ -188,7 +189,9 @@ def forget_own_threads():
     _own.clear()
 
 
-def _run_own(function, own=_own, any_exception=BaseException, set_trace=_set_trace, ident=compat.get_ident):
+def _run_own(
+        function, own=_own, any_exception=BaseException, set_trace=_set_trace,
+        ident=compat.get_ident):
     # The names are its own: version 2 empties the modules while threads still run.
     set_trace(None)
     try:

@@ -74,7 +74,7 @@ def _refuse_running(session):
 
 
 def _held_frame(session, ident):
-    """The innermost frame of the user's: what is inside of it blocks, and is not what is stepped."""
+    """The innermost frame of the user's: what is inside of it blocks, and is not stepped."""
     frame = _current_frames().get(ident)
     while frame is not None and (session.server.is_hidden(frame) or not rules.is_user_code(frame)):
         frame = frame.f_back

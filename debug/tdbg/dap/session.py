@@ -91,7 +91,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         self.thread_ids = numbers.tThreadIds()
         self.is_live = False       # the program's first line has been reached
         self.is_tracing = False
-        self.entry_stop = None     # while the program waits at its first line for the client's wishes
+        self.entry_stop = None     # while the program waits at its first line for the client
         self._pid = _getpid()
         self._ended = set()        # idents of threads that are about to be gone
         self._client = signals.tDone()  # a client has attached and is configured
@@ -109,7 +109,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
             before.over.wait(kDetachSeconds)
         session = tSession(self, connection)
         self.session = session
-        if self.is_live:  # since when, only the program's thread knows: it has not seen this session
+        if self.is_live:  # the program's thread has not seen this session
             session.has_entered = True
         session.start()
         return session
@@ -315,7 +315,8 @@ class tSession(object):
         return self.server.core
 
     def start(self):
-        if not (threads.start_own_thread(self._read_all) and threads.start_own_thread(self._run_waiting)):
+        start = threads.start_own_thread
+        if not (start(self._read_all) and start(self._run_waiting)):
             raise RuntimeError("no thread can be started")
 
     # --- for handler modules ---
@@ -383,7 +384,7 @@ class tSession(object):
             pass
 
     def call_all(self, functions, *arguments):
-        """Call hooks; the results that are not None.  One that fails does not disturb the others."""
+        """Call hooks; the results that are not None.  One that fails does not disturb others."""
         results = []
         for function in functions:
             try:
@@ -444,7 +445,8 @@ class tSession(object):
         request = self._table.get(command)
         arguments = message.get("arguments")
         if request is None:
-            return self._refuse(message, u"unknown request {}".format(compat.to_text(command)[:100]))
+            name = compat.to_text(command)[:100]
+            return self._refuse(message, u"unknown request {}".format(name))
         if arguments is None:
             arguments = {}
         if not isinstance(arguments, dict):
@@ -706,7 +708,11 @@ class tSession(object):
         self.forget_stop()
         self.return_values = []
         if stepper is None:
-            command = self.server.continue_run if stop is not None else lambda: self.holder.send_on(held)
+            def command():
+                if stop is not None:
+                    self.server.continue_run()
+                else:
+                    self.holder.send_on(held)
         elif stop is not None and stop.thread.ident == ident:
             def command():
                 stepper.start(stop)

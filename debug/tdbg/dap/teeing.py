@@ -1,8 +1,8 @@
-"""What the program prints is the client's to see as well, where no adapter reads the program's output:
-in a terminal, or after attaching.  Only on request (redirectOutput).
+"""What the program prints is the client's to see as well, where no adapter reads its output: in a
+terminal, or after attaching.  Only on request (redirectOutput).
 
-The streams sys.stdout and sys.stderr are replaced.  What bypasses them (the descriptors, a stream that
-was kept from before) goes where it went.
+The streams sys.stdout and sys.stderr are replaced.  What bypasses them (the descriptors, a stream
+that was kept from before) goes where it went.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -105,7 +105,7 @@ class tMouth(object):
 
 
 class tTee(object):
-    """A stream in the place of the program's.  All but what is written is the original's business."""
+    """A stream in the place of the program's, which does all but tell what is written."""
 
     def __init__(self, stream, category, mouth):
         self._stream, self._category, self._mouth = stream, category, mouth
@@ -114,7 +114,8 @@ class tTee(object):
     def write(self, text):
         if compat.PY2 and isinstance(text, compat.text_type):
             # `print` asks a file for its encoding, and nothing else.
-            result = self._stream.write(text.encode(getattr(self._stream, "encoding", None) or "ascii"))
+            encoding = getattr(self._stream, "encoding", None) or "ascii"
+            result = self._stream.write(text.encode(encoding))
         else:
             result = self._stream.write(text)
         if self._mouth is not None and isinstance(text, compat.string_types):

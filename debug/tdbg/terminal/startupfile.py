@@ -1,4 +1,4 @@
-"""The user's start-up file: commands for the first prompt, from the home folder, then the current one.
+"""The user's start-up files, at home and in the current folder: commands for the first prompt.
 
 The current folder may be anybody's.  Its file is read only when the user owns it, and nobody else
 may write it: else whoever put it there would run code as the user.
