@@ -159,7 +159,11 @@ class tLauncher:
 
 
 def main(argv):
-    return tLauncher(*argv[:3]).run(argv[3:])
+    launcher = tLauncher(*argv[:3])
+    status = launcher.run(argv[3:])
+    if launcher.adapter is not None:
+        launcher.adapter.close()  # a debugging build of the interpreter tells of forgotten ones
+    return status
 
 
 if __name__ == "__main__":
