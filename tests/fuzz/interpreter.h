@@ -1,0 +1,106 @@
+// interpreter.h -- the interpreter made of structs (tests/native/fake_python.h) for fuzz targets: set
+// up once, cleaned after every input, so that millions of inputs need no more memory than one.
+#pragma once
+
+#include <unordered_map>
+
+#include "fake_python.h"
+
+inline std::unordered_map<std::string, tFake*> kept_names;
+inline std::unordered_map<PyObject*, void*> entries_of_code;
+
+// Names of attributes are kept by the modules for ever; texts that look like one are made once.
+inline PyObject* make_or_find_text(const char* text) {
+    const std::string key(text);
+    if (key.size() > 24 || key.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") != key.npos) {
+        return fake->str(key);
+    }
+    const auto found = kept_names.find(key);
+    if (found != kept_names.end()) {
+        return new_ref(static_cast<PyObject*>(found->second));
+    }
+    tFake* const made = new tFake();
+    made->refcnt = 1000000;
+    made->type = fake->str_type;
+    made->text = key;
+    kept_names[key] = made;
+    return made;
+}
+
+inline void bind_for_fuzzing() {
+    gPy = XPy_C_API_Data{};
+    gPy.major_version = 3;
+    gPy.minor_version = 11;
+    gPy.can_update_refcount_directly = 1;
+    gPy.initialized = 1;
+    gPy.frame_offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    bind_fake_objects();
+    bind_fake_errors();
+    bind_fake_strings();
+    bind_fake_calls();
+    bind_fake_frames();
+    bind_fake_threads();
+    gPy.PyUnicode_FromString = make_or_find_text;
+    gPy.PyCode_Type_ptr = fake->make(fake->type_type, "code");
+    gPy._PyEval_RequestCodeExtraIndex = [](freefunc) { return Py_ssize_t{0}; };
+    gPy._PyCode_GetExtra = [](PyObject* code, Py_ssize_t, void** extra) {
+        *extra = entries_of_code[code];
+        return 0;
+    };
+    gPy._PyCode_SetExtra = [](PyObject* code, Py_ssize_t, void* extra) {
+        entries_of_code[code] = extra;
+        return 0;
+    };
+    gPy.PyObject_GetAttrString = [](PyObject* obj, const char* name) {
+        return fake_get_attr(obj, make_or_find_text(name));
+    };
+    gPy.PyBytes_Size = [](PyObject* obj) {
+        return static_cast<Py_ssize_t>(as_fake(obj)->text.size());
+    };
+    gPy.PyList_New = [](Py_ssize_t size) -> PyObject* {
+        tFake* const list = fake->make(fake->other_type, "list");
+        list->items.resize(static_cast<size_t>(size));
+        return list;
+    };
+    gPy.PyList_Append = [](PyObject* list, PyObject* item) {
+        as_fake(list)->items.push_back(as_fake(new_ref(item)));
+        return 0;
+    };
+    gPy.PyList_SetItem = [](PyObject* list, Py_ssize_t index, PyObject* item) {
+        as_fake(list)->items[static_cast<size_t>(index)] = as_fake(item);
+        return 0;
+    };
+    gPy.PyList_GetItem = [](PyObject* list, Py_ssize_t index) -> PyObject* {
+        return as_fake(list)->items[static_cast<size_t>(index)];
+    };
+    gPy.PyDict_New = []() -> PyObject* { return fake->make(fake->other_type, "dict"); };
+    gPy.PyErr_SetString = [](PyObject*, const char* text) { fake->raise(text); };
+    gPy.PyImport_ImportModule = [](const char*) -> PyObject* { return fake->str("os module"); };
+    // Frames have no variables: paths that are not registered stay unknown, conditions fail.
+    const auto no_variables = [](PyFrameObject*) -> PyObject* {
+        fake->raise("no variables");
+        return nullptr;
+    };
+    gPy.PyFrame_GetGlobals = no_variables;
+    gPy.PyFrame_GetLocals = no_variables;
+    gPy.PyFrame_GetBuiltins = no_variables;
+    gPy.Py_GetRecursionLimit = [] { return 1000; };
+    gPy.Py_SetRecursionLimit = [](int) {};
+}
+
+// The interpreter, made at the first input.
+inline size_t first_object_of_input = 0;
+
+inline void begin_input() {
+    if (fake == nullptr) {
+        fake = new tFakePython();
+        bind_for_fuzzing();
+        first_object_of_input = fake_objects.size();
+    }
+}
+
+inline void end_input() {
+    gPy.PyErr_Clear();
+    entries_of_code.clear();
+    fake_objects.resize(first_object_of_input);
+}
