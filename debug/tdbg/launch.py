@@ -6,16 +6,14 @@ its ordinary argument; see startup/sitecustomize.py for the rest.
 from __future__ import absolute_import, division, print_function
 
 import errno
-import glob
 import os
-import subprocess
 import sys
 import warnings
-import zipfile
 
 from tdbg import bootstrap, compat, nativelib
 
 kUsageStatus = 2
+kEndOfArchive = b"PK\5\6"
 kForAdapter = "--adapter"  # SOCKET: the adapter starts a program
 kUsage = """\
 usage: tdbg [--python X] [--post-mortem] PROGRAM [ARGUMENTS]
@@ -86,6 +84,8 @@ def switch_interpreter(argv, package_folder):
 
 def find_python(wanted):
     """Path of the interpreter that the user means by a version, a name or a path."""
+    import glob
+
     if os.sep in wanted:
         return wanted
     names = ["python" + wanted, wanted] if wanted[:1].isdigit() else [wanted]
@@ -103,6 +103,8 @@ def find_python(wanted):
 
 def runs(python):
     """A version manager's stand-in may have no such version."""
+    import subprocess
+
     with open(os.devnull, "r+") as nothing:
         return subprocess.call([python, "-c", ""], stdin=nothing, stdout=nothing, stderr=nothing) == 0
 
@@ -224,6 +226,8 @@ def interpreter_flags():
     """Options of the interpreter that the user gave to this process."""
     words = getattr(sys, "orig_argv", None)
     if not words:
+        import subprocess
+
         return subprocess._args_from_interpreter_flags()
     flags = words[1:len(words) - len(sys.argv[1:])]
     return flags[:-2] if flags[-2:-1] == ["-m"] else flags[:-1]
@@ -241,7 +245,10 @@ def check_program(path):
         if why.errno == errno.EISDIR:
             return check_folder(path)
         raise tRefused("cannot open {}: {}".format(path, why.strerror))
-    if zipfile.is_zipfile(path):
+    if kEndOfArchive in text:  # the module takes longer to import than all else here
+        import zipfile
+
+    if kEndOfArchive in text and zipfile.is_zipfile(path):
         with zipfile.ZipFile(path) as archive:
             if "__main__.py" not in archive.namelist() and "__main__.pyc" not in archive.namelist():
                 raise tRefused("{} has no __main__ module".format(path))
