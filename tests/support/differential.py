@@ -1,6 +1,6 @@
 """Random programs under the tracer against what sys.settrace sees of them, and against a model.
 
-  differential.py SEED COUNT [VERBOSE]
+  differential.py SEED COUNT
 
 Each program (randomprograms.py) runs four times: alone, under a trace function in Python, under the
 tracer with step_into at every stop, and under the tracer with random commands and breakpoints. Its
