@@ -1,5 +1,7 @@
 #include "corelock.h"
 
+#include <string.h>
+
 constinit bool gNoInterpreterLock = false;
 
 using tSectionBegin = void (*)(void* section, PyObject* object);
@@ -49,33 +51,69 @@ void update_interpreter_lock() {
     }
 }
 
+// ---- Sections ----
+
+static constinit pid_t gLockPid = -1;  // the process in which the lock's owner may live
+
+static tCoreSection* innermost_section() {
+    return static_cast<tCoreSection*>(gPy.PyThread_tss_get(gInnermost));
+}
+
+// The interpreter hands a lock that others wait for to one of them, which need not run: a forked
+// child has then a lock whose owner was left behind.
+static void renew_lock_after_fork() {
+    for (const tCoreSection* own = innermost_section(); own != nullptr; own = own->outer) {
+        if (own->is_begun) {
+            return;  // this thread has the lock
+        }
+    }
+    memset(gLockObject, 0, sizeof(gLockObject));
+    gLockPid = gPy.cached_pid;
+}
+
+// An interpreter on its way out lets no other thread run; one that it ends may have been given the
+// lock.
+static void enter(tCoreSection* section) {
+    if (gLockPid != gPy.cached_pid) {
+        renew_lock_after_fork();
+    }
+    section->is_begun = gPy._Py_IsFinalizing() == 0;
+    if (section->is_begun) {
+        gSectionBegin(section->interpreters_own, lock_object());
+    }
+}
+
+static void leave(tCoreSection* section) {
+    if (section->is_begun) {
+        section->is_begun = false;
+        gSectionEnd(section->interpreters_own);
+    }
+}
+
 void begin_core_section(tCoreSection* section) {
     tSavedErrno keep_errno;
-    gSectionBegin(section->interpreters_own, lock_object());
-    section->outer = static_cast<tCoreSection*>(gPy.PyThread_tss_get(gInnermost));
-    section->is_begun = true;
+    enter(section);
+    section->outer = innermost_section();
     gPy.PyThread_tss_set(gInnermost, section);
 }
 
 void end_core_section(tCoreSection* section) {
     tSavedErrno keep_errno;
     gPy.PyThread_tss_set(gInnermost, section->outer);
-    gSectionEnd(section->interpreters_own);
+    leave(section);
 }
 
 tCoreSection* suspend_core_section() {
-    tCoreSection* const section = static_cast<tCoreSection*>(gPy.PyThread_tss_get(gInnermost));
+    tSavedErrno keep_errno;
+    tCoreSection* const section = innermost_section();
     if (section == nullptr || !section->is_begun) {
         return nullptr;
     }
-    tSavedErrno keep_errno;
-    section->is_begun = false;
-    gSectionEnd(section->interpreters_own);
+    leave(section);
     return section;
 }
 
 void resume_core_section(tCoreSection* section) {
     tSavedErrno keep_errno;
-    gSectionBegin(section->interpreters_own, lock_object());
-    section->is_begun = true;
+    enter(section);
 }
