@@ -41,7 +41,9 @@ static tAnswer walk_lnotab(tBpOpsData* data,
     int lineno = first_line;
     tAnswer answer = ask_line(data, lineno, codefile, frame);
     for (Py_ssize_t i = 1; i < size && answer == kNone; i += 2) {
-        lineno += increment == kSigned ? static_cast<signed char>(table[i]) : table[i];
+        const int step = increment == kSigned ? static_cast<signed char>(table[i]) : table[i];
+        // A made-up table may leave the range of int; the sum then wraps.
+        lineno = static_cast<int>(static_cast<unsigned>(lineno) + static_cast<unsigned>(step));
         answer = ask_line(data, lineno, codefile, frame);
     }
     return answer;
