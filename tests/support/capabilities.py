@@ -152,6 +152,12 @@ def _free_threaded():
 # --- the language and its objects -----------------------------------------------------------
 
 
+@capability("interpreter_lock")
+def _interpreter_lock():
+    """Not where a free-threaded interpreter is told to stay without (PYTHON_GIL=0)."""
+    return not has("free_threaded") or os.environ.get("PYTHON_GIL") != "0"
+
+
 @capability("frame_iblock")
 def _frame_iblock():
     """Frames have a block stack; later compilers write an exception table instead."""
