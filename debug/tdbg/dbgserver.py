@@ -30,6 +30,11 @@ kAskedNoMore = "no more"  # to stop, which is not wanted any longer
 
 kAnywhere = "anywhere"
 
+# In these a frame may wait in native code.
+kWaitingOpcodes = frozenset(
+    number for name, number in dis.opmap.items()
+    if name.startswith("CALL") or name in ("FOR_ITER", "SEND", "YIELD_FROM", "IMPORT_NAME", "WITH_CLEANUP"))
+
 kReturnOpcodes = frozenset(
     dis.opmap[name] for name in ("RETURN_VALUE", "RETURN_CONST", "YIELD_VALUE", "YIELD_FROM")
     if name in dis.opmap)
@@ -257,9 +262,12 @@ class tServer(object):
         """Stop the calling thread where it is: in the context of a signal handler, which the
         interpreter calls also while the frame waits in native code.  The wait goes on afterwards.
 
-        False when the frame is none of the program's: then pause() stops at the next line.
+        False when the frame is none of the program's, or calls nothing (in the middle of `n += 1` an
+        assignment to n would be lost): then pause() stops at the next line.
         """
         if not self._entered or self.current_stop() is not None or self.is_hidden(frame):
+            return False
+        if _opcode_of(frame) not in kWaitingOpcodes:
             return False
         if not self.core.acquire_dbgserver_mutex():  # what runs now is not traced
             return False
@@ -840,8 +848,15 @@ def _is_returning(frame):
 
     Python code is not told: an exception that leaves a frame is a return event without value, too.
     """
+    return _opcode_of(frame) in kReturnOpcodes
+
+
+def _opcode_of(frame):
+    """What the frame executes or, between two instructions, has executed last; None before that."""
+    if frame.f_lasti < 0:
+        return None
     code = frame.f_code.co_code[frame.f_lasti]
-    return (ord(code) if compat.PY2 else code) in kReturnOpcodes
+    return ord(code) if compat.PY2 else code
 
 
 def _is_of_interpreter(frame):
