@@ -6,8 +6,9 @@
 
 #include "fake_python.h"
 
-inline std::unordered_map<std::string, tFake*> kept_names;
-inline std::unordered_map<PyObject*, void*> entries_of_code;
+// Never destroyed: what they refer to would count as leaked.
+inline auto& kept_names = *new std::unordered_map<std::string, tFake*>;
+inline auto& entries_of_code = *new std::unordered_map<PyObject*, void*>;
 
 // Names of attributes are kept by the modules for ever; texts that look like one are made once.
 inline PyObject* make_or_find_text(const char* text) {
