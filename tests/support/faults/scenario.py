@@ -151,7 +151,7 @@ class Server(object):
         except MemoryError:
             self.raised.append(name)
         except Exception as why:
-            if not is_answer_to_failure(why):
+            if not (is_answer_to_failure(why) or has_ended_meanwhile(why)):
                 self.troubles.append("{}: {!r}".format(name, why))
             self.raised.append(name)
 
@@ -246,6 +246,11 @@ class Server(object):
             self.script = list(script)
             self.attempt("stop")
         return stop
+
+
+def has_ended_meanwhile(why):
+    """A thread that was listed a moment ago may have ended."""
+    return isinstance(why, IndexError) and "terminated thread" in str(why)
 
 
 def check_pending():
