@@ -111,14 +111,15 @@ def start_thread_and_leave(server, arguments):
 
 
 def spoil_frames(server, arguments):
-    """(Up to 3.10 the interpreter lets frames be cleared that are about to run, and then crashes.)"""
+    """(Up to 3.10 the interpreter lets frames be cleared that are about to run, and then crashes;
+    3.10 lets them in their exception events, too, and then they have lost their variables.)"""
     for frame in arguments:
         if hasattr(frame, "f_locals"):
             names = frame.f_locals
             server.tracer.PyFrame_LocalsToFast(frame, 0)
             del names
             try:
-                if frame.f_lasti >= 0:
+                if frame.f_lasti >= 0 and sys.version_info[:2] != (3, 10):
                     frame.clear()
             except (AttributeError, RuntimeError):  # it is running
                 pass
