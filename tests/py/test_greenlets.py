@@ -173,6 +173,8 @@ class Others(GreenletCase):
 
     def test_starting_and_stopping_inside_greenlets(self):
         from greenlet import greenlet
+        if hasattr(sys, "gettotalrefcount") and sys.version_info >= (3, 14):
+            self.skipTest("an assertion of the interpreter fails there under sys.settrace alone, too")
         self.session.tracer.start_trace()
         inner = greenlet(lambda: (self.tracer.stop_trace(), self.switches.helper(1))[1])
         self.assertEqual(inner.switch(), 2)
