@@ -1,14 +1,16 @@
 """A debugging session: one client of the protocol, and what it is told of the program.
 
 tDapFrontEnd is the debug server's front end; it lives as long as the process, and serves one client
-after the other.  tSession is the conversation with one client.
+after the other.  tSession is the conversation with one client; how its messages are read and answered
+is in exchange.py.
 
 For handler modules, a session has:
 
 server         the dbgserver.tServer;  .core is its native module
 config         config.tConfig, from `launch` or `attach` on (before: None)
 client         arguments of `initialize`
-frames         numbers of frames:  id_of(thread_id, frame, line) -> int;  get(frame_id) -> tFrameRef
+frames         numbers of frames:  id_of(thread_id, frame, line) -> int;
+               get(frame_id) -> numbers.tFrameRef
 handles        numbers of anything else that lives as long as a stop: new(object) -> int from 1 on;
                get(int) -> object.  Both raise tRequestError for numbers of the past
 thread_ids     numbers of threads: id_of(ident), ident_of(thread_id)
@@ -46,22 +48,15 @@ import fnmatch
 import os
 import sys
 
-from tdbg import compat, dbgserver, evaluate, pausing, signals, stops, threads
+from tdbg import compat, dbgserver, pausing, signals, stops, threads
+from tdbg.dap import exchange, numbers, requests
 from tdbg.dap import executor as executors
-from tdbg.dap import numbers, requests, wire
-from tdbg.dap.requests import kStopped, tRequestError
 
-tFrameRef = numbers.tFrameRef
-
-_get_ident = compat.get_ident
 _getpid = os.getpid
 _kill = os.kill
-_exit = os._exit
 _current_frames = sys._current_frames
 _fits = fnmatch.fnmatchcase
 
-kUninitialized = ("initialize", "disconnect")
-kOutputKinds = ("console", "important", "stdout", "stderr", "telemetry")
 kKeptReturnValues = 20
 # Up to 3.9 a thread does not tell its end, and the core would know the next one of the same address
 # as ignored: there, ignored ones are traced and only never stop.
@@ -201,7 +196,6 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
         finally:
             session.current_stop = None
 
-
     def _serve(self, announce):
         """Be at the client's service, until it sends the program on."""
         interrupts = []
@@ -271,39 +265,27 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
             return compat.to_text(str(ident))
 
 
-class tSession(object):
+class tSession(exchange.tExchange):
     """See above.  is_configured: configurationDone has come; held: ident of the thread for which the
     program is held without having stopped, or None."""
 
     def __init__(self, front_end, connection):
+        exchange.tExchange.__init__(self, connection, front_end.executor)
         self.front_end, self.server = front_end, front_end.server
-        self.executor, self.holder = front_end.executor, front_end.holder
-        self.thread_ids = front_end.thread_ids
+        self.holder, self.thread_ids = front_end.holder, front_end.thread_ids
         self.frames, self.handles = numbers.tFrames(), numbers.tHandles()
         self.config = None
-        self.client = None
         self.current_stop = None
         self.held = None
-        self.is_configured = self.is_ending = self.is_over = False
+        self.is_configured = self.is_ending = False
         self.configuration_done = False
-        self.started_by = None     # the request launch or attach, until it is answered
         self.has_entered = front_end.is_live
         self.return_values = []
         self.stacks = {}           # of threads that are not stopped, until the program runs
-        self.known_threads = set()
         self.told_initialized = False
         self.stop_hooks, self.stop_filters, self.resume_hooks = [], [], []
         self.import_hooks, self.configured_hooks, self.end_hooks = [], [], []
-        self.cancel_hooks = []
-        self._connection = connection
-        self._pending = {}         # number of a reverse request -> on_response
-        self._after = {}           # ident -> functions for after the response
-        self._waiting = []         # requests for the stopped thread
-        self._unlimited = []       # those of them that are being served, for as long as they take
-        self._arrived = signals.tSignal()
         self.over = signals.tDone()
-        self._lock = compat.allocate_lock()
-        self._request = None       # the one that the reader's thread is at
         modules = requests.load_modules()
         self._table = requests.table_of(modules)
         for module in modules:
@@ -313,11 +295,6 @@ class tSession(object):
     @property
     def core(self):
         return self.server.core
-
-    def start(self):
-        start = threads.start_own_thread
-        if not (start(self._read_all) and start(self._run_waiting)):
-            raise RuntimeError("no thread can be started")
 
     # --- for handler modules ---
 
@@ -332,9 +309,6 @@ class tSession(object):
 
     def on_import(self, function):
         self.import_hooks.append(function)
-
-    def on_cancel(self, function):
-        self.cancel_hooks.append(function)
 
     def on_configured(self, function):
         self.configured_hooks.append(function)
@@ -352,229 +326,6 @@ class tSession(object):
         if not self.front_end.is_live or self.executor.is_on_duty():
             return function()
         return self.executor.run(function, needs_stop=False)
-
-    def then(self, function):
-        self._after.setdefault(_get_ident(), []).append(function)
-
-    def answer_later(self):
-        """launch and attach are answered when everything has been said."""
-        self.started_by = self._request
-        return kLater
-
-    def send_event(self, name, body=None):
-        message = {"type": "event", "event": name}
-        if body is not None:
-            message["body"] = body
-        self._send(message)
-
-    def send_request(self, command, arguments, on_response=None):
-        number = self._connection.next_seq()
-        self._pending[number] = on_response
-        self._send({"type": "request", "seq": number, "command": command, "arguments": arguments})
-
-    def output(self, category, text, **more):
-        self.send_event("output", dict(more, category=category, output=compat.to_text(text)))
-
-    def _send(self, message):
-        if self.is_over:
-            return
-        try:
-            self._connection.write(message)
-        except Exception:  # the client has gone, or a message cannot be said: the program goes on
-            pass
-
-    def call_all(self, functions, *arguments):
-        """Call hooks; the results that are not None.  One that fails does not disturb others."""
-        results = []
-        for function in functions:
-            try:
-                result = function(self, *arguments)
-                if result is not None:
-                    results.append(result)
-            except Exception:
-                self.tell_failure(getattr(function, "__name__", "hook"))
-        return results
-
-    def tell_failure(self, where):
-        self.output("console", u"tdbg: internal error: {}: {}\n".format(where, describe_failure()))
-
-    # --- reading ---
-
-    def _read_all(self):
-        try:
-            self._read_on()
-        except wire.tBadHeader:
-            pass
-        except Exception:
-            self.tell_failure("reading")
-        # Not in a `finally`: when the process ends under this thread, nobody has gone.
-        self._client_is_gone()
-
-    def _read_on(self):
-        while not self.is_over:
-            try:
-                message = self._connection.read()
-            except wire.tBadMessage as why:
-                self._refuse({}, "not a message of the protocol: {}".format(why))
-                continue
-            if message is None:
-                break
-            self._take(message)
-
-    def _take(self, message):
-        kind = message.get("type")
-        if kind == "response":
-            self._take_response(message)
-        elif kind != "request":
-            self._refuse(message, "not a request")
-        elif not isinstance(message.get("command"), compat.string_types):
-            self._refuse(message, "a request without a command")
-        else:
-            self._take_request(message)
-
-    def _take_response(self, message):
-        on_response = self._pending.pop(_hashable(message.get("request_seq")), None)
-        if on_response is not None:
-            try:
-                on_response(bool(message.get("success")), message.get("body"))
-            except Exception:
-                self.tell_failure("response")
-
-    def _take_request(self, message):
-        command = message["command"]
-        request = self._table.get(command)
-        arguments = message.get("arguments")
-        if request is None:
-            name = compat.to_text(command)[:100]
-            return self._refuse(message, u"unknown request {}".format(name))
-        if arguments is None:
-            arguments = {}
-        if not isinstance(arguments, dict):
-            return self._refuse(message, "the arguments must be an object")
-        if self.client is None and command not in kUninitialized:
-            return self._refuse(message, "the first request must be `initialize`")
-        if request.where == kStopped:
-            with self._lock:
-                self._waiting.append((message, request, arguments))
-            self._arrived.set()
-        else:
-            self._request = message
-            self._answer(message, lambda: request.handler(self, arguments))
-
-    def _answer(self, message, job):
-        """Run a job and send what comes of it."""
-        ident = _get_ident()
-        self._after.pop(ident, None)
-        try:
-            body = job()
-        except BaseException:
-            self._after.pop(ident, None)
-            self._refuse_with_exception(message)
-        else:
-            if body is not kLater:
-                self.respond(message, body)
-        for function in self._after.pop(ident, ()):
-            try:
-                function()
-            except Exception:
-                self.tell_failure("after " + compat.to_native(message["command"]))
-
-    def respond(self, message, body=None):
-        response = {"type": "response", "request_seq": message.get("seq", 0), "success": True,
-                    "command": message["command"]}
-        if body is not None:
-            response["body"] = body
-        self._send(response)
-
-    def _refuse_with_exception(self, message):
-        kind, why = sys.exc_info()[:2]
-        if kind is executors.tNotStopped:
-            return self._refuse(message, "the program is not stopped")
-        if kind is executors.tTooSlow:
-            return self._refuse(message, "this takes too long; it is still being tried")
-        if isinstance(why, tRequestError):
-            return self._refuse(message, why.text, why.show_user)
-        self._refuse(message, describe_failure())
-
-    def _refuse(self, message, text, show_user=False):
-        text = compat.to_text(text)
-        number = message.get("seq", 0)
-        command = message.get("command")
-        self._send({
-            "type": "response", "success": False, "message": text,
-            "request_seq": number if isinstance(number, int) else 0,
-            "command": command if isinstance(command, compat.string_types) else "",
-            "body": {"error": {"id": 1, "format": text.replace(u"{", u"(").replace(u"}", u")"),
-                               "showUser": show_user}}})
-
-    # --- requests for the stopped thread, one after the other ---
-
-    def _run_waiting(self):
-        while not self.is_over:
-            self._arrived.wait()
-            while True:
-                with self._lock:
-                    row = self._waiting.pop(0) if self._waiting else None
-                if row is None:
-                    break
-                try:
-                    self._run_one(*row)
-                except Exception:
-                    self.tell_failure("request")
-                row = None
-
-    def _run_one(self, message, request, arguments):
-        if not self.executor.is_serving:
-            return self._refuse(message, "the program is not stopped")
-        try:
-            limit = request.limit(arguments)
-        except Exception:
-            limit = requests.kSeconds
-        if limit is None:
-            row = (message, request, arguments)
-            with self._lock:
-                self._unlimited.append(row)
-
-            def on_done(task):
-                with self._lock:
-                    self._unlimited.remove(row)
-                self._answer(message, task.result)
-            task = self.executor.submit(lambda: request.handler(self, arguments), on_done)
-            if not task.done.wait(executors.kPatience):
-                self.executor.give_up(task)
-        else:
-            self._answer(message, lambda: self._run_limited(request, arguments, limit))
-
-    def _run_limited(self, request, arguments, limit):
-        afters = []
-
-        def job():
-            ident = _get_ident()
-            self._after.pop(ident, None)
-            try:
-                return request.handler(self, arguments)
-            finally:
-                afters.extend(self._after.pop(ident, ()))
-        try:
-            body = self.executor.run(job, limit)
-        except executors.tTooSlow:
-            if getattr(request, "on_slow", None) is None:
-                raise
-            body = request.on_slow(self, arguments)
-        for function in afters:
-            self.then(function)
-        return body
-
-    def cancel(self, number):
-        """Drop a request that has not begun; interrupt one without a limit that has."""
-        with self._lock:
-            rows = [row for row in self._waiting if row[0].get("seq") == number]
-            self._waiting = [row for row in self._waiting if row[0].get("seq") != number]
-            running = [row[2] for row in self._unlimited if row[0].get("seq") == number]
-        for row in rows:
-            self._refuse(row[0], "cancelled")
-        for arguments in running:
-            self.call_all(self.cancel_hooks, arguments)
 
     # --- what the client is told ---
 
@@ -787,25 +538,3 @@ class tSession(object):
         seconds = 5.0 if self.config is None else self.config.kill_timeout
         signals.tSignal().wait(seconds)
         _kill(_getpid(), compat.signal.SIGKILL)
-
-
-kLater = object()  # a handler's answer: the response is sent elsewhere
-
-
-def _hashable(value):
-    return value if isinstance(value, (int, float)) else None
-
-
-def describe_failure():
-    """Type, text and place of the exception being handled."""
-    kind, value, tb = sys.exc_info()
-    try:
-        text = compat.to_text(evaluate.describe_exception(kind, value))
-        while tb is not None and tb.tb_next is not None:
-            tb = tb.tb_next
-        if tb is not None:
-            text += u" ({}:{})".format(
-                compat.to_text(os.path.basename(tb.tb_frame.f_code.co_filename)), tb.tb_lineno)
-        return text
-    finally:
-        tb = None
