@@ -125,6 +125,7 @@ class Thread(IdleCase):
         for number in range(kStarts // 2):
             self.tracer.stop_trace()
             self.tracer.start_trace()
+            self.tracer.get_new_imports()  # each start adds the running script
             self.tracer.set_use_idle_thread(0)
             self.tracer.set_use_idle_thread(1)
             if number == kStarts // 10:  # until then the allocators grow
