@@ -70,6 +70,8 @@ kFutureFlags = ~kNested & functools.reduce(
     __future__.all_feature_names, 0)
 
 kSameAs = "same as "  # a checksum that is no number: the contents of this file
+# A breakpoint that the core looks for in every file that it comes to, and never finds.
+kWatch = ("/dev/null/any", "any", kMaxIgnored)  # file, checksum, line
 
 
 class tRefused(Exception):
@@ -176,6 +178,7 @@ class tBreakpoints(object):
         self._checksums = {}  # last part of a path -> {(path, checksum): how many breakpoints}
         self._searched = {}   # path -> how many files the core knew when it looked for copies of it
         self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
+        self._on_new_file = None  # see watch_files()
 
     @property
     def folder(self):
@@ -185,6 +188,7 @@ class tBreakpoints(object):
     def go_live(self):
         """The core has been started: give it what was set before."""
         self._live = True
+        self._set_watch()
         for place in list(self._by_place):
             self._write(*place)
 
@@ -316,6 +320,24 @@ class tBreakpoints(object):
         if bp.hit_condition is not None:
             following = bp.hit_condition.next_after(bp.passes)
             bp.ignore = 0 if following is None else min(following - bp.passes - 1, kMaxIgnored)
+
+    def watch_files(self, function):
+        """function(path) is called when the core has come to the first code of a file and nothing of
+        it has run yet, and now and then for another file.  None: no longer."""
+        is_set, self._on_new_file = self._on_new_file is not None, function
+        if is_set and function is None and self._live:
+            self._core.clear_breaks(kWatch[0], kWatch[2])
+        elif not is_set and self._live:
+            self._set_watch()
+
+    def _set_watch(self):
+        if self._on_new_file is not None:
+            file, checksum, line = kWatch
+            self._core.enable_checksums(0)  # for the files that it knows already
+            try:
+                self._core.set_break(file, checksum, line, 1, 0, None, 0)
+            finally:
+                self._core.enable_checksums(1)
 
     # --- from one run to the next ---
 
@@ -555,6 +577,8 @@ class tBreakpoints(object):
     def checksum_of(self, name):
         """What the core asks of a file: text that equals the checksum of a breakpoint if the file
         has the contents of the breakpoint's."""
+        if self._on_new_file is not None:
+            self._on_new_file(name)
         for path, checksum in sorted(self._checksums.get(_tail_of(name), ())):
             if has_checksum(name, path, checksum):
                 return compat.to_native(checksum)

@@ -23,6 +23,7 @@ _stat = os.stat
 _code_type = type(_get_block.__code__)
 
 kLocals = "<locals>"
+kTypeParameters = "<generic parameters of "  # `def f[T]()` is made inside a function of that name
 _cache = {}  # path -> ((modification time, size), tSource)
 
 
@@ -92,26 +93,11 @@ class tSource(object):
 
     def functions(self):
         """{qualified name: first line of the body} of functions; nested ones as `outer.inner`."""
-        found = {}
-        self._find_functions(self._code, "", found)
-        return found
+        return functions_of(self._code)
 
     def find_functions(self, name):
         """{qualified name: first line} of the function of that name, else of those that it ends."""
-        found = self.functions()
-        name = name.replace(kLocals + ".", "")
-        if name in found:
-            return {name: found[name]}
-        return dict(item for item in found.items() if item[0].endswith("." + name))
-
-    def _find_functions(self, code, prefix, found):
-        for child in _children(code):
-            if _is_part(child):
-                continue
-            name = prefix + child.co_name
-            if child.co_flags & inspect.CO_OPTIMIZED:
-                found.setdefault(name, first_line_of(child))
-            self._find_functions(child, name + ".", found)
+        return functions_named(self.functions(), name.replace(kLocals + ".", ""))
 
     def _innermost_scope(self, line):
         scope, inner = self._code, self._code
@@ -161,6 +147,32 @@ def read(path):
     source = tSource(path, text)
     _cache[path] = (mark, source)
     return source
+
+
+def functions_of(code):
+    """tSource.functions() of a module's code object."""
+    found = {}
+    _find_functions(code, "", found)
+    return found
+
+
+def functions_named(functions, name):
+    """Those of {qualified name: line} that the name is meant for, in full or as the end."""
+    if name in functions:
+        return {name: functions[name]}
+    return dict(item for item in functions.items() if item[0].endswith("." + name))
+
+
+def _find_functions(code, prefix, found):
+    for child in _children(code):
+        if child.co_name.startswith(kTypeParameters):
+            _find_functions(child, prefix, found)
+        if _is_part(child):
+            continue
+        name = prefix + child.co_name
+        if child.co_flags & inspect.CO_OPTIMIZED:
+            found.setdefault(name, first_line_of(child))
+        _find_functions(child, name + ".", found)
 
 
 def lines_without_file(name, space):

@@ -3,6 +3,7 @@ from __future__ import absolute_import, division, print_function
 
 import hashlib
 import os
+import sys
 import unittest
 
 from support import TestCase, line_of
@@ -359,6 +360,100 @@ class Functions(BreakpointTest):
         self.assertEqual([(row["id"], row["verified"], row["line"]) for row in told], [
             (answers[0]["id"], True, 2), (answers[1]["id"], True, 6)])
 
+    def test_calls_during_the_import(self):
+        """The module's own top level calls what is waited for, which nobody could find before."""
+        self.make_file("hidden/late.py", (
+            "class Thing(object):\n"
+            "    class Inner(object):\n"
+            "        def deep(self):\n"
+            "            return 1  #@ deep\n"
+            "    def method(self):\n"
+            "        return self.Inner().deep()  #@ method\n"
+            "    @staticmethod\n"
+            "    def make(): return Thing()  #@ make\n"
+            "def helper():\n"
+            "    return Thing.make().method()  #@ helper\n"
+            "helper()\n"
+            "import pack.part\n"), self.folder)
+        self.make_file("hidden/pack/__init__.py", (
+            "def work():\n"
+            "    return 2  #@ work\n"
+            "work()\n"), self.folder)
+        self.make_file("hidden/pack/part.py", (
+            "class Part(object):\n"
+            "    def __init__(self):\n"
+            "        self.x = 1  #@ init\n"
+            "part = Part()\n"), self.folder)
+        self.make_file("hidden/script.py", (
+            "class Script(object):\n"
+            "    def run(self):\n"
+            "        return 3  #@ run\n"
+            "Script().run()\n"), self.folder)
+        self.make_file("hidden/gone.py", (
+            "class Gone(object):\n"
+            "    def method(self):\n"
+            "        return 4\n"
+            "Gone().method()\n"), self.folder)
+        from support.programs import run_code
+        run_code("import py_compile; py_compile.compile('gone.py', cfile='gone.pyc')",
+                 cwd=os.path.join(self.folder, "hidden"))
+        os.remove(os.path.join(self.folder, "hidden/gone.py"))
+        program = self.make_file("program.py", (
+            "import sys, runpy\n"
+            "sys.path.append('hidden')\n"
+            "import late, gone\n"
+            "runpy.run_path('hidden/script.py')\n"
+            "late.pack.work()\n"), self.folder)
+        names = ["helper", "Thing.make", "late.Thing.method", "Thing.Inner.deep", "pack.work",
+                 "pack.part.Part.__init__", "gone.Gone.method", "Script.run", "part.work", "late.work"]
+        answers = []
+
+        def before(client):
+            answers.extend(client.request(
+                "setFunctionBreakpoints", {"breakpoints": [{"name": name} for name in names]})["breakpoints"])
+
+        client = self.start(program=program, before=before)
+        self.assertEqual([row["verified"] for row in answers], [False] * len(names))
+        stops = run_to_end(client)
+        self.assertEqual([stop.mark for stop in stops], [
+            "helper", "make", "method", "deep", "work", "init", 3, "run", "work"])
+        numbers = [row["id"] for row in answers]
+        self.assertEqual([numbers.index(stop.ids[0]) for stop in stops], [0, 1, 2, 3, 4, 5, 6, 7, 4])
+        self.assertEqual(set(stop.reason for stop in stops), set(["function breakpoint"]))
+        told = [event["breakpoint"]["id"] for event in client.seen_events("breakpoint")]
+        self.assertEqual(told, numbers[:8])  # each once
+
+    def test_calls_during_an_import_that_is_stepped_into(self):
+        self.make_file("late.py", (
+            "class Thing(object):  #@ class\n"
+            "    def method(self):\n"
+            "        return 1  #@ method\n"
+            "Thing().method()  #@ call\n"
+            "Thing().method()\n"), self.folder)
+        program = self.make_file("program.py", "import late  #@ import\n", self.folder)
+        client = self.start(
+            program=program, breakpoints={program: ["import"]}, before=lambda client: client.request(
+                "setFunctionBreakpoints", {"breakpoints": [{"name": "Thing.method"}]}))
+        stop = next_stop(client)
+        self.assertEqual(client.step("stepIn", stop.thread_id)[1], "class")
+        self.assertEqual(client.step("next", stop.thread_id)[1], "call")
+        place, _ = client.go("next", stop.thread_id, reason="function breakpoint")
+        self.assertEqual(place[1], "method")
+        client.resume(stop.thread_id)
+        self.assertEqual(self.marks(run_to_end(client)), ["method"])
+
+    def test_generic_functions(self):
+        if sys.version_info < (3, 12):
+            self.skipTest("type parameters are of 3.12")
+        program = self.make_file("program.py", (
+            "class Box[T]:\n"
+            "    def get[S](self) -> S:\n"
+            "        return 1  #@ get\n"
+            "Box().get()\n"), self.folder)
+        client = self.start(program=program, before=lambda client: client.request(
+            "setFunctionBreakpoints", {"breakpoints": [{"name": "Box.get"}]}))
+        self.assertEqual(self.marks(run_to_end(client)), ["get"])
+
     def test_function_without_source(self):
         program = self.make_file("program.py", (
             "import gone\n"
@@ -469,17 +564,40 @@ class Files(BreakpointTest):
         self.assertEqual(run_to_end(client), [])
 
     def test_file_that_is_written_later(self):
+        """Something is imported while it is empty, as open() itself does before 3.10."""
         program = self.make_file("program.py", (
             "with open('made.py', 'w') as out:\n"
+            "    import other\n"
             "    out.write('\\n\\nx = 1\\ny = 2\\n')\n"
             "import made\n"
             "made.x  #@ end\n"), self.folder)
+        self.make_file("other.py", "", self.folder)
         made = os.path.join(self.folder, "made.py")
         client = self.start(program=program, breakpoints={made: [1, 4], program: ["end"]})
         self.assertEqual([row["verified"] for row in self.answers[made]], [False, False])
-        run_to_end(client)
+        stops = run_to_end(client)
+        self.assertEqual([stop.line for stop in stops], [3, 4, 5])
         told = [event["breakpoint"] for event in client.seen_events("breakpoint")]
         self.assertEqual([(row["verified"], row["line"]) for row in told], [(True, 3), (True, 4)])
+
+    def test_file_that_is_written_anew(self):
+        """What was refused for the contents is looked at again when they have changed."""
+        program = self.make_file("program.py", (
+            "import other\n"
+            "with open('made.py', 'w') as out:\n"
+            "    out.write('\\nx = 1\\ny = 2\\n')\n"
+            "import made\n"), self.folder)
+        self.make_file("other.py", "", self.folder)
+        made = self.make_file("made.py", "x = 1\n", self.folder)
+        rows = [{"line": 3}, {"line": 2, "condition": "1 +"}, {"line": 9}]
+        client = self.start(program=program, breakpoints={made: rows})
+        self.assertEqual([row["reason"] for row in self.answers[made]], ["failed"] * 3)
+        stops = run_to_end(client)
+        self.assertEqual([stop.line for stop in stops], [3])
+        told = [event["breakpoint"] for event in client.seen_events("breakpoint")]
+        self.assertEqual([(row["id"], row["verified"]) for row in told], [
+            (self.answers[made][0]["id"], True), (self.answers[made][2]["id"], False)])
+        self.assertIn("ends with line 3", told[1]["message"])
 
     def test_counting_from_zero_and_uris(self):
         program = self.make_file("main.py", MAIN, self.folder)

@@ -18,8 +18,10 @@ from tdbg.dap.requests import (
 
 _real_path = os.path.realpath
 _is_file = os.path.isfile
+_stat = os.stat
 _isabs = os.path.isabs
 _join = os.path.join
+_get_frame = sys._getframe
 
 _module_type = type(os)
 _function_type = type(lambda: 0)
@@ -39,6 +41,8 @@ class tWish(object):
     condition, hits, log    texts or None
     sites          [breakpoints.tBreakpoint] that stand for it
     message        why there are none, or None;  reason: kPending, kFailed, or None
+    is_bound       there is no need to look at further imports
+    mark           of the file (see _mark_of()) when its lines were looked at, or None
     """
 
     def __init__(self, number, path, line, name, condition, hits, log):
@@ -48,7 +52,8 @@ class tWish(object):
         self.checksum = ""
         self.sites = []
         self.message = self.reason = None
-        self.is_bound = False  # there is no need to look at further imports
+        self.is_bound = False
+        self.mark = None
 
     @property
     def key(self):
@@ -124,6 +129,7 @@ class tBreaks(object):
                     self._place(wish)
         finally:
             self._is_busy = False
+        self._watch()
         found = [self.describe(wish) for wish in wishes]
         for wish, row in zip(wishes, found):
             self._told[wish.number] = row
@@ -142,6 +148,7 @@ class tBreaks(object):
             self._drop(wish)
         self._by_source.clear()
         self._functions = []
+        self._watch()
 
     def _all(self):
         found = list(self._functions)
@@ -159,6 +166,7 @@ class tBreaks(object):
             if wish.hits:
                 breakpoints.tHitCondition(wish.hits)
             breakpoints.check_condition(wish.condition)
+            wish.mark = None
             if wish.name is not None:
                 self._place_function(wish)
             elif wish.reference:
@@ -166,6 +174,7 @@ class tBreaks(object):
                           source=sources.sources_of(self._session).tree_of(wish.reference))
                 wish.is_bound = True
             else:
+                wish.mark = _mark_of(wish.path)
                 self._place_line(wish, on_hit)
         except breakpoints.tRefused as why:
             wish.message, wish.reason, wish.is_bound = "{}".format(why), kFailed, True
@@ -229,10 +238,7 @@ class tBreaks(object):
 
     def _find_function(self, wish, modules):
         """Add the places of the function in these modules; whether there were any."""
-        name = compat.to_native(wish.name).strip()
-        if name.endswith("()"):
-            name = name[:-2]
-        name = name.replace(codelines.kLocals + ".", "").replace(":", ".")
+        name = _plain_name(wish.name)
         before = len(wish.sites)
         loaded = False
         for module_name, module in modules:
@@ -260,12 +266,15 @@ class tBreaks(object):
         if path is None or not path.endswith(".py") or not _is_file(path):
             return
         try:
-            found = self._table.source(path).find_functions(name)
+            functions = self._table.source(path).functions()
         except breakpoints.tRefused:
             return
-        for full_name, line in found.items():
+        self._add_functions(wish, _real_path(path), functions, name, ending)
+
+    def _add_functions(self, wish, path, functions, name, ending):
+        for full_name, line in codelines.functions_named(functions, name).items():
             if ending or full_name == name:
-                self._add_function(wish, _real_path(path), line)
+                self._add_function(wish, path, line)
 
     def _find_on_disk(self, wish, name):
         """A function of a module that has not been imported."""
@@ -291,6 +300,68 @@ class tBreaks(object):
         except breakpoints.tRefused as why:
             wish.message, wish.reason = "{}".format(why), kFailed
 
+    # --- code that is seen for the first time ---
+
+    def _watch(self):
+        """Ask for files while there is a wish that one may fulfil."""
+        wanted = any(
+            not wish.is_bound or (wish.reason == kFailed and wish.mark is not None)
+            for wish in self._all())
+        self._table.watch_files(self._see_file if wanted else None)
+
+    def _see_file(self, name):
+        """Comes before the file's code runs, so that what is called while it is imported stops."""
+        if self._is_busy or private.is_borrowing():
+            return
+        self._is_busy = True
+        try:
+            path = _real_path(name)
+            if path.endswith(breakpoints.kSuffixes):
+                path = path[:-1]
+            if not rules.is_own_file(path):
+                code = _find_new_code(path, self._table)
+                for wish in self._all():
+                    self._see_file_of(wish, name, path, code)
+        finally:
+            self._is_busy = False
+        self._watch()
+
+    def _see_file_of(self, wish, name, path, code):
+        if wish.name is None:
+            if not wish.reference and base_name(wish.path) == base_name(name):
+                self._see_file_of_line(wish, name, path)
+        elif code is not None and wish.reason != kFailed and self._see_functions(wish, code):
+            self._tell(wish)
+
+    def _see_file_of_line(self, wish, name, path):
+        is_there = _real_path(wish.path) == path
+        if wish.is_bound and (
+                wish.mark is None or not is_there or _mark_of(wish.path) == wish.mark):
+            return
+        if not is_there or wish.reason is not None or _mark_of(wish.path) != wish.mark:
+            self._place_anew(wish, [name])
+        wish.is_bound = wish.is_bound or is_there
+        self._tell(wish)
+
+    def _place_anew(self, wish, paths):
+        """paths: of files that have been loaded."""
+        self._drop_sites(wish)
+        wish.is_bound = False
+        self._place(wish)
+        self._bind_elsewhere(wish, paths)
+
+    def _see_functions(self, wish, code):
+        """Whether some of the new code's functions have the name."""
+        name = _plain_name(wish.name)
+        before = len(wish.sites)
+        for module in code.modules:
+            if name.startswith(module + "."):
+                self._add_functions(
+                    wish, code.path, code.functions(), name[len(module) + 1:], ending=False)
+        if rules.is_of_program(code.path):
+            self._add_functions(wish, code.path, code.functions(), name, ending="." not in name)
+        return len(wish.sites) > before
+
     # --- imports ---
 
     def see_import(self, _session, _module):
@@ -304,19 +375,32 @@ class tBreaks(object):
                 self._look_through(news)
         finally:
             self._is_busy = False
+        self._watch()
 
     def _look_through(self, news):
+        paths = [path for path in [
+            sources.file_of_module(module) for _, module in news] if path is not None]
         for wish in self._all():
             if wish.reason == kFailed or (wish.name is None and wish.is_bound):
                 continue
             if wish.name is not None:
                 if self._find_function(wish, news):
                     self._tell(wish)
-            elif any(self._may_be(wish, module) for _, module in news):
-                self._drop_sites(wish)
-                self._place(wish)
-                self._bind_elsewhere(wish, news)
+            elif any(base_name(path) == base_name(wish.path) for path in paths):
+                self._place_anew(wish, paths)
                 self._tell(wish)
+            elif wish.reason == kPending and _is_file(wish.path):
+                self._try_early(wish)
+
+    def _try_early(self, wish):
+        """The file has come into being, but is perhaps still being written."""
+        message = wish.message
+        self._place_anew(wish, [])
+        if wish.reason is None:
+            self._tell(wish)
+        else:
+            wish.message, wish.reason = message, kPending
+        wish.is_bound = False
 
     def _new_modules(self):
         if not any(wish.name is not None or not wish.is_bound for wish in self._all()):
@@ -330,15 +414,10 @@ class tBreaks(object):
                 news.append((name, module))
         return news
 
-    def _may_be(self, wish, module):
-        path = sources.file_of_module(module)
-        return path is not None and (base_name(path) == base_name(wish.path) or _is_file(wish.path))
-
-    def _bind_elsewhere(self, wish, modules):
-        """The file is not where the client says, but this may be it by its contents."""
-        for _, module in modules:
-            path = sources.file_of_module(module)
-            if path is None or not wish.checksum or wish.is_bound:
+    def _bind_elsewhere(self, wish, paths):
+        """The file is not where the client says, but one of these may be it by its contents."""
+        for path in paths:
+            if not wish.checksum or wish.is_bound:
                 continue
             if breakpoints.has_checksum(path, wish.path, wish.checksum):
                 self._drop_sites(wish)
@@ -403,6 +482,76 @@ class tBreaks(object):
                 "stderr", text + u"\n", line=self._paths.line_to_client(stop.frame.f_lineno),
                 source=sources.source_of_frame(session, stop.frame))
         return body
+
+
+class tNewCode(object):
+    """What of the file at the path is about to run, for the first time.
+
+    frame    of its code
+    modules  names that the module is known by
+    """
+
+    def __init__(self, path, frame, table):
+        self.path = path
+        self._frame, self._table = frame, table
+        self._functions = None
+        name = frame.f_globals.get("__name__")
+        self.modules = [name] if isinstance(name, str) and name else []
+        if "__main__" in self.modules:
+            self.modules.append(base_name(path).rpartition(".")[0])
+
+    def functions(self):
+        """{qualified name: first line}"""
+        if self._functions is None:
+            self._functions = self._find_functions()
+        return self._functions
+
+    def _find_functions(self):
+        code = self._frame.f_code
+        if code.co_name == "<module>":
+            return codelines.functions_of(code)
+        try:
+            return self._table.source(self.path).functions()
+        except breakpoints.tRefused:
+            return {}
+
+
+def _find_new_code(path, table):
+    """The tNewCode of the file, if it is what the calling thread is about to run; else None."""
+    frame = _frame_of(path, table.folder)
+    return None if frame is None else tNewCode(path, frame, table)
+
+
+def _frame_of(path, folder):
+    """The program's innermost frame, if it is of this file; else None."""
+    frame = _get_frame()
+    while frame is not None and rules.is_own_file(frame.f_code.co_filename):
+        frame = frame.f_back
+    if frame is None:
+        return None
+    for name in (frame.f_code.co_filename, frame.f_globals.get("__file__")):
+        if isinstance(name, str):
+            name = _real_path(name if _isabs(name) else _join(folder, name))
+            if name == path or name[:-1] == path and name.endswith(breakpoints.kSuffixes):
+                return frame
+    return None
+
+
+def _mark_of(path):
+    """What changes when the file does; None without a file."""
+    try:
+        status = _stat(path)
+    except (OSError, ValueError):
+        return None
+    return status.st_mtime, status.st_size, status.st_ino
+
+
+def _plain_name(name):
+    """Of a function, as in codelines.tSource.functions(), perhaps behind that of a module."""
+    name = compat.to_native(name).strip()
+    if name.endswith("()"):
+        name = name[:-2]
+    return name.replace(codelines.kLocals + ".", "").replace(":", ".")
 
 
 def _look_up(module, name):
