@@ -2,143 +2,26 @@
 
 client (editor) <-> tSession <-> tDebuggee, the debugger inside the program
 
-The debuggee speaks the protocol itself.  Between the two, this side starts and ends the program,
-shows its output, and keeps the breakpoints, so that they live through a restart; all else is
-passed on, with new sequence numbers.  No message waits for another one: the client's requests are read on one
-thread, what the program's side sends on a second, and what the program writes on a third.
+The debuggee speaks the protocol itself.  Between the two, this side starts and ends the program
+(program.py, ending.py), shows its output, and keeps the breakpoints, so that they live through a
+restart (memory.py); all else is passed on, with new sequence numbers.  No message waits for another
+one: the client's requests are read on one thread, what the program's side sends on a second, and what
+the program writes on a third.
 """
-import collections
-import queue
-import signal
 import threading
 
-from tdbg.adapter import program, schema
+from tdbg.adapter import debuggee as debuggees
+from tdbg.adapter import ending, memory, program, schema
 from tdbg.dap import capabilities, config, endpoint, wire
 
 kNew, kInitialized, kStarting, kRunning, kEnded = "new", "initialized", "starting", "running", "ended"
 
-# Kept and sent again to the next run of the program, by what they replace.
-kBreakpointRequests = (
-    "setBreakpoints", "setFunctionBreakpoints", "setExceptionBreakpoints", "setDataBreakpoints",
-    "setInstructionBreakpoints")
-kKeptRequests = kBreakpointRequests + ("tdbg/setRules",)
-# Breakpoints of each run have numbers of their own.
-kNumbersPerRun = 1000000
 kAnswerSeconds = 2.0    # for the program's side to let go of the program
 kDisconnectSeconds = 1.0  # for each step of ending a program whose client is leaving
 # Events instead of a debugger.
 kRefusedEvent = "tdbg/refused"  # the program cannot be run
 kRunsEvent = "tdbg/runs"        # it is going to run, without one
 kAsStarted = ("exited", "terminated")  # told by whoever has started the program
-
-
-class tDebuggee:
-    """The debugger inside the program.
-
-    on_event(message), on_request(message), on_end() come on one thread.
-    """
-
-    def __init__(self, connection, run, on_event, on_request, on_end):
-        self.run = run
-        self._connection = connection
-        self._handlers = (on_event, on_request, on_end)
-        self._pending = {}  # seq -> function(response)
-        self._client_seqs = {}  # client's seq -> ours
-        self._lock = threading.Lock()
-        self._queue = queue.Queue()  # the program may be slow to read
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self.is_gone = False
-
-    def start(self):
-        threading.Thread(target=self._write, daemon=True).start()
-        self._reader.start()
-
-    def request(self, command, arguments, on_response, client_seq=None):
-        """on_response(message); a made-up one when the program ends first."""
-        seq = self._connection.next_seq()
-        message = {"seq": seq, "type": "request", "command": command}
-        if arguments is not None:
-            message["arguments"] = arguments
-        with self._lock:
-            gone = self.is_gone
-            if not gone:
-                self._pending[seq] = (command, on_response)
-                if client_seq is not None:
-                    self._client_seqs[client_seq] = seq
-        if gone:
-            on_response(self._lost(command))
-        else:
-            self._queue.put(message)
-
-    def seq_of(self, client_seq):
-        """Our number for a request of the client's; 0 = no such."""
-        with self._lock:
-            return self._client_seqs.get(client_seq, 0)
-
-    def respond(self, message):
-        self._queue.put(message)
-
-    def finish(self):
-        """Take what has been sent, as the program has ended; returns when all of it is handled."""
-        self._connection.end_reading()
-        if threading.current_thread() is not self._reader:
-            self._reader.join()
-
-    def close(self):
-        self._connection.close()
-
-    def _write(self):
-        while True:
-            message = self._queue.get()
-            if message is None or not self._connection.write(message):
-                return
-
-    def _read(self):
-        on_event, on_request, on_end = self._handlers
-        while True:
-            try:
-                message = self._connection.read()
-            except (wire.tBadHeader, wire.tBadMessage):
-                message = None
-            if message is None:
-                break
-            kind = message.get("type")
-            if kind == "event":
-                on_event(message)
-            elif kind == "request":
-                on_request(message)
-            else:
-                self._take_response(message)
-        self._lose_all()
-        on_end(self)
-
-    def _take_response(self, message):
-        with self._lock:
-            _, on_response = self._pending.pop(message.get("request_seq"), (None, None))
-        if on_response is not None:
-            on_response(message)
-
-    def _lose_all(self):
-        with self._lock:
-            self.is_gone = True
-            pending, self._pending = list(self._pending.values()), {}
-        self._queue.put(None)
-        self._connection.close()
-        for command, on_response in pending:
-            on_response(self._lost(command))
-
-    @staticmethod
-    def _lost(command):
-        return {"type": "response", "success": False, "command": command, "lost": True,
-                "message": "the program has ended"}
-
-
-class tKept:
-    """A request that sets breakpoints, and the numbers by which the client knows them."""
-
-    def __init__(self, arguments):
-        self.arguments = arguments
-        self.numbers = []
 
 
 class tSession:
@@ -158,21 +41,17 @@ class tSession:
         self._messenger = None      # the same, or one who only tells how the start went
         self._connecting = None     # what an attach waits for; to be closed
         self._waiting = []          # requests for a program that is being started
-        self._kept = collections.OrderedDict()
-        self._aliases = {}          # number of a breakpoint -> number that the client knows
-        self._run = 0
+        self._memory = memory.tMemory()
         self._configured = False    # configurationDone came before there was a program
         self._replays = False       # the client is not asked for breakpoints again
         self._restarting = None
         self._refusal = None
         self._threads = set()
         self._reverse = {}          # seq of a request to the client -> function(response)
-        self._ending = None         # thread that ends the program
-        self._hurry = threading.Event()
+        self._ending = None         # the ending.tEnding of the program that is being ended
         self._is_leaving = False
         self._done = threading.Event()
         self._ended_event = threading.Event()
-        self._early_numbers = 0
         self._stderr_tail = ""
 
     # --- the client's messages ---
@@ -383,8 +262,8 @@ class tSession:
         with self._lock:
             if self._start_request is None:
                 return connection.close()
-            debuggee = tDebuggee(
-                connection, self._run, self._take_event, self._take_request, self._lose_debuggee)
+            debuggee = debuggees.tDebuggee(
+                connection, self._take_event, self._take_request, self._lose_debuggee)
             self._messenger = debuggee
             if not self._config.no_debug:
                 self._debuggee = debuggee
@@ -429,7 +308,8 @@ class tSession:
 
     def on_exit(self, status, why):
         """The program has ended and all its output has been sent."""
-        self._hurry.set()
+        if self._ending is not None:
+            self._ending.hurry()
         messenger = self._messenger
         if messenger is not None:
             messenger.finish()
@@ -479,9 +359,10 @@ class tSession:
             (self._threads.add if body.get("reason") == "started" else self._threads.discard)(
                 body.get("threadId"))
         elif name == "breakpoint" and isinstance(body.get("breakpoint"), dict):
-            self._translate(body["breakpoint"])
+            self._memory.translate(body["breakpoint"])
         elif name == "stopped" and "hitBreakpointIds" in body:
-            body["hitBreakpointIds"] = [self._number(number) for number in body["hitBreakpointIds"]]
+            body["hitBreakpointIds"] = [
+                self._memory.number(number) for number in body["hitBreakpointIds"]]
         message.pop("seq", None)
         self._client.write(message)
         if name == "terminated":
@@ -518,67 +399,25 @@ class tSession:
             return self._fail_start(self._refusal or "the program has closed the connection")
         self._finish(None)
 
-    # --- breakpoints ---
-
-    def _translate(self, breakpoint):
-        if isinstance(breakpoint.get("id"), int):
-            breakpoint["id"] = self._number(breakpoint["id"])
-
-    def _number(self, number):
-        """The client's number for a breakpoint of the present run."""
-        number += self._run * kNumbersPerRun
-        return self._aliases.get(number, number)
-
-    def _keep(self, request, kept):
-        source = kept.arguments["source"] if request["command"] == "setBreakpoints" else {}
-        key = (request["command"], source.get("path") or source.get("name"), source.get("sourceReference"))
-        with self._lock:
-            self._kept[key] = kept
-
-    def _take_breakpoints(self, kept, response):
-        """Put the client's numbers into an answer."""
-        rows = (response.get("body") or {}).get("breakpoints")
-        kept.numbers = []
-        for row in rows if isinstance(rows, list) else ():
-            self._translate(row)
-            kept.numbers.append(row.get("id"))
-
     def _replay(self):
         """Send the program what was set before it; whether that is all that it needs.
 
         Nobody else sends requests at this time, but a client that does not wait for `initialized`.
         """
         with self._lock:
-            kept = list(self._kept.items())
             alone = self._replays or self._configured
             self._replays, self._configured = False, False
-        for (command, _, _), request in kept:
+        for kept in self._memory.all():
             self._debuggee.request(
-                command, request.arguments, lambda response, request=request: self._take_replay(request, response))
+                kept.command, kept.arguments,
+                lambda response, kept=kept: self._take_replay(kept, response))
         if alone:
             self._debuggee.request("configurationDone", {}, lambda response: None)
         return alone
 
     def _take_replay(self, kept, response):
-        rows = (response.get("body") or {}).get("breakpoints") or ()
-        for row, number in zip(rows, kept.numbers):
-            if number is not None and isinstance(row.get("id"), int):
-                self._aliases[row["id"] + self._run * kNumbersPerRun] = number
-                row["id"] = number
-                self._send_event("breakpoint", {"reason": "changed", "breakpoint": row})
-
-    def _set_breakpoints_early(self, request):
-        """Before there is a program: nothing is known of them yet."""
-        arguments = request.get("arguments", {})
-        kept = tKept(arguments)
-        self._keep(request, kept)
-        rows = []
-        for _ in arguments.get("breakpoints") or arguments.get("filters") or ():
-            self._early_numbers -= 1
-            rows.append({"id": -self._early_numbers + 900 * kNumbersPerRun, "verified": False,
-                         "message": "the program has not been started yet"})
-        kept.numbers = [row["id"] for row in rows]
-        self._respond(request, {"breakpoints": rows})
+        for row in self._memory.adopt(kept, response):
+            self._send_event("breakpoint", {"reason": "changed", "breakpoint": row})
 
     # --- all other requests ---
 
@@ -599,10 +438,8 @@ class tSession:
             return self._fail(request, "the program has ended")
 
         def answered(response):
-            if command in kKeptRequests and response.get("success"):
-                kept = tKept(request.get("arguments", {}))
-                self._take_breakpoints(kept, response)
-                self._keep(request, kept)
+            if command in memory.kKeptRequests and response.get("success"):
+                self._memory.keep_answered(request, response)
             self._pass_response(request, response)
 
         debuggee.request(command, request.get("arguments"), answered, request["seq"])
@@ -617,10 +454,10 @@ class tSession:
 
     def _answer_early(self, request):
         command = request["command"]
-        if command in kBreakpointRequests:
-            self._set_breakpoints_early(request)
-        elif command in kKeptRequests:
-            self._keep(request, tKept(request.get("arguments", {})))
+        if command in memory.kBreakpointRequests:
+            self._respond(request, {"breakpoints": self._memory.keep_early(request)})
+        elif command in memory.kKeptRequests:
+            self._memory.keep_unnumbered(request)
             self._respond(request)
         elif command == "configurationDone":
             self._configured = True
@@ -641,11 +478,9 @@ class tSession:
 
     def _answer_undebugged(self, request):
         command = request["command"]
-        if command in kBreakpointRequests:
+        if command in memory.kBreakpointRequests:
             rows = request.get("arguments", {}).get("breakpoints") or ()
-            kept = tKept(request.get("arguments", {}))
-            kept.numbers = [None for _ in rows]
-            self._keep(request, kept)
+            self._memory.keep_unnumbered(request)
             self._respond(request, {"breakpoints": [
                 {"verified": False, "message": "the program runs without a debugger"} for _ in rows]})
         elif command == "threads":
@@ -693,7 +528,7 @@ class tSession:
             self._send_event("thread", {"reason": "exited", "threadId": thread})
         with self._lock:
             self._threads.clear()
-            self._run += 1
+            self._memory.begin_next_run()
             self._replays = True
             self._start_request, self._state = request, kStarting
             self._ended_event.clear()
@@ -718,40 +553,10 @@ class tSession:
         """Ask it to end, more sternly each time that it does not; a second call hurries."""
         with self._lock:
             if self._ending is not None:
-                self._hurry.set()
-                return
-            self._hurry.clear()
-            self._ending = threading.Thread(
-                target=self._end_by_steps, args=(self._program, seconds), daemon=True)
-        self._ending.start()
-
-    def _end_by_steps(self, this_program, seconds):
-        steps = [self._interrupt, self._ask_to_end, self._kill]
-        for step in steps[config.kEndings.index(self._config.on_terminate):]:
-            step(this_program)
-            self._hurry.wait(seconds)
-            if this_program.ended.is_set():
-                return
-            self._hurry.clear()
-
-    def _interrupt(self, this_program):
-        """The debugger in the program lets it go on, and raises KeyboardInterrupt in it."""
-        def answered(response):
-            if not response.get("success"):
-                this_program.signal(signal.SIGINT)
-
-        debuggee = self._debuggee
-        if debuggee is None:
-            this_program.signal(signal.SIGINT)
-        else:
-            debuggee.request("terminate", {}, answered)
-
-    def _kill(self, this_program):
-        this_program.kill()
-
-    def _ask_to_end(self, this_program):
-        this_program.signal(signal.SIGTERM)
-        this_program.signal(signal.SIGCONT)
+                return self._ending.hurry()
+            self._ending = ending.tEnding(
+                self._program, self._debuggee, self._config.on_terminate)
+        self._ending.start(seconds)
 
     def _disconnect(self, request):
         if self._state == kNew:
