@@ -9,7 +9,7 @@ import keyword
 import re
 
 from tdbg import compat, sublanguages
-from tdbg.dap import peek, statics, variables
+from tdbg.dap import holders, peek, statics, variables
 from tdbg.dap.requests import get, get_optional, kStopped, tRequest
 
 kMost = 2000
@@ -95,7 +95,7 @@ def _names(word, frame, extra):
     for name in _keywords:
         found[name] = _item(name, u"keyword", 2)
     for names, rank in ((compat.builtins.__dict__, 1), (frame.f_globals, 0),
-                        (variables.variables_of(frame), 0), (extra or {}, 0)):
+                        (holders.variables_of(frame), 0), (extra or {}, 0)):
         for name in list(names):
             if isinstance(name, compat.string_types) and name.startswith(word):
                 found[name] = _item(name, _type_of(names[name], u"variable"), rank)
