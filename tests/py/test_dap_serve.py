@@ -120,6 +120,76 @@ class Serving(Case):
         client.request("disconnect")
         self.assertEqual(self.end_of(process), (0, "turn 0\nturn 1\nend True\n", "xy\nxy\n"))
 
+    def test_bytes_are_shown_in_order_and_once(self):
+        """By way of the stream's buffer, and of streams that the program makes of it."""
+        path = self.make_file("prog.py", (
+            "# -*- coding: utf-8 -*-\n"
+            "from __future__ import print_function\n"
+            "import array, io, os, sys\n"
+            "n = 0  #@ count\n"
+            "out = getattr(sys.stdout, 'buffer', sys.stdout)\n"
+            "state = [sys.stdout.isatty(), sys.stdout.fileno(), sys.stdout.encoding, out.closed, out.fileno()]\n"
+            "sys.stdout.write('a ')\n"
+            "sys.stdout.flush()\n"
+            "kinds = (bytes, bytes, bytes) if out is sys.stdout else (bytes, bytearray, memoryview)\n"
+            "parts = (b'b \\xe2', b'\\x82', b'\\xac c\\n')\n"
+            "wrote = [out.write(kind(part)) for kind, part in zip(kinds, parts)]\n"
+            "out.flush()\n"
+            "print('d')\n"
+            "sys.stdout.flush()\n"
+            "out.writelines([b'e ', b'f\\n'])\n"
+            "out.flush()\n"
+            "os.write(1, b'raw\\n')\n"
+            "if out is not sys.stdout:\n"
+            "    raw = getattr(out, 'raw', out)\n"
+            "    wrote.append(raw.write(array.array('B', b'g\\n')))\n"
+            "    sys.stdout = io.TextIOWrapper(sys.stdout.detach(), encoding='utf-8')\n"
+            "    with sys.stdout:\n"
+            "        print(u'h \\u20ac')\n"
+            "        n = 1  #@ detached\n"
+            "sys.stderr.write('{}\\n'.format([state, wrote]))\n"
+            "sys.stderr.flush()\n"
+            "out = getattr(sys.stderr, 'buffer', sys.stderr)\n"
+            "out.write(b'end\\xff')\n"))
+        argv = serve_argv("--wait-for-client", "--no-token", "--listen", "0", path)
+        process = self.start(argv, env={"PYTHONIOENCODING": "utf-8"})
+        port = int(re.search(r":(\d+)\n", process.stderr.readline().decode("utf-8")).group(1))
+        client = self.client_at(("127.0.0.1", port), process)
+        client.resume(self.attach_and_stop(client, path, redirectOutput=True))
+        out, err = process.communicate()
+        client.wait_end()
+        shown = {"stdout": "", "stderr": ""}
+        for body in client.seen_events("output"):
+            shown[body["category"]] += body["output"]
+        is_3 = sys.version_info[0] == 3
+        text = u"a b \u20ac c\nd\ne f\n" + (u"g\nh \u20ac\n" if is_3 else u"")
+        state = [[False, 1, "utf-8", False, 1], [3, 1, 4, 2] if is_3 else [None] * 3]
+        self.assertEqual(err.decode("utf-8", "replace"), u"{}\nend\ufffd".format(state))
+        self.assertEqual(shown, {"stdout": text, "stderr": u"{}\nend\ufffd".format(state)})
+        self.assertEqual(out.decode("utf-8"), text.replace(u"f\n", u"f\nraw\n"))
+        self.assertEqual(process.returncode, 0)
+
+    def test_everything_is_shown_once_where_the_adapter_reads(self):
+        """An editor without a terminal, which a program with redirectOutput was meant for."""
+        path = self.make_file("prog.py", (
+            "# -*- coding: utf-8 -*-\n"
+            "from __future__ import print_function\n"
+            "import os, subprocess, sys\n"
+            "print('a')\n"
+            "out = getattr(sys.stdout, 'buffer', sys.stdout)\n"
+            "out.write(b'b \\xe2\\x82')\n"
+            "out.flush()\n"
+            "os.write(1, b'\\xac\\n')\n"
+            "subprocess.call([sys.executable, '-c', 'print(3)'])\n"
+            "print(sys.stdout is sys.__stdout__, sys.stdout.isatty(), sys.stdout.fileno(), type(sys.stdout).__name__)\n"))
+        client, _ = dapclient.launch_through_adapter(
+            self, path, {"console": "integratedTerminal", "redirectOutput": True})
+        client.wait_event("terminated")
+        shown = "".join(
+            body["output"] for body in client.seen_events("output") if body.get("category") == "stdout")
+        kind = "TextIOWrapper" if sys.version_info[0] == 3 else "file"
+        self.assertEqual(shown, u"a\nb \u20ac\n3\nTrue False 1 {}\n".format(kind))
+
     def test_detached_program_is_free_of_the_debugger(self):
         path = self.make_file("prog.py", (
             "from __future__ import print_function\nimport os, sys, threading, time\n"

@@ -1,12 +1,14 @@
 """What the program prints is the client's to see as well, where no adapter reads its output: in a
 terminal, or after attaching.  Only on request (redirectOutput).
 
-The streams sys.stdout and sys.stderr are replaced.  What bypasses them (the descriptors, a stream
-that was kept from before) goes where it went.
+The streams sys.stdout and sys.stderr are replaced, and with them the binary streams below that the
+program gets from them.  What bypasses all these (the descriptors, a stream that was kept from
+before) goes where it went.
 """
 from __future__ import absolute_import, division, print_function
 
 import atexit
+import codecs
 import collections
 import os
 import sys
@@ -21,6 +23,7 @@ kLargest = 4096     # characters of an unfinished line that are kept back
 kRequests = {}
 _getpid = os.getpid
 _at_exit = atexit.register
+_find_decoder = codecs.getincrementaldecoder
 _not_at_exit = getattr(atexit, "unregister", lambda function: None)  # version 3
 
 
@@ -75,7 +78,6 @@ class tMouth(object):
     def finish(self):
         """The program ends, and soon our thread cannot run any more."""
         for _, tee, _ in self._tees:
-            tee.tell()
             tee.let_go()
 
     def take_out(self):
@@ -104,12 +106,67 @@ class tMouth(object):
                 done.set()
 
 
+class tHeard(object):
+    """What is written into one stream by way of its tees, until a line of it is told.
+
+    Threads may write at a time.  No lock: one that has it might be stopped there, by its breakpoint
+    or another's, and whoever evaluates a print() at that stop would wait for it.
+    """
+
+    def __init__(self, category, mouth, encoding):
+        self._category, self.mouth = category, mouth
+        self._parts = collections.deque()
+        self._length = 0
+        self._decoder = _make_decoder(encoding)
+
+    def hear_text(self, text):
+        if self.mouth is None:
+            return
+        if isinstance(text, bytes):
+            return self.hear_bytes(text)
+        self._parts.append(text)
+        self._length += len(text)
+        if text.endswith(u"\n") or self._length > kLargest:
+            self.tell()
+
+    def hear_bytes(self, data):
+        if self.mouth is not None:
+            text = self._decoder.decode(data)
+            if text:
+                self.hear_text(text)
+
+    def tell(self):
+        parts = []
+        self._length = 0
+        try:
+            while True:
+                parts.append(self._parts.popleft())
+        except IndexError:
+            pass
+        mouth = self.mouth
+        if parts and mouth is not None:
+            mouth.say(self._category, u"".join(parts))
+
+    def end(self):
+        if self.mouth is not None:
+            self.hear_text(self._decoder.decode(b"", True))
+            self.tell()
+            self.mouth = None
+
+
+def _make_decoder(encoding):
+    try:
+        return _find_decoder(encoding or "utf-8")("replace")
+    except (LookupError, TypeError):
+        return _find_decoder("utf-8")("replace")
+
+
 class tTee(object):
     """A stream in the place of the program's, which does all but tell what is written."""
 
     def __init__(self, stream, category, mouth):
-        self._stream, self._category, self._mouth = stream, category, mouth
-        self._line = u""  # what has come of it
+        self._stream = stream
+        self._heard = tHeard(category, mouth, getattr(stream, "encoding", None))
 
     def write(self, text):
         if compat.PY2 and isinstance(text, compat.text_type):
@@ -118,10 +175,8 @@ class tTee(object):
             result = self._stream.write(text.encode(encoding))
         else:
             result = self._stream.write(text)
-        if self._mouth is not None and isinstance(text, compat.string_types):
-            line = self._line = self._line + compat.to_text(text)
-            if line.endswith(u"\n") or len(line) > kLargest:
-                self.tell()
+        if isinstance(text, compat.string_types):
+            self._heard.hear_text(text)
         return result
 
     def writelines(self, lines):
@@ -130,23 +185,80 @@ class tTee(object):
 
     def flush(self):
         result = self._stream.flush()
-        self.tell()
+        self._heard.tell()
         return result
 
     def let_go(self):
-        self._mouth = None
+        self._heard.end()
 
-    def tell(self):
-        line, self._line = self._line, u""
-        mouth = self._mouth
-        if line and mouth is not None:
-            mouth.say(self._category, line)
+    def detach(self):
+        return tByteTee(self._stream.detach(), self._heard)
+
+    @property
+    def buffer(self):
+        return tByteTee(self._stream.buffer, self._heard)
 
     def __getattr__(self, name):
         return getattr(self._stream, name)
 
     def __iter__(self):
         return iter(self._stream)
+
+    def __enter__(self):
+        self._stream.__enter__()
+        return self
+
+    def __exit__(self, *exc_info):
+        self._heard.tell()
+        return self._stream.__exit__(*exc_info)
+
+    def __repr__(self):
+        return repr(self._stream)
+
+
+class tByteTee(object):
+    """The same for the binary stream below."""
+
+    def __init__(self, stream, heard):
+        self._stream, self._heard = stream, heard
+
+    def write(self, data):
+        result = self._stream.write(data)
+        if self._heard.mouth is not None:
+            data = data if isinstance(data, bytes) else memoryview(data).tobytes()
+            # One without a buffer tells how much it has taken, None for nothing.
+            self._heard.hear_bytes(data[:result or 0])
+        return result
+
+    def writelines(self, lines):
+        for line in lines:
+            self.write(line)
+
+    def flush(self):
+        result = self._stream.flush()
+        self._heard.tell()
+        return result
+
+    def detach(self):
+        return tByteTee(self._stream.detach(), self._heard)
+
+    @property
+    def raw(self):
+        return tByteTee(self._stream.raw, self._heard)
+
+    def __getattr__(self, name):
+        return getattr(self._stream, name)
+
+    def __iter__(self):
+        return iter(self._stream)
+
+    def __enter__(self):
+        self._stream.__enter__()
+        return self
+
+    def __exit__(self, *exc_info):
+        self._heard.tell()
+        return self._stream.__exit__(*exc_info)
 
     def __repr__(self):
         return repr(self._stream)
