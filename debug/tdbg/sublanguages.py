@@ -4,45 +4,33 @@ A template engine, a runner of notebook cells: what executes is Python, but what
 is something else.  A program tells about its language by an object (docs/sublanguages.md has the
 interface), in which a few functions of the implementation are named: those whose call enters the
 language, and those whose frames stand at a line of it.  The core gets one tHook for each such
-object; it is asked at every event of such a frame.  What the user sees of these frames are
-tFrameViews, one for each activation of a template.
+object (languagehooks.py); it is asked at every event of such a frame.  What the user sees of these
+frames are tFrameViews, one for each activation of a template (languageviews.py).
 
 Stepping: the core does not know the language's lines, so a step in one is planned here, as the
 activations in which it may end.  The core goes on to the nearest caller in Python.
 """
 from __future__ import absolute_import, division, print_function
 
-import dis
 import importlib
-import io
 import os
 import sys
 
-from tdbg import compat, register_sub_language
-
-# Events and step modes, as the core tells them.
-kException, kCall, kLine, kReturn = -1, 0, 1, 2
-kModeRun, kModeStepInto, kModeAsked = -1, 0, 1  # kModeAsked: is this a place for a breakpoint?
+from tdbg import register_sub_language
+from tdbg.languagehooks import tHook
+# Not all are used here: other modules need to know this one alone.
+from tdbg.languageviews import (  # noqa: F401
+    full_path, is_view, read, real_frame, tFrameView, tSource,
+)
 
 kRaiseMode = 1  # of the core's exception modes: every exception is told
-kYieldFrom = dis.opmap.get("YIELD_FROM")
-# A frame of 3.13 that yields is at the instruction that it will go on with.
-kYields = frozenset((dis.opmap["YIELD_VALUE"], kYieldFrom, dis.opmap.get("RESUME")))
-kSuffixes = (".pyc", ".pyo")
 
 # Languages of well-known libraries: name of the library -> module with a function make(refresh),
 # which gives the language once the library can be used, else None.
 kReady = {"jinja2": "tdbg.languages.jinja2hook"}
 
-_get_ident = compat.get_ident
 _abs_path = os.path.abspath
-_base_name = os.path.basename
-_exists = os.path.isfile
-_is_absolute = os.path.isabs
-_open = io.open
 _real_path = os.path.realpath
-_code_type = type((lambda: 0).__code__)
-_builtins = compat.builtins
 
 # The standard library, and what is not part of it in the same folder.
 _library = tuple(set(
@@ -61,93 +49,6 @@ def register(language):
         _registered.append(language)
     if _session is not None:
         _session.add(language)
-
-
-class tSource(object):
-    """Lines of a file of a language.  Has what codelines.tSource has; there are no functions."""
-
-    def __init__(self, path, text, lines=None):
-        """lines: numbers of those that can stop; None: any may."""
-        self.path = path
-        self.lines = _split_lines(text)
-        self.count = len(self.lines)
-        self._stopping = None if lines is None else sorted(lines)
-
-    def line_with_code(self, line):
-        if self._stopping is None:
-            return line
-        following = [number for number in self._stopping if number >= line]
-        return following[0] if following else None
-
-    def lines_with_code(self, first, last):
-        stopping = range(1, self.count + 1) if self._stopping is None else self._stopping
-        return [line for line in stopping if first <= line <= last]
-
-    def functions(self):
-        return {}
-
-    def find_functions(self, name):
-        return {}
-
-    def one_line_functions(self, line):
-        return ()
-
-
-class tCodeView(object):
-    """What a code object tells of itself, for a tFrameView."""
-
-    __slots__ = ("co_filename", "co_name", "co_qualname", "co_firstlineno")
-
-    co_flags = co_argcount = co_kwonlyargcount = 0
-    co_varnames = co_cellvars = co_freevars = co_consts = ()
-
-    def __init__(self, path, name):
-        self.co_filename, self.co_name, self.co_qualname = path, name, name
-        self.co_firstlineno = 1
-
-
-class tFrameView(object):
-    """An activation of a template (or what the language has instead), shown as if it were a frame.
-
-    frame  the frame of the program that stands at the place
-    scope  what identifies the activation
-    base   id of the outermost frame of the activation
-    The rest is as a frame has it; f_back is the next frame or view outwards that is shown.
-    """
-
-    __slots__ = ("hook", "frame", "scope", "base", "f_lineno", "f_code", "f_back")
-
-    f_trace = None
-
-    def __init__(self, hook, frame, place, scope, base, back):
-        self.hook, self.frame, self.scope, self.base = hook, frame, scope, base
-        self.f_lineno, self.f_back = place[1], back
-        self.f_code = tCodeView(place[0], hook.title_of(frame, place))
-
-    @property
-    def f_locals(self):
-        return self.hook.variables_of(self.frame)
-
-    @property
-    def f_globals(self):
-        return self.hook.globals_of(self.frame)
-
-    def source(self):
-        """tSource of its file as the language knows it; None: look for the file."""
-        return self.hook.source(self.f_code.co_filename)
-
-    def evaluate(self, text):
-        """Value of an expression of the language; exceptions are the language's."""
-        return self.hook.evaluate(text, self.frame)
-
-
-def is_view(frame):
-    return isinstance(frame, tFrameView)
-
-
-def real_frame(frame):
-    """The frame of the program behind what is shown."""
-    return frame.frame if isinstance(frame, tFrameView) else frame
 
 
 class tLanguages(object):
@@ -406,248 +307,3 @@ def _show_key_frame(shown, bases, hook, frame, line):
         shown.pop()
     view = tFrameView(hook, frame, place, scope, base, outer)
     shown.append((view, view.f_lineno))
-
-
-class tHook(object):
-    """What the core asks about a language; the names of these methods are the core's."""
-
-    def __init__(self, language, session):
-        self.language = language
-        self._session = session
-        self.entries, self.keys, self._files = [], [], []
-        self._compiled = bool(getattr(language, "compiled", False))
-        self._covered = {}    # file of code -> whether it is the implementation's
-        self._spellings = {}  # file as the language tells it -> full one
-        self._seen = {}       # thread ident -> {id of frame: (place, instruction, line)}
-        self._fresh = {}      # thread ident -> whether the event at hand comes to a new place
-        self._arrived = {}    # thread ident -> id of the frame that may stop at the event at hand
-        self._uncounted = set()  # idents of threads that stop without a look at breakpoints
-        self._told = set()    # idents of threads whose exception is to be told
-
-    def reload(self):
-        """Ask the language for its functions."""
-        self.entries = [code for code in map(code_of, self._ask("entries", ())) if code]
-        # Only new ones, perhaps: the core keeps those that it has been told of.
-        self.keys = [code for code in map(code_of, self._ask("functions", ())) if code] or self.keys
-        files = self._ask("files", None)
-        if files is None:
-            files = set(code.co_filename for code in self.entries + self.keys)
-        self._files = sorted(set(spelling for path in files for spelling in _spellings(path)))
-        self._covered = {}
-
-    def _ask(self, method, default, *args):
-        """Answer of one of the language's methods; the default where it has none or that fails."""
-        function = getattr(self.language, method, None)
-        if function is None:
-            return default
-        try:
-            return function(*args)
-        except BaseException as why:
-            self._session.tell_failure(self.language, method, why)
-            return default
-
-    # --- for the server ---
-
-    def place_of(self, frame, line):
-        """(full path, line, ...) of the language that the frame is at; None: at none."""
-        place = self._ask("place", None, frame, line)
-        if not place or not place[1] or place[0] is None:
-            return None
-        path = compat.to_native(place[0])
-        full = self._spellings.get(path)
-        if full is None:
-            full = self._spellings[path] = full_path(path)
-        return (full,) + tuple(place[1:])
-
-    def scope_of(self, frame):
-        return self._ask("scope", frame, frame)
-
-    def title_of(self, frame, place):
-        return compat.to_native(self._ask("title", None, frame) or _base_name(place[0]))
-
-    def variables_of(self, frame):
-        names = self._ask("variables", None, frame)
-        return frame.f_locals if names is None else names
-
-    def globals_of(self, frame):
-        names = self._ask("globals", None, frame)
-        return {"__builtins__": _builtins} if names is None else names
-
-    def evaluate(self, text, frame):
-        function = getattr(self.language, "evaluate", None)
-        if function is not None:
-            return function(text, frame)
-        code = compile(text, "<debugger>", "eval", 0, True)
-        space, names = self.globals_of(frame), self.variables_of(frame)
-        if any(isinstance(item, _code_type) for item in code.co_consts):
-            # Comprehensions and lambdas look names up as globals.
-            space = dict(space)
-            space.update(names)
-        return eval(code, space, names)
-
-    def hides(self, frame):
-        return bool(self._ask("hides", False, frame))
-
-    def covers(self, code):
-        """Whether the code is the implementation's."""
-        name = code.co_filename
-        known = self._covered.get(name)
-        if known is None:
-            full = full_path(name)
-            known = any(name.startswith(path) or full.startswith(path) for path in self._files)
-            self._covered[name] = known
-        return known
-
-    def source(self, path):
-        lines = self._ask("lines", None, path)
-        text = self._ask("source", None, path)
-        if text is None and lines is not None:
-            text = read(path)
-        return None if text is None else tSource(path, text, lines)
-
-    def find(self, name):
-        found = self._ask("find", None, name)
-        return None if found is None else full_path(compat.to_native(found))
-
-    def has_arrived(self, frame):
-        return self._arrived.get(_get_ident()) == id(frame)
-
-    def is_uncounted(self):
-        return _get_ident() in self._uncounted
-
-    # --- for the core ---
-
-    def _GetMarkerFrames(self):
-        return self.entries
-
-    def _GetModulePaths(self):
-        return [(compat.to_native(path), 1) for path in self._files]
-
-    def _GetSubLanguageFrames(self):
-        return self.keys
-
-    def _GetStepOutFrame(self, frame):
-        return self._session.step_out_frame(frame)
-
-    def _StopHere(self, frame, event, mode):
-        ident = _get_ident()
-        self._arrived.pop(ident, None)
-        self._uncounted.discard(ident)
-        if event == kException:
-            return mode != kModeAsked and self._tells_exception(frame, mode, ident)
-        self._told.discard(ident)
-        if event != kLine:
-            self._forget(frame, event, ident)
-            return False
-        if mode == kModeAsked:
-            fresh = self._fresh.pop(ident, None)
-            if fresh is None:
-                fresh = self._arrives(frame, ident)
-        else:
-            fresh = self._fresh[ident] = self._arrives(frame, ident)
-            if fresh and mode != kModeStepInto:
-                line = self._seen[ident][id(frame)][0][1]
-                if not self._session.ends_step(ident, frame, self, line):
-                    return False
-            if fresh:
-                self._uncounted.add(ident)
-        if fresh:
-            self._arrived[ident] = id(frame)
-        return fresh
-
-    def _arrives(self, frame, ident):
-        """Whether the frame has come to a new place of the language with this line event."""
-        place = self.place_of(frame, frame.f_lineno)
-        if place is None or not self._ask("arrives", True, frame, frame.f_lineno):
-            return False
-        seen = self._seen.setdefault(ident, {})
-        before = seen.get(id(frame))
-        seen[id(frame)] = (place, frame.f_lasti, frame.f_lineno)
-        if before is None or before[0] != place:
-            return True
-        # A turn of a loop that is all on one line; where that is one of Python, too, the way back
-        # need not lead to its beginning.
-        return self._compiled and (frame.f_lasti < before[1] or frame.f_lineno == before[2])
-
-    def _forget(self, frame, event, ident):
-        """A frame begins or ends; one that yields will go on."""
-        if event == kCall and frame.f_code.co_flags & _kGenerator:
-            return
-        if event == kReturn and _is_yielding(frame):
-            return
-        seen = self._seen.get(ident)
-        if seen:
-            seen.pop(id(frame), None)
-            if not seen:
-                del self._seen[ident]
-        if event == kReturn:
-            self._session.frame_left(ident, frame)
-
-    def _tells_exception(self, frame, mode, ident):
-        """The core asks twice: whether the thread stops, and then whether it shall be told."""
-        if ident in self._told:
-            self._told.discard(ident)
-            return True
-        if not (mode == kModeStepInto or self._session.tells_every_exception()
-                or self._session.ends_step(ident, frame, self)):
-            return False
-        if not self._session.tells_every_exception():
-            self._told.add(ident)
-        return True
-
-    def _TranslateFrame(self, frame, flag):
-        return self.place_of(frame, frame.f_lineno)[:2]
-
-    def _Eval(self, text, frame):
-        return self.evaluate(compat.to_text(text), frame)
-
-
-def _split_lines(text):
-    text = compat.to_text(text).replace(u"\r\n", u"\n").replace(u"\r", u"\n")
-    lines = [line + u"\n" for line in text.split(u"\n")]
-    return lines[:-1] if text[-1:] in (u"\n", u"") else lines
-
-
-_kGenerator = 0x20 | 0x80 | 0x200  # generators, coroutines, both
-
-
-def _is_yielding(frame):
-    if not frame.f_code.co_flags & _kGenerator or frame.f_lasti < 0:
-        return False
-    # `yield from` of 3.6 to 3.10 is done again when the frame goes on: there it is the next one.
-    code = bytearray(frame.f_code.co_code[frame.f_lasti:frame.f_lasti + 3:2])
-    return code[0] in kYields or (kYieldFrom is not None and code[-1] == kYieldFrom)
-
-
-def code_of(item):
-    """Code object of what a language names: a function, a method or the code object itself."""
-    item = getattr(item, "__func__", item)
-    item = getattr(item, "__code__", item)
-    return item if isinstance(item, _code_type) else None
-
-
-def full_path(path):
-    """One spelling for every file; names that are no paths stay as they are."""
-    if path.startswith("<") or not (_is_absolute(path) or _exists(path)):
-        return path
-    return _real_path(_abs_path(path))
-
-
-def read(path):
-    """Contents of a file; None when it cannot be read."""
-    try:
-        with _open(path, "rb") as source:
-            return source.read()
-    except (IOError, OSError, ValueError):
-        return None
-
-
-def _spellings(path):
-    """What a file may be called in code objects and by the core."""
-    path = compat.to_native(path)
-    if path.endswith(kSuffixes):
-        path = path[:-1]
-    if path.startswith("<"):
-        return [path]
-    end = "/" if path.endswith("/") else ""  # a folder
-    return [path, _abs_path(path) + end, _real_path(path) + end]
