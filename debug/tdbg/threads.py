@@ -16,7 +16,7 @@ else:
     import _thread
     _names_of_delete = "_delete"
 
-_set_trace = sys.settrace
+_get_trace, _set_trace = sys.gettrace, sys.settrace
 _partial = functools.partial
 _call = functools.partial.__call__
 
@@ -181,7 +181,8 @@ def is_own_thread(ident):
 def adopt_own_thread():
     """The calling thread is the debugger's from now on."""
     _own.add(compat.get_ident())
-    _set_trace(None)
+    if _get_trace() is not None:
+        _set_trace(None)
 
 
 def forget_own_threads():
@@ -190,10 +191,11 @@ def forget_own_threads():
 
 
 def _run_own(
-        function, own=_own, any_exception=BaseException, set_trace=_set_trace,
+        function, own=_own, any_exception=BaseException, get_trace=_get_trace, set_trace=_set_trace,
         ident=compat.get_ident):
     # The names are its own: version 2 empties the modules while threads still run.
-    set_trace(None)
+    if get_trace() is not None:  # setting none at the same time as another thread could undo the other
+        set_trace(None)
     try:
         function()
     except any_exception:  # functions guard themselves, but for that
