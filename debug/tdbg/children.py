@@ -17,6 +17,9 @@ kPathVariable = "PYTHONPATH"
 kFramesOfSubprocess = 6
 # Processes of the library that nobody wants to debug.
 kHelpers = (b"multiprocessing.resource_tracker", b"multiprocessing.semaphore_tracker")
+# `sh -c COMMAND` is how a program runs a command line.
+kShells = frozenset((b"sh", b"ash", b"bash", b"dash", b"fish", b"ksh", b"zsh"))
+kMostAncestors = 100
 kPatience = 0.1  # seconds between looks at a client that has come, but is not ready
 kStartupFolder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "startup")
 
@@ -73,6 +76,8 @@ def start(startup_folder):
     sys.path_importer_cache.pop(startup_folder, None)
     if settings["seconds"] <= 0 or _is_helper():
         return None
+    if not settings["all"] and not _is_started_by(settings["pid"]):
+        return None
     try:
         from tdbg import launch, nativelib
 
@@ -87,12 +92,49 @@ def start(startup_folder):
 
 
 def _is_helper():
+    return any(name in word for word in _words_of("self") for name in kHelpers)
+
+
+def _is_started_by(program):
+    """Whether the process of that number has started this one, itself or by a shell's command line,
+    or a fork of it has; and where that cannot be told."""
+    between = _processes_up_to(program)
+    if between is None:
+        return True
+    own = _words_of(program)
+    return all(words == own or _is_shell(words) for words in map(_words_of, between))
+
+
+def _processes_up_to(ancestor):
+    """[number] of the processes between that one and this; None: one has ended meanwhile."""
+    found, pid = [], os.getppid()
+    while pid != ancestor:
+        if pid <= 1 or len(found) == kMostAncestors:
+            return None
+        found.append(pid)
+        pid = _parent_of(pid)
+    return found
+
+
+def _parent_of(pid):
     try:
-        with open("/proc/self/cmdline", "rb") as source:
-            words = source.read()
+        with open("/proc/{}/stat".format(pid), "rb") as source:
+            return int(source.read().rpartition(b")")[2].split()[1])
+    except (IOError, OSError, ValueError, IndexError):
+        return 0
+
+
+def _words_of(pid):
+    """The command line of a process; an empty list when it is not known."""
+    try:
+        with open("/proc/{}/cmdline".format(pid), "rb") as source:
+            return source.read().split(b"\0")
     except (IOError, OSError):
-        return False
-    return any(name in words for name in kHelpers)
+        return []
+
+
+def _is_shell(words):
+    return words[1:2] == [b"-c"] and words[0].rpartition(b"/")[2].lstrip(b"-") in kShells
 
 
 def _library_for(path, nativelib):

@@ -91,6 +91,78 @@ class Interpreters(Case):
         with open(result) as source:
             self.assertEqual(source.read(), "0 False")
 
+class Descendants(Case):
+    """Who is asked for, of the processes that the program starts by way of others."""
+
+    kOne = "import sys\nx = 1  #@ in-child\nprint('child', sys.argv[1])\n"
+
+    def start_all_ways(self, **arguments):
+        """The children: of a shell's command line, of a shell script, of an interpreter that the
+        script starts, and of a fork that nobody debugs."""
+        self.make_file("inner.py", (
+            "import subprocess, sys\n"
+            "subprocess.call([sys.executable, sys.argv[1], 'inner'])\n"), self.folder)
+        script = self.make_file("run.sh", (
+            "\"$1\" \"$2\" script\n\"$1\" {}/inner.py \"$2\"\nexit 3\n").format(self.folder), self.folder)
+        return self.start((
+            "import os, subprocess, sys\n"
+            "command = ' '.join([sys.executable, sys.argv[1]])\n"
+            "os.system(command + ' system; true')\n"
+            "pid = os.fork()\n"
+            "if pid == 0:\n"
+            "    os._exit(subprocess.call(command + ' fork && true', shell=True))\n"
+            "os.waitpid(pid, 0)\n"
+            "sys.exit(subprocess.call(['sh', {!r}, sys.executable, sys.argv[1]]))\n").format(script),
+            self.kOne, **arguments)
+
+    def serve(self, client):
+        """Debug all children but forks, until the program ends; what their breakpoint sees."""
+        seen = []
+        while True:
+            try:
+                request = client.wait_request("startDebugging")
+            except dapclient.NoAnswer:
+                return seen
+            pid = request["arguments"]["configuration"]["subProcessId"]
+            with open("/proc/{}/cmdline".format(pid)) as source:
+                program = [word for word in source.read().split("\0") if word.endswith(".py")][0]
+            client.respond(request, success=program != self.path)
+            if program == self.path:  # the fork
+                continue
+            other = dapclient.start_adapter(self)
+            other.initialize(supportsStartDebuggingRequest=True)
+            other.start_session(
+                request["arguments"]["configuration"], "attach", {self.child: ["in-child"]})
+            server = threading.Thread(target=lambda: seen.extend(self.serve(other)))
+            server.start()
+            if program == self.child:
+                thread = other.wait_stopped("breakpoint")["threadId"]
+                seen.append(str(other.evaluate("sys.argv[1]", other.stack(thread)[0]["id"])).strip("u'"))
+                other.resume(thread)
+            other.wait_event("terminated")
+            other.request("disconnect")
+            server.join()
+
+    def check(self, wanted, **arguments):
+        self.folder = self.make_dir()
+        client = self.start_all_ways(**arguments)
+        found = []
+        server = threading.Thread(target=lambda: found.extend(self.serve(client)))
+        server.start()
+        status, text = self.finish(client)
+        client.request("disconnect")
+        server.join()
+        self.assertEqual(found, wanted)
+        self.assertEqual(status, 3)
+        self.assertEqual(len(text.splitlines()), 4, text)
+
+    def test_those_that_the_program_starts(self):
+        self.check(["system", "fork"])
+
+    @time_limit(120)
+    def test_all(self):
+        self.check(["system", "fork", "script", "inner"], subProcess="all")
+
 class WithoutTheClientsHelp(Case):
     """Clients that do not announce startDebugging."""
 
@@ -191,7 +263,8 @@ class Multiprocessing(Case):
     def test_debugged(self):
         for method in ["fork"] if sys.version_info[0] == 2 else ["fork", "spawn", "forkserver"]:
             self.seen = []
-            client = self.start(self.text, args=["x", method])
+            policy = "all" if method == "forkserver" else True
+            client = self.start(self.text, args=["x", method], subProcess=policy)
             server = threading.Thread(target=self.serve_children, args=(client,))
             server.daemon = True
             server.start()

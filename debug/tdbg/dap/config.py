@@ -38,7 +38,8 @@ class tConfig(object):
     just_my_code             bool
     rules                    ordered list of (kind "path" or "module", pattern, include: bool)
     path_mappings            list of (local folder, remote folder)
-    sub_process              one of kChildPolicies
+    sub_process              one of kChildPolicies: which children the client is asked for; "ask": those
+                             that the program starts, "all": those that other programs below it start, too
     child_attach_timeout, kill_timeout    seconds
     exceptions_always, exceptions_never   lists of type names;  exceptions_runners  bool
     threads_default, threads_rules        policy; list of (glob of the name, policy)

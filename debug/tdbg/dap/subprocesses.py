@@ -11,7 +11,7 @@ import shutil
 from tdbg import children, compat, threads
 from tdbg.dap import endpoint, wire
 
-kPolicyNone = "none"
+kPolicyNone, kPolicyAll = "none", "all"
 # Settings that hold for the children, too.
 kInherited = (
     "justMyCode", "rules", "pathMappings", "subProcess", "childAttachTimeout", "exceptions", "threads",
@@ -60,6 +60,7 @@ class tNursery(object):
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
             "socket": path, "seconds": self._session.config.child_attach_timeout, "library": library,
+            "pid": self._pid, "all": self._session.config.sub_process == kPolicyAll,
             "startup": children.kStartupFolder, "pythonpath": _environ.get(_path_variable)}
         self._set(children.kVariable, compat.to_literal(settings))
         self._set(_path_variable, os.pathsep.join(
