@@ -221,6 +221,7 @@ class tRun:
         self.arguments = arguments
         self.results = []
         self.lock = threading.Lock()
+        self.left = collections.Counter()  # tests still to come, by interpreter
 
     def add(self, result):
         with self.lock:
@@ -230,6 +231,15 @@ class tRun:
             elif self.arguments.verbose:
                 note = " ({})".format(result.reason) if result.reason else ""
                 print("{} {}: {}{}".format(result.interpreter.name, result.test, result.status, note), flush=True)
+
+    def keep(self, item):
+        """One test less to come: write what is complete, all at once."""
+        self.left[item] -= 1
+        if not self.arguments.each or self.left[item] > 0:
+            return
+        path = os.path.join(self.arguments.each, item.name + ".json")
+        write_json(path + ".part", [item], [result for result in self.results if result.interpreter is item])
+        os.replace(path + ".part", path)
 
 
 def describe_failure(result):
@@ -268,9 +278,12 @@ def run_all(interpreters, libraries, run, scratch):
                     continue
                 if arguments.everywhere or not test["per_version"] or item is hosts[item.minor]:
                     pending.append(pool.submit(run_test, item, test, env, arguments, scratch))
+                    run.left[item] += 1
         try:
             for future in concurrent.futures.as_completed(pending):
-                run.add(future.result())
+                result = future.result()
+                run.add(result)
+                run.keep(result.interpreter)
         except KeyboardInterrupt:
             pool.shutdown(wait=False, cancel_futures=True)
             raise
@@ -347,6 +360,7 @@ def parse_arguments(argv):
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
+    parser.add_argument("--each", metavar="DIR", help="write those of each interpreter there, once they are complete")
     parser.add_argument("--everywhere", action="store_true",
                         help="tests of the debugger's Python part under every variant, not once per version")
     parser.add_argument("--slowest", type=int, default=0, metavar="N", help="show the N slowest tests")

@@ -260,7 +260,7 @@ def select(interpreters, names):
     for name in names:
         if os.sep in name:
             real = os.path.realpath(name)
-            match = [item for item in interpreters if os.path.realpath(item.path) == real]
+            match = [item for item in interpreters if os.path.realpath(item.path) == real][:1]  # as it comes
             match = match or [describe_path(name)]
         else:
             match = [item for item in interpreters if item.name == name]

@@ -11,6 +11,7 @@ from __future__ import absolute_import, division, print_function
 import io
 import json
 import os
+import signal
 import sys
 import traceback
 import unittest
@@ -36,9 +37,17 @@ def write_result(path, result):
 def main(argv):
     command, result_path, rest = argv[0], argv[1], argv[2:]
     set_up_path(os.path.dirname(os.path.abspath(rest[0])))
+    expect_signals()
     result = list_tests(rest) if command == "list" else run_test(rest[1])
     write_result(result_path, result)
     return 0
+
+
+def expect_signals():
+    """Whoever runs the tests in the background may ignore these; the tests send them."""
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
+    if signal.getsignal(signal.SIGINT) == signal.SIG_IGN:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 # --- listing --------------------------------------------------------------------------------
@@ -142,7 +151,6 @@ def watch_for_hangs():
     """Say where a crash or, on the runner's signal, a hang is; nothing where there is no module."""
     try:
         import faulthandler
-        import signal
     except ImportError:
         return
     faulthandler.enable()
