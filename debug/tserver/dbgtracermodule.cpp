@@ -191,8 +191,8 @@ PyObject* _tracer_init(PyObject* /*self*/, PyObject* args) {
                               &o[kImport],
                               &o[kDefaultImport],
                               &o[kInternalModules]) ||
-        !check_init_objects(o) || !serve_this_interpreter() ||
-        !make_sure_of_core() || !init_core(idle_period, exception_mode, o)) {
+        !check_init_objects(o) || !serve_this_interpreter() || !make_sure_of_core() ||
+        !init_core(idle_period, exception_mode, o)) {
         return nullptr;
     }
     gInitialized = true;

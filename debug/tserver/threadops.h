@@ -95,7 +95,7 @@ private:
 TDBG_API void init_thread_table(CUt_HashTable* table);
 TDBG_API tThreadData* find_thread_data(CUt_HashTable* table, PyThreadState* tstate);
 TDBG_API void remove_thread_data(CUt_HashTable* table, PyThreadState* tstate);
-void forget_any_last_record();  // when its table was dropped as a whole
+void forget_any_last_record();                           // when its table was dropped as a whole
 TDBG_API void clear_thread_table(CUt_HashTable* table);  // leaves it empty and usable
 // Record of the calling thread, or of tstate; made when there is none yet. Null when out of memory,
 // with MemoryError set if it was the table's memory.

@@ -158,8 +158,8 @@ TDBG_API PyTypeObject* XPy_BorrowType(PyObject* obj);
 // 1 equal, 0 different, -1 with an exception set.
 TDBG_API int XPy_PyObjectsEqual(PyObject* a, PyObject* b);
 
-// Module creation; null with an exception set. A new reference, but on Python 2 a borrowed one: there
-// the module belongs to sys.modules.
+// Module creation; null with an exception set. A new reference, but on Python 2 a borrowed one:
+// there the module belongs to sys.modules.
 TDBG_API PyObject* XPy_InitModule(const char* name, PyMethodDef* methods);
 TDBG_API PyObject* XPyModuleDef_Init(XPyModuleDef* module_def);
 // Interpreter image of a module description; never freed. Null on failure.
@@ -263,13 +263,12 @@ inline bool is_frame(PyObject* obj) {
 
 // `str` of the running version: byte string on Python 2, text on Python 3.
 inline bool is_native_string(PyObject* obj) {
-    return is_instance_of(obj, gPy.major_version < 3 ? gPy.PyString_Type_ptr
-                                                     : gPy.PyUnicode_Type_ptr);
+    return is_instance_of(obj,
+                          gPy.major_version < 3 ? gPy.PyString_Type_ptr : gPy.PyUnicode_Type_ptr);
 }
 
 inline bool version_at_least(int major, int minor) {
-    return gPy.major_version > major ||
-           (gPy.major_version == major && gPy.minor_version >= minor);
+    return gPy.major_version > major || (gPy.major_version == major && gPy.minor_version >= minor);
 }
 
 inline PyObject* new_ref(PyObject* obj) {

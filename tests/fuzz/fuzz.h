@@ -1,5 +1,5 @@
-// fuzz.h -- what the fuzz targets share. A target is LLVMFuzzerTestOneInput: it reads its input as a
-// list of operations, does them, and compares with a simple model what can be compared. libFuzzer
+// fuzz.h -- what the fuzz targets share. A target is LLVMFuzzerTestOneInput: it reads its input as
+// a list of operations, does them, and compares with a simple model what can be compared. libFuzzer
 // calls it with what it makes up (option TDBG_FUZZ, clang), replay.cpp with the kept corpus.
 #pragma once
 
@@ -12,12 +12,12 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
 // Ends the process: the input is a finding.
-#define FUZZ_CHECK(condition)                                                 \
-    do {                                                                      \
-        if (!(condition)) {                                                   \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition);   \
-            abort();                                                          \
-        }                                                                     \
+#define FUZZ_CHECK(condition)                                               \
+    do {                                                                    \
+        if (!(condition)) {                                                 \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition); \
+            abort();                                                        \
+        }                                                                   \
     } while (0)
 
 // The input from its beginning; what is asked for after its end is zero or empty.

@@ -1,5 +1,5 @@
-// interpreter.h -- the interpreter made of structs (tests/native/fake_python.h) for fuzz targets: set
-// up once, cleaned after every input, so that millions of inputs need no more memory than one.
+// interpreter.h -- the interpreter made of structs (tests/native/fake_python.h) for fuzz targets:
+// set up once, cleaned after every input, so that millions of inputs need no more memory than one.
 #pragma once
 
 #include <unordered_map>
@@ -29,18 +29,9 @@ inline PyObject* make_or_find_text(const char* text) {
 }
 
 inline void bind_for_fuzzing() {
-    gPy = XPy_C_API_Data{};
-    gPy.major_version = 3;
-    gPy.minor_version = 11;
-    gPy.can_update_refcount_directly = 1;
+    bind_fake_interpreter();
+    bind_fake_lists();
     gPy.initialized = 1;
-    gPy.frame_offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-    bind_fake_objects();
-    bind_fake_errors();
-    bind_fake_strings();
-    bind_fake_calls();
-    bind_fake_frames();
-    bind_fake_threads();
     gPy.PyUnicode_FromString = make_or_find_text;
     gPy.PyCode_Type_ptr = fake->make(fake->type_type, "code");
     gPy._PyEval_RequestCodeExtraIndex = [](freefunc) { return Py_ssize_t{0}; };
@@ -57,22 +48,6 @@ inline void bind_for_fuzzing() {
     };
     gPy.PyBytes_Size = [](PyObject* obj) {
         return static_cast<Py_ssize_t>(as_fake(obj)->text.size());
-    };
-    gPy.PyList_New = [](Py_ssize_t size) -> PyObject* {
-        tFake* const list = fake->make(fake->other_type, "list");
-        list->items.resize(static_cast<size_t>(size));
-        return list;
-    };
-    gPy.PyList_Append = [](PyObject* list, PyObject* item) {
-        as_fake(list)->items.push_back(as_fake(new_ref(item)));
-        return 0;
-    };
-    gPy.PyList_SetItem = [](PyObject* list, Py_ssize_t index, PyObject* item) {
-        as_fake(list)->items[static_cast<size_t>(index)] = as_fake(item);
-        return 0;
-    };
-    gPy.PyList_GetItem = [](PyObject* list, Py_ssize_t index) -> PyObject* {
-        return as_fake(list)->items[static_cast<size_t>(index)];
     };
     gPy.PyDict_New = []() -> PyObject* { return fake->make(fake->other_type, "dict"); };
     gPy.PyErr_SetString = [](PyObject*, const char* text) { fake->raise(text); };

@@ -58,7 +58,8 @@ void check_identity(tState* state, const std::string& one, const std::string& ot
 void check_canonical(tState* state, const std::string& name, const std::string& checksum) {
     const char* const sum = checksum.empty() ? nullptr : checksum.c_str();
     // Only looking up asks the checksum.
-    XPy_DoDecRef(lookup_canonical_pathname_pystr(state->data, fake->str(name), fake->str(checksum)));
+    XPy_DoDecRef(
+        lookup_canonical_pathname_pystr(state->data, fake->str(name), fake->str(checksum)));
     gPy.PyErr_Clear();
     const char* const before = lookup_canonical_pathname(state->data, name.c_str(), nullptr);
     const std::string known = before != nullptr ? before : "";

@@ -1,5 +1,5 @@
-// replay.cpp -- runs a fuzz target over the files of the folders given, and over broken forms of them:
-// every beginning, and every byte changed in a few ways. No fuzzer is needed for that.
+// replay.cpp -- runs a fuzz target over the files of the folders given, and over broken forms of
+// them: every beginning, and every byte changed in a few ways. No fuzzer is needed for that.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -38,7 +38,8 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
             std::ifstream in(entry.path(), std::ios::binary);
-            run_with_changes({std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
+            run_with_changes(
+                {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
             ++files;
         }
     }

@@ -399,6 +399,41 @@ inline void bind_fake_threads() {
     };
 }
 
+// For those who need lists; in the fixture there are none.
+inline void bind_fake_lists() {
+    gPy.PyList_New = [](Py_ssize_t size) -> PyObject* {
+        tFake* const list = fake->make(fake->other_type, "list");
+        list->items.resize(static_cast<size_t>(size));
+        return list;
+    };
+    gPy.PyList_Append = [](PyObject* list, PyObject* item) {
+        as_fake(list)->items.push_back(as_fake(new_ref(item)));
+        return 0;
+    };
+    gPy.PyList_SetItem = [](PyObject* list, Py_ssize_t index, PyObject* item) {
+        as_fake(list)->items[static_cast<size_t>(index)] = as_fake(item);
+        return 0;
+    };
+    gPy.PyList_GetItem = [](PyObject* list, Py_ssize_t index) -> PyObject* {
+        return as_fake(list)->items[static_cast<size_t>(index)];
+    };
+}
+
+// All of it but the lists, as version 3.11.
+inline void bind_fake_interpreter() {
+    gPy = XPy_C_API_Data{};
+    gPy.major_version = 3;
+    gPy.minor_version = 11;
+    gPy.can_update_refcount_directly = 1;
+    gPy.frame_offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    bind_fake_objects();
+    bind_fake_errors();
+    bind_fake_strings();
+    bind_fake_calls();
+    bind_fake_frames();
+    bind_fake_threads();
+}
+
 // The fixture: a new interpreter of version 3.11 per test, the log off.
 class FakePython : public testing::Test {
 protected:
@@ -406,18 +441,8 @@ protected:
         fake = &python_;
         old_api_ = global_XPy_C_API_Data;
         old_probed_ = gProbed;
-        gPy = XPy_C_API_Data{};
-        gPy.major_version = 3;
-        gPy.minor_version = 11;
-        gPy.can_update_refcount_directly = 1;
-        gPy.frame_offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
         gProbed = {-1, -1, -1};
-        bind_fake_objects();
-        bind_fake_errors();
-        bind_fake_strings();
-        bind_fake_calls();
-        bind_fake_frames();
-        bind_fake_threads();
+        bind_fake_interpreter();
         gDPrintfMask = kDefaultLogMask;
         gDPrintfFile = nullptr;
         gDPrintfNativeFileno = -1;

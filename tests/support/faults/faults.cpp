@@ -264,11 +264,21 @@ long raise_no_memory(long result) {
     return result;
 }
 
-long fail_null_raises() { return raise_no_memory(0); }
-long fail_minus_one_raises() { return raise_no_memory(-1); }
-long long fail_long_raises() { return raise_no_memory(-1); }
-long fail_null() { return 0; }
-long fail_minus_one() { return -1; }
+long fail_null_raises() {
+    return raise_no_memory(0);
+}
+long fail_minus_one_raises() {
+    return raise_no_memory(-1);
+}
+long long fail_long_raises() {
+    return raise_no_memory(-1);
+}
+long fail_null() {
+    return 0;
+}
+long fail_minus_one() {
+    return -1;
+}
 
 int fail_with_null_result(PyObject*, PyObject*, PyObject** result) {
     *result = nullptr;
@@ -307,18 +317,18 @@ void* failure_of(int point) {
         return address_of(fail_long_raises);
     }
     switch (gPoints[point].manner) {
-    case kNullRaises:
-    case kZeroRaises:
-        return address_of(fail_null_raises);
-    case kMinusOneRaises:
-        return address_of(fail_minus_one_raises);
-    case kNull:
-    case kZero:
-        return address_of(fail_null);
-    case kMinusOne:
-        return address_of(fail_minus_one);
-    default:
-        return gPoints[point].real;
+        case kNullRaises:
+        case kZeroRaises:
+            return address_of(fail_null_raises);
+        case kMinusOneRaises:
+            return address_of(fail_minus_one_raises);
+        case kNull:
+        case kZero:
+            return address_of(fail_null);
+        case kMinusOne:
+            return address_of(fail_minus_one);
+        default:
+            return gPoints[point].real;
     }
 }
 
@@ -465,8 +475,7 @@ int note_library(dl_phdr_info* info, size_t, void* arg) {
     for (int i = 0; i < info->dlpi_phnum; i++) {
         const ElfW(Phdr)& header = info->dlpi_phdr[i];
         if (header.p_type == PT_DYNAMIC) {
-            library->dynamic =
-                reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + header.p_vaddr);
+            library->dynamic = reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + header.p_vaddr);
         } else if (header.p_type == PT_LOAD && (header.p_flags & PF_X) != 0) {
             gTextBegin = info->dlpi_addr + header.p_vaddr;
             gTextEnd = gTextBegin + header.p_memsz;
@@ -496,11 +505,15 @@ void replace_import(void** place, int point) {
 #if defined(__x86_64__)
 using tRelocation = ElfW(Rela);
 constexpr ElfW(Sxword) kTable = DT_RELA, kTableSize = DT_RELASZ;
-unsigned symbol_of(const tRelocation& entry) { return static_cast<unsigned>(ELF64_R_SYM(entry.r_info)); }
+unsigned symbol_of(const tRelocation& entry) {
+    return static_cast<unsigned>(ELF64_R_SYM(entry.r_info));
+}
 #else
 using tRelocation = ElfW(Rel);
 constexpr ElfW(Sword) kTable = DT_REL, kTableSize = DT_RELSZ;
-unsigned symbol_of(const tRelocation& entry) { return ELF32_R_SYM(entry.r_info); }
+unsigned symbol_of(const tRelocation& entry) {
+    return ELF32_R_SYM(entry.r_info);
+}
 #endif
 
 void replace_imports_in(const tLibrary& library, uintptr_t table, size_t size) {
@@ -537,8 +550,8 @@ void name_points() {
 
 // ---- For Python ----
 
-// Takes the allocations of the library in hand; before it is imported, if those of the import are to
-// be counted. symbol: any address in the library. 0, or -1.
+// Takes the allocations of the library in hand; before it is imported, if those of the import are
+// to be counted. symbol: any address in the library. 0, or -1.
 FAULTS_API int faults_take_imports(void* symbol) {
     Dl_info info;
     if (faults_dladdr(symbol, &info) == 0) {
@@ -561,11 +574,11 @@ FAULTS_API int faults_take_imports(void* symbol) {
 FAULTS_API void faults_take_slots(XPy_C_API_Data* record) {
     int point = 0;
     void** const all = thunks();
-#define XPY_SLOT(rule, result, name, params, backup)                            \
-    if (record->name != nullptr) {                                              \
-        gPoints[point].real = reinterpret_cast<void*>(record->name);            \
-        record->name = reinterpret_cast<decltype(record->name)>(all[point]);    \
-    }                                                                           \
+#define XPY_SLOT(rule, result, name, params, backup)                         \
+    if (record->name != nullptr) {                                           \
+        gPoints[point].real = reinterpret_cast<void*>(record->name);         \
+        record->name = reinterpret_cast<decltype(record->name)>(all[point]); \
+    }                                                                        \
     point++;
 #include "xpy_c_api_slots.inc"
 #undef XPY_SLOT
@@ -600,10 +613,10 @@ FAULTS_API long faults_count_of_places() {
     return gPlaceCount;
 }
 
-// The place met as number `index`: its key; name, number of calls and `depth` offsets in the library
-// are stored, of the call and of those that led to it.
-FAULTS_API uintptr_t faults_place(
-    long index, const char** name, long* calls, uintptr_t* road, int depth) {
+// The place met as number `index`: its key; name, number of calls and `depth` offsets in the
+// library are stored, of the call and of those that led to it.
+FAULTS_API uintptr_t
+faults_place(long index, const char** name, long* calls, uintptr_t* road, int depth) {
     const tPlace& place = gPlaces[gOrder[index]];
     *name = gPoints[place.point].name;
     *calls = place.calls;
