@@ -23,9 +23,10 @@ def build_library(bits, folder):
 
 def link_debug_name(build):
     """Debug builds of Python 2 look for the name with _d alone."""
-    debug_name = os.path.join(build, 'tdbgtracer_d.so')
-    if not os.path.exists(debug_name):
-        os.symlink('tdbgtracer.so', debug_name)
+    try:
+        os.symlink('tdbgtracer.so', os.path.join(build, 'tdbgtracer_d.so'))
+    except FileExistsError:  # perhaps since just now, by another measurement of the same library
+        pass
 
 
 def read_bits(build):
