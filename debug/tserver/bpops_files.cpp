@@ -23,8 +23,18 @@ void init_file_lists(tBpOpsData* data) {
     CU_InitHashTable(&data->unknown_files, kHashStringKeys);
 }
 
+// The table's reference keeps the address from becoming another path's.
+static void know_path(tBpOpsData* data, PyObject* path) {
+    if (data->known_path != path) {
+        PyObject* const old = data->known_path;
+        data->known_path = path != nullptr ? new_ref(path) : nullptr;
+        XPy_DoDecRef(old);
+    }
+}
+
 void clear_file_lists(tBpOpsData* data) {
     clear_bound_bps(data);
+    know_path(data, nullptr);
     CU_DeleteHashTable(&data->waiting_files);
     CU_DeallocHashTable(&data->unknown_files);
 }
@@ -140,14 +150,18 @@ static const char* put_loaded_module(tBpOpsData* data, const char* name, const c
 // Module file of a name in loaded_modules; null when it is not there. A line that is hit again and
 // again asks for one name, so the last one is kept beside the table.
 static const char* find_loaded_module(tBpOpsData* data, const char* name) {
-    if (data->known_module != nullptr && strcmp(data->known_file, name) == 0) {
+    const bool is_known_file = name == data->known_file || strcmp(name, data->known_file) == 0;
+    if (data->known_module != nullptr && is_known_file) {
         return data->known_module;
     }
     const char* const module_file =
         static_cast<const char*>(find_hash_value(&data->loaded_modules, name));
     const size_t length = strlen(name);
     if (module_file != nullptr && length < kKnownFileSize) {
-        memcpy(data->known_file, name, length + 1);
+        if (!is_known_file) {
+            know_path(data, nullptr);
+            memcpy(data->known_file, name, length + 1);
+        }
         data->known_module = nullptr;
         data->known_module_bps = find_module_bps(data, module_file);
         data->known_module = module_file;
@@ -650,6 +664,21 @@ void __tracer_xfer_module_bps(tBpOpsData* data, PyObject* mod) {
     __tracer_resolve_bp_filenames(data, text);
 }
 
+// Text of a code object's path when its module is known: borrowed until the next look-up.
+static const char* peek_path_text(tBpOpsData* data, PyObject* path) {
+    if (path == data->known_path && data->known_module != nullptr) {
+        return data->known_file;
+    }
+    const char* const text = _pystring_to_c_string(path);
+    if (text == nullptr || may_be_compiled_file(text) || find_loaded_module(data, text) == nullptr) {
+        return nullptr;
+    }
+    if (data->known_module != nullptr && strcmp(data->known_file, text) == 0) {
+        know_path(data, path);
+    }
+    return text;
+}
+
 // The registered name of the frame's file when its module is known, as nearly always: this is on
 // the way of each hit. Null: take the long way.
 static const char* peek_code_file(tBpOpsData* data, PyFrameObject* frame) {
@@ -657,19 +686,9 @@ static const char* peek_code_file(tBpOpsData* data, PyFrameObject* frame) {
         return nullptr;
     }
     tOwnedCode code(gPy.PyFrame_GetCode(frame));
-    PyObject* path = nullptr;
-    PyObject* any_bps = nullptr;
-    PyObject* version = nullptr;
-    if (!code ||
-        !find_code_entry(data->co_pathname_table, code.borrow(), &path, &any_bps, &version) ||
-        path == gPy.Py_None) {
-        return nullptr;
-    }
-    const char* const text = _pystring_to_c_string(path);
-    return text != nullptr && !may_be_compiled_file(text) &&
-                   find_loaded_module(data, text) != nullptr
-               ? text
-               : nullptr;
+    PyObject* const path =
+        code ? borrow_code_path(data->co_pathname_table, code.borrow()) : nullptr;
+    return path != nullptr ? peek_path_text(data, path) : nullptr;
 }
 
 bool is_line_known_without_bps(tBpOpsData* data, int lineno, PyFrameObject* frame) {

@@ -304,17 +304,23 @@ static void count_lookup(tCOPathnameTable* table) {
 
 // ---- Look-up and registration ----
 
-bool find_code_entry(tCOPathnameTable* table,
-                     PyCodeObject* code,
-                     PyObject** path,
-                     PyObject** any_bps,
-                     PyObject** any_bps_version) {
+// Borrowed; null when there is none, without an exception.
+static PyObject* peek_entry(tCOPathnameTable* table, PyCodeObject* code) {
     bool failed = false;
     PyObject* const entry = borrow_entry(table, code, &failed);
     if (failed) {
         gPy.PyErr_Clear();
     }
-    if (entry == nullptr || entry == gPy.Py_None) {
+    return entry == gPy.Py_None ? nullptr : entry;
+}
+
+bool find_code_entry(tCOPathnameTable* table,
+                     PyCodeObject* code,
+                     PyObject** path,
+                     PyObject** any_bps,
+                     PyObject** any_bps_version) {
+    PyObject* const entry = peek_entry(table, code);
+    if (entry == nullptr) {
         return false;
     }
     *path = gPy.PyList_GetItem(entry, kEntryPathname);
@@ -325,6 +331,15 @@ bool find_code_entry(tCOPathnameTable* table,
         return false;
     }
     return true;
+}
+
+PyObject* borrow_code_path(tCOPathnameTable* table, PyCodeObject* code) {
+    PyObject* const entry = peek_entry(table, code);
+    PyObject* const path = entry != nullptr ? gPy.PyList_GetItem(entry, kEntryPathname) : nullptr;
+    if (path == nullptr && entry != nullptr) {
+        gPy.PyErr_Clear();
+    }
+    return path == gPy.Py_None ? nullptr : path;
 }
 
 const char* LookupCOPathname(tCOPathnameTable* table, PyCodeObject* code) {

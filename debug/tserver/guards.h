@@ -88,7 +88,8 @@ class tSavedError : tNoCopy {
 public:
     tSavedError() { gPy.PyErr_Fetch(&type_, &value_, &traceback_); }
     ~tSavedError() {
-        if (!abandoned_) {
+        // Mostly there was no error and is none: to ask costs less than to restore nothing.
+        if (!abandoned_ && (type_ != nullptr || gPy.PyErr_Occurred() != nullptr)) {
             gPy.PyErr_Restore(type_, value_, traceback_);
         }
     }

@@ -365,6 +365,39 @@ TEST_F(Breakpoints, ALineIsFreeWhereOnlyOtherFilesHaveBreakpointsOnIt) {
     EXPECT_FALSE(is_line_known_without_bps(data_, 3, static_cast<PyFrameObject*>(gPy.Py_None)));
 }
 
+TEST_F(Breakpoints, ThePathThatIsKnownIsHeldUntilAnotherIs) {
+    PyFrameObject* const frame = make_frame();
+    set(3);
+    set(3, "/other.py");
+    EXPECT_TRUE(stops(frame, 3, 1));
+    EXPECT_TRUE(stops(frame, 3, 1));  // the first one has made the module known
+    PyObject* const path = data_->known_path;
+    ASSERT_NE(path, nullptr);
+    EXPECT_STREQ(data_->known_file, kFile);
+    const Py_ssize_t references = XPy_GetRefCnt(path);
+    __tracer_resolve_bp_filenames(data_, "/other.py");
+    EXPECT_TRUE(stops(frame, 3, 1));  // its own still stands, whatever else is known
+    EXPECT_NE(__tracer_find_module(data_, "/other.py", nullptr), nullptr);
+    EXPECT_EQ(data_->known_path, nullptr);
+    EXPECT_EQ(XPy_GetRefCnt(path), references - 1);
+    EXPECT_TRUE(stops(frame, 3, 1));
+    EXPECT_EQ(data_->known_path, path);
+    __tracer_clear_bp_ops_data(data_, names_, gPy.Py_None);
+    EXPECT_EQ(XPy_GetRefCnt(path), references - 1);
+    EXPECT_FALSE(stops(frame, 3, 1));
+}
+
+TEST_F(Breakpoints, ACodeObjectWhosePathChangesIsInItsNewFile) {
+    PyFrameObject* const frame = make_frame();
+    set(3);
+    EXPECT_TRUE(stops(frame, 3, 1));
+    PyObject* const code = code_;
+    RegisterCOPathname(names_, static_cast<PyCodeObject*>(code), "/other.py", nullptr, 1);
+    EXPECT_FALSE(stops(frame, 3, 1));
+    set(3, "/other.py");
+    EXPECT_TRUE(stops(frame, 3, 1));
+}
+
 TEST_F(Breakpoints, ANameOfAnyLengthIsFoundAgain) {
     for (const size_t length : {kKnownFileSize - 2, kKnownFileSize - 1, kKnownFileSize}) {
         const std::string name = "/" + std::string(length - 1, 'y');

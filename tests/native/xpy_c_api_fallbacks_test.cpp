@@ -110,7 +110,8 @@ TEST_F(Backup, LineNumberKeepsTheProgramsError) {
     static PyObject* lineno = nullptr;
     static std::string pending;
     gPy.PyErr_Fetch = [](PyObject** type, PyObject** value, PyObject** traceback) {
-        *type = *value = *traceback = nullptr;
+        *type = gRaised.empty() ? nullptr : gNone.obj();
+        *value = *traceback = nullptr;
         pending = gRaised;
         gRaised.clear();
     };
