@@ -15,7 +15,7 @@ from support import differential
 from support.programs import TESTS, python_path
 
 kProgram = os.path.join(TESTS, "support", "differential.py")
-kPrograms = 100
+kPrograms = 300  # they are small
 kSeconds = 240  # the machine may be busy with other tests
 
 
@@ -42,7 +42,9 @@ class Differential(TestCase):
                 seed, count, done.status, " (timed out)" if done.timed_out else "",
                 done.out, done.err))
         self.assertEqual(re.findall(r"(\d+) programs", done.out), [str(count)])
-        self.assertGreater(int(re.findall(r"(\d+) steered", done.out)[0]), count // 5)
+        # The rest are too long, close generators by chance or have threads.
+        self.assertGreater(int(re.findall(r"(\d+) compared", done.out)[0]), count * 8 // 10)
+        self.assertGreater(int(re.findall(r"(\d+) steered", done.out)[0]), count * 6 // 10)
 
 
 class Model(unittest.TestCase):

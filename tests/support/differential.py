@@ -9,8 +9,12 @@ one and its exceptions; the calls and returns that the tracer logs are its call 
 the fourth run a model, which reads the events of the second one, tells every stop beforehand, and the
 hits of every breakpoint.
 
-The last line is OK and what was done. A difference ends the run with status 1; the program, its seed
-and the events around the difference are printed, and "differential.py SEED 1" shows it again.
+The programs are compiled here and run in batches, in children of this process: the first two runs of
+a batch in one that has no tracer, the others in a second one. What ends a child is run again, program
+by program; so is what differs, to say whether it does so alone.
+
+The last line is OK and what was done, or how many programs differ; of those the program, its seed and
+the events around the difference are printed, and "differential.py SEED 1" shows it again.
 
 What differs by version and is no fault:
 - StopIteration does not stop where nothing is stepped over (all versions send the event from 3.6 on);
@@ -22,46 +26,61 @@ What differs by version and is no fault:
 - Until 3.12 a trace function in Python (and anybody who looks at the locals of a function) keeps what
   local variables hold alive until the next look, and a tracer keeps the frames of a step until the
   next command. So where a generator is closed because nothing holds it any more, the time of that
-  differs: of such programs only the output alone and under the tracer is compared.
+  differs: of such programs only the output alone and under the tracer is compared. They are few.
+- On 3.11 nothing tells that an asynchronous generator is suspended: where it is stepped out of, it
+  stops when it yields.
 - Until 3.7 lines whose code follows that of a later line are not found when a code object is searched
   for breakpoints (increments are read as unsigned): frames with such lines are not asked about.
 """
 from __future__ import absolute_import, division, print_function
 
 import collections
+import functools
 import gc
 import io
+import marshal
 import os
 import random
 import re
+import shutil
+import signal
 import sys
 import tempfile
 import traceback
+import types
 import warnings
+
+try:
+    import _thread as thread
+except ImportError:
+    import thread
 
 _tests = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 if _tests not in sys.path:
     sys.path.insert(0, _tests)
 from support import randomprograms  # noqa: E402
+from support.library import import_tracer  # noqa: E402
 from support.tracing import Session  # noqa: E402
 
 # From 3.11 on the offset of a call depends on how the interpreter has specialised it.
 kOffsetsAreStable = sys.version_info < (3, 11)
-_own = (lambda: None).__code__.co_filename
 kCore = 4  # the log's category
 kShown = 12  # events around a difference
-kMaxEvents = 6000
+kMaxEvents = 3000
+kBatch = 50
+kSeconds = 100  # of a batch: what takes longer hangs
 kSettraceKeepsLocals = sys.version_info < (3, 13)
 kLinesDependOnWatching = sys.version_info < (3, 10)
 kReadsUnsigned = (3,) <= sys.version_info < (3, 8)
+kSeesStreamsYield = sys.version_info[:2] != (3, 11)
+kKeptModules = frozenset([
+    "__main__", "__builtin__", "builtins", "sys", "exceptions", "math", "operator", "_operator", "re",
+    "io", "codecs", "encodings", "warnings", "time", "string", "_string", "tdbgtracer"])
+kTextFile = "<string>"  # of a text that is given to exec
 
 # What happened: one event of a frame. `frame` and `parent` are numbers of activations; 0 is outside.
 tEvent = collections.namedtuple(
     "tEvent", "what frame parent name line offset value is_stop_iteration is_yield conditions")
-
-
-def offset_of(frame):
-    return frame.f_lasti if kOffsetsAreStable else 0
 
 
 def describe(value):
@@ -69,80 +88,128 @@ def describe(value):
     if value is None or isinstance(value, (bool, int, str)):
         return repr(value)
     if isinstance(value, (tuple, list)):
-        return "[" + ", ".join(describe(item) for item in value) + "]"
+        return "[" + ", ".join([describe(item) for item in value]) + "]"
     return type(value).__name__
 
 
-kCanSuspend = 0x20 | 0x80 | 0x200  # flags of generators, coroutines, asynchronous generators
+kIsStream = 0x200  # flag of asynchronous generators
+kCanSuspend = 0x20 | 0x80 | kIsStream  # and of generators, coroutines
 
 
-def is_yielded(frame, value):
-    if not frame.f_code.co_flags & kCanSuspend:
+def is_yielded(code, value):
+    if not code.co_flags & kCanSuspend:
         return False
-    if frame.f_code.co_name == "<genexpr>":
+    if code.co_name == "<genexpr>":
         return value is not None
     return isinstance(value, tuple) or type(value).__name__ == "async_generator_wrapped_value"
 
 
-class Program(object):
-    def __init__(self, seed, folder):
-        self.seed = seed
-        self.text = randomprograms.make_program(seed)
-        self.path = os.path.join(folder, "program_{}.py".format(seed))
-        with io.open(self.path, "wb") as out:
-            out.write(self.text.encode("ascii"))
+class Head(object):
+    """The file that all programs of this process share."""
 
-    def compile(self):
-        """New code objects each time: interpreters note in them how they were run."""
-        return compile(self.text, self.path, "exec", 0, True)
+    def __init__(self, folder):
+        self.path = os.path.join(folder, "head.py")
+        make_file(self.path)
+        code = compile(randomprograms.HEAD, self.path, "exec", 0, True)
+        self.marshalled = marshal.dumps(code)
+        self.lines = searchable_lines(code)
+
+    def load(self, tell):
+        """A module: a tracer learns what files there are from these."""
+        module = types.ModuleType("head")
+        module.__dict__.update(__file__=self.path, OUT=tell)
+        exec(marshal.loads(self.marshalled), module.__dict__)
+        sys.modules["head"] = module
+        return module
+
+
+class Program(object):
+    def __init__(self, seed, head):
+        self.seed, self.head = seed, head
+        self.path = os.path.join(os.path.dirname(head.path), "program_{}.py".format(seed))
+        make_file(self.path)
+        self.text, code = randomprograms.make_program(seed, self.path)
+        self.marshalled = marshal.dumps(code)
+        self.files = frozenset([self.path, head.path, kTextFile])
+        self.has_threads = "RUN(" in self.text
+        # Not so often in the head, which every program runs through again and again.
+        self.plan = Plan(seed * 7 + 1, searchable_lines(code) * 2 + head.lines)
+
+    def file_of(self, line):
+        return self.head.path if line < randomprograms.kFirstLine else self.path
+
+
+def make_file(path):
+    """The text is not looked at; but what the file is, is."""
+    os.close(os.open(path, os.O_CREAT | os.O_WRONLY, 0o600))
 
 
 class Alone(object):
     """Runs a program as it is."""
 
     def __init__(self, program):
-        self.program, self.path = program, program.path
-        self.output = []
-        self.globals = {"__name__": "program", "__file__": self.path, "OUT": self.tell}
-
-    def tell(self, *values):
-        self.output.append(describe(values))
+        self.program = program
 
     def run(self):
-        code = self.program.compile()
+        """What the program wrote."""
+        # New code objects each time: interpreters note in them how they were run.
+        code = marshal.loads(self.program.marshalled)
+        out = io.BytesIO() if sys.version_info < (3,) else io.StringIO()
+        tell = functools.partial(print, file=out)  # has no frame
+        head = self.program.head.load(tell)
+        namespace = dict(head.__dict__, __name__="program", __file__=self.program.path,
+                         RUN=self.run_in_thread)
         self.begin()
         try:
             try:
-                exec(code, self.globals)
+                exec(code, namespace)
             except Exception as why:
-                self.output.append("ended by " + type(why).__name__)
+                tell("ended by " + type(why).__name__)
                 why = None
         finally:
             self.end()
-        told = list(self.output)
+        told = out.getvalue()
         if sys.version_info < (3,):
             sys.exc_clear()
-        self.globals.clear()
-        gc.collect()
+        namespace.clear()
+        head.__dict__.clear()
         return told
 
     def begin(self):
         pass
 
-    end = begin
+    end = begin_thread = end_thread = begin
+
+    def run_in_thread(self, function):
+        has_ended = thread.allocate_lock()
+        has_ended.acquire()
+        thread.start_new_thread(self.whole_thread, (function, has_ended))
+        has_ended.acquire()
+
+    def whole_thread(self, function, has_ended):
+        self.begin_thread()
+        self.part_of_thread(function)
+        self.end_thread()
+        has_ended.release()
+
+    def part_of_thread(self, function):
+        try:
+            function()
+        except Exception:
+            pass
 
 
 class Settraced(Alone):
-    """conditions: {line: [texts]}, evaluated at every event on these lines."""
+    """The events of a program; conditions: {line: [texts]}, evaluated at every event on these lines."""
 
     def __init__(self, program, conditions):
         Alone.__init__(self, program)
         self.conditions = conditions
         self.events = []
-        self.numbers = {}  # id of a frame that has begun and not ended -> number
-        self.first = {}    # code -> f_lasti of its beginning
-        self.activations = 0
-        self.too_long = False
+        self.trace = self.make_trace()
+
+    def is_too_long(self):
+        return len(self.events) > kMaxEvents
 
     def begin(self):
         sys.settrace(self.trace)
@@ -150,63 +217,71 @@ class Settraced(Alone):
     def end(self):
         sys.settrace(None)
 
-    def trace(self, frame, what, arg):
-        if frame.f_code.co_filename != self.path:
-            return None
-        if len(self.events) > kMaxEvents:
-            self.too_long = True
-            return None
-        number = self.number_of(frame, what)
-        parent = self.numbers.get(id(frame.f_back), 0)
-        is_yield = what == "return" and is_yielded(frame, arg)
-        value, is_stop_iteration = None, False
-        if what == "return":
-            value = describe(arg)
-            if not is_yield:
-                self.numbers.pop(id(frame), None)
-        elif what == "exception":
-            value = arg[0].__name__
-            is_stop_iteration = issubclass(arg[0], StopIteration)
-        self.events.append(tEvent(
-            what, number, parent, frame.f_code.co_name, frame.f_lineno, offset_of(frame), value,
-            is_stop_iteration, is_yield, self.answers(frame)))
-        return self.trace
+    begin_thread, end_thread = begin, end
 
-    def number_of(self, frame, what):
-        """A resumed generator keeps its number; the address alone says little, it is used again."""
-        key = id(frame)
-        if what == "call":
-            first = self.first.setdefault(frame.f_code, frame.f_lasti)
-            if frame.f_lasti == first or key not in self.numbers:
-                self.activations += 1
-                self.numbers[key] = self.activations
-        return self.numbers.get(key, -1)
+    def make_trace(self):
+        files, conditions, events = self.program.files, self.conditions, self.events
+        numbers = {}  # id of a frame that has begun and not ended -> number
+        first = {}  # id of a code object -> its f_lasti at the beginning, and itself to keep it
+        activations = [0]
 
-    def answers(self, frame):
-        texts = self.conditions.get(frame.f_lineno)
-        if not texts:
-            return None
-        return dict((text, evaluate(text, frame)) for text in texts)
+        def trace(frame, what, arg):
+            code = frame.f_code
+            if code.co_filename not in files or len(events) > kMaxEvents:
+                return None
+            key = id(frame)
+            value, is_yield, is_stop_iteration = None, False, False
+            if what == "call":
+                # A resumed generator keeps its number; the address alone says little, it is used again.
+                offset = frame.f_lasti
+                if first.setdefault(id(code), (offset, code))[0] == offset or key not in numbers:
+                    activations[0] += 1
+                    numbers[key] = activations[0]
+            number = numbers.get(key, -1)
+            if what == "return":
+                value = describe(arg)
+                is_yield = is_yielded(code, arg)
+                if not is_yield:
+                    numbers.pop(key, None)
+                elif not kSeesStreamsYield and code.co_flags & kIsStream:
+                    is_yield = False
+            elif what == "exception":
+                value = arg[0].__name__
+                is_stop_iteration = issubclass(arg[0], StopIteration)
+            line = frame.f_lineno
+            texts = conditions.get(line)
+            events.append((
+                what, number, numbers.get(id(frame.f_back), 0), code.co_name, line,
+                frame.f_lasti if kOffsetsAreStable else 0, value, is_stop_iteration, is_yield,
+                texts and dict([(text, evaluate(text, frame)) for text in texts])))
+            return trace
+        return trace
+
+
+_compiled = {}
 
 
 def evaluate(text, frame):
     """1, 0, or 2 where it fails."""
+    code = _compiled.get(text) or _compiled.setdefault(text, compile(text, "<condition>", "eval"))
     try:
-        return 1 if eval(text, frame.f_globals, frame.f_locals) else 0
+        return 1 if eval(code, frame.f_globals, frame.f_locals) else 0
     except Exception:
         return 2
 
 
 class Traced(Alone):
-    """Steps into everything, or does what choose(number of the stop) says."""
+    """Steps into everything, or does what obey() says."""
 
-    def __init__(self, program, tracer_session, exception_mode=0):
+    exception_mode = 0
+
+    def __init__(self, program, tracer_session):
         Alone.__init__(self, program)
         self.session = tracer_session
         self.tracer = tracer_session.tracer
-        self.exception_mode = exception_mode
         self.stops, self.problems = [], []
-        self.has_ended = False
+        self.obey = self.pass_by = self.tracer.step_into
+        self.files = program.files
 
     def begin(self):
         self.session.handler = self
@@ -215,43 +290,55 @@ class Traced(Alone):
         self.tracer.step_into()
 
     def end(self):
-        self.has_ended = True
+        self.pass_by = self.tracer.continue_run
         self.tracer.stop_trace()
         self.tracer.clear_all_breaks()
         self.tracer.get_changed_bps_lists()
         self.session.handler = None
 
-    def on_stop(self, what, frame, value):
-        try:
-            if frame.f_code.co_filename != self.path:
-                if frame.f_code.co_filename != _own:
-                    self.problems.append("stop in " + frame.f_code.co_filename)
-                # In tell(): stop() is the one command that leaves the return frame as it is.
-                self.tracer.continue_run() if self.has_ended else self.tracer.stop()
-                return
-            self.stops.append((what, frame.f_code.co_name, frame.f_lineno, offset_of(frame), value))
-            self.command(len(self.stops) - 1)
-        except Exception as why:
-            self.problems.append("at a stop: {!r}".format(why))
+    def begin_thread(self):
+        sys.settrace(self.bootstrap)
 
-    def command(self, number):
+    def bootstrap(self, frame, what, arg):
+        result = self.tracer.bootstrap_new_thread(frame, what, arg)
         self.tracer.step_into()
+        return result
+
+    def end_thread(self):
+        sys.settrace(None)
+        self.tracer.thread_exiting()
 
 
 class tDiffSession(Session):
+    """A stop calls one function in Python, so that no more frames than this are traced and logged."""
+
     handler = None
 
-    def line_cb(self, frame):
-        if self.handler is not None:
-            self.handler.on_stop("line", frame, None)
+    def __init__(self):
+        self.line_cb = functools.partial(self.on_stop, "line")
+        self.return_cb = functools.partial(self.on_stop, "return")
+        self.exception_cb = functools.partial(self.on_stop, "exception")
+        Session.__init__(self)
+        self.tracer.set_autoquit(0)
 
-    def return_cb(self, frame, value):
-        if self.handler is not None:
-            self.handler.on_stop("return", frame, describe(value))
-
-    def exception_cb(self, frame, info):
-        if self.handler is not None:
-            self.handler.on_stop("exception", frame, info[0].__name__)
+    def on_stop(self, what, frame, value=None):
+        handler = self.handler
+        if handler is None:
+            return
+        try:
+            code = frame.f_code
+            if code.co_filename not in handler.files:
+                handler.pass_by()
+                return
+            if what == "return":
+                value = describe(value)
+            elif what == "exception":
+                value = value[0].__name__
+            handler.stops.append((what, code.co_name, frame.f_lineno,
+                                  frame.f_lasti if kOffsetsAreStable else 0, value))
+            handler.obey()
+        except Exception as why:
+            handler.problems.append("at a stop: {!r}".format(why))
 
 
 # --- random commands and breakpoints -----------------------------------------------------------
@@ -259,6 +346,9 @@ class tDiffSession(Session):
 kConditions = [None, None, "TICK[0] % 2", "x > 3", "d == 2", "a and x", "1 // 0", "TICK[0] > 5"]
 kCommands = ["step_into", "step_over", "step_over", "step_over_line", "step_over_line_range",
              "step_out", "continue_run", "continue_run", "stop"]
+
+
+kSteps = 120
 
 
 class Plan(object):
@@ -270,7 +360,7 @@ class Plan(object):
         self.breaks_at_begin = [self.new_break() for _ in range(self.below(7))]
         self.exception_mode = self.below(2)
         self.use_idle_thread, self.use_eval_frame = self.below(2), self.below(2)
-        self.steps = [self.new_step() for _ in range(400)]
+        self.steps = [self.new_step() for _ in range(kSteps)]
 
     def below(self, limit):
         return int(self.random() * limit)
@@ -304,14 +394,17 @@ class Plan(object):
 class Steered(Traced):
     """Follows a plan."""
 
-    def __init__(self, program, tracer_session, plan):
-        Traced.__init__(self, program, tracer_session, plan.exception_mode)
-        self.plan = plan
+    def __init__(self, program, tracer_session):
+        Traced.__init__(self, program, tracer_session)
+        self.plan = program.plan
+        self.exception_mode = self.plan.exception_mode
         self.counts = None
+        self.obey, self.pass_by = self.follow, self.tracer.stop
 
     def set_break(self, row):
         line, enabled, temporary, condition, ignore = row
-        self.tracer.set_break(self.path, "", line, enabled, temporary, condition, ignore)
+        self.tracer.set_break(
+            self.program.file_of(line), "", line, enabled, temporary, condition, ignore)
 
     def begin(self):
         self.tracer.set_use_idle_thread(self.plan.use_idle_thread)
@@ -321,18 +414,21 @@ class Steered(Traced):
         Traced.begin(self)
 
     def end(self):
-        rows = self.tracer.get_file_breaks(self.path)
+        self.tracer.stop_trace()
+        rows = []
+        for path in (self.program.path, self.program.head.path):
+            rows.extend(self.tracer.get_file_breaks(path))
         # (line, id, enabled, temporary, condition, ignore count, hits)
         self.counts = sorted((row[0], row[1], row[5], row[6]) for row in rows)
         Traced.end(self)
         self.tracer.set_use_idle_thread(0)
 
-    def command(self, number):
-        command, new_break, cleared, length = self.plan.step(number)
+    def follow(self):
+        command, new_break, cleared, length = self.plan.step(len(self.stops) - 1)
         if new_break is not None:
             self.set_break(new_break)
         if cleared is not None:
-            self.tracer.clear_breaks(self.path, cleared)
+            self.tracer.clear_breaks(self.program.file_of(cleared), cleared)
         if command == "step_over_line_range":
             line = self.stops[-1][2] or 0
             self.tracer.step_over_line_range(line, line + length)
@@ -428,7 +524,8 @@ class Model(object):
         elif self.stop_frame not in ("any", None):  # either, see above
             seen = self.observed[len(self.stops)] if len(self.stops) < len(self.observed) else None
             for kind, value in (("line", None), ("exception", event.value)):
-                if seen == (kind, event.name, event.line, event.offset, value):
+                wanted = (kind, event.name, event.line, event.offset, value)
+                if seen and without_lines([seen]) == without_lines([wanted]):
                     self.stop(kind, event, value)
                     break
 
@@ -496,66 +593,47 @@ def expected_stops(events):
 
 
 kLogged = re.compile(
-    r"in call: name = (.+), filename = (\S+), lineno = (-?\d+)|entering dispatch_return; frame = (.*)")
-
-
-class tLog(object):
-    """What the tracer logs of calls and returns in one file, as ("call", name, line) and ("return",)."""
-
-    def __init__(self, tracer, path):
-        self.tracer, self.path = tracer, path
-        self.lines = []
-
-    def write(self, text):
-        self.lines.append(text)
-
-    def flush(self):
-        pass
-
-    def begin(self):
-        self.tracer.set_dprintf_mask(kCore)
-        self.tracer.set_dprintf_file(self, -1, 0)
-
-    def end(self):
-        self.tracer.set_dprintf_file(None, -1, 0)
-
-    def calls_and_returns(self):
-        found = []
-        for text in self.lines:
-            match = kLogged.search(text)
-            if match is None:
-                continue
-            name, path, line, frame = match.groups()
-            if name is not None and path == self.path:
-                found.append(("call", name, int(line)))
-            elif frame is not None and self.path in frame:
-                found.append(("return",))
-        return found
+    r"in call: name = (.+), filename = (.+), lineno = (-?\d+)|entering dispatch_return; frame = (.*)")
 
 
 class Logged(Traced):
+    """Keeps what the tracer logs."""
+
     def __init__(self, program, tracer_session):
         Traced.__init__(self, program, tracer_session)
-        self.log = tLog(self.tracer, self.path)
+        self.log = tLog()
 
     def begin(self):
-        self.log.begin()
+        self.tracer.set_dprintf_mask(kCore)
+        self.tracer.set_dprintf_file(self.log, -1, 0)
         Traced.begin(self)
 
     def end(self):
         Traced.end(self)
-        self.log.end()
+        self.tracer.set_dprintf_file(None, -1, 0)
+
+    def calls_and_returns(self):
+        """As ("call", name, line) and ("return",)."""
+        found = []
+        for text in self.log.lines:
+            if not text.startswith(("in call", "entering dispatch_return")):
+                continue
+            name, path, line, frame = kLogged.search(text).groups()
+            if name is not None and path in self.files:
+                found.append(("call", name, int(line)))
+            elif frame is not None and any(item in frame for item in self.files):
+                found.append(("return",))
+        return found
 
 
-def lines_of(code):
-    """Numbers of lines with code, of it and of all within it."""
-    found = set()
-    pending = [code]
-    while pending:
-        code = pending.pop()
-        found.update(lines_of_one(code))
-        pending.extend(item for item in code.co_consts if hasattr(item, "co_code"))
-    return found
+class tLog(object):
+    """Runs no Python: another thread that came in between could not write, for one writes already."""
+
+    flush = str
+
+    def __init__(self):
+        self.lines = []
+        self.write = self.lines.append
 
 
 def lines_of_one(code):
@@ -564,7 +642,7 @@ def lines_of_one(code):
 
 
 def searchable_lines(code):
-    """Without those of code objects in which line numbers go back (see above)."""
+    """Of it and of all within it, without those of code objects in which they go back (see above)."""
     found = set()
     pending = [code]
     while pending:
@@ -572,78 +650,181 @@ def searchable_lines(code):
         lines = lines_of_one(code)
         if not kReadsUnsigned or lines == sorted(lines):
             found.update(lines)
-        pending.extend(item for item in code.co_consts if hasattr(item, "co_code"))
+        pending.extend([item for item in code.co_consts if hasattr(item, "co_code")])
     return sorted(found)
 
 
+kClosers = ("shut", "ashut", "drive")
+
+
 def closes_by_chance(events):
-    """Whether a generator is closed by anybody but `shut`, the function for that, or in passing."""
-    names, shut = {}, set()
+    """Whether a generator is closed by anybody but the functions for that, or in passing."""
+    names, closed = {}, set()
     for event in events:
-        names[event.frame] = event.name
-        if event.what == "exception" and event.value == "GeneratorExit" and event.name != "<genexpr>":
-            if names.get(event.parent) != "shut" and event.parent not in shut:
+        what, frame, parent, name = event[:4]
+        names[frame] = name
+        if what == "exception" and event[6] == "GeneratorExit" and name != "<genexpr>":
+            if names.get(parent) not in kClosers and parent not in closed:
                 return True
-            shut.add(event.frame)
+            closed.add(frame)
     return False
 
 
 def number_of_closed(rows):
     """Of generators; rows are events or stops."""
-    return sum("GeneratorExit" in row and "<genexpr>" not in row for row in rows)
+    return sum(["GeneratorExit" in row and "<genexpr>" not in row for row in rows])
 
 
-def examine(seed, folder, session, counts):
+def run_without_tracer(programs):
+    """For each: (output, output under sys.settrace, events, whether it was too long for these)."""
+    found = []
+    for program in programs:
+        alone = Alone(program).run()
+        plain = Settraced(program, program.plan.conditions())
+        output = plain.run()
+        found.append((alone, output, plain.events, plain.is_too_long()))
+    return found
+
+
+_modules = []
+
+
+def forget_modules():
+    """Whenever tracing begins the tracer looks at all modules, and there are hundreds."""
+    _modules.append(dict(sys.modules))  # on 2.7 a module's variables end with it
+    for name in list(sys.modules):
+        if name not in kKeptModules:
+            del sys.modules[name]
+
+
+def run_with_tracer(programs, expected):
+    """[counts, [[seed, difference]]]"""
+    forget_modules()
+    session = tDiffSession()
+    counts, differences = collections.Counter(), []
+    for program, row in zip(programs, expected):
+        counts["programs"] += 1
+        try:
+            examine(program, session, counts, *row)
+        except Difference as why:
+            differences.append([program.seed, str(why)])
+    return [dict(counts), differences]
+
+
+def examine(program, session, counts, alone, output, events, is_too_long):
     """Raises Difference; adds up what was done."""
-    program = Program(seed, folder)
-    alone = Alone(program).run()
-    plain = Settraced(program, {})
-    output = plain.run()
-    counts["programs"] += 1
-    if plain.too_long:
+    if is_too_long:
         counts["too long"] += 1
         return
     into = Logged(program, session)
     output_of_into = into.run()
     compare("problems of step_into", into.problems, [])
-    compare("output of step_into", output_of_into, alone)
-    closed = [number_of_closed(plain.events), number_of_closed(into.stops)]
-    by_chance = closes_by_chance(plain.events) or (closed[0] != closed[1] and kSettraceKeepsLocals)
-    is_comparable = not (by_chance and kSettraceKeepsLocals)
-    if is_comparable:
-        compare("output under sys.settrace", output, alone)
-        compare("stops of step_into", into.stops, list(expected_stops(plain.events)))
-        compare("calls and returns", into.log.calls_and_returns(), [
-            ("call", event.name, event.line) if event.what == "call" else ("return",)
-            for event in plain.events if event.what in ("call", "return")])
-    counts["compared"] += is_comparable
-    counts["events"] += len(plain.events)
-    if not by_chance:
-        check_commands(program, session, alone, plain.events, counts)
-    os.unlink(program.path)
+    compare("output of step_into", output_of_into.splitlines(), alone.splitlines())
+    closed = [number_of_closed(events), number_of_closed(into.stops)]
+    by_chance = closes_by_chance(events) or (closed[0] != closed[1] and kSettraceKeepsLocals)
+    if by_chance and kSettraceKeepsLocals:
+        return
+    events = [tEvent(*event) for event in events]
+    compare("output under sys.settrace", output.splitlines(), alone.splitlines())
+    compare("stops of step_into", into.stops, list(expected_stops(events)))
+    compare("calls and returns", into.calls_and_returns(), [
+        ("call", event.name, event.line) if event.what == "call" else ("return",)
+        for event in events if event.what in ("call", "return")])
+    counts["compared"] += 1
+    counts["events"] += len(events)
+    counts["with threads"] += program.has_threads
+    if not by_chance and not program.has_threads:  # each thread has steps of its own
+        check_commands(program, session, alone, events, counts)
 
 
 def check_commands(program, session, alone, events, counts):
-    plan = Plan(program.seed * 7 + 1, searchable_lines(program.compile()))
-    asked = Settraced(program, plan.conditions())
-    asked.run()
-    compare("events when conditions are evaluated", [event[:-1] for event in asked.events],
-            [event[:-1] for event in events])
     first_id = session.tracer.set_break(program.path, "", 1, 0, 0, None, 0) + 1
     session.tracer.clear_all_breaks()
-    steered = Steered(program, session, plan)
+    steered = Steered(program, session)
     output = steered.run()
-    model = Model(plan, asked.events, steered.stops, first_id)
+    plan = program.plan
+    model = Model(plan, events, steered.stops, first_id)
     model.run()
     compare("problems of random commands", steered.problems, [])
     compare("stops of random commands", without_lines(steered.stops), without_lines(model.stops),
             [plan.step(number) for number in range(len(model.stops))])
-    compare("output of random commands", output, alone)
+    compare("output of random commands", output.splitlines(), alone.splitlines())
     if not kLinesDependOnWatching or steered.stops == model.stops:
         compare("breakpoints (line, id, ignored, hits)", steered.counts, model.counts())
     counts["steered"] += 1
     counts["random stops"] += len(model.stops)
-    counts["hits"] += sum(item.hits for item in model.breaks)
+    counts["hits"] += sum([item.hits for item in model.breaks])
+
+
+# --- processes ------------------------------------------------------------------------------
+
+
+class InChild(BaseException):
+    """In a child: what to do there, at the bottom of the stack (all of it is logged at every stop)."""
+
+
+def work_in_child(out, work, arguments):
+    signal.alarm(kSeconds)
+    with io.open(out, "wb") as stream:
+        stream.write(marshal.dumps(work(*arguments)))
+    return 0
+
+
+class Ended(Exception):
+    """A child that did not get through."""
+
+
+def in_child(work, *arguments):
+    """What work(*arguments) says in a child process, which ends then; it must suit marshal."""
+    sys.stdout.flush()
+    result, out = os.pipe()
+    child = os.fork()
+    if child == 0:
+        os.close(result)
+        raise InChild(out, work, arguments)
+    os.close(out)
+    with io.open(result, "rb") as stream:
+        data = stream.read()
+    status = os.waitpid(child, 0)[1]
+    if status != 0:
+        how = "signal {}".format(status & 127) if status & 127 else "status {}".format(status >> 8)
+        raise Ended("{} ended with {}".format(work.__name__, how))
+    return marshal.loads(data)
+
+
+def run_batch(programs):
+    return in_child(run_with_tracer, programs, in_child(run_without_tracer, programs))
+
+
+def check_batch(programs):
+    """[counts, [[seed, difference]]]"""
+    try:
+        counts, differences = run_batch(programs)
+    except Ended as why:
+        return check_one_by_one(programs, "in a batch: {}".format(why))
+    return counts, [[seed, tell_of_repetition(programs, seed, text)] for seed, text in differences]
+
+
+def check_one_by_one(programs, how):
+    all_counts, all_differences = collections.Counter(), []
+    for program in programs:
+        try:
+            counts, differences = run_batch([program])
+        except Ended as why:
+            counts, differences = {"programs": 1}, [[program.seed, str(why)]]
+        all_counts.update(counts)
+        all_differences.extend(differences)
+    return all_counts, all_differences or [[programs[0].seed, how + ", and no program of it alone"]]
+
+
+def tell_of_repetition(programs, seed, text):
+    program = [item for item in programs if item.seed == seed]
+    try:
+        is_repeated = bool(run_batch(program)[1])
+    except Ended:
+        is_repeated = True
+    return text if is_repeated else text + "\n(not alone, but in a batch that begins with {})".format(
+        programs[0].seed)
 
 
 def be_quiet():
@@ -654,35 +835,56 @@ def be_quiet():
         sys.stderr = io.BytesIO() if sys.version_info < (3,) else io.StringIO()
 
 
+def print_difference(program, text):
+    lines = ["{:4} {}".format(number, line)
+             for number, line in enumerate(program.text.splitlines(), 1) if line]
+    print("{}\nseed {} on {}; the program is\n{}\n".format(
+        text, program.seed, sys.version.split()[0], "\n".join(lines)))
+
+
 def main(argv):
     first, count = int(argv[0]), int(argv[1])
     warnings.simplefilter("ignore")
     gc.disable()
-    session = tDiffSession()
     be_quiet()
-    session.tracer.set_autoquit(0)
-    counts = collections.Counter()
+    import_tracer()  # here, once for all children
+    counts, number_of_differences = collections.Counter(), 0
     folder = tempfile.mkdtemp(prefix="tdbg-differential-")
-    for seed in range(first, first + count):
-        try:
-            examine(seed, folder, session, counts)
-        except Difference as why:
-            with io.open(os.path.join(folder, "program_{}.py".format(seed))) as source:
-                numbered = "".join("{:4} {}".format(*row) for row in enumerate(source, 1))
-            print("{}\nseed {} on {}; the program is\n{}".format(
-                why, seed, sys.version.split()[0], numbered))
-            return 1
-        finally:
-            for name in os.listdir(folder):
-                os.unlink(os.path.join(folder, name))
-    os.rmdir(folder)
-    print("OK " + ", ".join("{} {}".format(counts[key], key) for key in sorted(counts)))
-    return 0
+    try:
+        head = Head(folder)
+        for begin in range(first, first + count, kBatch):
+            programs = [Program(seed, head)
+                        for seed in range(begin, min(begin + kBatch, first + count))]
+            batch_counts, differences = check_batch(programs)
+            counts.update(batch_counts)
+            number_of_differences += len(differences)
+            for seed, text in differences:
+                print_difference(programs[seed - begin], text)
+            for program in programs:
+                os.unlink(program.path)
+    except Exception:
+        shutil.rmtree(folder)
+        raise
+    shutil.rmtree(folder)
+    print("{} {}".format(
+        "{} programs differ;".format(number_of_differences) if number_of_differences else "OK",
+        ", ".join(["{} {}".format(counts[key], key) for key in sorted(counts)])))
+    return 1 if number_of_differences else 0
 
 
 if __name__ == "__main__":
     try:
-        status = main(sys.argv[1:])
+        try:
+            status = main(sys.argv[1:])
+        except InChild as child:
+            todo = child.args
+            child = None
+        else:
+            todo = None
+        if sys.version_info < (3,):
+            sys.exc_clear()
+        if todo:
+            status = work_in_child(*todo)
     except BaseException:
         traceback.print_exc(file=sys.stdout)
         status = 2

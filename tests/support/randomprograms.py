@@ -1,11 +1,17 @@
 """Random small programs: every kind of statement that the running interpreter has, and no other.
 
-    text = make_program(seed)
+    text, code = make_program(seed, path)
 
 The same seed gives the same program under the same version. A program ends by itself after some
-hundred lines at most; what it does it tells by OUT(...), which is given to it, and it has nothing
-else from outside. Values that generators and coroutines yield are tuples, and no others are: so
-whoever sees a return event knows whether the frame will go on (generator expressions yield no None).
+hundred lines at most. What it may use stands in HEAD, which is run before it in the same namespace
+and is another file (kHeadLine says where it begins, kFirstLine where a program does: so no line of
+the one, the other and of a text given to exec is the same). What it does it tells by OUT(...), and
+RUN(function) runs a function in another thread to its end: these two are given to it.
+
+Values that generators and coroutines yield are tuples, and no others are: so whoever sees a return
+event knows whether the frame will go on (generator expressions yield no None). Who has made a
+generator that may be suspended when it is left closes it, by shut(): no program depends on the time
+at which the last reference goes.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -13,11 +19,16 @@ import random
 import sys
 
 kVersion = sys.version_info[:2]
+kAssigned = ["a", "b", "c"]  # whoever assigns them has his own
 kIndent = "    "
-kCalls = 40  # of functions, in a whole program
+kCalls = 20  # of functions, in a whole program
+kFunctions = [0, 1, 1, 1, 2, 2, 3, 5]  # besides the first one
+kHeadLine = 101
+kFirstLine = 501
 
 kHead = '''
 TICK = [0]
+TOP = 1
 
 
 class Fault(Exception):
@@ -65,15 +76,74 @@ class Count(object):
         return self.number
 
 
+class Meta(type):
+    def __new__(meta, name, bases, space):
+        OUT("made", name, len(bases))
+        return type.__new__(meta, name, bases, space)
+
+    def __call__(cls, *values):
+        OUT("called", cls.__name__)
+        return type.__call__(cls, *values)
+
+    def __len__(cls):
+        return 2
+
+
+class Made(Meta("Made", (object,), {})):
+    def __init__(self, number=0):
+        self.number = number
+
+    def __add__(self, other):
+        return self.number + other
+
+    def __call__(self, *values, **named):
+        return sum(values) + len(named)
+
+    def __getattr__(self, name):
+        if name.startswith("no"):
+            raise AttributeError(name)
+        return len(name)
+
+    def __getitem__(self, key):
+        if key > 3:
+            raise IndexError(key)
+        return key
+
+    def __iter__(self):
+        for one in range(self.number):
+            yield (one,)
+
+
+class Field(object):
+    def __get__(self, owner, kind):
+        return 5
+
+    def __set__(self, owner, value):
+        OUT("set", value)
+
+
 def wrapped(function):
     def call(*args, **keywords):
         return function(*args, **keywords)
     return call
 
 
+def counted(times):
+    def decorate(function):
+        def call(*args, **keywords):
+            for _ in range(times - 1):
+                function(*args, **keywords)
+            return function(*args, **keywords)
+        return call
+    return decorate
+
+
 def shut(generator):
-    if hasattr(generator, "close"):
-        generator.close()
+    for _ in range(20):
+        try:
+            return generator.close() if hasattr(generator, "close") else None
+        except RuntimeError:
+            OUT("refuses")
 
 
 def more(d):
@@ -112,7 +182,20 @@ def drive(task):
             OUT("step", task.send(None))
         except StopIteration as end:
             return end.value
+        except StopAsyncIteration:
+            return None
+
+
+async def ashut(stream):
+    for _ in range(20):
+        try:
+            return await stream.aclose()
+        except RuntimeError:
+            OUT("refuses")
 '''
+
+kIsAsync = kVersion >= (3, 6)
+HEAD = "\n" * (kHeadLine - 1) + kHead.replace("CALLS", str(kCalls)) + (kAsyncHead if kIsAsync else "")
 
 
 class Writer(object):
@@ -145,6 +228,10 @@ class Writer(object):
     def put(self, text):
         self.lines.append(kIndent * self.depth + text if text else "")
 
+    def put_all(self, texts):
+        for text in texts:
+            self.put(text)
+
     def block(self, head, *writers):
         self.put(head)
         self.depth += 1
@@ -169,7 +256,8 @@ class Writer(object):
         if function is None:
             return self.atom()
         form = self.pick(["{0}(d - 1, {1})", "{0}(d - 1, {1})", "{0}(d - 1, x={1})",
-                          "{0}(*[d - 1, {1}])", "{0}(\n        d - 1,\n        {1})"])
+                          "{0}(*[d - 1, {1}])", "{0}(\n        d - 1,\n        {1})",
+                          "{0}(**dict(d=d - 1, x={1}))", "{0}(d - 1, *({1},), **{{}})"])
         return "({} if more(d) else {})".format(form.format(function, self.atom()), self.atom())
 
     def expression(self, depth=2):
@@ -191,12 +279,30 @@ class Writer(object):
             lambda: "list(map(lambda y: y % 3, [{}, 4]))[0]".format(one()),
             lambda: "Count({}).left".format(self.below(5)),
             lambda: "[{},\n        {},\n        {}][{} % 3]".format(one(), one(), one(), one()),
+            lambda: "sum([i * j + {} for i in range({}) for j in range(i)])".format(
+                self.atom(), self.below(4)),
+            lambda: "len([[j for j in range(i)] for i in range({})])".format(self.below(4)),
+            lambda: "(Made({}) + {})".format(self.atom(), one()),
+            lambda: "Made()({}, *[{}], z={})".format(self.atom(), one(), self.atom()),
+            lambda: "Made({}){}".format(self.below(4), self.pick(
+                [".name", ".number", "[1]", "[2]", ".none", "[5]"])),
+            lambda: "len({})".format(self.pick(["Made", "list(Made(2))", "'ab'[1:]", "(x, 1)"])),
+            lambda: "eval('y + {}', {{'y': {}}})".format(self.below(4), self.atom()),
             self.call, self.call, self.call, self.atom,
         ]
         if kVersion >= (3, 6):
             kinds.append(lambda: "len(f\"{{{}}}-{{{}}}\")".format(self.atom(), self.call_on_one_line()))
+        if kVersion >= (3, 5):
+            kinds.append(lambda: "len([*range({}), *[{}]])".format(self.below(4), one()))
+            kinds.append(lambda: "len({{**{{1: {}}}, 2: 3}})".format(one()))
         if kVersion >= (3, 8):
             kinds.append(lambda: "((w := {}) + w) % 9".format(one()))
+            kinds.append(lambda: "len([v for i in range({}) if (v := i + {})])".format(
+                self.below(4), self.atom()) if self.kind != "class" else self.atom())
+        if kVersion >= (3, 12):
+            kinds.append(lambda: "len(f'{{\n        {}\n        }}{{x!r:>{{4}}}}')".format(self.atom()))
+        if kVersion >= (3, 14):
+            kinds.append(lambda: "len(t'{{{}}}-{{x}}'.values)".format(self.atom()))
         if self.kind == "task":
             kinds.append(lambda: "((await Wait({})) + 1)".format(self.below(9)))
             if self.tasks:
@@ -216,24 +322,33 @@ class Writer(object):
     # --- statements ---
 
     def body(self):
+        names = list(self.names)  # what is assigned here may not be assigned behind it
         for _ in range(1 + self.below(3)):
             self.statement()
+            if self.budget < 0:
+                break
+        self.names = names
 
     def statement(self):
         self.budget -= 1
         if self.budget < 0 or self.depth > 5:
             self.put("OUT({!r}, {})".format("s{}".format(self.made), self.atom()))
             return
-        before = list(self.names)
         self.pick(self.kinds_of_statement())()
-        if self.depth > 1:
-            self.names = [name for name in self.names if name in before]
 
     def kinds_of_statement(self):
         kinds = [self.assign, self.assign, self.tell, self.tell, self.branch, self.loop_for,
                  self.loop_while, self.attempt, self.attempt, self.attempt_finally, self.guarded,
                  self.fail, self.local_function, self.local_class, self.use_generator, self.check,
-                 self.leave, self.augment, self.delete]
+                 self.leave, self.augment, self.delete, self.make_class, self.run_text, self.unpack,
+                 self.recursion, self.local_generator, self.import_module]
+        if self.kind == "class":
+            kinds = [self.assign, self.tell, self.branch, self.loop_for, self.attempt, self.guarded,
+                     self.fail, self.local_function, self.augment, self.unpack]
+        elif self.chance(0.006):
+            kinds = [self.in_thread]
+        elif self.chance(0.05):
+            kinds = [self.change_top]
         if self.loops:
             kinds += [self.jump, self.jump]
         if kVersion >= (3, 10):
@@ -251,7 +366,7 @@ class Writer(object):
         return kinds
 
     def assign(self):
-        name = self.pick(["a", "b", "c"])
+        name = self.pick(kAssigned)
         self.put("{} = {}".format(name, self.expression()))
         if name not in self.names:
             self.names.append(name)
@@ -262,7 +377,68 @@ class Writer(object):
 
     def delete(self):
         self.put("z = {}".format(self.expression(1)))
-        self.put("OUT(z); del z")
+        self.put(self.pick([
+            "OUT(z); del z", "z = [z, {0}]; del z[0]; OUT(z)", "z = Made(z); del z.number; OUT(z.number)",
+            "z = dict(a=z); del z['a'], z; OUT({0})", "del z; OUT(z)"]).format(self.atom()))
+
+    def unpack(self):
+        forms = ["p, q = {}, {}", "(p, [q, _]) = {}, (1, {})", "p = q = {}; q = {}", "p, q = Made({}), {}",
+                 "p = {{}}; p[{}] = {}; q = len(p)"]
+        if kVersion >= (3,):
+            forms += ["p, *q = {}, {}, 3", "*_, p, q = {}, {}"]
+        if kVersion >= (3, 6):
+            forms.append("p: int = {}; q: 'str' = {}")
+        self.put(self.pick(forms).format(self.expression(1), self.atom()))
+        self.put("OUT(q)")
+
+    def change_top(self):
+        name = self.fresh("f")
+        self.block("def {}(y):".format(name), lambda: self.put("global TOP"),
+                   lambda: self.put("TOP = (TOP + y) % 7"))
+        self.put("{}({}); OUT(TOP)".format(name, self.atom()))
+
+    def import_module(self):
+        self.put(self.pick(["import math; OUT(math.floor({}))", "from operator import add; OUT(add(1, {}))",
+                            "import sys as z; OUT(len(z.argv) * 0 + {})"]).format(self.atom()))
+
+    def recursion(self):
+        name = self.fresh("r")
+        body = self.pick(["1 if y <= 0 else y + {0}(y - 1)", "y and {0}(y - 1) + 1",
+                          "[1, y // {1}][y > 1] and (y and {0}(y - 1))"])
+        self.block("def {}(y):".format(name),
+                   lambda: self.put("return " + body.format(name, self.below(3))))
+        self.put("OUT({}({}))".format(name, self.below(6)))
+
+    def run_text(self):
+        text = self.pick([
+            "y = {0}\\nOUT(x + y)",
+            "for i in range({0}):\\n    OUT(i)\\n    x += i",
+            "def e(y):\\n    return y + {0}\\nOUT(e(x))",
+            "try:\\n    {0} // x\\nexcept ZeroDivisionError:\\n    OUT(1)",
+            "OUT([i for i in range({0})])\\nraise KeyError({0})",
+            "OUT((lambda y: y)({0}))",
+            "class E(Made):\\n    z = {0}",
+        ]).format(self.below(4))
+        form = self.pick(["exec('{}', {{'OUT': OUT, 'x': {}, 'Made': Made}})",
+                          "exec(compile('{}', '<string>', 'exec'), dict(OUT=OUT, x={}, Made=Made))"])
+        self.put(form.format(text, self.atom()))
+
+    def in_thread(self):
+        name = self.fresh("thread")
+        self.block("def {}():".format(name), lambda: self.as_function("plain", self.body))
+        self.put("RUN({})".format(name))
+
+    def local_generator(self):
+        name, held = self.fresh("gen"), self.fresh("g")
+        self.block("def {}(y):".format(name), lambda: self.as_function(
+            "generator", lambda: [self.give(), self.body(), self.give()], "y"))
+        self.put("{} = {}({})".format(held, name, self.atom()))
+        self.block("try:", lambda: self.put(self.pick([
+            "OUT(next({0})); OUT({0}.send(None))", "OUT(list({0}))", "OUT([i for i in {0}])",
+            "OUT(next({0}))", "OUT(sum(1 for _ in {0}))", "OUT({0}.throw(Fault(2)))",
+            "OUT(sorted({0}, key=lambda y: y[0]))", "for i in {0}: break",
+            "OUT(dict((i, 1) for i in {0}))"]).format(held)))
+        self.block("finally:", lambda: self.put("shut({})".format(held)))
 
     def tell(self):
         self.put("OUT({!r}, {})".format(self.fresh("o"), self.expression()))
@@ -287,14 +463,18 @@ class Writer(object):
         source = self.pick(["range({})".format(self.below(4)), "[1, {}]".format(self.atom()),
                             "Count({})".format(self.below(4))])
         if self.generators and self.chance(0.5):
-            source = "({}(d - 1, {}) if more(d) else [(1,)])".format(
-                self.pick(self.generators), self.atom())
-            self.block("for {} in {}:".format(name, source), self.in_loop)
+            held = self.fresh("g")
+            self.put("{} = {}(d - 1, {}) if more(d) else [(1,)]".format(
+                held, self.pick(self.generators), self.atom()))
+            self.block("try:", lambda: self.block("for {} in {}:".format(name, held), self.in_loop))
+            self.block("finally:", lambda: self.put("shut({})".format(held)))
+            return
         elif self.chance(0.2):
             self.put("for {} in {}: OUT({})".format(name, source, name))
         else:
             self.block("for {} in {}:".format(name, source),
                        lambda: self.names.append(name), self.in_loop)
+            self.names.remove(name)
         if self.chance(0.3):
             self.block("else:", self.body)
 
@@ -331,12 +511,13 @@ class Writer(object):
     def maybe_raise_again(self):
         if self.chance(0.15):
             self.put("raise")
-        elif self.chance(0.1):
-            self.put("raise Other(1)" + (" from None" if kVersion >= (3,) and self.chance(0.5) else ""))
+        elif self.chance(0.15):
+            self.put("raise Other(1)" + (self.pick(["", " from None", " from Fault(2)", " from KeyError"])
+                                         if kVersion >= (3,) else ""))
 
     def in_finally(self):
-        # No break or continue: before 3.8 they are no syntax there.
-        loops, self.loops = self.loops, 0
+        # No continue before 3.8: it is no syntax there.
+        loops, self.loops = self.loops, self.loops if kVersion >= (3, 8) else 0
         self.body()
         self.loops = loops
 
@@ -350,10 +531,16 @@ class Writer(object):
         self.block("try:", lambda: self.put(self.pick([
             "raise ExceptionGroup('g', [Fault(1), Worse(2)])", "raise Fault(3)",
             "raise ExceptionGroup('h', [Other(1), ExceptionGroup('i', [Fault(4)])])",
-            "OUT('no group')"])))
-        self.block("except* Worse as why:", self.body_without_loops)
+            "OUT('no group')", "1 // 0"])))
+        self.block("except* Worse as why:", self.body_without_loops, self.maybe_raise_again)
         if self.chance(0.5):
             self.block("except* (Fault, Other):", self.body_without_loops)
+        if self.chance(0.2):
+            self.block("except* Exception as why:", self.body_without_loops, self.maybe_raise_again)
+        if self.chance(0.2):
+            self.block("else:", self.body_without_loops)
+        if self.chance(0.3):
+            self.block("finally:", self.body_without_loops)
         self.leave, self.kind = leaves, kind
 
     def body_without_loops(self):
@@ -378,6 +565,15 @@ class Writer(object):
             self.tell()
 
     def match(self):
+        if self.chance(0.3):
+            self.put("match {}:".format(self.pick(["Made({})", "{{1: {}}}", "({}, 2)"]).format(self.atom())))
+            self.depth += 1
+            self.block("case Made(number=1 | 2 as m):", lambda: self.put("OUT(m)"))
+            self.block("case {1: m, **rest} if m > 2:", self.body)
+            self.block("case (int() as m, 2) | [m]:", lambda: self.put("OUT(m)"))
+            self.block("case Made(name=m) | m:", self.body)
+            self.depth -= 1
+            return
         self.put("match [{}, {}]:".format(self.expression(1), self.atom()))
         self.depth += 1
         self.block("case [0, m]:", self.body)
@@ -393,7 +589,8 @@ class Writer(object):
     def as_function(self, kind, write, *parameters):
         """Write what belongs to a function of its own inside this one."""
         saved = self.names, self.loops, self.kind
-        self.names, self.loops, self.kind = self.names + list(parameters), 0, kind
+        outer = [name for name in self.names if name not in kAssigned or self.chance(0.3)]
+        self.names, self.loops, self.kind = outer + list(parameters), 0, kind
         write()
         self.names, self.loops, self.kind = saved
 
@@ -403,8 +600,14 @@ class Writer(object):
             inner.append(lambda: self.put("nonlocal a"))
             inner.append(lambda: self.put("a = (a + y) % 5"))
         for _ in range(self.below(3) if self.chance(0.3) else 0):
-            self.put("@wrapped")
-        self.block("def {}(y, step={}):".format(name, self.atom()), *inner + [
+            self.put(self.pick(["@wrapped", "@counted(2)"]))
+        forms = ["y, step={}", "y, step={}", "y=1, step={}, *rest, **named"]
+        if kVersion >= (3,):
+            forms.append("y, *, step={}")
+            forms.append("y: int, step: {0} = {0}")
+        if kVersion >= (3, 8):
+            forms.append("y, /, step={}, **named")
+        self.block("def {}({}):".format(name, self.pick(forms).format(self.atom())), *inner + [
             lambda: self.as_function("plain", self.tell, "y", "step"),
             lambda: self.as_function("plain", lambda: self.put("return " + self.expression(1)),
                                      "y", "step")])
@@ -427,6 +630,22 @@ class Writer(object):
                                       lambda: self.put("OUT(self.note)"),
                                       lambda: self.put("return len(self.made) + y")))
         self.put("OUT({0}({1}).method({2}))".format(name, self.below(3), self.atom()))
+
+    def make_class(self):
+        """With a metaclass, or statements of all kinds in its body."""
+        name = self.fresh("C")
+        bases = ["Made", "Made, Fault", "Made"]
+        if kVersion >= (3,):
+            bases += ["object, metaclass=Meta", "Made, metaclass=Meta"]
+        self.block("class {}({}):".format(name, self.pick(bases)),
+                   lambda: self.as_function("class", self.body),
+                   lambda: self.put(self.pick(["field = Field()", "pair = (1,\n            2)", "pass"])),
+                   lambda: self.block("def __init__(self, number=2):",
+                                      lambda: self.put("self.number = number"),
+                                      lambda: self.put("self.field = number")),
+                   lambda: self.block("def twice(self):",
+                                      lambda: self.as_function("plain", self.tell, "self.number")))
+        self.put("{0}({1}).twice(); OUT(len(vars({0}({2}))))".format(name, self.atom(), self.below(3)))
 
     # --- generators ---
 
@@ -452,6 +671,7 @@ class Writer(object):
             self.put("OUT(next({}, 'end'))".format(name))
         self.pick([
             lambda: self.put(("del {}" if kVersion >= (3, 13) else "shut({})").format(name)),
+            lambda: self.put("OUT({0}.send(None)) if hasattr({0}, 'send') else OUT(0)".format(name)),
             lambda: self.put("shut({})".format(name)),
             lambda: self.put("OUT(list({}))".format(name)),
             lambda: self.throw_into(name),
@@ -459,21 +679,28 @@ class Writer(object):
                 name, "True" if kVersion >= (3, 4) else "False", name)
                 if kVersion >= (3, 4) else "OUT(len(list({})))".format(name)),
         ])()
+        if not self.lines[-1].strip().startswith("del "):
+            self.put("shut({})".format(name))
 
     def throw_into(self, name):
         def throw():
             self.put("if hasattr({}, 'throw'):".format(name))
-            self.put(kIndent + "OUT({}.throw({}))".format(name, self.pick(["Fault(1)", "Other(2)"])))
+            self.put(kIndent + "OUT({}.throw({}))".format(name, self.pick(
+                ["Fault(1)", "Other(2)", "KeyError", "GeneratorExit"])))
         self.block("try:", throw)
-        self.block("except (Fault, Other, StopIteration):", lambda: self.put("OUT('thrown')"))
-        return None
+        self.block("except (Fault, Other, KeyError, GeneratorExit, StopIteration):",
+                   lambda: self.put("OUT('thrown')"))
 
     # --- coroutines ---
 
     def async_for(self):
         source = ("{}(d - 1, {})".format(self.pick(self.streams), self.atom())
                   if self.streams else "empty()")
-        self.block("async for _ in {}:".format(source), lambda: self.put("OUT(_)"), self.in_loop)
+        held = self.fresh("s")
+        self.put("{} = {}".format(held, source))
+        self.block("try:", lambda: self.block(
+            "async for _ in {}:".format(held), lambda: self.put("OUT(_)"), self.in_loop))
+        self.block("finally:", lambda: self.put("await ashut({})".format(held)))
 
     def async_with(self):
         self.block("async with AsyncGuard():", self.body)
@@ -508,42 +735,44 @@ class Writer(object):
             self.put("return {}".format(self.expression(1)))
 
     def program(self):
-        is_async = kVersion >= (3, 6)
-        kinds = ["plain", "generator", "plain"] + [
-            self.pick(["plain", "plain", "generator"] + ["task", "stream"] * is_async)
-            for _ in range(2 + self.below(4))]
+        is_async = kIsAsync
+        more_kinds = ["plain", "plain", "generator"] + ["task", "stream"] * is_async
+        kinds = [self.pick(["plain", "generator"])] + [
+            self.pick(more_kinds) for _ in range(self.pick(kFunctions))]
         for kind in kinds:
             self.function(kind)
         self.kind, self.names, self.budget = "module", ["x"], 6
         self.put("d = 3")
         self.put("x = {}".format(self.below(9)))
         for name in self.plain + self.generators + self.tasks + self.streams:
-            self.block("try:", lambda name=name: self.put(self.top_call(name)))
+            self.block("try:", lambda name=name: self.put_all(self.top_call(name)))
             self.block("except Exception as why:",
                        lambda: self.put("OUT('failed', type(why).__name__)"))
-        if self.chance(0.3):
-            self.put(self.top_call(self.pick(self.plain)))
-        head = kHead.replace("CALLS", str(kCalls)) + (kAsyncHead if is_async else "")
-        return head + "\n\n" + "\n".join(self.lines) + "\n"
+        if self.plain and self.chance(0.3):
+            self.put_all(self.top_call(self.pick(self.plain)))
+        return "\n" * (kFirstLine - 1) + "\n".join(self.lines) + "\n"
 
     def top_call(self, name):
         if name in self.tasks:
-            return "OUT(drive({}(d, x)))".format(name)
+            return ["OUT(drive({}(d, x)))".format(name)]
         if name in self.streams:
-            return "OUT(drive({}(d, x).__anext__()))".format(name)
+            return ["s = {}(d, x)".format(name), "try:"] + [kIndent + step for step in self.pick([
+                ["OUT(drive(s.__anext__()))"],
+                ["OUT(drive(s.asend(None)))", "OUT(drive(s.asend(2)))"],
+                ["OUT(drive(s.__anext__()))", "OUT(drive(s.athrow(Fault(1))))"],
+            ])] + ["finally:", kIndent + "drive(ashut(s))"]
         if name in self.generators:
-            return "OUT(list({}(d, x)))".format(name)
-        return "OUT({}(d, x))".format(name)
+            return ["OUT(list({}(d, x)))".format(name)]
+        return ["OUT({}(d, x))".format(name)]
 
 
-def make_program(seed):
-    """Text of a program that compiles; the generator's few impossible ones are left out."""
+def make_program(seed, path):
+    """Text of a program that compiles, and its code; the few that do not are left out."""
     number = 0
     while True:
         text = Writer(seed * 100 + number).program()
         try:
-            compile(text, "<program>", "exec", 0, True)
-            return text
+            return text, compile(text, path, "exec", 0, True)
         except SyntaxError:
             number += 1
             if number > 50:
@@ -551,4 +780,4 @@ def make_program(seed):
 
 
 if __name__ == "__main__":
-    print(make_program(int(sys.argv[1])))
+    print(HEAD + "\n" + make_program(int(sys.argv[1]), "<program>")[0].lstrip("\n"))
