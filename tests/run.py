@@ -276,7 +276,8 @@ def run_all(interpreters, libraries, run, scratch):
             for test in tests:
                 if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
                     continue
-                if arguments.everywhere or not test["per_version"] or item is hosts[item.minor]:
+                is_variant = item.is_built or item.variant != "release"
+                if not test["per_version"] or item is hosts[item.minor] or arguments.everywhere and is_variant:
                     pending.append(pool.submit(run_test, item, test, env, arguments, scratch))
                     run.left[item] += 1
         try:
@@ -362,7 +363,7 @@ def parse_arguments(argv):
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
     parser.add_argument("--each", metavar="DIR", help="write those of each interpreter there, once they are complete")
     parser.add_argument("--everywhere", action="store_true",
-                        help="tests of the debugger's Python part under every variant, not once per version")
+                        help="tests of the debugger's Python part under each variant, too, not once per version")
     parser.add_argument("--slowest", type=int, default=0, metavar="N", help="show the N slowest tests")
     parser.add_argument("--no-summary", action="store_true", help="failures only")
     parser.add_argument("-v", "--verbose", action="store_true", help="every test")

@@ -17,10 +17,12 @@ kPath = os.path.join("docs", "matrix.md")
 kHead = """\
 # Every interpreter
 
-One library per word size serves them all. `./check --matrix` wrote this page on {date}{revision}: every
-test of the tree under every interpreter that it found, could fetch (tools/fetch-interpreters) or had
-built (tools/build-interpreters). A cell tells how many tests **passed / failed** with which C library.
-Skipped ones are below. A letter stands for a reason; {dash}: there is no such build of this version.
+One library per word size serves them all. `./check --matrix` wrote this page on {date}{revision}, from
+all interpreters that it found, could fetch (tools/fetch-interpreters) or had built
+(tools/build-interpreters). The tests of the library run under each of them, those of the debugger's
+Python part under one release build of each version and under each variant. A cell tells how many tests
+**passed / failed** with which C library; skipped ones are below. A letter stands for a reason; {dash}:
+there is no such build of this version.
 
 """
 
