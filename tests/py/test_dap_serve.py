@@ -1,4 +1,4 @@
-"""Programs that editors attach to: `tdbg serve`, tdbg.listen() and tdbg.connect(), process ids."""
+"""Programs that editors attach to: `tdbg serve`, tdbg.listen() and tdbg.connect()."""
 from __future__ import absolute_import, division, print_function
 
 import os
@@ -7,7 +7,6 @@ import socket
 import stat
 import subprocess
 import sys
-import unittest
 
 from support import dapclient
 from support.case import TestCase
@@ -346,61 +345,3 @@ class InCode(Case):
 
     def environment(self):
         return {"PYTHONPATH": python_path(), "TDBG_LIB_DIR": os.path.dirname(library_path())}
-
-
-class ByProcess(Case):
-
-    def adapter(self):
-        client = dapclient.start_adapter(self)
-        client.initialize()
-        return client
-
-    def test_refusals_name_the_condition(self):
-        client = self.adapter()
-        sleeper = self.start(["/bin/sh", "-c", "echo; read line"], stdin=subprocess.PIPE)
-        sleeper.stdout.readline()
-        with open("/proc/sys/kernel/pid_max") as source:
-            beyond = int(source.read())
-        self.assertIn("no process", client.refused("attach", {"processId": beyond}))
-        self.assertIn("is not a Python program", client.refused("attach", {"processId": sleeper.pid}))
-        self.assertIn("is the debug adapter", client.refused("attach", {"processId": client.process.pid}))
-        if os.getuid() != 0:
-            self.assertIn("another user", client.refused("attach", {"processId": 1}))
-
-    @unittest.skipIf(sys.version_info >= (3, 14), "needs no gdb")
-    def test_without_gdb(self):
-        folder = self.make_dir()
-        os.symlink(dapclient.adapter_python(), os.path.join(folder, "python3"))
-        client = dapclient.start_adapter(self, env=dict(os.environ, PATH=folder))
-        client.initialize()
-        process = self.start([sys.executable, self.loop()])
-        self.assertIn("gdb is not installed", client.refused("attach", {"processId": process.pid}))
-
-    def test_running_program(self):
-        if sys.version_info < (3, 14) and not shutil_which("gdb"):
-            self.skipTest("gdb is not installed")
-        path = self.loop()
-        process = self.start([sys.executable, path])
-        client = self.adapter()
-        seq = client.send("attach", {"processId": str(process.pid)})
-        client._wait(
-            lambda: client.has_response_to(seq) or [e for e in client.events if e["event"] == "initialized"],
-            "answer to attach", dapclient.kSeconds)
-        if client.has_response_to(seq):
-            # A gdb that does not know this processor must not harm the program.
-            refused = client.response_to(seq)["message"]
-            self.assertIn("gdb says: ", refused)
-            self.let_end()
-            self.assertEqual(self.end_of(process), (4, "end\n", ""))
-            self.skipTest(refused.partition("gdb says: ")[2])
-        client.set_breakpoints(path, ["count"])
-        client.request("configurationDone")
-        thread = client.wait_stopped("breakpoint")["threadId"]
-        self.assertGreater(int(client.evaluate("n", client.stack(thread)[0]["id"])), 0)
-        client.request("disconnect")
-        self.let_end()
-        self.assertEqual(self.end_of(process), (4, "end\n", ""))
-
-
-def shutil_which(name):
-    return any(os.access(os.path.join(folder, name), os.X_OK) for folder in os.environ["PATH"].split(os.pathsep))

@@ -1,44 +1,58 @@
 """Attach by process id: bring the debugger into a process that was started without it.
 
 From 3.14 on the interpreter takes a script by itself (sys.remote_exec), when it is asked by one of
-its own version.  Before, gdb makes the process run it: as a pending call where the main thread runs
-Python code, so that nothing is called in the middle of a native function; and when nothing has
-come of that, because the thread is blocked, with the interpreter lock taken in its place.
+its own version.  Before, and where the main thread of a later one is blocked, gdb makes the process
+run it (see gdb.py).
 
-Whatever is in the way is named: the process, its user, the kernel's rule, the tool that is missing.
+Whatever is in the way is named, with what helps.  Until the script begins, nothing of ours is in the
+process; the script begins only while its adapter waits, and no exception leaves it.
 """
 import _socket
 import os
 import re
 import shutil
 import subprocess
+import time
 
+from tdbg import nativelib
+from tdbg.adapter import gdb, symbols
 from tdbg.dap import endpoint
 
 kPtraceScope = "/proc/sys/kernel/yama/ptrace_scope"
-kMapProt, kMapFlags, kMapSize = 3, 34, 65536  # PROT_READ|PROT_WRITE, MAP_PRIVATE|MAP_ANONYMOUS
+kMayTrace = 1 << 19      # CAP_SYS_PTRACE
 kToolSeconds = 30
-kPatienceSeconds = 2.0   # for a pending call, or a script that was left for the interpreter
-kArrivalSeconds = 10.0
+kPatienceSeconds = 10.0  # for a script that was left for the interpreter
+kBlockedSeconds = 1.0    # without a turn of the main thread
+kPollSeconds = 0.01
+kArrivalSeconds = 1.0    # after the script has run
 kRemoteExec = (3, 14)
-kNoWayIn = r"ptrace: |Could not attach|No such process|Couldn't write"
-# The last ones change a register and put it back: a gdb that is older than the processor fails
-# there, before any harm.  After a call it could not restore them, and the program would break.
-kGdbSettings = [
-    "set pagination off", "set confirm off", "set unwindonsignal on",
-    "set $old = $mxcsr", "set var $mxcsr = $old ^ 0x8000", "set var $mxcsr = $old"]
+kLongestReason = 1000
 kSupported = ((2, 7), (3, 6), (3, 14))
+kNothingToRun = os.devnull
 
 # Runs in the process; {} are its parts.  Nothing of it stays in the program's modules but `tdbg`.
 kScript = """\
-import sys
-sys.path.insert(0, {folder!r})
+# coding: utf-8
+import os, sys
 try:
-    from tdbg import serve
-finally:
-    sys.path.remove({folder!r})
-serve.attach_running({path!r}, {library!r})
+    if os.path.exists({path!r}):
+        sys.path.insert(0, {folder!r})
+        try:
+            from tdbg import serve
+        finally:
+            sys.path.remove({folder!r})
+        serve.attach_running({path!r}, {library!r})
+except:
+    try:
+        with open({failure!r}, "w") as out:
+            out.write("%s: %s" % (sys.exc_info()[0].__name__, sys.exc_info()[1]))
+    except Exception:
+        pass
+    if sys.exc_info()[0] is KeyboardInterrupt:
+        __import__("thread" if sys.version_info[0] == 2 else "_thread").interrupt_main()
 """
+# As text, whose names must not be those of the program.
+kText = "# coding: utf-8\nexec({!r}, {{}})\n"
 
 
 class tProcess:
@@ -47,19 +61,22 @@ class tProcess:
     note = None
 
     def __init__(self, pid, options):
-        self.pid, self._library = pid, options.library
+        self.pid = pid
         refuse_missing_process(pid)
         refuse_other_user(pid)
         self._python = find_interpreter(pid)
         self._version = version_of(pid, self._python)
         refuse_unknown_version(pid, self._version)
-        self._uses_gdb = self._version is None or self._version < kRemoteExec
-        if self._uses_gdb and shutil.which("gdb") is None:
-            raise endpoint.tRefused(
-                "gdb is not installed; without it only Python 3.14 and later can be attached to, "
-                "and process {} runs {}".format(pid, describe(self._version)))
+        self._word_size = symbols.word_size("/proc/{}/exe".format(pid))
+        self._library = library_for(pid, self._word_size, options.library)
+        self._needs_gdb = self._version is None or self._version < kRemoteExec
+        if self._needs_gdb:
+            refuse_without_gdb(pid, self._version)
+            refuse_traced(pid)
+        refuse_stopped(pid)
         refuse_kernel_rules(pid)
-        self._listener = None
+        self._listener = self._visit = None
+        self._is_closed = False
 
     def connect(self):
         folder = endpoint.make_private_folder()
@@ -67,18 +84,25 @@ class tProcess:
         try:
             self._listener = listener = endpoint.listen_unix(path)
             script = self._write_script(folder, path)
-            owner = int(status_of(self.pid).get("Uid", "0").split()[0])
-            if owner != os.geteuid():  # we are root
+            owner = user_of(self.pid)
+            if owner != os.geteuid():  # we are root; nothing is written there any more
                 for name in (script, path, folder):
                     os.chown(name, owner, -1)
-            if self._uses_gdb:
-                return self._through_gdb(listener, script, folder)
-            return self._through_interpreter(listener, script)
+            connected = None
+            if not self._needs_gdb and not self._is_blocked():
+                connected = self._through_interpreter(listener, script, folder)
+            if connected is None and not self._is_closed:
+                connected = self._through_gdb(listener, folder)
+            return connected
         finally:
             self.close()
             shutil.rmtree(folder, ignore_errors=True)
 
     def close(self):
+        self._is_closed = True
+        visit = self._visit
+        if visit is not None:
+            visit.hurry()
         listener, self._listener = self._listener, None
         if listener is not None:
             try:
@@ -89,46 +113,77 @@ class tProcess:
 
     def _write_script(self, folder, path):
         package = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+        self._text = kScript.format(
+            folder=os.path.dirname(package), path=path, library=self._library,
+            failure=os.path.join(folder, "failure"))
         script = os.path.join(folder, "attach.py")
-        with open(script, "w", encoding="utf-8") as out:
-            out.write("# coding: utf-8\n" + kScript.format(
-                folder=os.path.dirname(package), path=path, library=self._library))
+        with open(script, "w", encoding="utf-8", errors="surrogateescape") as out:
+            out.write(self._text)
         return script
 
-    def _through_interpreter(self, listener, script):
+    def _through_interpreter(self, listener, script, folder):
+        """The connection; None when the script has not run, and will not."""
+        self._remote_exec(script)
+        connected = self._arrived(listener, kPatienceSeconds, folder)
+        if connected is None:
+            # The path is left in the process: nobody may put a file there that it then runs.
+            self._remote_exec(kNothingToRun)
+            connected = self._arrived(listener, 0.0, folder)
+        if connected is None:
+            self._refuse_gdb("busy in native code")
+        return connected
+
+    def _is_blocked(self):
+        """Whether the main thread waits for something, so that it could take no script.
+
+        One that was left in it would swallow the exception of the signal handler that wakes it.
+        """
+        before = turns_of_main_thread(self.pid)
+        end = time.monotonic() + kBlockedSeconds
+        while time.monotonic() < end:
+            if is_running(self.pid) or turns_of_main_thread(self.pid) != before:
+                return False
+            time.sleep(kPollSeconds)
+        self._refuse_gdb("blocked")
+        return True
+
+    def _refuse_gdb(self, state):
+        refuse_without_gdb(self.pid, self._version, ", whose main thread is {}".format(state))
+        refuse_traced(self.pid)
+
+    def _remote_exec(self, path):
         code = "import sys; sys.remote_exec(int(sys.argv[1]), sys.argv[2])"
-        status, text = run_tool(self._python + ["-I", "-S", "-c", code, str(self.pid), script])
+        status, text = run_tool(self._python + ["-I", "-S", "-c", code, str(self.pid), path], self.pid)
         if status != 0:
-            lines = text.strip().splitlines() or ["no reason given"]
-            raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, lines[-1]))
-        connected = arrived(listener, kArrivalSeconds)
-        if connected is None:
+            raise endpoint.tRefused(reason_of_interpreter(self.pid, text))
+
+    def _through_gdb(self, listener, folder):
+        self._visit = gdb.tVisit(self.pid, self._word_size)
+        if self._is_closed:
+            self._visit.hurry()
+        own_folder = endpoint.make_private_folder()
+        try:
+            self._visit.run(kText.format(self._text), own_folder)
+        finally:
+            shutil.rmtree(own_folder, ignore_errors=True)
+        connected = self._arrived(listener, kArrivalSeconds, folder)
+        if connected is None and not self._is_closed:
             raise endpoint.tRefused(
-                "process {} has been asked, but runs no Python code at the moment: its main thread is "
-                "busy or waiting in native code".format(self.pid))
+                "process {} does not answer: it has run the debugger's script to no effect".format(self.pid))
         return connected
 
-    def _through_gdb(self, listener, script, folder):
-        command = "exec(compile(open({0!r}).read(), {0!r}, 'exec'), {{}})".format(script)
-        text = self._run_gdb(folder, pending_call_commands(command))
-        connected = arrived(listener, kPatienceSeconds)
-        if connected is not None:
+    def _arrived(self, listener, seconds, folder):
+        """A connection from the process within that time, or None; endpoint.tRefused if it has failed."""
+        connected = arrived(listener, seconds)
+        try:
+            failure = os.open(os.path.join(folder, "failure"), os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
+        except OSError:
             return connected
-        text += self._run_gdb(folder, locked_call_commands(command))
-        connected = arrived(listener, kArrivalSeconds)
-        if connected is None:
-            raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, reason_in(text)))
-        return connected
-
-    def _run_gdb(self, folder, commands):
-        # Of a file, for the first command that fails ends it.
-        path = os.path.join(folder, "commands.gdb")
-        with open(path, "w", encoding="utf-8") as out:
-            out.write("\n".join(kGdbSettings + commands) + "\n")
-        status, text = run_tool(["gdb", "--batch", "--nx", "-p", str(self.pid), "-x", path])
-        if re.search(kNoWayIn, text):
-            raise endpoint.tRefused("cannot attach to process {}: {}".format(self.pid, reason_in(text)))
-        return text
+        with os.fdopen(failure, encoding="utf-8", errors="replace") as source:
+            why = source.read(kLongestReason)
+        if connected is not None:
+            connected.close()
+        raise endpoint.tRefused("process {} cannot load the debugger: {}".format(self.pid, why))
 
 
 # --- conditions -----------------------------------------------------------------------------------
@@ -136,17 +191,19 @@ class tProcess:
 
 def refuse_missing_process(pid):
     if not os.path.isdir("/proc/{}".format(pid)):
-        raise endpoint.tRefused("there is no process {}".format(pid))
+        raise endpoint.tRefused("there is no process {}: give the number that it has now, as seen here".format(pid))
     if status_of(pid).get("State", "").startswith("Z"):
-        raise endpoint.tRefused("process {} has ended".format(pid))
+        raise endpoint.tRefused("process {} has ended: give the number of one that runs".format(pid))
     if pid == os.getpid():
-        raise endpoint.tRefused("process {} is the debug adapter".format(pid))
+        raise endpoint.tRefused("process {} is the debug adapter: give the number of another one".format(pid))
 
 
 def refuse_other_user(pid):
-    owner = int(status_of(pid).get("Uid", "-1").split()[0])
+    owner = user_of(pid)
     if os.geteuid() not in (0, owner):
-        raise endpoint.tRefused("process {} belongs to another user ({})".format(pid, owner))
+        raise endpoint.tRefused(
+            "process {} belongs to another user ({}): start the adapter as that user, or as root".format(
+                pid, owner))
 
 
 def refuse_unknown_version(pid, version):
@@ -155,25 +212,76 @@ def refuse_unknown_version(pid, version):
             pid, describe(version)))
 
 
-def refuse_kernel_rules(pid):
+def library_for(pid, word_size, named):
+    """The core that fits the process: the one that was named, else one that was built or comes with us."""
+    package = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    file_name = nativelib.kModule + ".so"
+    tree = os.path.dirname(os.path.dirname(package))
+    places = [named] if named is not None else [
+        os.path.join(package, file_name), os.path.join(tree, "build", str(word_size), file_name)]
+    for path in places:
+        if symbols.word_size(path) == word_size:
+            return os.path.abspath(path)
+    raise endpoint.tRefused(
+        "process {} runs a {}-bit interpreter, for which there is no {} in {}: install tdbg for {} bits, or "
+        "name its library with --library".format(
+            pid, word_size, file_name, " or ".join(os.path.dirname(path) for path in places), word_size))
+
+
+def refuse_without_gdb(pid, version, more=""):
+    if gdb.find() is None:
+        raise endpoint.tRefused(
+            "gdb is not installed, and process {} runs {}{}: install gdb, or have {} name one".format(
+                pid, describe(version), more or ", which can be attached to from 3.14 on only", gdb.kVariable))
+
+
+def refuse_traced(pid):
     tracer = status_of(pid).get("TracerPid", "0").strip()
     if tracer != "0":
-        raise endpoint.tRefused("process {} is being traced by process {} already".format(pid, tracer))
+        raise endpoint.tRefused(
+            "process {} is being traced by process {} ({}) already: end that first".format(
+                pid, tracer, status_of(tracer).get("Name", "?")))
+
+
+def refuse_stopped(pid):
+    if status_of(pid).get("State", "").startswith("T"):
+        raise endpoint.tRefused("process {} is stopped: wake it first (kill -CONT {})".format(pid, pid))
+
+
+def refuse_kernel_rules(pid):
     try:
-        with open(kPtraceScope) as source:
+        with open(kPtraceScope, encoding="utf-8") as source:
             scope = int(source.read())
     except (OSError, ValueError):
         return  # a kernel without that rule
-    if scope == 3 or scope and os.geteuid() != 0:
+    if scope == 3:
+        raise endpoint.tRefused(
+            "the kernel lets no process attach to another until the machine starts anew: ptrace_scope is 3")
+    if scope and not int(status_of("self").get("CapEff", "0"), 16) & kMayTrace:
         raise endpoint.tRefused(
             "the kernel does not let one process attach to another: ptrace_scope is {} "
-            "(sysctl kernel.yama.ptrace_scope=0 allows it)".format(scope))
+            "(sysctl kernel.yama.ptrace_scope=0 allows it, and so does being root)".format(scope))
+
+
+def turns_of_main_thread(pid):
+    """How often it has let others run; more of it tells that it runs itself."""
+    return [value for name, value in status_of("{0}/task/{0}".format(pid)).items()
+            if name.endswith("ctxt_switches")]
+
+
+def is_running(pid):
+    """Whether its main thread computes just now."""
+    return status_of(pid).get("State", "").startswith("R")
+
+
+def user_of(pid):
+    return int(status_of(pid).get("Uid", "-1").split()[0])
 
 
 def status_of(pid):
     """{field: text} of the process; empty when it has ended."""
     try:
-        with open("/proc/{}/status".format(pid)) as source:
+        with open("/proc/{}/status".format(pid), encoding="utf-8", errors="replace") as source:
             return dict(line.rstrip("\n").split(":\t", 1) for line in source if ":\t" in line)
     except OSError:
         return {}
@@ -186,7 +294,7 @@ def find_interpreter(pid):
         with open("/proc/{}/cmdline".format(pid), "rb") as source:
             words = [os.fsdecode(word) for word in source.read().split(b"\0")[:-1]]
     except OSError as why:
-        raise endpoint.tRefused("cannot look into process {}: {}".format(pid, why.strerror))
+        raise endpoint.tRefused("cannot look into process {}: {}; being root helps".format(pid, why.strerror))
     if is_python(path):
         return ["/proc/{}/exe".format(pid)]
     for count, word in enumerate(words):  # run through the dynamic loader
@@ -195,8 +303,9 @@ def find_interpreter(pid):
             while last + 1 < len(words) and is_python(words[last + 1]):
                 last += 1
             return [path] + words[1:last + 1]
-    if not any(is_python(name) for name in mapped_files(pid)):
-        raise endpoint.tRefused("process {} ({}) is not a Python program".format(pid, os.path.basename(path)))
+    if not any(is_python(mapped.path) for mapped in symbols.mapped_files(pid)):
+        raise endpoint.tRefused("process {} ({}) is not a Python program: give the number of one".format(
+            pid, os.path.basename(path)))
     return ["/proc/{}/exe".format(pid)]
 
 
@@ -204,23 +313,16 @@ def is_python(path):
     return re.match(r"(lib)?python[\d.]*", os.path.basename(path)) is not None
 
 
-def mapped_files(pid):
-    try:
-        with open("/proc/{}/maps".format(pid)) as source:
-            return {line.split(None, 5)[5].strip() for line in source if "/" in line}
-    except OSError:
-        return set()
-
-
 def version_of(pid, python):
     """(major, minor), or None where only the process itself knows."""
-    for name in mapped_files(pid) | {os.path.realpath(python[-1])}:
+    for name in [mapped.path for mapped in symbols.mapped_files(pid)] + [os.path.realpath(python[-1])]:
         found = re.match(r"(?:lib)?python(\d)\.(\d+)", os.path.basename(name))
         if found:
             return int(found.group(1)), int(found.group(2))
     if not is_python(os.path.realpath(python[-1])):
         return None
-    _, text = run_tool(python + ["-E", "-S", "-c", "import sys; print('%d.%d' % sys.version_info[:2])"])
+    _, text = run_tool(
+        python + ["-E", "-S", "-c", "import sys; print('%d.%d' % sys.version_info[:2])"], pid)
     found = re.match(r"(\d+)\.(\d+)\s*$", text)
     return (int(found.group(1)), int(found.group(2))) if found else None
 
@@ -232,11 +334,19 @@ def describe(version):
 # --- tools ------------------------------------------------------------------------------------------
 
 
-def run_tool(argv):
-    """(status, all that it wrote)"""
+def run_tool(argv, pid):
+    """(status, all that it wrote) of a program that the process's user could have replaced."""
+    owner, group = user_of(pid), int(status_of(pid).get("Gid", "-1").split()[0])
+
+    def become_owner():
+        if owner != os.geteuid():
+            os.setgroups([])
+            os.setgid(group)
+            os.setuid(owner)
+
     try:
         done = subprocess.run(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, timeout=kToolSeconds)
+                              stderr=subprocess.STDOUT, timeout=kToolSeconds, preexec_fn=become_owner)
     except subprocess.TimeoutExpired as why:
         return 1, (why.output or b"").decode("utf-8", "replace") + "\n{} takes too long".format(argv[0])
     except OSError as why:
@@ -244,37 +354,13 @@ def run_tool(argv):
     return done.returncode, done.stdout.decode("utf-8", "replace")
 
 
-def text_in_process(text):
-    """gdb's commands that put the text where nobody else writes: $text.  No allocator is called."""
-    quoted = text.replace("\\", "\\\\").replace('"', '\\"')
-    size = len(text.encode("utf-8")) + 1
-    return [
-        "set $text = ((char *(*)(void *, unsigned long, int, int, int, long))mmap)(0, {}, {}, {}, -1, 0)".format(
-            kMapSize, kMapProt, kMapFlags),
-        'set *(char (*)[{}])$text = "{}"'.format(size, quoted),
-    ]
-
-
-def pending_call_commands(command):
-    return text_in_process(command) + [
-        "call ((int (*)(void *, void *))Py_AddPendingCall)((void *)PyRun_SimpleString, (void *)$text)"]
-
-
-def locked_call_commands(command):
-    return text_in_process(command) + [
-        "set $state = ((int (*)(void))PyGILState_Ensure)()",
-        "call ((int (*)(void *))PyRun_SimpleString)((void *)$text)",
-        "call ((void (*)(int))PyGILState_Release)($state)"]
-
-
-def reason_in(text):
-    """The line of gdb's output that tells most."""
-    lines = [line.strip() for line in text.splitlines() if line.strip()]
-    for pattern in (r"ptrace: ", r"Could not attach", r"Couldn't write", r"No symbol", r"takes too long", r"[Ee]rror"):
-        for line in lines:
-            if re.search(pattern, line):
-                return "gdb says: " + line
-    return "the process does not answer"
+def reason_of_interpreter(pid, text):
+    """What sys.remote_exec() has told."""
+    line = (text.strip().splitlines() or ["no reason given"])[-1]
+    if re.search(r"[Rr]emote debugging (is|was) (not enabled|disabled)", line):
+        return ("process {} does not allow remote debugging: start it without PYTHON_DISABLE_REMOTE_DEBUG "
+                "and -X disable_remote_debug".format(pid))
+    return "cannot attach to process {}: {}".format(pid, line)
 
 
 def arrived(listener, seconds):
