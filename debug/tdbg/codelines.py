@@ -80,15 +80,12 @@ class tSource(object):
         for scope in _walk(self._code):
             lines = None
             for code in _children(scope):
-                if not code.co_flags & inspect.CO_OPTIMIZED or _is_part(code):
+                line = _only_line_of_function(code)
+                if line is None:
                     continue
-                body = set(lines_of(code))
-                body = body - {code.co_firstlineno} or body
-                if len(body) == 1:
-                    line = body.pop()
-                    lines = set(lines_of(scope)) if lines is None else lines
-                    if line in lines:
-                        found.setdefault(line, set()).add((code.co_name, code.co_firstlineno))
+                lines = set(lines_of(scope)) if lines is None else lines
+                if line in lines:
+                    found.setdefault(line, set()).add((code.co_name, code.co_firstlineno))
         return found
 
     def functions(self):
@@ -247,6 +244,15 @@ def _walk(code):
     for child in _children(code):
         for inner in _walk(child):
             yield inner
+
+
+def _only_line_of_function(code):
+    """The line of a function that has one beside that of its `def`, at most; else None."""
+    if not code.co_flags & inspect.CO_OPTIMIZED or _is_part(code):
+        return None
+    body = set(lines_of(code))
+    body = body - {code.co_firstlineno} or body
+    return body.pop() if len(body) == 1 else None
 
 
 def _is_part(code):

@@ -67,18 +67,23 @@ class Extension(unittest.TestCase):
 
     def test_values_are_those_of_the_adapter(self):
         for kind in ("launch", "attach"):
-            for name, schema in self.debugger["configurationAttributes"][kind]["properties"].items():
+            properties = self.debugger["configurationAttributes"][kind]["properties"]
+            for name, schema in properties.items():
                 self.assertTrue(schema.get("description"), name)
                 self.assertEqual(tuple(schema.get("enum", ())), kEnums.get(name, ()), name)
                 if "default" in schema and "$" not in str(schema["default"]):
-                    given = {} if kind == "attach" else {"program": "x"}
-                    default = config.tConfig(kind, given)
-                    told = config.tConfig(kind, dict(given, **{name: schema["default"]}))
-                    self.assertEqual(told.warnings, [], name)
-                    if name not in ("host", "redirectOutput"):
-                        attribute = config.kKeys[name][0]
-                        # What was not given and what was switched off are the same.
-                        self.assertEqual(getattr(told, attribute) or None, getattr(default, attribute) or None, name)
+                    self.check_default(kind, name, schema["default"])
+
+    def check_default(self, kind, name, value):
+        given = {} if kind == "attach" else {"program": "x"}
+        default = config.tConfig(kind, given)
+        told = config.tConfig(kind, dict(given, **{name: value}))
+        self.assertEqual(told.warnings, [], name)
+        if name not in ("host", "redirectOutput"):
+            attribute = config.kKeys[name][0]
+            # What was not given and what was switched off are the same.
+            self.assertEqual(
+                getattr(told, attribute) or None, getattr(default, attribute) or None, name)
 
     def test_examples_are_understood(self):
         bodies = self.debugger["initialConfigurations"] + [

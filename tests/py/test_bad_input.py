@@ -2,6 +2,7 @@
 from __future__ import absolute_import, division, print_function
 
 import io
+import itertools
 import json
 import os
 import sys
@@ -269,14 +270,15 @@ class ThreadsAndFrames(BadCase):
         session = Session()
         session.tracer.start_trace()
         try:
-            for frame in (finished_frame(), suspended_frame()[1]):
-                for event in ("call", "line", "return", "exception"):
-                    for arg in (None, (), (1,), (ValueError, ValueError(), None), (1, 2, 3),
-                                (ValueError, None, Nasty()), Nasty()):
-                        session.tracer.continue_run()
-                        session.tracer.set_exception_mode(1)
-                        self.call("trace_dispatch", frame, event, arg)
-                        self.call("bootstrap_new_thread", frame, event, arg)
+            for frame, event, arg in itertools.product(
+                    (finished_frame(), suspended_frame()[1]),
+                    ("call", "line", "return", "exception"),
+                    (None, (), (1,), (ValueError, ValueError(), None), (1, 2, 3),
+                     (ValueError, None, Nasty()), Nasty())):
+                session.tracer.continue_run()
+                session.tracer.set_exception_mode(1)
+                self.call("trace_dispatch", frame, event, arg)
+                self.call("bootstrap_new_thread", frame, event, arg)
         finally:
             session.tracer.stop_trace()
 

@@ -22,20 +22,26 @@ def marks_of(path):
 
 def _read_marks(path):
     marks = {}
+    for number, name in _marks_in(path):
+        if name in marks:
+            raise LookupError("{}: two lines are marked {!r}".format(path, name))
+        marks[name] = number
+    return marks
+
+
+def _marks_in(path):
     # Latin-1 takes any bytes, and marks are plain ASCII whatever the file's encoding.
     with io.open(path, encoding="latin-1", newline=None) as source:
         for number, line in enumerate(source, 1):
             found = kMark.search(line)
             for name in re.split(r"\s*,\s*", found.group(1)) if found else ():
-                if name in marks:
-                    raise LookupError("{}: two lines are marked {!r}".format(path, name))
-                marks[name] = number
-    return marks
+                yield number, name
 
 
 def line_of(path, name):
     """Number of the marked line; LookupError names the marks that there are."""
     marks = marks_of(path)
     if name not in marks:
-        raise LookupError("{}: no line is marked {!r}; marks: {}".format(path, name, ", ".join(sorted(marks))))
+        raise LookupError("{}: no line is marked {!r}; marks: {}".format(
+            path, name, ", ".join(sorted(marks))))
     return marks[name]

@@ -319,11 +319,12 @@ def soak(seconds, seed, folder):
     try:
         while not session.problems:
             session.round()
-            if _now() - begin >= seconds * len(samples) / (3 * kLeastSamples):
-                session.quiet()
-                samples.append(measure.take())
-                if _now() - begin >= seconds and len(samples) >= 3 * kLeastSamples:
-                    break
+            if _now() - begin < seconds * len(samples) / (3 * kLeastSamples):
+                continue
+            session.quiet()
+            samples.append(measure.take())
+            if _now() - begin >= seconds and len(samples) >= 3 * kLeastSamples:
+                break
     finally:
         session.tracer.stop_trace()
     return samples, session.counts, session.problems

@@ -84,14 +84,20 @@ class tPort:
             try:
                 connected = endpoint.without_delay(endpoint.accept(self._listener))
             except OSError:
-                with self._changed:
-                    self._changed.wait_for(lambda: not self._is_busy)
-                    if self._failures >= endpoint.kMaxFailures:
-                        return
-                    self._listener = endpoint.listen(
-                        self.address[0], self.address[1], self._options.allow_remote)
+                if not self._listen_again():
+                    return
                 continue
             threading.Thread(target=self._serve_connection, args=(connected,), daemon=True).start()
+
+    def _listen_again(self):
+        """Once the client that was admitted has gone; False after too many wrong tokens."""
+        with self._changed:
+            self._changed.wait_for(lambda: not self._is_busy)
+            if self._failures >= endpoint.kMaxFailures:
+                return False
+            self._listener = endpoint.listen(
+                self.address[0], self.address[1], self._options.allow_remote)
+        return True
 
     def _serve_connection(self, connected):
         options = self._options
@@ -144,15 +150,19 @@ def parse(argv):
         if word in ("--allow-remote", "--no-token") and not equals:
             setattr(options, name, True)
         elif word in ("--port", "--host", "--token-file", "--library"):
-            if not equals:
-                if not rest:
-                    raise tUsage("{} needs a value".format(word))
-                value = rest.pop(0)
-            setattr(options, name, value)
+            if not equals and not rest:
+                raise tUsage("{} needs a value".format(word))
+            setattr(options, name, value if equals else rest.pop(0))
         elif word in ("-h", "--help"):
             return None
         else:
             raise tUsage("unknown option {}".format(word))
+    _check(options)
+    return options
+
+
+def _check(options):
+    """Whether the options go together."""
     if options.port is None:
         if options.host:
             raise tUsage("--host needs --port")
@@ -160,7 +170,6 @@ def parse(argv):
         raise tUsage("{!r} is no port".format(options.port))
     if options.no_token and options.allow_remote:
         raise tUsage("--allow-remote needs a token")
-    return options
 
 
 def main(argv):

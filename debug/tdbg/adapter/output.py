@@ -45,9 +45,13 @@ class tOutput:
             ready = poll.poll()
             with self._lock:
                 for descriptor, _ in ready:
-                    for _ in range(kMaxReads):
-                        if not self._read(descriptor):
-                            break
+                    self._read_some(descriptor)
+
+    def _read_some(self, descriptor):
+        """Not all there is: the other pipes wait."""
+        for _ in range(kMaxReads):
+            if not self._read(descriptor):
+                return
 
     def _read(self, descriptor):
         """False when there is nothing to read, or nothing any more."""

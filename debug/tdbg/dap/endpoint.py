@@ -201,14 +201,18 @@ def user_of_peer(connected):
             return peer_of_unix(connected)[1]
         own, peer = connected.getsockname(), connected.getpeername()
         table = "/proc/net/tcp" if connected.family == _socket.AF_INET else "/proc/net/tcp6"
-        wanted = [_as_in_table(peer), _as_in_table(own), kEstablished]
-        with _open(table) as source:
-            for line in source:
-                fields = line.split()
-                if fields[1:4] == wanted:
-                    return int(fields[7])
+        return _user_in_table(table, [_as_in_table(peer), _as_in_table(own), kEstablished])
     except (_socket.error, OSError, IOError, ValueError, IndexError):
-        pass
+        return None
+
+
+def _user_in_table(table, wanted):
+    """User id of the connection with these addresses and state; None when there is none."""
+    with _open(table) as source:
+        for line in source:
+            fields = line.split()
+            if fields[1:4] == wanted:
+                return int(fields[7])
     return None
 
 
