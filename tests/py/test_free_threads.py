@@ -7,12 +7,40 @@ import sys
 import threading
 
 from support import TestCase, needs, time_limit
+from support.dapclient import debug_directly, launch_through_adapter
 from support.programs import run_script
+from support.terminal import run_commands
 from support.tracing import Session, ThreadSession, import_debuggee
 
 steps = import_debuggee("steps")
 kStress = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support", "threadstress.py")
 kRounds = 60
+
+LOCK = """\
+import sys
+lock = sys._is_gil_enabled()  #@ asked
+sys.exit(3 + lock)
+"""
+
+CROWD = """\
+import threading
+
+def meet(number, turn):
+    return number * 100 + turn  #@ meeting
+
+def work(number):
+    for turn in range(kTurns):
+        results[number].append(meet(number, turn))
+
+kThreads, kTurns = 8, 3
+results = [[] for _ in range(kThreads)]
+threads = [threading.Thread(target=work, args=(number,)) for number in range(kThreads)]
+for thread in threads:
+    thread.start()
+for thread in threads:
+    thread.join()
+assert results == [[number * 100 + turn for turn in range(kTurns)] for number in range(kThreads)]
+"""
 
 
 def is_lock_on():
@@ -131,6 +159,45 @@ class Stress(TestCase):
         self.assertGreaterEqual(counts["threads"], 8)
         self.assertGreater(counts["stops"], 100)
         self.assertEqual(counts["free"], os.environ.get("PYTHON_GIL") == "0")
+
+
+@needs("free_threaded")
+class FrontEnds(TestCase):
+    """Who forbids the lock gets no lock from the debugger either."""
+
+    def test_adapter_hands_on_how_the_lock_is(self):
+        path = self.make_file("prog.py", LOCK)
+        for more, lock in (
+                ({"env": {"PYTHON_GIL": "0"}}, 0), ({"pythonArgs": ["-X", "gil=0"], "env": {"PYTHON_GIL": None}}, 0),
+                ({"pythonArgs": ["-X", "gil=1"], "env": {"PYTHON_GIL": None}}, 1)):
+            client, _ = launch_through_adapter(self, path, more, breakpoints={path: ["asked"]})
+            thread = client.wait_stopped("breakpoint")["threadId"]
+            frame = client.stack(thread)[0]["id"]
+            self.assertEqual(client.evaluate("int(sys._is_gil_enabled())", frame), str(lock))
+            self.assertEqual(client.step("next", thread), ("<module>", 3))
+            client.resume(thread)
+            self.assertEqual(client.wait_event("exited")["exitCode"], 3 + lock)
+
+    def test_terminal_hands_on_how_the_lock_is(self):
+        path = self.make_file("prog.py", LOCK)
+        for number in "01":
+            done = run_commands(["next", "p lock", "continue"], path, env={"PYTHON_GIL": number})
+            self.assertEqual(done.status, 3 + int(number), done)
+
+    def test_stops_of_many_threads_come_one_at_a_time(self):
+        path = self.make_file("prog.py", CROWD)
+        client = debug_directly(self, path)
+        client.start_session(breakpoints={path: ["meeting"]})
+        seen = []
+        for number in range(8 * 3):
+            stop = client.wait_stopped("breakpoint")
+            frame = client.stack(stop["threadId"])[0]
+            values = client.locals_of(frame["id"])
+            seen.append((values["number"], values["turn"]))
+            self.assertEqual(len(client.seen_events("stopped")), number + 1)  # no second one meanwhile
+            client.resume(stop["threadId"])
+        self.assertEqual(client.wait_exit(), 0)
+        self.assertEqual(sorted(seen), [(str(number), str(turn)) for number in range(8) for turn in range(3)])
 
 
 if __name__ == "__main__":
