@@ -20,7 +20,7 @@ import os
 import sys
 
 import tdbg
-from tdbg import breakpoints, compat, exceptions, stops, sublanguages, threads
+from tdbg import breakpoints, compat, exceptions, lending, stops, sublanguages, threads
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
 
@@ -91,6 +91,21 @@ def _callback(method):
     return guarded
 
 
+def _event_callback(method):
+    """One that may evaluate what the user has written: that must not hold others up for ever."""
+    @functools.wraps(method)
+    def guarded(self, *args):
+        try:
+            self.lender.begin()
+            try:
+                return method(self, *args)
+            finally:
+                self.lender.end()
+        except BaseException:
+            self._tell_internal_error(method.__name__)
+    return guarded
+
+
 class tServer(object):
     """The debug server of this process.
 
@@ -104,6 +119,7 @@ class tServer(object):
     is set before start() waits for it.
     languages (sublanguages.tLanguages): what is shown in place of the Python that runs it.
     exceptions (exceptions.tExceptions): which exceptions stop; at any time, on any thread.
+    lender (lending.tLender): frees the other threads from one that is stuck; on request.
     """
 
     def __init__(self, core, front_end):
@@ -111,8 +127,10 @@ class tServer(object):
         self.front_end = front_end
         self.languages = sublanguages.tLanguages(core, self._tell_language_error)
         self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
-        self.exceptions = exceptions.tExceptions(core, self._tell_notice, self.is_hidden)
+        self.exceptions = exceptions.tExceptions(core, self.tell_notice, self.is_hidden)
+        self.lender = lending.tLender(core, self._tell_lent)
         self._hooks = threads.tThreadHooks(core, self._thread_end_cb)
+        self._told_places = set()  # (file, line) of conditions that have waited for something
         self._steppers = {}     # thread ident -> what decides where its step ends (see steer())
         self._armed = {}        # thread ident -> function to be called on it at its next event
         # What a front end need not have.
@@ -349,6 +367,10 @@ class tServer(object):
         """The stop that the calling thread is in, or None."""
         return self._stops.get(_get_ident())
 
+    def stop_of(self, ident):
+        """The stop that a thread is in, or None; it may be left behind by the program."""
+        return self._stops.get(ident)
+
     def _current_stop(self):
         stop = self.current_stop()
         if stop is None:
@@ -405,7 +427,7 @@ class tServer(object):
 
     # --- callbacks of the core ---
 
-    @_callback
+    @_event_callback
     def _line_cb(self, frame):
         ident = _get_ident()
         if not self._entered:
@@ -448,7 +470,7 @@ class tServer(object):
             return self.core.step_out()
         self._present(self._make_stop(reason, frame, hits=hits))
 
-    @_callback
+    @_event_callback
     def _return_cb(self, frame, value):
         ident = _get_ident()
         if not self._entered:
@@ -471,7 +493,7 @@ class tServer(object):
             return self.leave(frame)  # left by an exception, which the caller gets
         self._present(self._make_stop(stops.kReturn, frame, value=value))
 
-    @_callback
+    @_event_callback
     def _exception_cb(self, frame, exc_info=None):
         ident = _get_ident()
         if not self._entered or not exc_info:
@@ -649,6 +671,7 @@ class tServer(object):
             return self._pass_hidden(stop.frame, ident)
         if self._passes(stop):
             return
+        self.lender.end()  # the stop may last as long as the user likes
         self._goals.pop(ident, None)
         self._steppers.pop(ident, None)
         self._stops[ident] = stop
@@ -786,7 +809,22 @@ class tServer(object):
             and not self._is_own(frame)
         )
 
-    def _tell_notice(self, text):
+    def _tell_lent(self, ident):
+        frame = _current_frames().get(ident)
+        while frame is not None and not self._is_own(frame):
+            frame = frame.f_back  # of what is evaluated
+        while frame is not None and self._is_own(frame):
+            frame = frame.f_back
+        if frame is None:
+            return
+        place = (frame.f_code.co_filename, frame.f_lineno)
+        if place not in self._told_places:
+            self._told_places.add(place)
+            self.tell_notice("tdbg: what is evaluated at {}:{} waits; the other threads run on "
+                             "meanwhile".format(*place))
+
+    def tell_notice(self, text):
+        """To the user; on any thread."""
         self.front_end.on_notice(text)
 
     def _tell_language_error(self, text):

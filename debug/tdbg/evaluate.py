@@ -47,6 +47,7 @@ kPollSeconds = (0.001, 0.01, 0.05)  # 2.7 has no timed wait: short naps first, t
 kPollsOfEach = 20
 kSecondsToIgnore = 0.05  # code that catches everything is struck again so often,
 kStrikes = 40            # so many times
+kWithdrawSeconds = 1.0
 kDeliveryTurns = 1000  # an exception set from outside is raised at the next turn of a loop
 
 kVarArgs, kVarKeywords = 0x04, 0x08
@@ -356,10 +357,31 @@ class _tStriker(object):
         # Ends at the first step with a true result: being cancelled.
         watch = _partial(any, compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
         calls = [watch, self._done.release]
+        _launched.append(self)
         try:
             compat.start_new_thread(list, (compat.lazy_map(_call, map(_partial, calls)),))
         except Exception:  # no more threads: no strikes
             self._done = None
+
+    @property
+    def is_vain(self):
+        """Whether it cannot end a wait for a lock."""
+        return compat.PY2 or self._handler is None
+
+    def withdraw(self):
+        """No more strikes, and none that is on its way.  Any other thread."""
+        try:
+            if not self._released:
+                self._released.extend(compat.lazy_map(_call, (_partial(self._cancelled.release),)))
+        except Exception:  # at the same time as the thread itself
+            pass
+        end = _clock() + kWithdrawSeconds
+        while self._done is not None and self._done.locked() and not self._ended and _clock() < end:
+            _sleep(kPollSeconds[0])
+        del self._strikes[:]
+        if self._handler is None:
+            _set_async_exc(_thread_number(self._ident), _py_object())
+            _settle_attention()
 
     def _strike_steps(self):
         """Calls that strike; none has a true result."""
@@ -416,12 +438,48 @@ class _tStriker(object):
                     _set_handler(kInterrupt, self._handler)
                     self._handler = None
                     _strikers.remove(self)
+                if self in _launched:
+                    _launched.remove(self)
                 return
             except self.error:
                 pass
 
 
 _strikers = []  # of the main thread, the innermost last
+_launched = []  # of all threads
+
+
+def vain_strikes(ident):
+    """How often at least it was tried to raise something in the thread by means that cannot end a
+    wait for a lock (0: it is only to be tried); None where there are no such."""
+    strikers = [striker for striker in list(_launched) if striker._ident == ident]
+    if not strikers or not all(striker.is_vain for striker in strikers):
+        return None
+    return min(len(striker._strikes) for striker in strikers)
+
+
+def withdraw_strikes(ident):
+    """Let the thread, which waits in native code, go on undisturbed when that ends; but not where it
+    can be interrupted.
+
+    Up to 3.12 what is pending for one thread demands the attention of all, and does not stop doing
+    so before it is raised; 3.11 loops over that for ever in code that is traced.
+    """
+    for striker in list(_launched):
+        if striker._ident == ident and striker.is_vain:
+            striker.withdraw()
+
+
+def _settle_attention():
+    """What is raised here takes the demand for attention away."""
+    if compat.PY2:
+        return
+    try:
+        _set_async_exc(_thread_number(compat.get_ident()), _py_object(tTooSlow))
+        for _ in range(kDeliveryTurns):
+            pass
+    except tTooSlow:
+        pass
 
 
 def _raise_error(number, frame):

@@ -37,17 +37,22 @@ class tHolder(object):
     on_hold(ident)       the program is held for the sake of that thread; runs with the mutex, and
                          serves requests until it returns
     on_error(where)      the debugger itself has failed
+
+    It also frees the program from threads that are stuck while they hold it, see lending.py.
     """
 
     def __init__(self, server, executor, on_hold, on_error):
         self._server, self._executor = server, executor
+        server.lender.switch_on()
+        executor.lender, executor.on_error = server.lender, on_error
+        executor.on_left_behind = self._left_behind
         self._on_hold, self._on_error = on_hold, on_error
         self._signal = signals.tSignal()
         self._stopped = signals.tSignal()
         self._wanted = None   # ident of the thread to pause
         self._struck = set()  # idents of threads that will stop at their next line
         self._marked = {}     # ident -> frames that got an f_trace
-        self._started = False
+        self._thread = None   # ident of the one that holds, or True while it starts
         self._start_lock = compat.allocate_lock()
 
     @property
@@ -57,8 +62,8 @@ class tHolder(object):
     def wake(self):
         """There is something to do where the core may be called, and nobody is stopped."""
         with self._start_lock:
-            if not self._started:
-                self._started = threads.start_own_thread(self._run)
+            if self._thread is None and threads.start_own_thread(self._run):
+                self._thread = True
         self._signal.set()
 
     def pause(self, ident):
@@ -90,12 +95,17 @@ class tHolder(object):
 
     def plan_step(self, ident, stepper):
         """The thread, held or waiting behind the stopped one, makes a step when it goes on."""
+        server = self._server
+        if self._executor.redirect(ident, lambda: stepper.start(server.stop_of(ident))):
+            return
         self._server.plan(ident, stepper)
         if ident not in self._struck:
             self._arm(ident, self._server.core.stop)
 
     def send_on(self, ident):
         """The thread just runs on."""
+        if self._executor.redirect(ident, self._server.continue_run):
+            return
         self._unmark(ident)
         if not self._server.disarm(ident) and ident in self._struck:
             self._server.plan_no_more(ident)
@@ -129,8 +139,24 @@ class tHolder(object):
 
     # --- the thread that holds ---
 
+    def _left_behind(self, ident, label):
+        """The program goes on, but for a thread that is in a job still."""
+        server = self._server
+        with self._start_lock:
+            is_own = self._thread == ident
+            if is_own:
+                self._thread = None  # another one holds from now on
+        text = "what was asked for" if label is None else "`{}`".format(compat.to_native(label))
+        if is_own:
+            server.tell_notice("tdbg: {} is still being evaluated".format(text))
+        else:
+            server.tell_notice(
+                "tdbg: {} is still being evaluated in the thread {}, which goes on when that has "
+                "ended".format(text, server.thread_name(ident)))
+
     def _run(self):
-        while True:
+        own = self._thread = compat.get_ident()
+        while self._thread == own:
             self._signal.wait()
             try:
                 self._turn()
@@ -151,6 +177,8 @@ class tHolder(object):
 
     def _ask(self, ident):
         """Let the thread stop by itself, if it comes to an event at once."""
+        if self._executor.is_behind(ident):
+            return
         self._stopped.wait(0)
         self._arm(ident, lambda: self._server.pause())
         self._stopped.wait(kStrikeSeconds)

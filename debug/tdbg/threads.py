@@ -5,10 +5,16 @@ The module `threading` is never imported for this: it is hooked when the program
 from __future__ import absolute_import, division, print_function
 
 import functools
+import os
 import sys
+import time
 
 from tdbg import compat
 
+try:
+    import ctypes
+except Exception:  # a build without it
+    ctypes = None
 if compat.PY2:
     import thread as _thread
     _names_of_delete = "_Thread__delete"
@@ -126,6 +132,66 @@ class tThreadBody(_partial):
         return repr(self.function)
 
 
+# --- what a thread waits for ---------------------------------------------------------------------
+
+_kGettid = {4: 224, 8: 186}
+_kFutex = (b"202 ", b"240 ", b"422 ")  # of 64 bits; of 32 bits, before and after 2038
+_open, _read, _close = os.open, os.read, os.close
+_sleep = time.sleep
+
+
+def _find_native_id():
+    if hasattr(_thread, "get_native_id"):
+        return _thread.get_native_id
+    try:
+        call = ctypes.CDLL(None)["syscall"]
+        return _partial(call, _kGettid[ctypes.sizeof(ctypes.c_void_p)])
+    except Exception:
+        return lambda: None
+
+
+def waits_for_lock(number, seconds):
+    """Whether a thread, by the system's number, has not stirred from its wait for a lock or the
+    like for so long.  False where the system does not tell."""
+    before = _look_at(number)
+    return before is not None and before[0].startswith(_kFutex) and is_at_rest(number, seconds)
+
+
+def is_at_rest(number, seconds, with_signals=False):
+    """The same, whatever it waits for.  with_signals: it gets some, and waits on."""
+    before = _look_at(number)
+    if before is None or before[0].startswith(b"running"):
+        return False
+    _sleep(seconds)
+    after = _look_at(number)
+    return after == before or (with_signals and after is not None and after[0] == before[0])
+
+
+def _look_at(number):
+    """(the system call that the thread is in, how often it has run)"""
+    if number is None:
+        return None
+    folder = "/proc/self/task/{}/".format(number)
+    try:
+        call, status = _content(folder + "syscall"), _content(folder + "status")
+    except EnvironmentError:
+        return None
+    # Taking the interpreter's lock by and by, a thread that computes is found in such a wait, too.
+    return call, [line for line in status.splitlines() if b"ctxt_switches" in line]
+
+
+def _content(path):
+    file = _open(path, os.O_RDONLY)
+    try:
+        return _read(file, 1 << 16)
+    finally:
+        _close(file)
+
+
+#: The system's number of the calling thread; None where it cannot be had.
+native_id = _find_native_id()
+
+
 # --- threads of the debugger itself -------------------------------------------------------------
 
 _own = set()  # idents
@@ -164,8 +230,6 @@ def call_in_main_thread(function):
 
 
 try:
-    import ctypes
-
     _add_pending_call = ctypes.pythonapi["Py_AddPendingCall"]
     _callback_type = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p)
     _add_pending_call.argtypes = [_callback_type, ctypes.c_void_p]

@@ -542,6 +542,7 @@ class Slow(DapTest):
             self.assertEqual((answer["success"], answer["message"]), (False, "cancelled"))
         self.assertEqual(self.result("zero"), "0")
         number = self.client.send("evaluate", {"expression": "while True: pass", "context": "repl", "frameId": self.frame})
+        self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")  # it has begun
         self.client.resume(self.thread)
         self.assertFalse(self.client.response_to(number)["success"])
         self.assertEqual(self.client.wait_exit(), 0)
@@ -555,6 +556,186 @@ class Slow(DapTest):
         self.labels("thing.")
         self.client.resume(self.thread)
         self.assertEqual(self.client.process.stdout.read().decode().split(), ["None", "1"])
+
+
+WAITING = '''\
+from __future__ import print_function
+import sys
+import threading
+import time
+try:
+    import queue
+except ImportError:
+    import Queue as queue
+
+ASKED, FED, LOCK, END = [], queue.Queue(), threading.Lock(), []
+
+
+def ask():
+    """Only another thread can answer."""
+    ASKED.append(1)
+    return FED.get()
+
+
+def feed():
+    while not END:
+        if ASKED:
+            ASKED.pop()
+            FED.put("fed")  #@ fed
+        time.sleep(0.001)
+
+
+class Asks(object):
+    @property
+    def value(self):
+        return ask()
+
+    def __repr__(self):
+        return ask()
+
+
+def work(asks):
+    here = 1  #@ stop
+    there = 2  #@ next
+    return here + there  #@ last
+
+
+feeder = threading.Thread(target=feed, name="feeder")
+feeder.daemon = True
+feeder.start()
+if sys.argv[1] == "main":
+    work(Asks())
+else:
+    worker = threading.Thread(target=work, args=(Asks(),), name="worker")
+    worker.daemon = True
+    worker.start()
+    while worker.is_alive():
+        time.sleep(0.001)
+while ASKED:
+    time.sleep(0.001)
+END.append(1)
+feeder.join()
+print("ended")
+'''
+
+
+class Waiting(DapTest):
+    """What is evaluated waits for a thread that is held because the program is stopped."""
+
+    def start_in(self, thread, mark="stop", place=None, **options):
+        """Stop in `work`, in the thread "main" or "worker"."""
+        self.path = self.make_file("main.py", WAITING, os.path.realpath(self.make_dir()))
+        self.client = debug_directly(self, self.path, [thread], stdout=subprocess.PIPE, **options)
+        self.client.start_session({}, breakpoints={self.path: [place or mark]})
+        return self.stop_here() if place is None else None
+
+    def quick(self, function, *args, **more):
+        begin = time.time()
+        try:
+            return function(*args, **more)
+        finally:
+            self.assertLess(time.time() - begin, kAnswered + kSlack)
+
+    def number_of(self, name):
+        rows = self.client.request("threads")["threads"]
+        return [row["id"] for row in rows if row["name"] == name][0]
+
+    def check_end(self, stops):
+        """The program ends in peace; everything was told once."""
+        self.assertEqual(self.client.wait_exit(), 0)
+        self.assertEqual(self.client.process.stdout.read().decode().split(), ["ended"])
+        self.assertEqual(len(self.client.seen_events("stopped")), stops)
+        answers = [message["request_seq"] for message in self.client.messages if message["type"] == "response"]
+        self.assertEqual(sorted(set(answers)), sorted(answers))
+
+    def check_requests(self):
+        """Every kind that runs code of the program, and others afterwards."""
+        row = self.quick(self.scope)["asks"]
+        if row.get("presentationHint", {}).get("lazy"):
+            row = self.quick(self.opened, row)["asks"]
+        self.assertEqual(row["value"], "<Asks object: repr takes too long>")
+        rows = self.quick(self.rows, self.opened(row)["value"]["variablesReference"])
+        self.assertEqual([row["value"] for row in rows], ["<takes too long>"])
+        self.assertIn("too long", self.quick(self.refused, "ask()"))
+        self.quick(self.refused, "ask()", "hover")
+        self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")
+        self.assertEqual(self.client.place(self.thread), ("work", "stop"))
+
+    def test_main_thread(self):
+        self.start_in("main")
+        self.check_requests()
+        self.client.set_breakpoints(self.path, ["fed"])
+        thread = self.thread
+        self.client.resume(thread)
+        self.stop_here()
+        self.assertEqual(self.client.place(self.thread), ("feed", "fed"))
+        self.assertEqual(self.thread, self.number_of("feeder"))
+        self.assertEqual(self.result("len(FED.queue)", "watch"), "0")
+        self.client.set_breakpoints(self.path, [])
+        self.client.resume(self.thread)
+        self.check_end(2)
+
+    def test_another_thread(self):
+        self.start_in("worker")
+        self.assertEqual(self.thread, self.number_of("worker"))
+        # The console has no limit, but tells what can only be in vain.
+        self.assertIn("waits for another thread", self.quick(self.refused, "got = FED.get()", "repl"))
+        self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")
+        self.client.resume(self.thread)
+        text = self.client.wait_event("output", lambda body: "still" in body["output"])["output"]
+        self.assertIn("`got = FED.get()` is still being evaluated in the thread worker", text)
+        worker = self.thread
+        # The others run: one of them can be paused, and the one that waits can be told to step.
+        self.client.request("pause", {"threadId": 1})
+        self.stop_here("pause")
+        self.assertEqual(self.thread, 1)
+        names = [frame["name"] for frame in self.client.stack(worker)]
+        self.assertIn("get", names)
+        self.assertIn("work", names)
+        self.assertEqual(self.result("ASKED.append(1)"), "")
+        self.client.request("next", {"threadId": worker})
+        self.stop_here("step")
+        self.assertEqual(self.thread, worker)
+        self.assertEqual(self.client.place(worker), ("work", "next"))
+        self.assertEqual(self.result("got", "watch"), "'fed'")
+        self.client.resume(worker)
+        self.check_end(3)
+
+    def test_step_and_leave(self):
+        self.start_in("worker")
+        self.assertIn("waits for another", self.quick(self.refused, "ask()", "repl"))
+        self.client.request("next", {"threadId": self.thread})
+        worker = self.thread
+        self.stop_here("step")
+        self.assertEqual((self.thread, self.client.place(worker)), (worker, ("work", "next")))
+        self.client.wait_event("output", lambda body: "`ask()`: 'fed'" in body["output"])
+        number = self.client.send("evaluate", {"expression": "ask()", "context": "repl", "frameId": self.frame})
+        self.assertEqual(self.quick(self.client.response_to, number)["success"], False)
+        self.client.request("disconnect", {"terminateDebuggee": False})
+        self.check_end(2)
+
+    def test_terminate(self):
+        self.start_in("worker")
+        self.assertIn("too long", self.quick(self.refused, "FED.get()"))
+        self.client.request("terminate")
+        self.assertNotEqual(self.client.wait_exit(), 0)
+
+    def test_condition_and_log_point(self):
+        """Nobody has told the program to stop: so the others run on."""
+        for thread in ("main", "worker"):
+            self.start_in(thread, place={"line": "stop", "condition": "ask() == 'fed'"})
+            self.stop_here()
+            self.assertEqual(self.client.place(self.thread), ("work", "stop"))
+            self.client.set_breakpoints(self.path, [
+                {"line": "next", "logMessage": "got {ask()}"}, "last",
+                {"line": "fed", "condition": "feeder is None"}])
+            self.client.resume(self.thread)
+            self.stop_here()
+            self.assertEqual(self.client.place(self.thread), ("work", "last"))
+            texts = [body["output"] for body in self.client.seen_events("output")]
+            self.assertEqual([text for text in texts if text.startswith("got")], ["got fed\n"])
+            self.client.resume(self.thread)
+            self.check_end(2)
 
 
 FREED = '''\

@@ -24,11 +24,27 @@ def evaluate_text(session, arguments):
     job = _tEvaluation(session, arguments, ref)
     if not text.strip():
         return {"result": u"", "variablesReference": 0}
+    task = session.executor.task()
+    if task is not None:
+        task.label = variables.one_line(text)
     if context == kHover:
         return job.hover(text)
     if context == kRepl:
-        return job.run(text)
+        return _tell_late(session, task, lambda: job.run(text))
     return job.watch(text, context == kClipboard)
+
+
+def _tell_late(session, task, run):
+    """run(), whose outcome is written to the console if the request had to be answered before."""
+    try:
+        body = run()
+    except tRequestError as why:
+        if task is not None and task.done.is_set:
+            session.output("console", u"`{}`: {}\n".format(task.label, why.text))
+        raise
+    if task is not None and task.done.is_set:
+        session.output("console", u"`{}`: {}\n".format(task.label, body["result"]))
+    return body
 
 
 def attach(session):

@@ -4,6 +4,9 @@ The stopped thread waits in serve(); run() hands it a job.  A job that calls cod
 stay in native code for any time, where nothing can end it: then run() gives up waiting, and the
 jobs that follow run on worker threads until the stopped one is free again.
 
+Should the program be told to go on before that, it goes on without the thread, which is left
+behind: others may stop meanwhile.  It does what it was told when its job has ended.
+
 While the program is merely held (see pausing.py), the thread that holds it serves in the place of
 a stopped one.
 """
@@ -12,8 +15,11 @@ from __future__ import absolute_import, division, print_function
 import sys
 
 from tdbg import compat, signals, threads
+from tdbg.dap.requests import tRequestError
 
-kPatience = 0.9  # seconds after which a job counts as stuck, whether its caller still waits or not
+kPatience = 0.7  # seconds after which a job counts as stuck, whether its caller still waits or not
+kGrace = 0.2     # that a job gets to end in when the program is told to go on
+kLookAgain = 0.1
 
 _get_ident = compat.get_ident
 
@@ -27,23 +33,36 @@ class tNotStopped(Exception):
 
 
 class tTask(object):
-    """One job.  on_done(task): called on the thread that has run it; must not fail."""
+    """One job.  on_done(task): called when it has an answer, on the thread that has it; must not
+    fail.
+
+    done      there is an answer
+    is_over   the job has ended, perhaps long after the answer
+    label     what the user knows it by, or None
+    """
 
     def __init__(self, job, needs_stop=True, on_done=None):
         self.job, self.needs_stop, self.on_done = job, needs_stop, on_done
-        self.value = self.error = None
+        self.value = self.error = self.label = None
         self.done = signals.tDone()
+        self.is_over = False
+        self._answers = [True]  # one may be given
 
     def execute(self):
+        value = error = None
         try:
-            self.value = self.job()
+            value = self.job()
         except BaseException:
-            self.error = sys.exc_info()
-        self._end()
+            error = sys.exc_info()
+        # First, so that what is asked for after the answer finds a thread that is not stuck.
+        self.is_over = True
+        self.job = None
+        self._answer(value, error)
+        error = None
 
     def refuse(self, error):
-        self.error = (type(error), error, None)
-        self._end()
+        """Answer with an exception, though the job may be running still."""
+        self._answer(None, (type(error), error, None))
 
     def result(self):
         if self.error is None:
@@ -56,44 +75,92 @@ class tTask(object):
         finally:
             error = None
 
-    def _end(self):
-        # First, so that what is asked for after the answer finds a thread that is not stuck.
+    def _answer(self, value, error):
+        try:
+            self._answers.pop()
+        except IndexError:
+            return
+        self.value, self.error = value, error
         self.done.set()
-        self.job = None
         if self.on_done is not None:
             self.on_done(self)
 
 
+class tService(object):
+    """The time in which one thread serves.
+
+    commands   what it was told by finish(), for afterwards
+    firsts     what is to be done before any thread of the program runs
+    is_left    the program goes on without it, and it must not touch anything before it `may_return`
+    """
+
+    def __init__(self, ident, native_id=None, is_brief=False):
+        self.ident, self.native_id, self.is_brief = ident, native_id, is_brief
+        self.commands, self.firsts = [], []
+        self.current = self.stuck = None
+        self.is_left = False
+        self.may_return, self.over = signals.tDone(), signals.tDone()
+
+
 class tExecutor(object):
     """on_waiting(): called when there is a task for which nobody serves; on_left(): when nobody serves
-    any more."""
+    any more.
+
+    lender              lending.tLender; without one, whoever is stuck holds the program up
+    on_left_behind(ident, label)    the program goes on without the thread
+    on_error(where)     the debugger itself has failed
+    """
 
     def __init__(self, on_waiting=None, on_left=None):
         self._lock = compat.allocate_lock()
         self._signal = signals.tSignal()
         self._queue = []
-        self._server = None     # ident of the serving thread
-        self._current = None    # task that it runs
-        self._stuck = None      # task that it runs for too long
-        self._commands = []
+        self._service = None    # tService
+        self._behind = {}       # ident -> tService that was left behind
         self._workers = []      # tWorker, idle ones
         self._worker_idents = set()
         self._on_waiting = on_waiting or (lambda: None)
         self._on_left = on_left or (lambda: None)
+        self.lender = None
+        self.on_left_behind = lambda ident, label: None
+        self.on_error = lambda where: None
 
     @property
     def is_serving(self):
         """False from finish() on, though the thread may be at its last job."""
-        return self._server is not None and not self._commands
+        service = self._service
+        return service is not None and not service.commands
 
     def is_on_duty(self):
         """Whether the calling thread runs a job for requests: then it need not ask for another."""
-        ident = _get_ident()
-        return ident == self._server or ident in self._worker_idents
+        ident, service = _get_ident(), self._service
+        return ident in self._worker_idents or ident in self._behind or (
+            service is not None and service.ident == ident)
 
     def is_stuck(self):
         """Whether the stopped thread is in a job that takes too long."""
-        return self._stuck is not None and not self._stuck.done.is_set
+        service = self._service
+        return service is not None and _is_running(service.stuck)
+
+    def is_behind(self, ident):
+        """Whether the program goes on without the thread, which runs a job still."""
+        return ident in self._behind
+
+    def redirect(self, ident, command):
+        """What a thread that was left behind is to do when it returns; whether it is such a one."""
+        service = self._behind.get(ident)
+        if service is None:
+            return False
+        service.commands[:] = [command]
+        return True
+
+    def task(self):
+        """The tTask that the calling thread runs, or None."""
+        ident = _get_ident()
+        service = self._behind.get(ident) or self._service
+        if service is not None and service.ident == ident:
+            return service.current
+        return None
 
     def run(self, job, seconds=None, needs_stop=True):
         """job() on the stopped thread: its result, or its exception.
@@ -130,31 +197,36 @@ class tExecutor(object):
     def give_up(self, task):
         """Nobody waits for the task any more: those behind it must not, either."""
         with self._lock:
-            if self._current is not task or task.done.is_set:
+            service = self._service
+            if service is None or service.current is not task or task.is_over:
                 return
-            self._stuck = task
+            service.stuck = task
             waiting, self._queue = self._queue, []
         for other in waiting:
             self._give_to_worker(other)
+        # Whoever has set a limit has an answer of their own.
+        if task.on_done is not None and threads.waits_for_lock(service.native_id, kLookAgain):
+            task.refuse(tRequestError(
+                "this waits for another thread, and while the program is stopped those do not run"))
 
     # --- the serving thread ---
 
     def serve(self, announce=None, interrupted=None):
-        """Run jobs until finish() is called; returns all that was given there.
+        """Run jobs until finish() is called; returns all that is to be called then.
 
         announce(): called when requests can come
         interrupted(exception): a signal handler of the program has raised it, in the main thread
         """
+        service = tService(_get_ident(), threads.native_id())
         with self._lock:
-            self._server = _get_ident()
-            self._commands = []
+            self._service = service
         try:
             while True:
                 try:
                     if announce is not None:
-                        announce()
+                        self._announce(announce)
                         announce = None
-                    self._work()
+                    self._work(service)
                     break
                 except BaseException:
                     # It comes between any two steps; what was begun is taken up again.
@@ -162,73 +234,148 @@ class tExecutor(object):
                         raise
                     interrupted(sys.exc_info()[1])
         finally:
-            self._leave()
-        return self._commands
+            self._leave(service)
+        return service.commands if service.is_left else service.firsts + service.commands
 
-    def _work(self):
-        while True:
-            task = self._next()
+    def _announce(self, announce):
+        if self.lender is None:
+            return announce()
+        self.lender.begin()
+        try:
+            announce()
+        finally:
+            self.lender.end()
+
+    def _work(self, service):
+        while not service.is_left:
+            task = self._next(service)
             if task is not None:
-                self._execute(task)
-            elif self._commands:
+                self._execute(service, task)
+            elif service.commands:
                 return
             else:
                 self._signal.wait()
+        self._return(service)
 
     def run_waiting(self):
         """Run what waits, on the calling thread, which holds the program for this moment."""
+        service = tService(_get_ident(), is_brief=True)
         with self._lock:
-            if self._server is not None:
+            if self._service is not None:
                 return
-            self._server = _get_ident()
+            self._service = service
         try:
             while True:
-                task = self._next()
+                task = self._next(service)
                 if task is None:
                     return
-                self._execute(task)
+                self._execute(service, task)
         finally:
-            self._leave()
+            self._leave(service)
 
-    def finish(self, command):
-        """End serve() when the job at hand is done; whether anybody serves."""
+    def finish(self, command, first=None):
+        """End serve() when the job at hand is done; whether anybody serves.
+
+        command()  on the thread that serves, at its end
+        first()    before any thread of the program runs: on that thread, too, unless it is stuck
+        """
         with self._lock:
-            if self._server is None:
+            service = self._service
+            if service is None or service.is_brief:
                 return False
-            self._commands.append(command)
+            if first is not None:
+                service.firsts.append(first)
+            service.commands.append(command)
+            is_busy = bool(self._queue) or _is_running(service.current)
         self._signal.set()
+        if is_busy and service.ident != _get_ident():
+            if not threads.start_own_thread(lambda: self._see_off(service)):
+                self._see_off(service)
         return True
 
     def has_waiting(self):
         return bool(self._queue)
 
-    def _next(self):
+    def _next(self, service):
         with self._lock:
             # One may be left from before an interruption.
-            if self._current is None or self._current.done.is_set:
-                self._current = self._queue.pop(0) if self._queue else None
-            return self._current
+            if not _is_running(service.current):
+                is_next = self._queue and not service.is_left
+                service.current = self._queue.pop(0) if is_next else None
+            return service.current
 
-    def _execute(self, task):
+    def _execute(self, service, task):
         try:
             task.execute()
         finally:
             with self._lock:
-                self._current = None
-                if self._stuck is task:
-                    self._stuck = None
+                service.current = None
+                if service.stuck is task:
+                    service.stuck = None
 
-    def _leave(self):
+    def _leave(self, service):
         with self._lock:
-            self._server = self._current = self._stuck = None
-            refused = [task for task in self._queue if task.needs_stop]
-            self._queue = [task for task in self._queue if not task.needs_stop]
-            waiting = bool(self._queue)
+            is_left = service.is_left
+            if not is_left:
+                self._end_service(service)
+                refused, waiting = self._sort_queue()
+        if is_left:
+            return self._return(service)
         for task in refused:
             task.refuse(tNotStopped("the program runs again"))
         if waiting:
             self._on_waiting()
         self._on_left()
+
+    def _end_service(self, service):
+        service.over.set()
+        service.current = service.stuck = None
+        self._service = None
+
+    def _sort_queue(self):
+        """(tasks that have become impossible, whether others wait)"""
+        refused = [task for task in self._queue if task.needs_stop]
+        self._queue = [task for task in self._queue if not task.needs_stop]
+        return refused, bool(self._queue)
+
+    # --- a thread that is left behind ---
+
+    def _see_off(self, service):
+        """The program is to go on: with the serving thread, or without it."""
+        if service.over.wait(kGrace) or self.lender is None or not self.lender.switch_on():
+            return
+        with self._lock:
+            if service.over.is_set or service.is_left:
+                return
+            service.is_left = True
+            self._behind[service.ident] = service
+            task = service.current
+            self._service = None
+            refused, waiting = self._sort_queue()
+        for first in service.firsts:
+            try:
+                first()
+            except Exception:
+                self.on_error("going on")
+        self.lender.give_back_for(service.ident, service.native_id)
+        service.may_return.set()
+        if _is_running(task):
+            task.refuse(tRequestError("the program goes on; the thread does when this has ended"))
+        for other in refused:
+            other.refuse(tNotStopped("the program runs again"))
+        self.on_left_behind(service.ident, None if task is None else task.label)
+        if waiting:
+            self._on_waiting()
+        self._on_left()
+
+    def _return(self, service):
+        """The job has ended: wait until the thread may stop others."""
+        service.may_return.wait()
+        self.lender.take_back()
+        with self._lock:
+            if self._behind.get(service.ident) is service:
+                del self._behind[service.ident]
+            service.over.set()
 
     # --- workers ---
 
@@ -247,6 +394,10 @@ class tExecutor(object):
     def worker_is_free(self, worker):
         with self._lock:
             self._workers.append(worker)
+
+
+def _is_running(task):
+    return task is not None and not task.is_over
 
 
 class tWorker(object):

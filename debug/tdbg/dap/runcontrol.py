@@ -75,6 +75,9 @@ def _refuse_running(session):
 
 def _held_frame(session, ident):
     """The innermost frame of the user's: what is inside of it blocks, and is not stepped."""
+    stop = session.server.stop_of(ident)
+    if stop is not None:  # it evaluates something there, and goes on afterwards
+        return sublanguages.real_frame(stop.frame)
     frame = _current_frames().get(ident)
     while frame is not None and (session.server.is_hidden(frame) or not rules.is_user_code(frame)):
         frame = frame.f_back

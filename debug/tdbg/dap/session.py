@@ -458,25 +458,23 @@ class tSession(exchange.tExchange):
         stop, held = self.current_stop, self.held
         self.forget_stop()
         self.return_values = []
-        if stepper is None:
-            def command():
-                if stop is not None:
-                    self.server.continue_run()
-                else:
-                    self.holder.send_on(held)
-        elif stop is not None and stop.thread.ident == ident:
-            def command():
-                stepper.start(stop)
-        else:
-            def command():
+
+        def first():  # for threads that the one which serves is not
+            if stepper is not None and (stop is None or stop.thread.ident != ident):
                 self.holder.plan_step(ident, stepper)
-                if stop is not None:
-                    self.server.continue_run()
-                elif held != ident:
-                    self.holder.send_on(held)
+            if stop is None and (stepper is None or held != ident):
+                self.holder.send_on(held)
+
+        def command():
+            if stop is None:
+                return
+            if stepper is not None and stop.thread.ident == ident:
+                stepper.start(stop)
+            else:
+                self.server.continue_run()
         # From now on the program counts as running, though the thread is still to hear of it.
         self.current_stop = self.held = None
-        self.executor.finish(command)
+        self.executor.finish(command, first)
 
     # --- the end ---
 
@@ -518,14 +516,14 @@ class tSession(exchange.tExchange):
         self.forget_stop()
         done = signals.tDone()
 
-        def command():
+        def leave():
             try:
                 if held is not None:
                     self.holder.send_on(held)
                 undo()
             finally:
                 done.set()
-        if self.executor.finish(command):
+        if self.executor.finish(lambda: None, leave):
             # Who attaches next must not be undone.
             done.wait(kDetachSeconds)
         else:

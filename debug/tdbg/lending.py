@@ -1,0 +1,185 @@
+"""Freeing the threads of a program from one that holds them up and cannot let go of them itself.
+
+The core has one mutex, and a thread holds it as long as it is stopped, or is asked whether it has
+to stop.  What it evaluates in that time may wait for another thread of the program: that one waits in
+turn for the mutex, at its next event.  Then a thread of the debugger's own gives the mutex back in
+the name of the one that is stuck.  When whatever that has called returns at last, it takes the mutex
+again before it touches the debugger's state: so it waits while another thread is stopped.
+
+The core's functions for Python act on the calling thread; the ones below them do not, and the
+library publishes those, too.
+"""
+from __future__ import absolute_import, division, print_function
+
+import os
+import time
+
+from tdbg import compat, evaluate, signals, threads
+
+try:
+    import ctypes
+except Exception:  # a build without ctypes: what is stuck keeps the others from going on
+    ctypes = None
+
+kRestSeconds = 0.05
+kPatience = 0.45  # seconds; between one and two of them, then a callback that waits counts as stuck
+
+_get_ident = compat.get_ident
+_native_id = threads.native_id
+_getpid = os.getpid  # in the system's eyes the main thread's number, too
+_sleep = time.sleep
+kNoLoad = 4  # of dlopen(): only what is loaded already
+
+
+class tLender(object):
+    """on_lent(ident): the mutex was given back for a thread that is stuck in a callback."""
+
+    def __init__(self, core, on_lent=lambda ident: None):
+        self._core, self._on_lent = core, on_lent
+        self._native = None
+        self._is_on = False
+        self._calls = {}    # ident -> (number of its callback, the system's number of the thread)
+        self._lent = {}     # ident -> tDone: the callback goes on without the mutex
+        self._away = {}     # ident -> the system's number of a thread whose mutex was given back
+        self._count = 0
+        self._is_watching = False
+        self._signal = signals.tSignal()
+
+    def switch_on(self):
+        """Watch callbacks from now on.  Whether that is possible."""
+        if self._native is None:
+            self._native = _tNative.of(self._core)
+            self._is_on = self._native is not None and threads.start_own_thread(self._watch)
+        return self._native is not None
+
+    # --- callbacks of the core ---
+
+    def begin(self):
+        """On a thread that holds the mutex: what comes now may call code of the program."""
+        if not self._is_on:
+            return
+        self._count += 1
+        self._calls[_get_ident()] = self._count, _native_id()
+        if not self._is_watching:
+            self._is_watching = True
+            self._signal.set()
+
+    def end(self):
+        """Now the thread is to hold the mutex, in any case; may be called again."""
+        ident = _get_ident()
+        if self._calls.pop(ident, None) is None and ident in self._lent:
+            self._lent[ident].wait()
+            self.take_back()
+            self._lent.pop(ident, None)
+
+    def _watch(self):
+        while True:
+            self._signal.wait()
+            self._is_watching = True
+            self._watch_while_busy()
+            self._is_watching = False
+            if self._calls or self._away:  # they have come meanwhile, and relied on this thread
+                self._signal.set()
+
+    def _watch_while_busy(self):
+        count = -1
+        while self._calls or self._away or count != self._count:
+            count, before = self._count, dict(self._calls)
+            _sleep(kPatience)
+            for ident, call in before.items():
+                if self._calls.get(ident) == call and threads.is_at_rest(call[1], kRestSeconds):
+                    self._lend(ident, call[1])
+            for ident, number in list(self._away.items()):
+                self._leave_alone(ident, number)
+
+    def _lend(self, ident, number):
+        done = self._lent[ident] = signals.tDone()
+        if self._calls.pop(ident, None) is None:  # just over
+            self._lent.pop(ident, None)
+            return
+        try:
+            self.give_back_for(ident, number)
+        finally:
+            done.set()
+        self._on_lent(ident)
+
+    # --- at any time ---
+
+    def give_back_for(self, ident, number):
+        """Give the mutex back in the name of the thread; whether it had it.  Any other thread.
+
+        number: the system's, of the thread
+        """
+        if self._native is None:
+            return False
+        self._leave_alone(ident, number)
+        self._away[ident] = number
+        if not self._is_watching:
+            self._is_watching = True
+            self._signal.set()
+        core = self._core
+        for tstate_id in core.get_threads():
+            if core.get_thread_ident_for_tstate_id(tstate_id) == ident:
+                return self._native.release(tstate_id)
+        return False
+
+    def take_back(self):
+        """On the thread: hold the mutex again; waits while another one is stopped."""
+        core = self._core
+        self._away.pop(_get_ident(), None)
+        # An exception of a signal handler may come between any two steps.
+        while not core.is_dbgserver_mutex_held():
+            if not core.acquire_dbgserver_mutex():
+                break  # the interpreter ends
+
+
+    def _leave_alone(self, ident, number):
+        """What waits cannot be interrupted, and is not to be when it goes on, much later perhaps."""
+        strikes = evaluate.vain_strikes(ident)
+        # A signal disturbs a wait, and has ended by then what is no wait.
+        if strikes is not None and threads.is_at_rest(
+                number, kRestSeconds, with_signals=number == _getpid() and strikes > 1):
+            evaluate.withdraw_strikes(ident)
+
+
+class _tNative(object):
+    """The library's own functions."""
+
+    @classmethod
+    def of(cls, core):
+        """None where there is no way to them."""
+        try:
+            return cls(ctypes.PyDLL(core.__file__, mode=kNoLoad))
+        except Exception:
+            return None
+
+    def __init__(self, library):
+        state = _tState.in_dll(library, "gSelf")
+        self._table = ctypes.addressof(state) + _tState.thread_data.offset
+        pointer = ctypes.c_void_p
+        self._find = library["find_thread_data"]
+        self._find.argtypes, self._find.restype = (pointer, pointer), pointer
+        self._is_held = library["dbgserver_mutex_held"]
+        self._is_held.argtypes, self._is_held.restype = (pointer,), ctypes.c_int
+        self._release = library["release_dbgserver_mutex"]
+        self._release.argtypes, self._release.restype = (pointer,), None
+
+    def release(self, tstate_id):
+        record = self._find(self._table, tstate_id % kAddresses)
+        if not record or not self._is_held(record):
+            return False
+        self._release(record)
+        return True
+
+
+if ctypes is not None:
+    class _tState(ctypes.Structure):
+        """The beginning of the core's state."""
+
+        _fields_ = [
+            ("tracing", ctypes.c_int), ("idle_period", ctypes.c_uint64), ("idling", ctypes.c_int),
+            ("exception_mode", ctypes.c_int), ("autoquit", ctypes.c_int),
+            ("debug_all_threads", ctypes.c_int), ("debug_thread_cb", ctypes.c_void_p),
+            ("thread_data", ctypes.c_void_p)]  # a hash table, of which only the place counts
+
+    kAddresses = 1 << (8 * ctypes.sizeof(ctypes.c_void_p))
