@@ -22,6 +22,7 @@ constexpr size_t kMutexByte = 0;
 
 void* gThreadSlot = nullptr;  // of the test's only thread
 int gTssResult = 0;
+int gTssSetResult = 0;
 bool gTssAlloc = true;
 int gFinalizing = 0;
 bool gLockIsOn = false;
@@ -62,6 +63,7 @@ protected:
         sections = &sections_;
         gThreadSlot = nullptr;
         gTssResult = 0;
+        gTssSetResult = 0;
         gTssAlloc = true;
         gFinalizing = 0;
         gLockIsOn = false;
@@ -103,8 +105,8 @@ private:
         gPy.PyThread_tss_create = [](Py_tss_t*) { return gTssResult; };
         gPy.PyThread_tss_get = [](Py_tss_t*) { return gThreadSlot; };
         gPy.PyThread_tss_set = [](Py_tss_t*, void* value) {
-            gThreadSlot = value;
-            return 0;
+            gThreadSlot = gTssSetResult == 0 ? value : gThreadSlot;
+            return gTssSetResult;
         };
         gPy._Py_IsFinalizing = [] { return gFinalizing; };
     }
@@ -243,6 +245,20 @@ TEST_F(CoreLock, NothingIsGivenAwayWithoutASection) {
     lose_lock();
     { tCoreUnlock unlocked; }
     EXPECT_EQ("", sections_.log);
+}
+
+TEST_F(CoreLock, ThreadThatCannotKeepItsSectionHasTheLockAllTheSame) {
+    lose_lock();
+    gTssSetResult = -1;  // no memory for the thread's first value
+    {
+        tCoreLock lock;
+        gTssSetResult = 0;
+        EXPECT_EQ(1u, sections_.open.size());
+        tCoreUnlock unlocked;  // finds nothing to give away
+        EXPECT_EQ(1u, sections_.open.size());
+    }
+    EXPECT_EQ("be", sections_.log);
+    EXPECT_EQ(nullptr, gThreadSlot);
 }
 
 TEST_F(CoreLock, KeepsErrno) {

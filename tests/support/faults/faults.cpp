@@ -79,6 +79,8 @@ constexpr tManners kManners[] = {
     {"PyGILState_Ensure", kNeverFails},
     {"PyThread_acquire_lock", kNeverFails},
     {"PyThread_get_thread_ident", kNeverFails},
+    {"PyThread_tss_get", kNeverFails},
+    {"PyThread_tss_set", kNeverFails},  // but for a thread's first one: see the core's lock
     {"Py_GetRecursionLimit", kNeverFails},
     {"_Py_IsFinalizing", kNeverFails},
     {"_PyInterpreterState_GetEvalFrameFunc", kNeverFails},
@@ -95,6 +97,8 @@ constexpr tManners kManners[] = {
     {"_PyObject_GetDictPtr", kNull},
     {"PyThreadState_New", kNull},
     {"PyThread_allocate_lock", kNull},
+    {"PyThread_tss_alloc", kNull},
+    {"PyThread_tss_create", kMinusOne},
     {"PyThread_acquire_lock_timed", kZero},
     {"PyThread_start_new_thread", kMinusOne},
     {"Py_AddPendingCall", kMinusOne},
