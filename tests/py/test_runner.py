@@ -8,6 +8,46 @@ import sys
 
 from support import REPOSITORY, TestCase, capability, needs, once, run_program
 
+kAlone = """
+import os, threading, unittest
+
+left = []
+
+class Alone(unittest.TestCase):
+    def check(self):
+        self.assertEqual(left, [])
+        self.assertNotIn("LEFT", os.environ)
+        self.assertEqual(threading.active_count(), 1)
+        self.assertEqual(os.getsid(0), os.getpid())
+        self.assertEqual([name for name in os.listdir(".") if name != "output"], [])
+        left.append(1)
+        os.environ["LEFT"] = "1"
+        open("left", "w").close()
+        thread = threading.Thread(target=threading.Event().wait)
+        thread.daemon = True
+        thread.start()
+
+    def test_first(self):
+        self.check()
+
+    def test_second(self):
+        self.check()
+"""
+
+kFatal = """
+import os, sys, unittest
+
+if "serve" in sys.argv:
+    os.abort()
+
+class Fatal(unittest.TestCase):
+    def test_one(self):
+        pass
+
+    def test_two(self):
+        pass
+"""
+
 kSample = """
 import os, sys, unittest
 
@@ -93,6 +133,17 @@ class Runner(TestCase):
         self.assertEqual(self.done.status, 1)
         self.assertIn("the output", self.done.out)
         self.assertNotIn("not shown", self.done.out)
+
+    def test_each_test_finds_a_process_without_the_others(self):
+        rows = self.run_sample({"test_alone.py": kAlone})
+        self.assertEqual([status for status, _ in rows.values()], ["passed"] * 2, self.done)
+
+    def test_file_that_cannot_be_served_fails_alone(self):
+        rows = self.run_sample({"test_alone.py": kAlone, "test_fatal.py": kFatal})
+        statuses = {name.rpartition(".")[2]: status for name, (status, _) in rows.items()}
+        self.assertEqual(statuses, {"test_first": "passed", "test_second": "passed",
+                                    "test_one": "failed", "test_two": "failed"}, self.done)
+        self.assertIn("killed by SIGABRT", rows["test_fatal.Fatal.test_one"][1])
 
     def test_file_that_cannot_be_imported_is_a_failure(self):
         rows = self.run_sample({"test_broken.py": "import no_such_module\n", "test_sample.py": ""})

@@ -1,10 +1,24 @@
 """The part of tests/run.py that runs under the interpreter being tested.
 
-  child.py list RESULT FILE...   write the tests of the files
-  child.py run RESULT FILE TEST  run one test of the file and write how it went
+  child.py compile                 byte-compile what the tests start again and again
+  child.py list RESULT FILE...     write the tests of the files
+  child.py serve FOLDER ORDERS ANSWERS
+                                   fork a process for each test of the folder that is ordered
 
 RESULT is a file that gets one JSON object, written in one go when all is done: the test's own
 output may be anything, and a test that takes the process down leaves no result.
+
+ORDERS and ANSWERS are descriptors. The server has imported what every test needs and no more, and
+no test: to start an interpreter for each would take several times as long as most of them. Orders
+are lines of JSON:
+
+  {"order": "file", "path": PATH}  what follows is of this file: a fork of the server imports it and
+                                   serves, until {"order": "end"} or the end of the orders
+  {"order": "test", "test": TEST, "folder": FOLDER}
+                                   run a test in a process of its own, in that folder, where
+                                   "result" and "output" are written; answer: its process number
+  {"order": "reap"}                wait for that process, and not before; answer: its status, as of
+                                   waitpid, and its processor seconds with those of its children
 """
 from __future__ import absolute_import, division, print_function
 
@@ -35,11 +49,19 @@ def write_result(path, result):
 
 
 def main(argv):
-    command, result_path, rest = argv[0], argv[1], argv[2:]
-    set_up_path(os.path.dirname(os.path.abspath(rest[0])))
+    command, rest = argv[0], argv[1:]
+    if command == "compile":
+        compile_sources()
+        return 0
     expect_signals()
-    result = list_tests(rest) if command == "list" else run_test(rest[1])
-    write_result(result_path, result)
+    if command == "list":
+        set_up_path(os.path.dirname(os.path.abspath(rest[1])))
+        write_result(rest[0], list_tests(rest[1:]))
+        return 0
+    set_up_path(os.path.abspath(rest[0]))
+    order = serve(int(rest[1]), int(rest[2]))
+    if order["order"] == "test":  # in the process for it, which ends as any program does
+        write_result(os.path.join(order["folder"], "result"), run_test(str(order["test"])))
     return 0
 
 
@@ -48,6 +70,19 @@ def expect_signals():
     signal.signal(signal.SIGHUP, signal.SIG_DFL)
     if signal.getsignal(signal.SIGINT) == signal.SIG_IGN:
         signal.signal(signal.SIGINT, signal.default_int_handler)
+
+
+# --- compiling ------------------------------------------------------------------------------
+
+
+def compile_sources():
+    """Where it can be written. Of 2.7, which writes beside the sources, the debugger alone."""
+    import compileall
+    folders = [os.path.join(os.path.dirname(_tests), "debug")]
+    if sys.version_info[0] > 2:
+        folders += [os.path.join(_tests, "support"), os.path.join(_tests, "py")]
+    for folder in folders:
+        compileall.compile_dir(folder, quiet=1)
 
 
 # --- listing --------------------------------------------------------------------------------
@@ -94,6 +129,75 @@ def describe(module, case):
 
 def is_marked(case, method, name):
     return bool(getattr(method, name, False) or getattr(case, name, False))
+
+
+# --- serving --------------------------------------------------------------------------------
+
+
+def serve(orders, answers):
+    """Obey orders until they end; the last one. In the process for a test that is the test's."""
+    import support  # noqa: F401: for the tests
+    served_file = False
+    pid = None
+    while True:
+        order = read_order(orders)
+        kind = order["order"]
+        if kind == "file":
+            child = os.fork()
+            if child == 0:
+                served_file = True
+                import_tests(order["path"])
+            else:
+                os.waitpid(child, 0)  # a file that takes it down is served from here
+        elif kind == "test":
+            pid = os.fork()
+            if pid == 0:
+                os.close(orders)
+                os.close(answers)
+                enter(order["folder"])
+                return order
+            answer(answers, str(pid))
+        elif kind == "reap":
+            _, status, used = os.wait4(pid, 0)
+            answer(answers, "{} {}".format(status, used.ru_utime + used.ru_stime))
+        elif served_file:
+            os._exit(0)
+        else:
+            return order
+
+
+def read_order(orders):
+    """The next one; at their end it is "end"."""
+    line = b""
+    while not line.endswith(b"\n"):
+        byte = os.read(orders, 1)  # no more: the rest may be for another process
+        if not byte:
+            return {"order": "end"}
+        line += byte
+    return json.loads(line.decode("utf-8"))
+
+
+def answer(answers, text):
+    os.write(answers, text.encode("ascii") + b"\n")
+
+
+def import_tests(path):
+    try:
+        __import__(os.path.splitext(os.path.basename(path))[0])
+    except BaseException:  # the test tells
+        pass
+    sys.stdout.flush()  # or each fork would write it, too
+    sys.stderr.flush()
+
+
+def enter(folder):
+    """Make this process a session of its own, which works in the folder and writes there."""
+    os.setsid()
+    os.chdir(folder)
+    output = os.open("output", os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o666)
+    os.dup2(output, 1)
+    os.dup2(output, 2)
+    os.close(output)
 
 
 # --- running --------------------------------------------------------------------------------
