@@ -112,6 +112,10 @@ static tAnswer calculate_using_co_lines(tBpOpsData* data,
         if (!item) {
             break;
         }
+        if (gPy.PyErr_Occurred() != nullptr) {
+            answer = kFailed;  // out of memory 3.11 gives a tuple without its line, and an exception
+            break;
+        }
         tOwnedRef line(gPy.PySequence_GetItem(item.borrow(), 2));
         answer = line ? ask_line_object(data, line.borrow(), codefile, frame) : kFailed;
     }

@@ -142,13 +142,21 @@ static T* checked(T* result, const char* operation) {
     return result;
 }
 
+// Null is an answer here, unless an exception comes with it that was not pending before: from 3.11
+// on the frame object may have to be made. (One that was pending is then replaced.)
+static PyFrameObject* get_real_frame_back(PyFrameObject* frame) {
+    const bool was_pending = gPy.PyErr_Occurred() != nullptr;
+    PyFrameObject* const back = gPy.PyFrame_GetBack(frame);
+    return was_pending ? back : checked(back, "get_frame_back\n");
+}
+
 TDBG_API PyFrameObject* get_frame_back(PyFrameObject* frame) {
     static constinit tNameCache f_back = {};
     if (frame == nullptr) {
         return nullptr;
     }
     if (is_frame(frame)) {
-        return gPy.PyFrame_GetBack(frame);  // null is an answer: an error pending is not ours
+        return get_real_frame_back(frame);
     }
     tOwnedRef back(get_attrib_or_log(frame, &f_back, "f_back"));
     if (back.borrow() == gPy.Py_None) {

@@ -109,6 +109,9 @@ static bool is_naming_settled(tThreadData* thread_data, PyFrameObject* frame) {
         return true;
     }
     tOwnedFrame parent(gPy.PyFrame_GetBack(frame));
+    if (!parent) {
+        gPy.PyErr_Clear();  // its object could not be made; no exception is pending at a call
+    }
     return parent && *unnamed_parent_slot(thread_data, parent.borrow()) == parent.borrow();
 }
 

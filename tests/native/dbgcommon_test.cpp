@@ -51,6 +51,26 @@ TEST_F(Frames, FrameLikeWithNoneAsBackIsOutermost) {
     EXPECT_EQ(before, python_.none->refcnt);
 }
 
+TEST_F(Frames, BackThatCannotBeMadeLeavesNoException) {
+    PyFrameObject* const frame = make_frame();
+    gPy.PyFrame_GetBack = [](PyFrameObject*) -> PyFrameObject* {
+        fake->raise("MemoryError");
+        return nullptr;
+    };
+    EXPECT_EQ(nullptr, get_frame_back(frame));
+    EXPECT_EQ("", python_.pending());
+    EXPECT_EQ(1, is_outermost_frame(frame));
+    EXPECT_EQ("", python_.pending());
+}
+
+TEST_F(Frames, NoBackLeavesThePendingExceptionAlone) {
+    PyFrameObject* const frame = make_frame();
+    python_.raise("ValueError");
+    EXPECT_EQ(nullptr, get_frame_back(frame));
+    EXPECT_EQ("ValueError", python_.pending());
+    gPy.PyErr_Clear();
+}
+
 TEST_F(Frames, BackIsANewReference) {
     for (PyFrameObject* const frame : {make_frame(), make_frame_like()}) {
         tFake* const caller = python_.make(python_.frame_type, "caller");

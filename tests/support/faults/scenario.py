@@ -22,7 +22,7 @@ steps = import_debuggee("steps")
 kLines = steps.calls.__code__.co_firstlineno
 kRelative = "relative_of_scenario.py"
 kTemplate = "/templates/page.html"
-kModuleSource = "first = 1\ndef inner():\n    return first\nsecond = inner()\n"
+kModuleCode = compile("first = 1\ndef inner():\n    return first\nsecond = inner()\n", kRelative, "exec")
 
 
 class Trouble(Exception):
@@ -129,8 +129,21 @@ kAnswers = ("Failed to schedule_f_trace_update", "Missing sys attribute: settrac
 
 
 def is_answer_to_failure(error):
-    """What a module function raises of its own when a call of it failed."""
-    return isinstance(error, RuntimeError) and str(error) in kAnswers
+    """What a module function raises of its own when a call of it failed; its text may fail, too."""
+    return isinstance(error, RuntimeError) and str(error) in kAnswers + ("",)
+
+
+def is_interpreters_failure(error):
+    """What an interpreter that is out of memory raises instead: 3.12 and later for a frame whose object
+    cannot be made, importlib for its locks, the parser up to 3.8, and who forgets to raise."""
+    return (isinstance(error, SyntaxError) and error.msg == "unexpected EOF while parsing" or
+            isinstance(error, (RuntimeError, SystemError)) and str(error) in (
+                "Missing frame when calling trace function.", "can't allocate lock",
+                "<built-in function compile> returned NULL without setting an exception"))
+
+
+def do(function, arguments):
+    return function(*arguments)
 
 
 class Server(object):
@@ -138,8 +151,8 @@ class Server(object):
 
     idle_period = 0.0
 
-    def __init__(self, tracer):
-        self.tracer = tracer
+    def __init__(self, tracer, around_call=do, around_part=do):
+        self.tracer, self.around_call, self.around_part = tracer, around_call, around_part
         self.stops, self.troubles, self.raised = [], [], []
         self.script = []
         self.own_thread = threading.current_thread()
@@ -147,11 +160,11 @@ class Server(object):
     def attempt(self, name, *arguments):
         """The answer of a module function; None when it raised what was injected."""
         try:
-            return getattr(self.tracer, name)(*arguments)
+            return self.around_call(getattr(self.tracer, name), arguments)
         except MemoryError:
             self.raised.append(name)
         except Exception as why:
-            if not (is_answer_to_failure(why) or has_ended_meanwhile(why)):
+            if not (is_answer_to_failure(why) or is_interpreters_failure(why) or has_ended_meanwhile(why)):
                 self.troubles.append("{}: {!r}".format(name, why))
             self.raised.append(name)
 
@@ -162,7 +175,8 @@ class Server(object):
             except MemoryError:
                 self.raised.append(callback.__name__)
             except Exception as why:
-                self.troubles.append("{}: {!r}".format(callback.__name__, why))
+                kept = self.raised if is_interpreters_failure(why) else self.troubles
+                kept.append("{}: {!r}".format(callback.__name__, why))
         return call
 
     def init(self, mode, import_cb=True, **callbacks):
@@ -230,13 +244,14 @@ class Server(object):
         """Run a part of the program; its result has to be that without a tracer."""
         try:
             check_pending()
-            result = function(*arguments)
+            result = self.around_part(function, arguments)
             check_pending()
         except MemoryError as why:
             self.raised.append("program " + getattr(function, "__name__", "?") + str(why))
             return
         except Exception as why:
-            self.troubles.append("{}: {!r}".format(function.__name__, why))
+            kept = self.raised if is_interpreters_failure(why) else self.troubles
+            kept.append("{}: {!r}".format(function.__name__, why))
             return
         if result != expected["gives"]:
             self.troubles.append("{} gave {!r}".format(function.__name__, result))
@@ -258,10 +273,18 @@ def check_pending():
     ctypes.pythonapi.Py_GetRecursionLimit()
 
 
+def hold_mutex(server):
+    if server.attempt("acquire_dbgserver_mutex") is not None:
+        calls = len(server.raised)
+        server.attempt("release_dbgserver_mutex")
+        if len(server.raised) > calls:
+            server.attempt("release_dbgserver_mutex")
+
+
 def query_all(server):
     def query(frame):
         tracer_id = server.attempt("get_current_tstate_id")
-        for id_of in server.attempt("get_threads") or [tracer_id]:
+        for id_of in server.attempt("get_threads") or ([] if tracer_id is None else [tracer_id]):
             server.attempt("get_curr_frame", id_of)
             server.attempt("get_thread_name", id_of)
             server.attempt("get_thread_ident_for_tstate_id", id_of)
@@ -277,24 +300,23 @@ def query_all(server):
                      "get_tstate_use_tracing", "get_use_canonical_pathnames", "getpid",
                      "get_changed_bps_lists", "is_dbgserver_mutex_held"):
             server.attempt(name)
-        if server.attempt("acquire_dbgserver_mutex") is not None:
-            calls = len(server.raised)
-            server.attempt("release_dbgserver_mutex")
-            if len(server.raised) > calls:
-                server.attempt("release_dbgserver_mutex")
+        if server.around_part is do:
+            hold_mutex(server)
         server.attempt("lookup_canonical_pathname", __file__)
         server.attempt("register_canonical_pathname", __file__, None)
         server.attempt("step_into")
     return query
 
 
-def set_breaks(server):
+def set_breaks(server, conditions):
     for line, condition, ignore in ((1, None, 0), (2, "first == 1", 0), (3, "1 // 0", 0), (9, None, 2)):
+        condition = condition if conditions else None
         server.attempt("set_break", steps.__file__, "", kLines + line, 1, 0, condition, ignore)
     server.attempt("set_break", "nowhere/scenario.py", "sum of scenario.py", 30, 1, 1, None, 0)
     server.attempt("set_break", "not/there.py", "sum", 5, 1, 0, None, 0)
-    server.attempt("set_break", kRelative, "", 3, 1, 0, "first", 0)
-    server.attempt("set_breaks_cond", steps.__file__, kLines + 3, "total > 0")
+    server.attempt("set_break", kRelative, "", 3, 1, 0, "first" if conditions else None, 0)
+    if conditions:
+        server.attempt("set_breaks_cond", steps.__file__, kLines + 3, "total > 0")
     server.attempt("enable_breaks", steps.__file__, kLines + 2, 0)
     server.attempt("enable_breaks", steps.__file__, kLines + 2, 1)
     server.attempt("ignore_breaks", steps.__file__, kLines + 9, 1)
@@ -317,8 +339,7 @@ def set_exceptions(server):
 def run_module_code():
     """A file's top level, of which only a relative name is known."""
     namespace = {"__name__": "scenario_module", "__file__": kRelative}
-    code = compile(kModuleSource, kRelative, "exec")
-    kBuiltins.eval(code, namespace)
+    kBuiltins.eval(kModuleCode, namespace)
     return namespace["second"]
 
 
@@ -328,6 +349,12 @@ def import_anew():
     import family.inner.leaf
     from family import sibling
     return family.kName, sibling.__name__
+
+
+def import_loaded():
+    import steps as loaded
+    from os import path
+    return loaded.__name__, path.sep
 
 
 def work_in_thread(log):
@@ -346,7 +373,7 @@ def use_generator(stop):
     return steps.consumes(stop)
 
 
-def program(server, imports):
+def program(server, imports, threads, conditions):
     """Everything once; commands are given at the stops."""
     into, over, out = "step_into", "step_over", "step_out"
     stop = server.stop_there
@@ -354,16 +381,20 @@ def program(server, imports):
     server.part(steps.calls_passes_on, stop([over, out, over]), gives=4)
     server.part(steps.loops, stop(["step_over_line", ("step_over_line_range", 1, 400), over]), gives=1)
     server.part(steps.consumes, stop([over] * 6), gives=3)
-    server.part(run_module_code, gives=1)
+    if imports:
+        server.part(run_module_code, gives=1)
+    server.part(import_loaded, gives=("steps", "/"))
     if imports:
         server.part(import_anew, gives=("family", "family.sibling"))
     server.part(steps.catches_below, stop([over, over, over, over]), gives="caught")
     server.part(caught_by_caller, gives=("at the bottom",))
     server.part(with_finally, [], gives=["finally", "except"])
     server.attempt("set_debug_thread_cb", server.guarded(server.policy))
-    server.part(work_in_thread, [], gives=3)
+    if threads:
+        server.part(work_in_thread, [], gives=3)
     server.attempt("register_sub_language_hook", Hook(server))
-    server.attempt("set_break", kTemplate, "", key.__code__.co_firstlineno + 2, 1, 0, "first == 3", 0)
+    server.attempt("set_break", kTemplate, "", key.__code__.co_firstlineno + 2, 1, 0,
+                   "first == 3" if conditions else None, 0)
     server.part(marker, [(key, 1), (raising_key, 2), (key, 3)], stop([into, into, out, over]), gives=14)
     server.part(steps.factorial, stop([into, into, out, out]), gives=6)
     server.attempt("set_break", steps.__file__, "", kLines + 40, 1, 0, None, 0)
@@ -377,9 +408,9 @@ def program(server, imports):
     server.attempt("clear_all_breaks")
 
 
-def run(tracer, log=False):
+def run(tracer, log=False, imports=True, threads=True, conditions=True, **around):
     """Two sessions with everything; a dictionary of what happened."""
-    server = Server(tracer)
+    server = Server(tracer, **around)
     sys.argv[:1] = [os.path.join(DEBUGGEES, "steps.py")]
     if log:
         server.attempt("set_dprintf_mask", 0xffff)
@@ -388,14 +419,17 @@ def run(tracer, log=False):
         server.init(mode)
         server.attempt("set_autoquit", 1)
         server.attempt("enable_checksums", 1)
-        set_breaks(server)
+        set_breaks(server, conditions)
         set_exceptions(server)
         server.attempt("set_use_eval_frame", 1)
         server.start()
         try:
-            program(server, imports=mode == 5)
+            program(server, imports and mode == 5, threads, conditions)
         except MemoryError:  # between two parts
             server.raised.append("program")
+        except SystemError as why:
+            kept = server.raised if is_interpreters_failure(why) else server.troubles
+            kept.append("program: {!r}".format(why))
         finally:
             server.attempt("stop_trace")
         server.attempt("reset")
