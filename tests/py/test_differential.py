@@ -78,6 +78,22 @@ class Model(unittest.TestCase):
         self.assertEqual(stops, [("line", "outer", 2), ("line", "inner", 6), ("line", "outer", 3)])
         self.assertEqual(counts, [(6, 1, 0, 1)])
 
+    def test_what_may_be_a_stop_is_taken_back_where_it_is_none(self):
+        """The exception looks like the line that stops behind it."""
+        def event(what, line, value=None):
+            return differential.tEvent(
+                what, 1, 0, "all", line, 0, value, value is not None, False, None)
+
+        events = [event("call", 1), event("line", 2), event("line", 3),
+                  event("exception", 3, "StopIteration"), event("line", 4), event("line", 3),
+                  event("line", 5)]
+        plan = differential.Plan(1, [1])
+        plan.breaks_at_begin, plan.exception_mode = [(3, True, False, None, 0)], 1
+        plan.steps = [("step_over_line_range", None, None, 2), ("step_over_line_range", None, None, 1),
+                      ("step_into", None, None, 0), ("continue_run", None, None, 0)]
+        observed = [("line", "all", line, 0, None) for line in (2, 3, 3, 5)]
+        self.assertEqual(differential.run_model(plan, events, observed, 1).stops, observed)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -195,7 +195,8 @@ async def ashut(stream):
 '''
 
 kIsAsync = kVersion >= (3, 6)
-HEAD = "\n" * (kHeadLine - 1) + kHead.replace("CALLS", str(kCalls)) + (kAsyncHead if kIsAsync else "")
+HEAD = "\n" * (kHeadLine - 1) + kHead.replace("CALLS", str(kCalls)) + (
+    kAsyncHead if kIsAsync else "")
 
 
 class Writer(object):
@@ -270,7 +271,8 @@ class Writer(object):
             lambda: "({} if {} else {})".format(one(), self.test(), one()),
             lambda: "({} and {} or {})".format(one(), one(), one()),
             lambda: "sum([i * {} for i in range({})]) % 13".format(self.atom(), self.below(4)),
-            lambda: "sum(i + {} for i in range({}) if i % 2) % 5".format(self.atom(), self.below(5)),
+            lambda: "sum(i + {} for i in range({}) if i % 2) % 5".format(self.atom(),
+                                                                         self.below(5)),
             lambda: "len({{i: {} for i in range({})}})".format(self.atom(), self.below(4)),
             lambda: "len({{i % 2 for i in Count({})}})".format(self.below(4)),
             lambda: "(lambda y: (y + {}) % 9)({})".format(self.atom(), one()),
@@ -291,7 +293,8 @@ class Writer(object):
             self.call, self.call, self.call, self.atom,
         ]
         if kVersion >= (3, 6):
-            kinds.append(lambda: "len(f\"{{{}}}-{{{}}}\")".format(self.atom(), self.call_on_one_line()))
+            kinds.append(
+                lambda: "len(f\"{{{}}}-{{{}}}\")".format(self.atom(), self.call_on_one_line()))
         if kVersion >= (3, 5):
             kinds.append(lambda: "len([*range({}), *[{}]])".format(self.below(4), one()))
             kinds.append(lambda: "len({{**{{1: {}}}, 2: 3}})".format(one()))
@@ -300,7 +303,8 @@ class Writer(object):
             kinds.append(lambda: "len([v for i in range({}) if (v := i + {})])".format(
                 self.below(4), self.atom()) if self.kind != "class" else self.atom())
         if kVersion >= (3, 12):
-            kinds.append(lambda: "len(f'{{\n        {}\n        }}{{x!r:>{{4}}}}')".format(self.atom()))
+            kinds.append(
+                lambda: "len(f'{{\n        {}\n        }}{{x!r:>{{4}}}}')".format(self.atom()))
         if kVersion >= (3, 14):
             kinds.append(lambda: "len(t'{{{}}}-{{x}}'.values)".format(self.atom()))
         if self.kind == "task":
@@ -378,12 +382,13 @@ class Writer(object):
     def delete(self):
         self.put("z = {}".format(self.expression(1)))
         self.put(self.pick([
-            "OUT(z); del z", "z = [z, {0}]; del z[0]; OUT(z)", "z = Made(z); del z.number; OUT(z.number)",
-            "z = dict(a=z); del z['a'], z; OUT({0})", "del z; OUT(z)"]).format(self.atom()))
+            "OUT(z); del z", "z = [z, {0}]; del z[0]; OUT(z)",
+            "z = Made(z); del z.number; OUT(z.number)", "z = dict(a=z); del z['a'], z; OUT({0})",
+            "del z; OUT(z)"]).format(self.atom()))
 
     def unpack(self):
-        forms = ["p, q = {}, {}", "(p, [q, _]) = {}, (1, {})", "p = q = {}; q = {}", "p, q = Made({}), {}",
-                 "p = {{}}; p[{}] = {}; q = len(p)"]
+        forms = ["p, q = {}, {}", "(p, [q, _]) = {}, (1, {})", "p = q = {}; q = {}",
+                 "p, q = Made({}), {}", "p = {{}}; p[{}] = {}; q = len(p)"]
         if kVersion >= (3,):
             forms += ["p, *q = {}, {}, 3", "*_, p, q = {}, {}"]
         if kVersion >= (3, 6):
@@ -398,7 +403,8 @@ class Writer(object):
         self.put("{}({}); OUT(TOP)".format(name, self.atom()))
 
     def import_module(self):
-        self.put(self.pick(["import math; OUT(math.floor({}))", "from operator import add; OUT(add(1, {}))",
+        self.put(self.pick(["import math; OUT(math.floor({}))",
+                            "from operator import add; OUT(add(1, {}))",
                             "import sys as z; OUT(len(z.argv) * 0 + {})"]).format(self.atom()))
 
     def recursion(self):
@@ -419,8 +425,9 @@ class Writer(object):
             "OUT((lambda y: y)({0}))",
             "class E(Made):\\n    z = {0}",
         ]).format(self.below(4))
-        form = self.pick(["exec('{}', {{'OUT': OUT, 'x': {}, 'Made': Made}})",
-                          "exec(compile('{}', '<string>', 'exec'), dict(OUT=OUT, x={}, Made=Made))"])
+        form = self.pick([
+            "exec('{}', {{'OUT': OUT, 'x': {}, 'Made': Made}})",
+            "exec(compile('{}', '<string>', 'exec'), dict(OUT=OUT, x={}, Made=Made))"])
         self.put(form.format(text, self.atom()))
 
     def in_thread(self):
@@ -491,8 +498,9 @@ class Writer(object):
 
     def fail(self):
         self.block("if {}:".format(self.test()), lambda: self.put(self.pick([
-            "raise Fault({})".format(self.atom()), "raise Worse", "raise Other({})".format(self.atom()),
-            "{}.missing".format(self.name()), "[][{}]".format(self.atom()), "1 // 0",
+            "raise Fault({})".format(self.atom()), "raise Worse",
+            "raise Other({})".format(self.atom()), "{}.missing".format(self.name()),
+            "[][{}]".format(self.atom()), "1 // 0",
         ])))
 
     def attempt(self):
@@ -512,8 +520,9 @@ class Writer(object):
         if self.chance(0.15):
             self.put("raise")
         elif self.chance(0.15):
-            self.put("raise Other(1)" + (self.pick(["", " from None", " from Fault(2)", " from KeyError"])
-                                         if kVersion >= (3,) else ""))
+            self.put("raise Other(1)"
+                     + (self.pick(["", " from None", " from Fault(2)", " from KeyError"])
+                        if kVersion >= (3,) else ""))
 
     def in_finally(self):
         # No continue before 3.8: it is no syntax there.
@@ -555,8 +564,8 @@ class Writer(object):
         self.block(head.format(swallows), self.body)
 
     def leave(self):
-        value = "" if self.kind == "stream" or (self.kind == "generator" and kVersion < (3, 3)) else (
-            " " + self.expression(1))
+        is_bare = self.kind == "stream" or (self.kind == "generator" and kVersion < (3, 3))
+        value = "" if is_bare else " " + self.expression(1)
         if self.chance(0.5):
             self.block("if {}:".format(self.test()), lambda: self.put("return" + value))
         elif self.loops or self.depth > 2:
@@ -566,7 +575,8 @@ class Writer(object):
 
     def match(self):
         if self.chance(0.3):
-            self.put("match {}:".format(self.pick(["Made({})", "{{1: {}}}", "({}, 2)"]).format(self.atom())))
+            self.put("match {}:".format(
+                self.pick(["Made({})", "{{1: {}}}", "({}, 2)"]).format(self.atom())))
             self.depth += 1
             self.block("case Made(number=1 | 2 as m):", lambda: self.put("OUT(m)"))
             self.block("case {1: m, **rest} if m > 2:", self.body)
@@ -616,8 +626,8 @@ class Writer(object):
     def generic_function(self):
         name = self.fresh("t")
         self.block("def {}[T: int](y: T) -> T:".format(name), lambda: self.put("return y"))
-        self.put("type {}_alias = list[T0]".format(name) if self.chance(0.3) else "OUT({}({}))".format(
-            name, self.atom()))
+        self.put("type {}_alias = list[T0]".format(name) if self.chance(0.3)
+                 else "OUT({}({}))".format(name, self.atom()))
 
     def local_class(self):
         name = self.fresh("C")
@@ -639,13 +649,15 @@ class Writer(object):
             bases += ["object, metaclass=Meta", "Made, metaclass=Meta"]
         self.block("class {}({}):".format(name, self.pick(bases)),
                    lambda: self.as_function("class", self.body),
-                   lambda: self.put(self.pick(["field = Field()", "pair = (1,\n            2)", "pass"])),
+                   lambda: self.put(
+                       self.pick(["field = Field()", "pair = (1,\n            2)", "pass"])),
                    lambda: self.block("def __init__(self, number=2):",
                                       lambda: self.put("self.number = number"),
                                       lambda: self.put("self.field = number")),
                    lambda: self.block("def twice(self):",
                                       lambda: self.as_function("plain", self.tell, "self.number")))
-        self.put("{0}({1}).twice(); OUT(len(vars({0}({2}))))".format(name, self.atom(), self.below(3)))
+        self.put(
+            "{0}({1}).twice(); OUT(len(vars({0}({2}))))".format(name, self.atom(), self.below(3)))
 
     # --- generators ---
 
@@ -671,11 +683,13 @@ class Writer(object):
             self.put("OUT(next({}, 'end'))".format(name))
         self.pick([
             lambda: self.put(("del {}" if kVersion >= (3, 13) else "shut({})").format(name)),
-            lambda: self.put("OUT({0}.send(None)) if hasattr({0}, 'send') else OUT(0)".format(name)),
+            lambda: self.put(
+                "OUT({0}.send(None)) if hasattr({0}, 'send') else OUT(0)".format(name)),
             lambda: self.put("shut({})".format(name)),
             lambda: self.put("OUT(list({}))".format(name)),
             lambda: self.throw_into(name),
-            lambda: self.put("OUT(max({}, key=lambda y: y, default=0) if {} else sum(1 for _ in {}))".format(
+            lambda: self.put("OUT(max({}, key=lambda y: y, default=0) if {} else sum(1 for _ "
+                             "in {}))".format(
                 name, "True" if kVersion >= (3, 4) else "False", name)
                 if kVersion >= (3, 4) else "OUT(len(list({})))".format(name)),
         ])()
@@ -715,7 +729,8 @@ class Writer(object):
     # --- the program ---
 
     def function(self, kind):
-        name = self.fresh({"plain": "f", "generator": "gen", "task": "task", "stream": "stream"}[kind])
+        name = self.fresh({"plain": "f", "generator": "gen", "task": "task",
+                           "stream": "stream"}[kind])
         head = {"task": "async def ", "stream": "async def "}.get(kind, "def ")
         if kind == "plain" and self.chance(0.2):
             self.put("@wrapped")
