@@ -52,6 +52,7 @@ PyObject* call_co_lines(PyObject* obj, const char* method, const char*, ...) {
 }
 
 void bind_lists() {
+    bind_fake_lists();
     gPy.PyList_New = [](Py_ssize_t size) -> PyObject* {
         const tTapPause pause;
         if (extras->fail_lists) {
@@ -61,17 +62,6 @@ void bind_lists() {
         tFake* const list = fake->make(fake->other_type, "list");
         list->items.resize(static_cast<size_t>(size));
         return list;
-    };
-    gPy.PyList_Append = [](PyObject* list, PyObject* item) {
-        as_fake(list)->items.push_back(as_fake(new_ref(item)));
-        return 0;
-    };
-    gPy.PyList_SetItem = [](PyObject* list, Py_ssize_t index, PyObject* item) {
-        as_fake(list)->items[static_cast<size_t>(index)] = as_fake(item);
-        return 0;
-    };
-    gPy.PyList_GetItem = [](PyObject* list, Py_ssize_t index) -> PyObject* {
-        return as_fake(list)->items[static_cast<size_t>(index)];
     };
     gPy.PyObject_GetIter = [](PyObject* obj) { return new_ref(obj); };
     gPy.PyIter_Next = [](PyObject* iter) -> PyObject* {
