@@ -54,7 +54,8 @@ def work(lock):
             time.sleep(0.001)
 signal.signal(signal.SIGUSR1, wake)
 lock, has_lock = threading.Lock(), threading.Event()
-threads = [threading.Thread(target=work, args=(each,), name='worker') for each in (lock, threading.Lock())]
+threads = [threading.Thread(target=work, args=(each,), name='worker')
+           for each in (lock, threading.Lock())]
 for thread in threads:
     thread.start()
 has_lock.wait()
@@ -127,14 +128,20 @@ def find_gdb():
 
 
 def has_gdb():
+    folders = os.environ["PATH"].split(os.pathsep)
     return find_gdb() is not None or any(
-        os.access(os.path.join(folder, "gdb"), os.X_OK) for folder in os.environ["PATH"].split(os.pathsep))
+        os.access(os.path.join(folder, "gdb"), os.X_OK) for folder in folders)
 
 
 def mappings_of(pid):
     """Address ranges that do not grow by themselves."""
     with open("/proc/{}/maps".format(pid)) as source:
         return [line.split()[0] for line in source if "[" not in line]
+
+
+def main_thread(client):
+    threads = client.request("threads")["threads"]
+    return [row["id"] for row in threads if row["name"] == "MainThread"][0]
 
 
 class Case(TestCase):
@@ -147,8 +154,8 @@ class Case(TestCase):
         path = self.make_file("prog.py", source.replace("{end!r}", repr(self.end_file)))
         env = dict(os.environ, **more.pop("env", {}))
         process = subprocess.Popen(
-            [sys.executable, path], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            env=env, **more)
+            [sys.executable, path], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, env=env, **more)
         self.addCleanup(dapclient.end_process, process)
         self.assertEqual(process.stdout.readline().decode("utf-8"), wait_for)
         return process, path
@@ -165,7 +172,7 @@ class Case(TestCase):
         client = self.adapter(**env)
         seq = client.send("attach", {"processId": str(process.pid)})
         client._wait(
-            lambda: client.has_response_to(seq) or [e for e in client.events if e["event"] == "initialized"],
+            lambda: client.has_response_to(seq) or client.seen_events("initialized"),
             "answer to attach", dapclient.kSeconds)
         if client.has_response_to(seq):
             self.skip_where_gdb_is_too_old(client.response_to(seq)["message"])
@@ -221,16 +228,14 @@ class Running(Case):
             self.assertEqual(client.place(first), ("step", "step"))
         threads = client.request("threads")["threads"]
         self.assertEqual(sorted(row["name"] for row in threads), ["MainThread", "worker", "worker"])
-        main = [row["id"] for row in threads if row["name"] == "MainThread"][0]
-        self.assertEqual(client.place(main), ("<module>", "sleep"))
+        self.assertEqual(client.place(main_thread(client)), ("<module>", "sleep"))
         client.request("disconnect")
         os.kill(process.pid, signal.SIGUSR1)
         self.assertEqual(process.stdout.readline(), b"waits\n")
         client = self.attach(process)
-        client.request("pause", {"threadId": main})
+        client.request("pause", {"threadId": main_thread(client)})
         client.wait_stopped("pause")
-        main = [row["id"] for row in client.request("threads")["threads"] if row["name"] == "MainThread"][0]
-        self.assertEqual(client.place(main), ("<module>", "lock"))
+        self.assertEqual(client.place(main_thread(client)), ("<module>", "lock"))
         client.request("disconnect")
         self.assertEqual(self.end_of(process), (4, "end\n", ""))
 
@@ -242,14 +247,15 @@ class Refused(Case):
         arguments = json.dumps([dapclient.PACKAGE, pid, library or library_path(), user, scope])
         done = run_program(
             [dapclient.adapter_python(), "-c", kChecks, arguments],
-            env=dict({"PATH": os.environ["PATH"]}, **({"TDBG_GDB": find_gdb()} if find_gdb() else {})))
+            env={"PATH": os.environ["PATH"], "TDBG_GDB": find_gdb() or ""})
         self.assertEqual((done.status, done.err), (0, ""), done)
         self.assertNotIn("\n", done.out)
         return done.out
 
     def test_wrong_processes(self):
         client = self.adapter()
-        sleeper = subprocess.Popen(["/bin/sh", "-c", "echo; read line"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        sleeper = subprocess.Popen(
+            ["/bin/sh", "-c", "echo; read line"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.addCleanup(dapclient.end_process, sleeper)
         sleeper.stdout.readline()
         with open("/proc/sys/kernel/pid_max") as source:
@@ -261,15 +267,20 @@ class Refused(Case):
             self.assertIn(wanted, client.refused("attach", {"processId": pid}))
         ended = subprocess.Popen([sys.executable, "-c", ""])
         self.addCleanup(dapclient.end_process, ended)
-        os.waitid(os.P_PID, ended.pid, os.WEXITED | os.WNOWAIT) if hasattr(os, "waitid") else ended.wait()
+        if hasattr(os, "waitid"):
+            os.waitid(os.P_PID, ended.pid, os.WEXITED | os.WNOWAIT)
+        else:
+            ended.wait()
         self.assertRegex(
-            client.refused("attach", {"processId": ended.pid}), "there is no process|has ended: give")
+            client.refused("attach", {"processId": ended.pid}),
+            "there is no process|has ended: give")
 
     def test_stopped_process(self):
         process, _ = self.start(kLoop)
         os.kill(process.pid, signal.SIGSTOP)
         os.waitpid(process.pid, os.WUNTRACED)
-        self.assertIn("is stopped: wake it first (kill -CONT {})".format(process.pid), self.refusal(process))
+        self.assertIn(
+            "is stopped: wake it first (kill -CONT {})".format(process.pid), self.refusal(process))
         os.kill(process.pid, signal.SIGCONT)
         self.assertEqual(self.end_of(process), (4, "end False\n", ""))
 
@@ -277,14 +288,16 @@ class Refused(Case):
     def test_traced_process(self):
         process, _ = self.start(kTraced, "traced\n")
         self.assertIn(
-            "is being traced by process {} (".format(os.getpid()), self.refusal(process, TDBG_GDB="/bin/true"))
+            "is being traced by process {} (".format(os.getpid()),
+            self.refusal(process, TDBG_GDB="/bin/true"))
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can be somebody else")
     def test_process_of_another_user(self):
         process, _ = self.start(kLoop)
         self.assertEqual(
             self.checks(process.pid, user=kNobody),
-            "process {} belongs to another user (0): start the adapter as that user, or as root".format(process.pid))
+            "process {} belongs to another user (0): start the adapter as that user, or as "
+            "root".format(process.pid))
 
     @unittest.skipUnless(has_gdb() or kHasRemoteExec, "gdb is not installed")
     def test_kernel_rule(self):
@@ -296,7 +309,9 @@ class Refused(Case):
         root = os.geteuid() == 0
         self.assertEqual(self.checks(process.pid, scope=rule["0"]), "")
         self.assertEqual(self.checks(process.pid, scope=self.end_file), "")  # a kernel without it
-        self.assertIn("until the machine starts anew: ptrace_scope is 3", self.checks(process.pid, scope=rule["3"]))
+        self.assertIn(
+            "until the machine starts anew: ptrace_scope is 3",
+            self.checks(process.pid, scope=rule["3"]))
         if root:
             self.assertEqual(self.checks(process.pid, scope=rule["2"]), "")
             process, _ = self.start(kLoop.replace("n = 0\n", kBecomeNobody + "n = 0\n"))
@@ -311,8 +326,8 @@ class Refused(Case):
         other = self.make_file("tdbgtracer.so", kHeaders[96 - kBits])
         self.assertRegex(
             self.checks(process.pid, library=other),
-            r"runs a {0}-bit interpreter, for which there is no tdbgtracer\.so in .*: install tdbg for {0} bits, "
-            "or name its library with --library".format(kBits))
+            r"runs a {0}-bit interpreter, for which there is no tdbgtracer\.so in .*: install tdbg "
+            "for {0} bits, or name its library with --library".format(kBits))
 
     @unittest.skipIf(kHasRemoteExec, "needs no gdb")
     def test_without_gdb(self):
@@ -321,7 +336,8 @@ class Refused(Case):
         os.symlink(dapclient.adapter_python(), os.path.join(folder, "python3"))
         self.assertRegex(
             self.refusal(process, PATH=folder, TDBG_GDB=""),
-            "^gdb is not installed, and process [0-9]+ runs Python .*: install gdb, or have TDBG_GDB name one$")
+            "^gdb is not installed, and process [0-9]+ runs Python .*: install gdb, or have "
+            "TDBG_GDB name one$")
 
     @unittest.skipIf(kHasRemoteExec, "needs no gdb")
     def test_gdb_that_cannot_do_it(self):
@@ -366,7 +382,8 @@ class RemoteExecution(Case):
     def test_disabled(self):
         process, _ = self.start(kLoop, env={"PYTHON_DISABLE_REMOTE_DEBUG": "1"})
         self.assertIn(
-            "does not allow remote debugging: start it without PYTHON_DISABLE_REMOTE_DEBUG", self.refusal(process))
+            "does not allow remote debugging: start it without PYTHON_DISABLE_REMOTE_DEBUG",
+            self.refusal(process))
         self.assertEqual(self.end_of(process), (4, "end False\n", ""))
 
     def test_blocked_program_forgets_the_script_that_nobody_waits_for(self):
@@ -374,7 +391,8 @@ class RemoteExecution(Case):
         folder = self.make_dir()
         os.symlink(dapclient.adapter_python(), os.path.join(folder, "python3"))
         self.assertRegex(
-            self.refusal(process, PATH=folder, TDBG_GDB=""), "gdb is not installed, .* whose main thread is blocked: install gdb")
+            self.refusal(process, PATH=folder, TDBG_GDB=""),
+            "gdb is not installed, .* whose main thread is blocked: install gdb")
         os.kill(process.pid, signal.SIGUSR1)
         self.assertEqual(self.end_of(process), (4, "waits\nend\n", ""))
 

@@ -6,7 +6,7 @@ from tdbg.dap import endpoint
 
 
 class tWay:
-    """connect() returns a socket (None when closed meanwhile), or raises endpoint.tRefused or OSError.
+    """connect() returns a socket (None when closed meanwhile); endpoint.tRefused, OSError.
 
     note  text for the console, or None
     """

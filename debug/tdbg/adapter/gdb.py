@@ -148,8 +148,9 @@ class tVisit:
         holders = [text.format(places[name]) for name, text in kHolders if name in places]
         if missing or not holders:
             raise endpoint.tRefused(
-                "process {} does not show the functions of its interpreter ({}): start it with another "
-                "one, or have it call tdbg.listen()".format(self._pid, ", ".join(missing or ["thread state"])))
+                "process {} does not show the functions of its interpreter ({}): start it with "
+                "another one, or have it call tdbg.listen()".format(
+                    self._pid, ", ".join(missing or ["thread state"])))
         call, answer = kRegisters[self._word_size]
         with open(os.path.join(folder, "text"), "wb") as out:
             out.write(text)
@@ -167,8 +168,8 @@ class tVisit:
             try:
                 # A file, and a session of its own: what ends us must not stop gdb half way.
                 process = subprocess.Popen(
-                    [gdb] + options + kOptions + ["-p", str(self._pid), "-x", "commands"], cwd=folder,
-                    stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=environment,
+                    [gdb] + options + kOptions + ["-p", str(self._pid), "-x", "commands"],
+                    cwd=folder, stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=environment,
                     start_new_session=True)
             except OSError as why:
                 raise endpoint.tRefused("cannot run {}: {}; {} can name another gdb".format(
@@ -184,7 +185,8 @@ class tVisit:
             steps = re.findall(r"^tdbg: (\w+)", self._log, re.MULTILINE)
             if steps[-1:] != [step]:
                 step, step_begin, wakes = (steps or [None])[-1], now, 0
-            limit = {"waits": 0.0 if self._is_hurried else kPatienceSeconds, "asks": kSlowestCall}.get(step)
+            patience = 0.0 if self._is_hurried else kPatienceSeconds
+            limit = {"waits": patience, "asks": kSlowestCall}.get(step)
             if limit is not None and now - step_begin > limit + wakes:
                 self._wake()
                 wakes += 1
@@ -208,8 +210,8 @@ class tVisit:
             raise endpoint.tRefused("process {} has ended".format(self._pid))
         if "tdbg: waits" in log:
             raise endpoint.tRefused(
-                "process {} runs no Python code at the moment: its main thread is busy or waits in native "
-                "code; try again later".format(self._pid))
+                "process {} runs no Python code at the moment: its main thread is busy or waits in "
+                "native code; try again later".format(self._pid))
         raise endpoint.tRefused("cannot attach to process {}: {}".format(self._pid, reason_in(log)))
 
 
@@ -240,5 +242,6 @@ def _remedy(line):
     if re.search(r"Couldn't (write|get)", line):
         return " (it is older than this processor; {} can name a newer one)".format(kVariable)
     if "not permitted" in line:
-        return " (this machine, or the container, does not allow tracing: it takes the capability SYS_PTRACE)"
+        return (" (this machine, or the container, does not allow tracing: it takes the capability "
+                "SYS_PTRACE)")
     return ""

@@ -4,8 +4,8 @@ From 3.14 on the interpreter takes a script by itself (sys.remote_exec), when it
 its own version.  Before, and where the main thread of a later one is blocked, gdb makes the process
 run it (see gdb.py).
 
-Whatever is in the way is named, with what helps.  Until the script begins, nothing of ours is in the
-process; the script begins only while its adapter waits, and no exception leaves it.
+Whatever is in the way is named, with what helps.  Until the script begins, nothing of ours is in
+the process; the script begins only while its adapter waits, and no exception leaves it.
 """
 import _socket
 import os
@@ -153,7 +153,8 @@ class tProcess:
 
     def _remote_exec(self, path):
         code = "import sys; sys.remote_exec(int(sys.argv[1]), sys.argv[2])"
-        status, text = run_tool(self._python + ["-I", "-S", "-c", code, str(self.pid), path], self.pid)
+        status, text = run_tool(
+            self._python + ["-I", "-S", "-c", code, str(self.pid), path], self.pid)
         if status != 0:
             raise endpoint.tRefused(reason_of_interpreter(self.pid, text))
 
@@ -169,14 +170,19 @@ class tProcess:
         connected = self._arrived(listener, kArrivalSeconds, folder)
         if connected is None and not self._is_closed:
             raise endpoint.tRefused(
-                "process {} does not answer: it has run the debugger's script to no effect".format(self.pid))
+                "process {} does not answer: it has run the debugger's script to no effect".format(
+                    self.pid))
         return connected
 
     def _arrived(self, listener, seconds, folder):
-        """A connection from the process within that time, or None; endpoint.tRefused if it has failed."""
+        """A connection from the process within that time, or None.
+
+        endpoint.tRefused if it could not load the debugger.
+        """
         connected = arrived(listener, seconds)
         try:
-            failure = os.open(os.path.join(folder, "failure"), os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
+            failure = os.open(
+                os.path.join(folder, "failure"), os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
         except OSError:
             return connected
         with os.fdopen(failure, encoding="utf-8", errors="replace") as source:
@@ -191,29 +197,34 @@ class tProcess:
 
 def refuse_missing_process(pid):
     if not os.path.isdir("/proc/{}".format(pid)):
-        raise endpoint.tRefused("there is no process {}: give the number that it has now, as seen here".format(pid))
+        raise endpoint.tRefused(
+            "there is no process {}: give the number that it has now, as seen here".format(pid))
     if status_of(pid).get("State", "").startswith("Z"):
-        raise endpoint.tRefused("process {} has ended: give the number of one that runs".format(pid))
+        raise endpoint.tRefused(
+            "process {} has ended: give the number of one that runs".format(pid))
     if pid == os.getpid():
-        raise endpoint.tRefused("process {} is the debug adapter: give the number of another one".format(pid))
+        raise endpoint.tRefused(
+            "process {} is the debug adapter: give the number of another one".format(pid))
 
 
 def refuse_other_user(pid):
     owner = user_of(pid)
     if os.geteuid() not in (0, owner):
         raise endpoint.tRefused(
-            "process {} belongs to another user ({}): start the adapter as that user, or as root".format(
-                pid, owner))
+            "process {} belongs to another user ({}): start the adapter as that user, or as "
+            "root".format(pid, owner))
 
 
 def refuse_unknown_version(pid, version):
-    if version is not None and version != kSupported[0] and not kSupported[1] <= version <= kSupported[2]:
+    if version is None or version == kSupported[0]:
+        return
+    if not kSupported[1] <= version <= kSupported[2]:
         raise endpoint.tRefused("process {} runs {}: 2.7 and 3.6 to 3.14 can be debugged".format(
             pid, describe(version)))
 
 
 def library_for(pid, word_size, named):
-    """The core that fits the process: the one that was named, else one that was built or comes with us."""
+    """The core that fits the process: one that was named, or else was built, or comes with us."""
     package = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     file_name = nativelib.kModule + ".so"
     tree = os.path.dirname(os.path.dirname(package))
@@ -223,16 +234,18 @@ def library_for(pid, word_size, named):
         if symbols.word_size(path) == word_size:
             return os.path.abspath(path)
     raise endpoint.tRefused(
-        "process {} runs a {}-bit interpreter, for which there is no {} in {}: install tdbg for {} bits, or "
-        "name its library with --library".format(
-            pid, word_size, file_name, " or ".join(os.path.dirname(path) for path in places), word_size))
+        "process {} runs a {}-bit interpreter, for which there is no {} in {}: install tdbg for {} "
+        "bits, or name its library with --library".format(
+            pid, word_size, file_name, " or ".join(map(os.path.dirname, places)), word_size))
 
 
 def refuse_without_gdb(pid, version, more=""):
     if gdb.find() is None:
         raise endpoint.tRefused(
-            "gdb is not installed, and process {} runs {}{}: install gdb, or have {} name one".format(
-                pid, describe(version), more or ", which can be attached to from 3.14 on only", gdb.kVariable))
+            "gdb is not installed, and process {} runs {}{}: install gdb, or have {} name "
+            "one".format(
+                pid, describe(version), more or ", which takes scripts from 3.14 on only",
+                gdb.kVariable))
 
 
 def refuse_traced(pid):
@@ -245,7 +258,8 @@ def refuse_traced(pid):
 
 def refuse_stopped(pid):
     if status_of(pid).get("State", "").startswith("T"):
-        raise endpoint.tRefused("process {} is stopped: wake it first (kill -CONT {})".format(pid, pid))
+        raise endpoint.tRefused(
+            "process {0} is stopped: wake it first (kill -CONT {0})".format(pid))
 
 
 def refuse_kernel_rules(pid):
@@ -256,7 +270,8 @@ def refuse_kernel_rules(pid):
         return  # a kernel without that rule
     if scope == 3:
         raise endpoint.tRefused(
-            "the kernel lets no process attach to another until the machine starts anew: ptrace_scope is 3")
+            "the kernel lets no process attach to another until the machine starts anew: "
+            "ptrace_scope is 3")
     if scope and not int(status_of("self").get("CapEff", "0"), 16) & kMayTrace:
         raise endpoint.tRefused(
             "the kernel does not let one process attach to another: ptrace_scope is {} "
@@ -294,7 +309,8 @@ def find_interpreter(pid):
         with open("/proc/{}/cmdline".format(pid), "rb") as source:
             words = [os.fsdecode(word) for word in source.read().split(b"\0")[:-1]]
     except OSError as why:
-        raise endpoint.tRefused("cannot look into process {}: {}; being root helps".format(pid, why.strerror))
+        raise endpoint.tRefused(
+            "cannot look into process {}: {}; being root helps".format(pid, why.strerror))
     if is_python(path):
         return ["/proc/{}/exe".format(pid)]
     for count, word in enumerate(words):  # run through the dynamic loader
@@ -304,8 +320,9 @@ def find_interpreter(pid):
                 last += 1
             return [path] + words[1:last + 1]
     if not any(is_python(mapped.path) for mapped in symbols.mapped_files(pid)):
-        raise endpoint.tRefused("process {} ({}) is not a Python program: give the number of one".format(
-            pid, os.path.basename(path)))
+        raise endpoint.tRefused(
+            "process {} ({}) is not a Python program: give the number of one".format(
+                pid, os.path.basename(path)))
     return ["/proc/{}/exe".format(pid)]
 
 
@@ -315,7 +332,8 @@ def is_python(path):
 
 def version_of(pid, python):
     """(major, minor), or None where only the process itself knows."""
-    for name in [mapped.path for mapped in symbols.mapped_files(pid)] + [os.path.realpath(python[-1])]:
+    names = [mapped.path for mapped in symbols.mapped_files(pid)]
+    for name in names + [os.path.realpath(python[-1])]:
         found = re.match(r"(?:lib)?python(\d)\.(\d+)", os.path.basename(name))
         if found:
             return int(found.group(1)), int(found.group(2))
@@ -331,7 +349,7 @@ def describe(version):
     return "an unknown version of Python" if version is None else "Python {}.{}".format(*version)
 
 
-# --- tools ------------------------------------------------------------------------------------------
+# --- tools ----------------------------------------------------------------------------------------
 
 
 def run_tool(argv, pid):
@@ -345,10 +363,12 @@ def run_tool(argv, pid):
             os.setuid(owner)
 
     try:
-        done = subprocess.run(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, timeout=kToolSeconds, preexec_fn=become_owner)
+        done = subprocess.run(
+            argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            timeout=kToolSeconds, preexec_fn=become_owner)
     except subprocess.TimeoutExpired as why:
-        return 1, (why.output or b"").decode("utf-8", "replace") + "\n{} takes too long".format(argv[0])
+        text = (why.output or b"").decode("utf-8", "replace")
+        return 1, text + "\n{} takes too long".format(argv[0])
     except OSError as why:
         return 1, "cannot run {}: {}".format(argv[0], why.strerror)
     return done.returncode, done.stdout.decode("utf-8", "replace")
@@ -358,8 +378,8 @@ def reason_of_interpreter(pid, text):
     """What sys.remote_exec() has told."""
     line = (text.strip().splitlines() or ["no reason given"])[-1]
     if re.search(r"[Rr]emote debugging (is|was) (not enabled|disabled)", line):
-        return ("process {} does not allow remote debugging: start it without PYTHON_DISABLE_REMOTE_DEBUG "
-                "and -X disable_remote_debug".format(pid))
+        return ("process {} does not allow remote debugging: start it without "
+                "PYTHON_DISABLE_REMOTE_DEBUG and -X disable_remote_debug".format(pid))
     return "cannot attach to process {}: {}".format(pid, line)
 
 
