@@ -40,6 +40,11 @@ PyObject* read_condition(tInput* input) {
     return input->below(2) != 0 ? fake->str(input->text()) : gPy.Py_None;
 }
 
+// The one text that the interpreter has no bytes for.
+bool is_encodable(PyObject* condition) {
+    return as_fake(condition)->text != "unencodable";
+}
+
 void set_break(tState* state, tInput* input) {
     const std::string file = read_file(input);
     const std::string checksum = input->below(4) == 0 ? input->text() : "";
@@ -47,9 +52,13 @@ void set_break(tState* state, tInput* input) {
     const int enabled = static_cast<int>(input->below(2));
     const int temporary = static_cast<int>(input->below(2));
     const int ignore = static_cast<int>(input->below(3));
+    PyObject* const condition = read_condition(input);
     const int id = __tracer_set_break(&state->table, file.c_str(), checksum.c_str(), line, enabled,
-                                      temporary, read_condition(input), ignore);
-    FUZZ_CHECK(id > 0);
+                                      temporary, condition, ignore);
+    FUZZ_CHECK((id > 0) == is_encodable(condition));
+    if (id <= 0) {
+        return gPy.PyErr_Clear();
+    }
     state->model.push_back({id, file, line, enabled != 0, ignore});
 }
 
