@@ -14,7 +14,8 @@ import interpreters  # noqa: E402
 def build_library(bits, folder):
     build = os.path.join(folder, 'build-%d' % bits)
     subprocess.check_call(['cmake', '-S', TREE, '-B', build, '-DCMAKE_BUILD_TYPE=Release',
-                           '-DTDBG_BUILD_TESTS=OFF', '-DTDBG_M32=%s' % ('ON' if bits == 32 else 'OFF')],
+                           '-DTDBG_BUILD_TESTS=OFF',
+                           '-DTDBG_M32=%s' % ('ON' if bits == 32 else 'OFF')],
                           stdout=subprocess.DEVNULL)
     subprocess.check_call(['cmake', '--build', build, '--target', 'tdbgtracer', '-j2'],
                           stdout=subprocess.DEVNULL)
@@ -42,20 +43,26 @@ def build_empty_library(bits, folder):
     return target
 
 
-def word_size(python):
+def word_size(command):
     code = 'import struct; print(struct.calcsize("P") * 8)'
-    return int(subprocess.check_output([python, '-c', code]))
+    return int(subprocess.check_output(command + ['-c', code]))
+
+
+def make_command(interpreter):
+    """A free-threaded interpreter is there twice, once with a variable that keeps its lock off."""
+    variables = ['%s=%s' % variable for variable in sorted(interpreter.environment.items())]
+    return ['env'] + variables + [interpreter.path]
 
 
 def find_pythons(wanted):
-    """[(name, path)] of the interpreters to measure."""
-    found = [(i.name, i.path) for i in interpreters.find_interpreters() if i.supported]
+    """[(name, command)] of the interpreters to measure; a command is a list."""
+    found = [(i.name, make_command(i)) for i in interpreters.find_interpreters() if i.supported]
     if not wanted:
         return found
-    paths = [(os.path.basename(os.path.dirname(os.path.dirname(p))) or p, p)
+    paths = [(os.path.basename(os.path.dirname(os.path.dirname(p))) or p, [p])
              for p in wanted if os.sep in p]
     names = [w for w in wanted if os.sep not in w]
-    return paths + [(name, path) for name, path in found if any(w in name for w in names)]
+    return paths + [(name, command) for name, command in found if any(w in name for w in names)]
 
 
 class Bench(object):
@@ -66,8 +73,8 @@ class Bench(object):
         self.built = {}
         self.libraries = {read_bits(build): build for build in libraries}
 
-    def run(self, python, script, *arguments):
-        bits = word_size(python)
+    def run(self, command, script, *arguments):
+        bits = word_size(command)
         if bits not in self.built:
             library = self.libraries.get(bits) or build_library(bits, self.folder)
             link_debug_name(library)
@@ -75,6 +82,6 @@ class Bench(object):
         env = dict(os.environ, TDBG_LIB_DIR=self.built[bits][0],
                    TDBG_EMPTY_LIB=self.built[bits][1], PYTHONDONTWRITEBYTECODE='1')
         output = subprocess.check_output(
-            [python, os.path.join(HERE, script)] + [str(a) for a in arguments], env=env)
+            command + [os.path.join(HERE, script)] + [str(a) for a in arguments], env=env)
         lines = [line for line in output.decode('ascii').splitlines() if line.startswith('{')]
         return json.loads(lines[-1])
