@@ -1,9 +1,10 @@
-"""tools/fetch-interpreters and tools/interpreters.py, with an apt that is played here."""
+"""tools/fetch-interpreters and tools/interpreters.py, with an apt that is played here; tools/matrix.py."""
 from __future__ import absolute_import, division, print_function
 
 import io
 import json
 import os
+import subprocess
 import sys
 
 from support import REPOSITORY, TestCase, capability, needs, once, run_program
@@ -119,3 +120,108 @@ class Interpreters(TestCase):
         done = self.find("/nonexistent/python")
         self.assertEqual(done.status, 2)
         self.assertIn("/nonexistent/python: does not start", done.err)
+
+
+class tPlayed(object):
+    """What tools/matrix.py looks at of an interpreter."""
+
+    is_static = False
+
+    def __init__(self, name, minor, bits=64, variant="release"):
+        self.name, self.minor, self.bits, self.variant = name, minor, bits, variant
+        self.version = tuple(int(part) for part in minor.split(".")) + (1,)
+        self.libc, self.path = "glibc 2.31", sys.executable
+
+
+def results(*statuses):
+    return [{"test": "test_x.X.test_{}".format(number), "status": status}
+            for number, status in enumerate(statuses)]
+
+
+@once
+@needs("runs_tools")
+class Matrix(TestCase):
+    def setUp(self):
+        tools = os.path.join(REPOSITORY, "tools")
+        sys.path.insert(0, tools)
+        self.addCleanup(sys.path.remove, tools)
+        import matrix
+        self.matrix = matrix
+        self.folder = self.make_dir()
+        self.tree = os.path.join(self.folder, "tree")
+        os.makedirs(os.path.join(self.tree, "docs"))
+        subprocess.check_call(["git", "init", "-q", self.tree])
+        self.library = self.make_file("library.so", "1", self.folder)
+        self.source = self.make_file("source.cpp", "1", self.tree)
+
+    def keep(self):
+        return self.matrix.tKept(self.tree, os.path.join(self.folder, "build"), [self.library])
+
+    def store(self, kept, item, *statuses):
+        self.make_file(item.name + ".json", json.dumps({"results": results(*statuses)}), kept.folder)
+
+    def test_rows_are_good_while_nothing_changes(self):
+        item = tPlayed("a", "3.9")
+        kept = self.keep()
+        self.assertIsNone(kept.rows_of(item))
+        self.store(kept, item, "passed", "skipped")
+        self.assertTrue(self.keep().is_good(item))
+        self.make_file("matrix.md", "the page", os.path.join(self.tree, "docs"))
+        self.assertTrue(self.keep().is_good(item))
+        for path in (self.library, self.source):
+            self.store(self.keep(), item, "passed")
+            with io.open(path, "a") as out:
+                out.write(u"2")
+            self.assertFalse(self.keep().is_good(item))
+
+    def test_row_with_a_failure_runs_again(self):
+        item = tPlayed("a", "3.9")
+        kept = self.keep()
+        self.store(kept, item, "passed", "failed")
+        self.assertEqual(len(kept.rows_of(item)), 2)
+        self.assertFalse(kept.is_good(item))
+
+    def test_row_is_older_than_its_interpreter(self):
+        item = tPlayed("a", "3.9")
+        kept = self.keep()
+        self.store(kept, item, "passed")
+        os.utime(os.path.join(kept.folder, "a.json"), (1, 1))
+        self.assertIsNone(kept.rows_of(item))
+
+    def page(self, items, rows, not_built=()):
+        data = os.path.join(self.tree, "tests", "data")
+        os.makedirs(data)
+        self.make_file("layouts.json", json.dumps({"rows": [
+            {"version": "3.12", "bits": 32, "variant": "release"}]}), data)
+        self.matrix.write(self.tree, items, rows, set(not_built), [(2, "no x|y", "a")])
+        with io.open(os.path.join(self.tree, "docs", "matrix.md"), encoding="utf-8") as page:
+            return page.read()
+
+    def test_page_has_no_empty_cell(self):
+        items = [tPlayed("a", "3.9"), tPlayed("b", "2.7", 32, "trace_refs")]
+        page = self.page(items, {"a": results("passed", "failed", "passed", "skipped")}, [("3.14", "trace_refs")])
+        cells = {tuple(line.split(" | ")[:2]): line.strip("|\n").split(" | ")[2:]
+                 for line in page.split("## C libraries")[0].splitlines() if line.startswith(("| 2.", "| 3."))}
+        self.assertEqual(len(cells), 2 * len(self.matrix.kVersions))
+        for row in cells.values():
+            self.assertEqual(len(row), len(self.matrix.kVariants))
+            self.assertNotIn("", [cell.strip() for cell in row])
+        self.assertEqual(cells["| 3.9", "64"][0].strip(), "2 / 1 (glibc 2.31)")
+        self.assertEqual(cells["| 2.7", "32"][1].strip(), "not finished (glibc 2.31)")
+        self.assertEqual(cells["| 3.9", "64"][3].strip(), self.matrix.kDash)
+        for letter in {cell.strip() for row in cells.values() for cell in row if len(cell.strip()) == 1}:
+            if letter != self.matrix.kDash:
+                self.assertIn("- **{}**: ".format(letter), page)
+        self.assertIn("- a: test_x.X.test_1\n", page)
+        self.assertIn("| 2 | no x\\|y | a |", page)
+
+    def test_reasons_tell_what_stands_for_the_missing(self):
+        why = self.matrix.why_missing
+        self.assertIn("nothing but names", why("2.6", 64, "release", set(), set()))
+        self.assertIn("nothing but names", why("3.4", 32, "trace_refs", set(), set()))
+        self.assertIn("neighbour", why("3.12", 32, "release", set(), set()))
+        self.assertNotIn("offsets", why("3.12", 32, "release", set(), set()))
+        self.assertIn("offsets", why("3.12", 32, "release", {("3.12", 32, "release")}, set()))
+        lock_off = why("3.14", 64, "free_threaded_no_lock", {("3.14", 64, "free_threaded")}, {("3.14", "free_threaded")})
+        self.assertIn("source package", lock_off)
+        self.assertIn("offsets", lock_off)
