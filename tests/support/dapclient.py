@@ -10,6 +10,7 @@ sleeps: every wait ends with the message, with the end of the stream, or fails a
 """
 from __future__ import absolute_import, division, print_function
 
+import fcntl
 import json
 import os
 import shutil
@@ -44,10 +45,14 @@ class Refused(AssertionError):
 
 
 class DapClient(object):
-    """read(size) and write(bytes) of the other side's stream; close() ends both."""
+    """read(size) and write(bytes) of the other side's stream; close() ends both.
 
-    def __init__(self, read, write, close):
-        self._read, self._write, self._close = read, write, close
+    let_go(): called by the thread that reads when it does so no more; a descriptor that is closed
+    under it could be another file's when it reads on.
+    """
+
+    def __init__(self, read, write, close, let_go=lambda: None):
+        self._read, self._write, self._close, self._let_go = read, write, close, let_go
         self._changed = threading.Condition()
         self._responses = {}  # request_seq -> response
         self._seq = 0
@@ -108,7 +113,8 @@ class DapClient(object):
         """Body of the first event not yet taken that has the name and satisfies predicate(body)."""
         def find():
             for event in self.events:
-                if event["event"] == name and (predicate is None or predicate(event.get("body") or {})):
+                if event["event"] == name and (predicate is None
+                                               or predicate(event.get("body") or {})):
                     self.events.remove(event)
                     return event
         return self._wait(find, "event " + name, seconds).get("body") or {}
@@ -164,6 +170,7 @@ class DapClient(object):
                     self._take(message)
                     self._changed.notify_all()
         finally:
+            self._let_go()
             with self._changed:
                 self.at_end = True
                 self._changed.notify_all()
@@ -216,7 +223,8 @@ class DapClient(object):
         return self.capabilities
 
     def start_session(self, arguments=None, request="launch", breakpoints=None, initialize=None):
-        """initialize, launch or attach, breakpoints ({path: [line or SourceBreakpoint]}), configurationDone.
+        """initialize, launch or attach, breakpoints ({path: [line or SourceBreakpoint]}),
+        configurationDone.
 
         Returns the bodies of the answers to setBreakpoints, by path.
         """
@@ -241,13 +249,15 @@ class DapClient(object):
             if not isinstance(row["line"], int):
                 row["line"] = marks_of(path)[row["line"]]
             rows.append(row)
-        return self.request("setBreakpoints", {"source": {"path": path}, "breakpoints": rows})["breakpoints"]
+        return self.request("setBreakpoints",
+                            {"source": {"path": path}, "breakpoints": rows})["breakpoints"]
 
     def wait_stopped(self, reason=None, seconds=None):
         """Body of the next `stopped`; fails when the reason is another."""
         stop = self.wait_event("stopped", seconds=seconds)
         if reason is not None and stop["reason"] != reason:
-            raise AssertionError("stopped for {!r} ({!r}), not {!r}".format(stop["reason"], stop, reason))
+            raise AssertionError(
+                "stopped for {!r} ({!r}), not {!r}".format(stop["reason"], stop, reason))
         return stop
 
     def stack(self, thread_id, **more):
@@ -290,7 +300,8 @@ class DapClient(object):
     def locals_of(self, frame_id):
         """{name: text} of the frame's first scope."""
         scope = self.request("scopes", {"frameId": frame_id})["scopes"][0]
-        rows = self.request("variables", {"variablesReference": scope["variablesReference"]})["variables"]
+        rows = self.request("variables",
+                            {"variablesReference": scope["variablesReference"]})["variables"]
         return {row["name"]: row["value"] for row in rows}
 
     def wait_exit(self, seconds=None):
@@ -313,7 +324,8 @@ def wait_for_process(process, seconds=None):
 
 
 def client_of_socket(connected):
-    return DapClient(connected.recv, connected.sendall, lambda: (connected.shutdown(2), connected.close()))
+    return DapClient(connected.recv, connected.sendall, lambda: connected.shutdown(2),
+                     connected.close)
 
 
 def client_of_process(process):
@@ -324,13 +336,20 @@ def client_of_process(process):
 
     def close():
         process.stdin.close()
-    client = DapClient(lambda size: os.read(process.stdout.fileno(), size), write, close)
+    # The reader's own: whoever ends the process closes the other one.
+    reading = os.dup(process.stdout.fileno())
+    if sys.version_info[0] == 2:  # where children would inherit it
+        fcntl.fcntl(reading, fcntl.F_SETFD, fcntl.FD_CLOEXEC)
+    client = DapClient(
+        lambda size: os.read(reading, size), write, close, lambda: os.close(reading))
     client.process = process
     return client
 
 
-def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session=None, inherited=(), **streams):
-    """A program in the debugger with this client at the other end of its socket, without an adapter.
+def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session=None,
+                   inherited=(), **streams):
+    """A program in the debugger with this client at the other end of its socket, without an
+    adapter.
 
     program: a path, or a list such as ["-m", "module"].  inherited: descriptors that it gets, too.
     streams: stdin, stdout, stderr of Popen.
@@ -399,7 +418,8 @@ def adapter_argv(*arguments):
 def start_adapter(test, *arguments, **options):
     """A client of an adapter that speaks through its standard streams."""
     process = subprocess.Popen(
-        adapter_argv(*arguments), stdin=subprocess.PIPE, stdout=subprocess.PIPE, close_fds=True, **options)
+        adapter_argv(*arguments), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        close_fds=True, **options)
     test.addCleanup(end_process, process)
     client = client_of_process(process)
     test.addCleanup(client.close)
