@@ -40,30 +40,29 @@ def start(startup_folder, loaded):
     settings = ast.literal_eval(os.environ[kVariable])
     original_environment = dict(os.environ)
     _clear_traces(startup_folder, settings)
-    # Libraries below us keep files open (libffi does): not with a number that the program
-    # counts on.
-    taken = _take_low_descriptors()
-    try:
-        server = _make_server(settings, original_environment)
-    except Exception as why:
-        _give_up("{}: {}".format(type(why).__name__, why), settings)
-    finally:
-        for descriptor in taken:
-            os.close(descriptor)
-    _forget_modules(loaded)
-    try:
-        _import_real_hook_module()
-    finally:
-        server.start_with_program()
+
+    def make_server():
+        try:
+            return _make_server(settings, original_environment)
+        except Exception as why:
+            _give_up("{}: {}".format(type(why).__name__, why), settings)
+    _start_server(make_server, loaded)
 
 
 def _start_child(startup_folder, loaded):
     """A process that the program has started.  It runs as it would, with or without a client."""
     from tdbg import children
 
+    _start_server(lambda: children.start(startup_folder), loaded)
+
+
+def _start_server(make, loaded):
+    """make() gives a server, or None where nothing is to be debugged."""
+    # Libraries below us keep files open (libffi does): not with a number that the program
+    # counts on.
     taken = _take_low_descriptors()
     try:
-        server = children.start(startup_folder)
+        server = make()
     finally:
         for descriptor in taken:
             os.close(descriptor)
