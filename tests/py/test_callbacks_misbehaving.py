@@ -49,6 +49,7 @@ class Misbehaving(scenario.Server):
         super(Misbehaving, self).__init__(tracer)
         self.kind, self.deed, self.times = kind, deed, times
         self.done, self.left = 0, []
+        self.children, self.is_child = [], False
         self.idle_period = 1.0 if kind == "idle" else 0.0
 
     def guarded(self, callback):
@@ -136,6 +137,94 @@ def call_all(server, arguments):
                 pass
 
 
+def forget_locals(server, arguments):
+    """The variables of the frames that it is told of; from 3.13 on they cannot be deleted, but set."""
+    for frame in arguments:
+        names = getattr(frame, "f_locals", None)
+        if hasattr(names, "clear"):
+            names.clear()
+        elif names is not None:
+            for name in list(names):
+                names[name] = None
+        if names is not None:
+            server.tracer.PyFrame_LocalsToFast(frame, 1)
+
+
+kArguments = {  # of functions that need some, and of those whose turn is not in call_all()
+    "set_break": ("steps.py", "", 3, 1, 1, "1 // 0", 2), "clear_breaks": ("steps.py", 3),
+    "enable_breaks": ("steps.py", 3, 0), "ignore_breaks": ("steps.py", 3, 1),
+    "set_breaks_cond": ("steps.py", 3, "wrong ("), "get_breaks": ("steps.py", 3),
+    "get_file_breaks": ("steps.py",), "enable_checksums": (0,), "set_autoquit": (0,),
+    "step_over_line_range": (1, 2), "step_out_to_frame": (None,), "raise_exception": (0, None),
+    "ignore_exception_loc": ("steps.py", 3, 1), "exception_loc_ignored": ("steps.py", 3),
+    "set_always_stop_excepts": ((ZeroDivisionError,),), "set_never_stop_excepts": ((OSError,),),
+    "set_exc_catch_info_list": ([],), "register_module": (scenario.steps,),
+    "lookup_canonical_pathname": ("steps.py",), "register_canonical_pathname": ("steps.py", None),
+    "get_curr_frame": (0,), "get_thread_name": (0,), "sub_language_get_active_hook": (0,),
+    "set_debug_thread_cb": (None,), "set_use_eval_frame": (0,), "is_botframe": (None,),
+    "get_frame_file": (None,), "is_internal_frame": (None,), "set_dprintf_file": (None, -1, 0),
+    "set_debug_all_threads": (1,), "set_dprintf_mask": (84,), "set_exception_mode": (5,),
+    "set_idle_period": (1.0,), "set_save_and_restore_errno": (1,), "set_use_idle_thread": (0,),
+    "set_use_canonical_pathnames": (1,), "get_thread_ident_for_tstate_id": (0,),
+    "PyFrame_LocalsToFast": (None, 0), "add_to_tstate_tracing": (0,), "set_tstate_use_tracing": (1,),
+    "acquire_dbgserver_mutex": (), "release_dbgserver_mutex": (), "fork_ok": (),
+}
+
+
+def call_with_arguments(server, arguments):
+    """Some are refused, with an exception."""
+    for name, values in sorted(kArguments.items()):
+        try:
+            getattr(server.tracer, name)(*values)
+        except (TypeError, RuntimeError, IndexError):
+            pass
+
+
+def begin_anew(server, arguments):
+    server.tracer.reset()
+    server.tracer.start_trace()
+
+
+def initialise(server, arguments):
+    server.init(1)
+    server.tracer.start_trace()
+
+
+def break_here(server, arguments):
+    server.tracer.breakpointhook()
+
+
+def fork(server, arguments):
+    """The child is accepted, computes and ends."""
+    child = os.fork()
+    if child == 0:
+        status = 1
+        try:
+            server.tracer.fork_ok()
+            status = 0 if scenario.steps.add(1, 2) == 3 else 2
+        finally:
+            os._exit(status)
+    server.children.append(child)
+    wait_for_children(server)
+
+
+def fork_and_go_on(server, arguments):
+    """Both run the rest of the program."""
+    child = os.fork()
+    if child == 0:
+        server.is_child, server.times, server.children = True, 0, []
+        server.tracer.fork_ok()
+    else:
+        server.children.append(child)
+
+
+def wait_for_children(server):
+    while server.children:
+        status = os.waitpid(server.children.pop(), 0)[1]
+        if status:
+            server.troubles.append("a child ended with {}".format(status))
+
+
 def end_everything(server, arguments):
     server.tracer.destroy()
 
@@ -202,6 +291,12 @@ kQuietDeeds = {
     "returns a list": returns([(1,), None, ("", Nonsense()), ("/", "x"), Nonsense()]),
     "spoils frames": spoil_frames,
     "calls all functions": call_all,
+    "calls functions with arguments": call_with_arguments,
+    "begins anew": begin_anew,
+    "initialises": initialise,
+    "breaks here": break_here,
+    "forks": fork,
+    "forks and goes on": fork_and_go_on,
     "ends everything": end_everything,
     "ends and starts": end_and_start,
     "ends the thread": end_the_thread,
@@ -225,6 +320,10 @@ def run_session(kind, deed, interrupted=False):
     interruptions = []
     try:
         run_with(server)
+        if server.is_child:
+            sys.stderr.write("".join(text + "\n" for text in server.troubles))
+            os._exit(1 if server.troubles else 0)
+        wait_for_children(server)
     except (KeyboardInterrupt, SystemExit, Raised, StopIteration) as why:
         interruptions.append(type(why).__name__)
     except RuntimeError as why:  # at the recursion limit
@@ -303,6 +402,19 @@ def _add_interruption(name, deed):
                 wrong.append((kind, outcome))
         self.assertEqual(wrong, [])
     setattr(Callbacks, "test_interrupted_by_" + name.replace(" ", "_"), test)
+
+
+@needs("fork")
+class Locals(TestCase):
+    kKinds = ("line", "returns", "exception", "_StopHere", "_TranslateFrame", "_GetStepOutFrame")
+
+    @time_limit(120)
+    def test_forgotten(self):
+        """The program misses its variables, and that is all."""
+        for kind in self.kKinds:
+            answer, why = in_child(lambda: run_session(kind, forget_locals))
+            self.assertIsNone(answer.get("raised") or why, kind)
+            self.assertEqual((answer["again"], answer["done"] > 0), ([], True), kind)
 
 
 for _name, _deed in kQuietDeeds.items():
