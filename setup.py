@@ -1,8 +1,8 @@
 """The part of the package that is not declared in pyproject.toml: the native core.
 
 It imports no library of the interpreter and is built once per word size, so one wheel serves all
-versions.  TDBG_BITS=32 in the environment builds the one for 32 bits; TDBG_LIBRARY names a library that
-has been built already.
+versions.  TDBG_BITS=32 in the environment builds the one for 32 bits; TDBG_LIBRARY names a library
+that has been built already.
 """
 import os
 import shutil
@@ -35,7 +35,8 @@ def build_library(folder):
         "cmake", "-S", kHere, "-B", folder, "-DCMAKE_BUILD_TYPE=Release", "-DTDBG_BUILD_TESTS=OFF",
         "-DTDBG_M32=" + ("ON" if bits() == "32" else "OFF")])
     subprocess.check_call([
-        "cmake", "--build", folder, "--target", "tdbgtracer", "--parallel", str(os.cpu_count() or 1)])
+        "cmake", "--build", folder, "--target", "tdbgtracer", "--parallel",
+        str(os.cpu_count() or 1)])
     return os.path.join(folder, kLibrary)
 
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compare this debugger with debugpy through the same client, in turns: one table.
 
-debugpy is Debian's package as tools/fetch-clients unpacks it; it has compiled parts for 3.13.  Times are the
-least of all rounds, for whatever else the machine does only adds to them.
+debugpy is Debian's package as tools/fetch-clients unpacks it; it has compiled parts for 3.13.
+Times are the least of all rounds, for whatever else the machine does only adds to them.
 
   bench/adapters.py --python ~/.pyenv/versions/3.13.0/bin/python [--lib build/64] [--rounds 5]
 """
@@ -24,12 +24,14 @@ from support import dapclient  # noqa: E402
 kSteps = 100
 kLoops = 1000000
 kSeconds = 120
-kClients = os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "tdbg", "clients")
+kClients = os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"),
+                        "tdbg", "clients")
 kDebugpy = os.path.join(kClients, "debugpy", "usr", "lib", "python3", "dist-packages")
 
 kStart = "def work():\n    x = 1  #@ here\n    return x\n\n\nwork()\n"
 kSteppers = "def work():\n    x = 1  #@ here\n" + "    x += 1\n" * (kSteps + 5) + "\n\nwork()\n"
-kWide = "def work():\n" + "".join("    v{0} = {0}\n".format(n) for n in range(1000)) + "    return v0  #@ here\n\n\nwork()\n"
+kWide = ("def work():\n" + "".join("    v{0} = {0}\n".format(n) for n in range(1000))
+         + "    return v0  #@ here\n\n\nwork()\n")
 kHot = """\
 import time
 
@@ -64,7 +66,8 @@ class tPeer:
             env=dict(os.environ, **self.variables))
         client = dapclient.client_of_process(process)
         # The client's thread must not read from what is opened next under the same number.
-        cleanups += [lambda: dapclient.end_process(process), client.wait_end, process.kill, client.close]
+        cleanups += [lambda: dapclient.end_process(process), client.wait_end, process.kill,
+                     client.close]
         return client
 
 
@@ -72,7 +75,8 @@ class tBench:
     def __init__(self, python, library, folder):
         self.python, self.folder = python, folder
         self.peers = [
-            tPeer("tdbg", [python, os.path.join(kRepository, "debug", "tdbg"), "--library", library, "adapter"], {}),
+            tPeer("tdbg", [python, os.path.join(kRepository, "debug", "tdbg"), "--library", library,
+                           "adapter"], {}),
             tPeer("debugpy", [python, "-m", "debugpy.adapter"], {"PYTHONPATH": kDebugpy})]
         self.best = {}
 
@@ -81,13 +85,15 @@ class tBench:
         row[peer] = min(row.get(peer, value), value)
 
     def file_of(self, text):
-        path = os.path.join(self.folder, "prog{}.py".format(len(text)))  # the client remembers marks by the name
+        # the client remembers marks by the name
+        path = os.path.join(self.folder, "prog{}.py".format(len(text)))
         with open(path, "w") as out:
             out.write(text)
         return path
 
     def session(self, peer, text, marks, measure):
-        """measure(client, began, thread) at the first stop; times are counted from the start of the adapter."""
+        """measure(client, began, thread) at the first stop;
+        times are counted from the start of the adapter."""
         path = self.file_of(text)
         cleanups = []
         try:
@@ -96,8 +102,8 @@ class tBench:
             client.initialize()
             launched = time.perf_counter()
             client.start_session(
-                {"program": path, "console": "internalConsole", "cwd": self.folder, "redirectOutput": True,
-                 "subProcess": False, "python": self.python},
+                {"program": path, "console": "internalConsole", "cwd": self.folder,
+                 "redirectOutput": True, "subProcess": False, "python": self.python},
                 breakpoints={path: marks})
             thread = client.wait_stopped("breakpoint", kSeconds)["threadId"]
             stopped = time.perf_counter()
@@ -136,7 +142,8 @@ class tBench:
         def measure(client, thread, *_):
             frame = client.stack(thread)[0]["id"]
             began = time.perf_counter()
-            reference = client.request("scopes", {"frameId": frame})["scopes"][0]["variablesReference"]
+            reference = client.request("scopes",
+                                       {"frameId": frame})["scopes"][0]["variablesReference"]
             rows = client.request("variables", {"variablesReference": reference})["variables"]
             seconds = time.perf_counter() - began
             assert sum(row["name"].startswith("v") for row in rows) == 1000, (peer.name, rows[:3])
@@ -164,7 +171,8 @@ class tBench:
         text = subprocess.check_output([self.python, path]).decode()
         for what in ("breakpoint in another function, s", "breakpoint in the hot function, s"):
             self.note(what, "no debugger", float(text.split()[1]))
-        waiting = subprocess.Popen([self.python, "-c", "import time; print(1, flush=True); time.sleep(600)"],
+        waiting = subprocess.Popen([self.python, "-c",
+                                    "import time; print(1, flush=True); time.sleep(600)"],
                                    stdout=subprocess.PIPE)
         waiting.stdout.readline()
         self.note("memory of the stopped program, MB", "no debugger", memory_of(waiting.pid))
@@ -180,8 +188,10 @@ def memory_of(pid):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--python", required=True, help="the interpreter, of 3.13 for debugpy's compiled parts")
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--python", required=True,
+                        help="the interpreter, of 3.13 for debugpy's compiled parts")
     parser.add_argument("--lib", default=os.path.join(kRepository, "build", "64"))
     parser.add_argument("--rounds", type=int, default=5)
     arguments = parser.parse_args()
@@ -197,7 +207,8 @@ def main():
     names = ["tdbg", "debugpy", "no debugger"]
     print("| | " + " | ".join(names) + " |\n|---|" + "---|" * len(names))
     for what, row in bench.best.items():
-        print("| {} | {} |".format(what, " | ".join("{:.3g}".format(row[name]) if name in row else "" for name in names)))
+        print("| {} | {} |".format(
+            what, " | ".join("{:.3g}".format(row[name]) if name in row else "" for name in names)))
 
 
 if __name__ == "__main__":

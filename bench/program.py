@@ -98,6 +98,7 @@ class Program(object):
         __import__('imports_all')
 
     def other_places(self, count):
-        """(file, line) of `count` breakpoints in other files; all lines of a file, then the next."""
+        """(file, line) of `count` breakpoints in other files;
+        all lines of a file, then the next."""
         return [(path, line) for path in self.other_paths
                 for line in range(1, OTHER_LINES + 1)][:count]

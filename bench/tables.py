@@ -97,7 +97,8 @@ def hot_table(all_figures):
             ratios = [show(figures.ratio(prefix + place)) for place in kPlaces]
             if any(ratios):
                 rows.append([name, debugger] + ratios)
-        rows.append([name, 'empty function', show(figures.ratio('empty'))] + [''] * (len(kPlaces) - 1))
+        rows.append([name, 'empty function', show(figures.ratio('empty'))]
+                    + [''] * (len(kPlaces) - 1))
     return make_table(head, rows)
 
 

@@ -7,8 +7,8 @@ A variant is a function that switches its kind of tracing on in a fresh process.
   tracer        the tracer, nothing to stop at, idle period 1 s
   tracer-idle   the same with the idle thread (3.7 and later), which lets it switch lines off
   tracer-noeval the same as tracer without the eval-frame hook
-  monitoring    sys.monitoring asking at the start of each function, and never again (3.12 and later):
-                what debuggers built on it cost in code without breakpoints
+  monitoring    sys.monitoring asking at the start of each function, and never again (3.12 and
+                later): what debuggers built on it cost in code without breakpoints
 """
 from __future__ import absolute_import, division, print_function
 
@@ -133,4 +133,5 @@ def monitoring():
 
 
 VARIANTS = [('untraced', untraced), ('empty', empty), ('empty-off', empty_off), ('tracer', tracer),
-            ('tracer-idle', tracer_idle), ('tracer-noeval', tracer_noeval), ('monitoring', monitoring)]
+            ('tracer-idle', tracer_idle), ('tracer-noeval', tracer_noeval),
+            ('monitoring', monitoring)]

@@ -170,7 +170,8 @@ class Loading(unittest.TestCase):
     def test_no_code_of_ours_runs_at_load_time(self):
         # One entry each is the compiler's own (frame_dummy, __do_global_dtors_aux).
         word = 8 if "ELF64" in readelf("--file-header") else 4
-        sizes = dict(re.findall(r"\((INIT_ARRAYSZ|FINI_ARRAYSZ)\)\s+(\d+) \(bytes\)", readelf("--dynamic")))
+        sizes = dict(re.findall(r"\((INIT_ARRAYSZ|FINI_ARRAYSZ)\)\s+(\d+) \(bytes\)",
+                                readelf("--dynamic")))
         for name, size in sizes.items():
             self.assertLessEqual(int(size), word, name)
 
@@ -186,7 +187,8 @@ class Loading(unittest.TestCase):
         self.assertNotRegex(stack[0], r"\bRWE\b|\bR?W?E\b")
 
     def test_stacks_are_guarded(self):
-        self.assertIn("__stack_chk_fail", {symbol.name for symbol in read_symbols() if not symbol.defined})
+        self.assertIn("__stack_chk_fail",
+                      {symbol.name for symbol in read_symbols() if not symbol.defined})
 
     def test_nothing_is_searched_in_a_directory_of_the_builder(self):
         self.assertNotRegex(readelf("--dynamic"), r"\((RPATH|RUNPATH)\)")

@@ -74,7 +74,8 @@ kDebianSuite = re.compile(
 
 def find_mirrors():
     """{"main": address, "security": address or None} from the system's own apt configuration."""
-    text = run(["apt-get", "indextargets", "--format", "$(REPO_URI)|$(RELEASE)", "Created-By: Packages"], 30)
+    text = run(["apt-get", "indextargets", "--format", "$(REPO_URI)|$(RELEASE)",
+                "Created-By: Packages"], 30)
     mirrors = {"main": None, "security": None}
     for line in text.splitlines():
         address, _, suite = line.strip().partition("|")
@@ -142,7 +143,8 @@ class tApt:
             kind = "security" if suite.endswith("-security") else "main"
             if mirrors[kind] is None:
                 raise tFailure("apt's configuration names no archive of security updates")
-            lines.append("{} [arch={}] {} {} main\n".format(self.kind, self.arch, mirrors[kind], suite))
+            lines.append("{} [arch={}] {} {} main\n".format(self.kind, self.arch,
+                                                            mirrors[kind], suite))
         with open(os.path.join(self.home, "etc", "sources.list"), "w") as out:
             out.writelines(lines)
 
@@ -191,10 +193,12 @@ class tApt:
         with open(self.config, "w") as out:
             out.write("".join(line + "\n" for line in system_settings()))
             out.write("".join('{} "{}";\n'.format(name, value) for name, value in settings.items()))
-            out.write('#clear APT::Architectures;\nAPT::Architectures {{ "{}"; }};\n'.format(self.arch))
+            out.write(
+                '#clear APT::Architectures;\nAPT::Architectures {{ "{}"; }};\n'.format(self.arch))
 
     def call(self, seconds, *argv, cwd=None):
-        env = dict(os.environ, APT_CONFIG=self.config, LC_ALL="C.UTF-8", DEBIAN_FRONTEND="noninteractive")
+        env = dict(os.environ, APT_CONFIG=self.config, LC_ALL="C.UTF-8",
+                   DEBIAN_FRONTEND="noninteractive")
         return run(list(argv), seconds, env=env, cwd=cwd or self.home)
 
     def update(self):
@@ -218,7 +222,8 @@ class tApt:
         """Folder with the verified files of the newest source package of that name."""
         folder = os.path.join(self.home, "source", package)
         os.makedirs(folder, exist_ok=True)
-        self.call(kDownloadSeconds, "apt-get", "-q", "--download-only", "source", package, cwd=folder)
+        self.call(kDownloadSeconds, "apt-get", "-q", "--download-only", "source",
+                  package, cwd=folder)
         return folder
 
     def archive_of(self, name, version):

@@ -1,7 +1,8 @@
 """A debugger for programs of Python 2.7 and 3.6 to 3.14.
 
 tdbg.set_trace() in a program stops it there, whether it runs under the debugger or not
-tdbg.listen(), tdbg.connect() let an editor attach to the program; tdbg.wait_for_client() waits for it
+tdbg.listen(), tdbg.connect() let an editor attach to the program
+tdbg.wait_for_client() waits for it
 tdbg.register_sub_language() tells of a language that the program implements: templates, say
 tdbg.post_mortem() shows where an exception was raised; tdbg.pm() the last one that was printed
 
@@ -17,8 +18,8 @@ from __future__ import absolute_import, division, print_function
 import functools
 
 __all__ = [
-    "connect", "dbgserver", "listen", "pm", "post_mortem", "register_sub_language", "set_trace", "terminal",
-    "wait_for_client"]
+    "connect", "dbgserver", "listen", "pm", "post_mortem", "register_sub_language",
+    "set_trace", "terminal", "wait_for_client"]
 
 
 class _Attaching(object):

@@ -14,7 +14,8 @@ _front_end = None  # of this process
 _door = None
 
 
-def listen(address=("127.0.0.1", 0), token=None, token_file=None, no_token=False, allow_remote=False):
+def listen(address=("127.0.0.1", 0), token=None, token_file=None, no_token=False,
+           allow_remote=False):
     """Let an editor attach; (host, port) that it has to connect to.
 
     address is a port or (host, port); port 0 is any.  The token is given, in a file that only its
@@ -55,7 +56,8 @@ def connect(address, token=None):
     connected = endpoint.connect(host, port)
     if token is None and not endpoint.is_of_this_user(connected):
         connected.close()
-        raise endpoint.tRefused("who listens on {}:{} is another user: that needs a token".format(host, port))
+        raise endpoint.tRefused(
+            "who listens on {}:{} is another user: that needs a token".format(host, port))
     serve.begin_with_token(start(), connected, token)
 
 
@@ -110,7 +112,8 @@ def take_over(front_end):
 
 
 def _is_served():
-    return _front_end is not None and (_front_end.is_launched or _door is not None or _front_end.session is not None)
+    return _front_end is not None and (_front_end.is_launched or _door is not None
+                                       or _front_end.session is not None)
 
 
 def _address(address):

@@ -69,8 +69,8 @@ class tExceptions(object):
         self._tell_mode()
 
     def pass_in(self, is_foreign):
-        """is_foreign: function (frame) -> whether what is raised there stops only where it comes out,
-        if everything that is raised stops."""
+        """is_foreign: function (frame) -> whether what is raised there stops only where it comes
+        out, if everything that is raised stops."""
         self._is_hidden = is_foreign
 
     # --- the user's rules ---

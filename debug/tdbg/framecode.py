@@ -43,7 +43,8 @@ kFutureFlags = _future_flags()
 
 
 _count_references = sys.getrefcount
-kOwnReferences = 3  # of a frame's dict in forget_snapshot(): the frame's, the variable, the argument
+# of a frame's dict in forget_snapshot(): the frame's, the variable, the argument
+kOwnReferences = 3
 
 
 class tRefusal(Exception):
@@ -188,8 +189,8 @@ def _all_names(code):
 class _tNames(dict):
     """A frame's variables and some more, as locals of what is run.
 
-    New names come into the frame at the end: one that is bound and deleted again, as `except ... as`
-    does, could not be taken out of it since 3.13.
+    New names come into the frame at the end: one that is bound and deleted again, as `except ...
+    as` does, could not be taken out of it since 3.13.
     """
 
     def __init__(self, names, extra):
@@ -260,7 +261,9 @@ def _run_in_snapshot(code, frame, names, extra):
         return eval(code, snapshot, _tSnapshot(names, snapshot))
     finally:
         for name in _all_names(code):  # `global x` assigns to the snapshot
-            if name in snapshot and snapshot[name] is not before.get(name, code) and name not in names:
+            if name not in snapshot or snapshot[name] is before.get(name, code):
+                continue
+            if name not in names:
                 frame.f_globals[name] = snapshot[name]
 
 
@@ -287,7 +290,8 @@ def _run_as_function(tree, frame, names, extra, waits):
         else:
             cells[name] = _make_empty_cell()
     function = _function_type(
-        inner, frame.f_globals, kFunctionName, None, tuple(cells[name] for name in inner.co_freevars))
+        inner, frame.f_globals, kFunctionName, None,
+        tuple(cells[name] for name in inner.co_freevars))
     try:
         return _wait_for(function()) if waits else function()
     finally:
@@ -302,7 +306,8 @@ def _wrap(tree, free, kept, is_module, waits):
     lines += ["    global " + kFunctionName]  # so it is the outermost in names of what is in it
     lines += ["    {}def {}():".format("async " if waits else "", kFunctionName)]
     if kept:
-        lines += ["        {} {}".format("global" if is_module else "nonlocal", ", ".join(sorted(kept)))]
+        lines += ["        {} {}".format("global" if is_module else "nonlocal",
+                                         ", ".join(sorted(kept)))]
     lines += ["        return 0"]
     module = ast.parse("\n".join(lines))
     function = module.body[0].body[-1]
@@ -349,7 +354,8 @@ def _wait_for(coroutine):
     running = getattr(asyncio, "_get_running_loop", lambda: None)()
     if running is not None:
         coroutine.close()
-        raise tRefusal("await is not possible here: the event loop of this thread is in the stopped code")
+        raise tRefusal("await is not possible here: the event loop of this thread is in the "
+                       "stopped code")
     if asyncio is not None:
         loop = asyncio.new_event_loop()
         try:

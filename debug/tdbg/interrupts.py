@@ -70,7 +70,8 @@ class tInterrupts(object):
         return default_int_handler
 
     def _take_again(self):
-        if _get_signal(_kInterrupt) is _real_handler and compat.signal.default_int_handler is self._handler:
+        if _get_signal(_kInterrupt) is _real_handler and (
+                compat.signal.default_int_handler is self._handler):
             _set_signal(_kInterrupt, self._handler)
 
     def begin_prompt(self):

@@ -1,5 +1,5 @@
-"""What is shown of a language that is implemented in Python: activations in the place of frames, lines
-of its files in the place of source."""
+"""What is shown of a language that is implemented in Python: activations in the place of frames,
+lines of its files in the place of source."""
 from __future__ import absolute_import, division, print_function
 
 import io

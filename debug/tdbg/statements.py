@@ -216,7 +216,8 @@ def _call_at_position(code, offset, calls):
     for index, call in enumerate(calls):
         if (call.end_line, call.end_column) == (end_line, end_column):
             # A call of a method begins, for the interpreter, with the method's name.
-            if (call.line, call.column) == (line, column) or (call.line, call.column) < (line, column):
+            if (call.line, call.column) == (line, column) or (call.line,
+                                                              call.column) < (line, column):
                 return index
     return None
 

@@ -40,8 +40,8 @@ class tStop(object):
               instead of an instance
     catcher   (frame, line) of the `except` clause that was foreseen to catch the exception, or None
     hits      [breakpoints.tHit]: the breakpoints that stop here, whatever the reason
-    stack     [(frame, line)], the outermost first; frames of the debugger are left out.  A frame may
-              be a sublanguages.tFrameView: code of a language that the program implements
+    stack     [(frame, line)], the outermost first; frames of the debugger are left out.  A frame
+              may be a sublanguages.tFrameView: code of a language that the program implements
     index     position in `stack` of the frame to show first
     is_within_line  the frame is in the middle of its line: it waits in native code, perhaps
     """

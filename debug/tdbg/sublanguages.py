@@ -1,11 +1,11 @@
 """Languages implemented in Python, which the user steps through as if they were source.
 
-A template engine, a runner of notebook cells: what executes is Python, but what the user has written
-is something else.  A program tells about its language by an object (docs/sublanguages.md has the
-interface), in which a few functions of the implementation are named: those whose call enters the
-language, and those whose frames stand at a line of it.  The core gets one tHook for each such
-object (languagehooks.py); it is asked at every event of such a frame.  What the user sees of these
-frames are tFrameViews, one for each activation of a template (languageviews.py).
+A template engine, a runner of notebook cells: what executes is Python, but what the user has
+written is something else.  A program tells about its language by an object (docs/sublanguages.md
+has the interface), in which a few functions of the implementation are named: those whose call
+enters the language, and those whose frames stand at a line of it.  The core gets one tHook for each
+such object (languagehooks.py); it is asked at every event of such a frame.  What the user sees of
+these frames are tFrameViews, one for each activation of a template (languageviews.py).
 
 Stepping: the core does not know the language's lines, so a step in one is planned here, as the
 activations in which it may end.  The core goes on to the nearest caller in Python.
@@ -125,8 +125,10 @@ class tLanguages(object):
             raise ValueError("{} has been imported".format(name))
 
     def ready(self):
-        """{name: whether it is in force, is wanted, or neither}, for kReady: "on", "waits", "off"."""
-        return dict((name, "off" if name in self._off else "waits" if name in self._waiting else "on")
+        """{name: whether it is in force, is wanted, or neither}, for kReady:
+        "on", "waits", "off"."""
+        return dict((name,
+                     "off" if name in self._off else "waits" if name in self._waiting else "on")
                     for name in kReady)
 
     def _begin_ready(self, name):

@@ -38,19 +38,21 @@ def install(source, folder):
 def run_npm(folder):
     try:
         done = subprocess.run(
-            ["npm", "ci", "--loglevel=error"], cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, timeout=kInstallSeconds)
+            ["npm", "ci", "--loglevel=error"], cwd=folder, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=kInstallSeconds)
     except subprocess.TimeoutExpired:
         return "npm ci took longer than {} s".format(kInstallSeconds)
     if done.returncode == 0:
         return None
-    lines = [line for line in done.stdout.decode("utf-8", "replace").splitlines() if "error" in line]
+    lines = [line for line in done.stdout.decode("utf-8", "replace").splitlines()
+             if "error" in line]
     return "npm ci failed: " + " ".join(lines[:2])[:200]
 
 
 def ask(argv):
     try:
         return subprocess.run(
-            argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=kAskSeconds).stdout.decode()
+            argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            timeout=kAskSeconds).stdout.decode()
     except (OSError, subprocess.TimeoutExpired):
         return ""

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Test the debugger through the clients that people use: editors and the protocol's own test client.
+"""Test the debugger through the clients that people use: editors, and the protocol's own.
 
 The acceptance suite runs in node, once for each version of the debugged program; editors.py and its
 neighbours run once.  What a client needs and is not there is a skip with the reason.  Packages from
@@ -37,7 +37,8 @@ kModules = tuple(sorted(
 
 
 def row(where, test, status, reason="", output=""):
-    return {"interpreter": where, "test": test, "status": status, "reason": reason, "output": output}
+    return {"interpreter": where, "test": test, "status": status, "reason": reason,
+            "output": output}
 
 
 # --- the acceptance suite -----------------------------------------------------------------------
@@ -47,7 +48,8 @@ def choose(wanted):
     """{version: path or None}; wanted: versions or paths, nothing for all."""
     chosen = {name: name for name in wanted if os.sep in name}
     found = [item for item in finder.find_interpreters()
-             if item.supported and item.bits == 64 and item.variant == "release" and not item.is_built]
+             if item.supported and item.bits == 64 and item.variant == "release"
+             and not item.is_built]
     for version in kVersions:
         if not wanted or version in wanted:
             paths = [item.path for item in found if item.minor == version]
@@ -69,8 +71,8 @@ def run_suite(version, path, library, why_not):
             os.path.join(kHere, kSuite + ".js")]
     try:
         done = subprocess.run(
-            argv, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-            timeout=kSuiteSeconds)
+            argv, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, timeout=kSuiteSeconds)
     except subprocess.TimeoutExpired:
         return [row(where, kSuite, "failed", output="took longer than {} s".format(kSuiteSeconds))]
     text = done.stdout.decode("utf-8", "replace")
@@ -87,7 +89,8 @@ def run_suite(version, path, library, why_not):
 def run_suites(chosen, library):
     why_not = packages.install(kHere, kPackages) if any(chosen.values()) else None
     with concurrent.futures.ThreadPoolExecutor(kAtOnce) as pool:
-        running = [pool.submit(run_suite, version, path, library, why_not) for version, path in chosen.items()]
+        running = [pool.submit(run_suite, version, path, library, why_not) for version,
+                   path in chosen.items()]
         return [one for future in running for one in future.result()]
 
 
@@ -132,18 +135,23 @@ def run_module(name, library):
 def tell(rows):
     for one in rows:
         if one["status"] == "failed":
-            print("FAILED {} [{}]\n{}".format(one["test"], one["interpreter"], one["output"]), flush=True)
+            print("FAILED {} [{}]\n{}".format(one["test"], one["interpreter"], one["output"]),
+                  flush=True)
         elif one["status"] == "skipped":
-            print("skipped {} [{}]: {}".format(one["test"], one["interpreter"], one["reason"]), flush=True)
+            print("skipped {} [{}]: {}".format(one["test"], one["interpreter"], one["reason"]),
+                  flush=True)
 
 
 def main(argv):
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("parts", nargs="*", metavar="PART", help="{}, {} (default: all)".format(
         kSuite, ", ".join(name[len("test_"):] for name in kModules)))
     parser.add_argument("--python", nargs="+", default=[], metavar="VERSION",
-                        help="versions or paths for the acceptance suite (default: {})".format(" ".join(kVersions)))
-    parser.add_argument("--lib", default=os.path.join(kRepository, "build", "64"), help="folder of the library")
+                        help="versions or paths for the acceptance suite (default: {})".format(
+                            " ".join(kVersions)))
+    parser.add_argument("--lib", default=os.path.join(kRepository, "build", "64"),
+                        help="folder of the library")
     parser.add_argument("--json", help="file for the results")
     arguments = parser.parse_args(argv)
     known = [kSuite] + [name[len("test_"):] for name in kModules]
@@ -164,7 +172,8 @@ def main(argv):
     if arguments.json:
         with open(arguments.json, "w") as out:
             json.dump({"results": rows}, out)
-    counts = [sum(one["status"] == status for one in rows) for status in ("passed", "failed", "skipped")]
+    counts = [sum(one["status"] == status for one in rows)
+              for status in ("passed", "failed", "skipped")]
     print("{} passed, {} failed, {} skipped".format(*counts))
     return 1 if counts[1] else 0
 

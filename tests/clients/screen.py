@@ -54,7 +54,8 @@ class tScreen:
             if found:
                 return found
             if time.monotonic() >= end or not self._read():
-                raise AssertionError("the screen does not show {!r} but\n{}".format(pattern, self.text()))
+                raise AssertionError(
+                    "the screen does not show {!r} but\n{}".format(pattern, self.text()))
 
     def _read(self):
         """False at the end of the program."""
@@ -107,7 +108,8 @@ class tScreen:
             self._row = min(count, kRows) - 1
             self._column = min(max(given[1] if len(given) > 1 else 1, 1), kColumns) - 1
         elif letter in "ABCD":
-            down, right = {"A": (-count, 0), "B": (count, 0), "C": (0, count), "D": (0, -count)}[letter]
+            down, right = {"A": (-count, 0), "B": (count, 0), "C": (0, count),
+                           "D": (0, -count)}[letter]
             self._row = min(max(self._row + down, 0), kRows - 1)
             self._column = min(max(self._column + right, 0), kColumns - 1)
         elif letter == "G":

@@ -19,22 +19,27 @@ sys.path.insert(0, os.path.join(kRepository, "debug"))
 from tdbg.dap import config  # noqa: E402
 
 kAttachOnly = {"connect", "listen", "host", "port", "processId", "subProcessId", "socket", "token"}
-kLaunchOnly = {"program", "module", "code", "args", "python", "pythonPath", "pythonArgs", "cwd", "env", "envFile",
-               "console", "stopOnEntry", "noDebug"}
+kLaunchOnly = {"program", "module", "code", "args", "python", "pythonPath", "pythonArgs", "cwd",
+               "env", "envFile", "console", "stopOnEntry", "noDebug"}
 kEnums = {
-    "console": config.kConsoles, "onTerminate": config.kEndings, "stepGranularity": config.kGranularities,
-    "subProcess": (True, False) + config.kChildPolicies}
+    "console": config.kConsoles, "onTerminate": config.kEndings,
+    "stepGranularity": config.kGranularities, "subProcess": (True, False) + config.kChildPolicies}
 kOfEditor = {"name", "type", "request"}
 # Tells what the extension registers, with a stand-in for the editor.
 kStandIn = """
 const Module = require('module');
 const told = {};
 const vscode = {
-    workspace: { getConfiguration: (name) => ({ get: (key) => (told.read = `${name}.${key}`, ['a', 'adapter', 'b']) }) },
+    workspace: { getConfiguration: (name) => ({
+        get: (key) => (told.read = `${name}.${key}`, ['a', 'adapter', 'b']),
+    }) },
     window: { activeTextEditor: { document: { languageId: 'python' } } },
     DebugAdapterExecutable: class { constructor(command, args) { told.starts = [command, args]; } },
     debug: {
-        registerDebugAdapterDescriptorFactory(type, factory) { told.type = type; factory.createDebugAdapterDescriptor({}); },
+        registerDebugAdapterDescriptorFactory(type, factory) {
+            told.type = type;
+            factory.createDebugAdapterDescriptor({});
+        },
         registerDebugConfigurationProvider(type, provider) {
             told.made = provider.resolveDebugConfiguration(undefined, {});
             told.kept = provider.resolveDebugConfiguration(undefined, { type, name: 'x' });
@@ -89,7 +94,8 @@ class Extension(unittest.TestCase):
         bodies = self.debugger["initialConfigurations"] + [
             snippet["body"] for snippet in self.debugger["configurationSnippets"]]
         with open(os.path.join(kRepository, "docs", "editors.md")) as source:
-            bodies += json.loads(re.search(r"```json\n(.*?)```", source.read(), re.DOTALL).group(1))["configurations"]
+            bodies += json.loads(re.search(r"```json\n(.*?)```", source.read(),
+                                           re.DOTALL).group(1))["configurations"]
         kinds = set()
         for body in bodies:
             properties = self.debugger["configurationAttributes"][body["request"]]["properties"]
@@ -117,8 +123,8 @@ class Extension(unittest.TestCase):
         if not shutil.which("node"):
             self.skipTest("node is not installed")
         done = subprocess.run(
-            ["node", "-e", kStandIn, os.path.join(kExtension, "extension.js")], stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE, timeout=kSeconds, check=True)
+            ["node", "-e", kStandIn, os.path.join(kExtension, "extension.js")],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=kSeconds, check=True)
         told = json.loads(done.stdout.decode())
         self.assertEqual(told["type"], "tdbg")
         self.assertIn(told["read"], self.manifest["contributes"]["configuration"]["properties"])
@@ -134,9 +140,9 @@ class Extension(unittest.TestCase):
             shutil.copy(os.path.join(kExtension, name), kBuild)
         target = os.path.join(kBuild, "tdbg.vsix")
         done = subprocess.run(
-            [os.path.join("node_modules", ".bin", "vsce"), "package", "--no-dependencies", "--allow-missing-repository",
-             "--out", target], cwd=kBuild, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, timeout=kSeconds)
+            [os.path.join("node_modules", ".bin", "vsce"), "package", "--no-dependencies",
+             "--allow-missing-repository", "--out", target], cwd=kBuild, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=kSeconds)
         self.assertEqual(done.returncode, 0, done.stdout.decode("utf-8", "replace"))
         with zipfile.ZipFile(target) as archive:
             names = set(archive.namelist())

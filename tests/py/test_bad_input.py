@@ -120,9 +120,10 @@ class Everything(BadCase):
 
     def test_numbers_that_do_not_fit(self):
         Session()
-        for name in ("set_autoquit", "set_debug_all_threads", "set_exception_mode", "enable_checksums",
-                     "set_dprintf_mask", "set_use_eval_frame", "set_save_and_restore_errno",
-                     "add_to_tstate_tracing", "set_tstate_use_tracing"):
+        for name in ("set_autoquit", "set_debug_all_threads", "set_exception_mode",
+                     "enable_checksums", "set_dprintf_mask", "set_use_eval_frame",
+                     "set_save_and_restore_errno", "add_to_tstate_tracing",
+                     "set_tstate_use_tracing"):
             for number in (2 ** 31, -2 ** 31 - 1, 2 ** 63, -2 ** 70):
                 self.assertIs(self.call(name, number), OverflowError, (name, number))
         self.assertIs(self.call("set_break", "f", "", 2 ** 31, 1, 0, None, 0), OverflowError)
@@ -174,9 +175,10 @@ class Texts(BadCase):
     def test_text_with_a_null_character_is_refused(self):
         Session()
         for name, arguments in (
-                ("set_break", ("a\0b", "", 1, 1, 0, None, 0)), ("set_break", ("a", "\0", 1, 1, 0, None, 0)),
-                ("clear_breaks", ("a\0", 1)), ("get_file_breaks", ("\0",)),
-                ("ignore_exception_loc", ("a\0b", 1, 1)), ("lookup_canonical_pathname", ("a\0b",)),
+                ("set_break", ("a\0b", "", 1, 1, 0, None, 0)),
+                ("set_break", ("a", "\0", 1, 1, 0, None, 0)), ("clear_breaks", ("a\0", 1)),
+                ("get_file_breaks", ("\0",)), ("ignore_exception_loc", ("a\0b", 1, 1)),
+                ("lookup_canonical_pathname", ("a\0b",)),
                 ("register_canonical_pathname", ("a", "b\0"))):
             self.assertIn(self.call(name, *arguments), (TypeError, ValueError), name)
 
@@ -343,7 +345,8 @@ class Callbacks(BadCase):
         for names in (("stop_trace",), ("reset",), ("destroy",), ("start_trace",),
                       ("thread_exiting",), ("stop_trace", "start_trace"), ("reset", "start_trace"),
                       ("clear_all_breaks",), ("breakpointhook",), ("release_dbgserver_mutex",),
-                      ("release_dbgserver_mutex", "thread_exiting"), ("fork_ok",), ("atexit_func",)):
+                      ("release_dbgserver_mutex", "thread_exiting"), ("fork_ok",),
+                      ("atexit_func",)):
             def act(tracer):
                 for name in names:
                     getattr(tracer, name)()
@@ -509,7 +512,8 @@ for kind in ("line_cb", "return_cb", "exception_cb", "import_cb", "thread_hooks_
              "checksum_cb", "idle_cb", "policy"):
     del busy[:]
     {before}
-    session = Session(exception_mode=1, idle_period=1.0, **({{}} if kind == "policy" else {{kind: act}}))
+    callbacks = {{}} if kind == "policy" else {{kind: act}}
+    session = Session(exception_mode=1, idle_period=1.0, **callbacks)
     if kind == "policy":
         session.tracer.set_debug_thread_cb(act)
     session.tracer.enable_checksums(1)

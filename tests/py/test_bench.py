@@ -1,4 +1,5 @@
-"""bench/run and bench/chart run to their end and fill their page; what they measure is not judged."""
+"""bench/run and bench/chart run to their end and fill their page;
+what they measure is not judged."""
 from __future__ import absolute_import, division, print_function
 
 import importlib
@@ -33,8 +34,9 @@ def load_from_bench(test, name):
 @needs("runs_bench")
 class Bench(TestCase):
     def run_bench(self, script, *arguments):
-        done = run_program([sys.executable, os.path.join(kBench, script), "--quick", "--rounds", "1",
-                            "--lib", os.path.dirname(library_path()), "--python", sys.executable]
+        done = run_program([sys.executable, os.path.join(kBench, script), "--quick",
+                            "--rounds", "1", "--lib", os.path.dirname(library_path()), "--python",
+                            sys.executable]
                            + list(arguments))
         self.assertEqual(done.status, 0, done)
         return done
@@ -46,7 +48,8 @@ class Bench(TestCase):
         arguments = ["--page", page, "--results", results, "line_loop"]
         text = self.run_bench("run", *arguments).out
         self.assertEqual(text.count("\n| interpreter |"), 4, text)
-        for heading in ["Workloads, ", "Breakpoints, the goals", "Hot function", "What is paid once"]:
+        for heading in ["Workloads, ", "Breakpoints, the goals", "Hot function",
+                        "What is paid once"]:
             self.assertIn("\n" + heading, "\n" + text)
         written = read(page)
         self.assertIn(text.strip(), written)

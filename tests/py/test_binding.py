@@ -37,7 +37,8 @@ class StartUp(TestCase):
     def test_version_is_detected(self):
         native, record = load_record()
         self.assertEqual(
-            (record.major_version, record.minor_version, record.micro_version), sys.version_info[:3])
+            (record.major_version, record.minor_version, record.micro_version),
+            sys.version_info[:3])
         self.assertEqual(record.api_version, sys.api_version)
         self.assertEqual(native.XPy_GetMajorVersion(), sys.version_info[0])
         self.assertEqual(native.XPy_GetMinorVersion(), sys.version_info[1])

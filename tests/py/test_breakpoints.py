@@ -1,4 +1,5 @@
-"""The table of breakpoints, and what a hit does: counts, ignore counts, conditions, temporary ones."""
+"""The table of breakpoints, and what a hit does:
+counts, ignore counts, conditions, temporary ones."""
 from __future__ import absolute_import, division, print_function
 
 import ctypes
@@ -180,7 +181,8 @@ class Hits(BreakCase):
         line = line_of(self.path, "body")
         self.break_at(self.path, "body")
         self.break_at(self.path, "after")
-        self.run_loop(5, lambda frame: None, lambda frame: self.tracer.enable_breaks(self.path, line, 0))
+        self.run_loop(5, lambda frame: None,
+                      lambda frame: self.tracer.enable_breaks(self.path, line, 0))
         self.assertEqual(self.hits(), ["body", "body", "after"])
 
     def test_clearing_while_the_program_is_stopped_there(self):
@@ -381,7 +383,8 @@ class Conditions(BreakCase):
     def test_a_syntax_error_stops(self):
         for condition in ("i ==", "x = 1", "import os", "return 1", ")"):
             self.tracer.clear_all_breaks()
-            self.assertEqual(self.run_with("body", condition, self.loop(2)), ["body"] * 2, condition)
+            self.assertEqual(self.run_with("body", condition, self.loop(2)),
+                             ["body"] * 2, condition)
 
     def test_an_empty_condition_stops(self):
         self.assertEqual(self.run_with("body", "", self.loop(2)), ["body"] * 2)
@@ -552,7 +555,8 @@ def exec_in(code, space):
 def reload_module(module):
     import importlib
 
-    return importlib.reload(module) if hasattr(importlib, "reload") else reload(module)  # noqa: F821
+    return importlib.reload(module) if hasattr(importlib, "reload") else reload(
+        module)  # noqa: F821
 
 
 if __name__ == "__main__":

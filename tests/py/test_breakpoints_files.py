@@ -27,7 +27,8 @@ kModule = """
 def reload_module(module):
     import importlib
 
-    return importlib.reload(module) if hasattr(importlib, "reload") else reload(module)  # noqa: F821
+    return importlib.reload(module) if hasattr(importlib, "reload") else reload(
+        module)  # noqa: F821
 
 
 class Checksums(object):
@@ -317,7 +318,8 @@ class Names(FileCase):
         shutil.copy(self.path, os.path.join(folder, b"strange.py"))
         name = os.fsdecode(folder)
         self.assertRaises(
-            UnicodeError, self.tracer.set_break, os.path.join(name, "strange.py"), "", 2, 1, 0, None, 0)
+            UnicodeError, self.tracer.set_break, os.path.join(name, "strange.py"), "", 2,
+            1, 0, None, 0)
         self.assertEqual(self.tracer.get_file_breaks(self.path), [])
         self.break_in_f()
 
@@ -457,7 +459,8 @@ class Copies(FileCase):
         shutil.copyfile(self.path, self.copy)
 
     def break_in_copy(self, **options):
-        return self.break_at(self.path, "f", file=self.copy, checksum=self.sums.of(self.copy), **options)
+        return self.break_at(self.path, "f", file=self.copy,
+                             checksum=self.sums.of(self.copy), **options)
 
     def test_a_copy_matches_by_its_checksum_before_the_import(self):
         self.tracer.enable_checksums(1)
@@ -611,7 +614,8 @@ class Scripts(FileCase):
                 script.main()
                 session.tracer.stop_trace()
                 print([stop[:2] for stop in session.stops])
-            """.format(path=[entry for entry in sys.path if entry], regime=self.regime), self.folder)
+            """.format(path=[entry for entry in sys.path if entry], regime=self.regime),
+                          self.folder)
         done = run_script(path)
         self.assertEqual(done.out, "[('line', 'main'), ('line', 'main')]\n", done)
         done = run_script("script.py", cwd=self.folder)  # __main__'s file may be relative

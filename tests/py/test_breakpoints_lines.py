@@ -193,8 +193,8 @@ class Coroutines(ShapeCase):
         code.run_nests = runs(code.nests)
         self.assert_hits({
             "coroutine-first": ("run_simple", 1), "await": ("run_simple", 1),
-            "after-await": ("run_nests", 2), "awaited": ("run_simple", 1), "anext": ("run_loops", 3),
-            "async-for-else": ("run_loops", 1),
+            "after-await": ("run_nests", 2), "awaited": ("run_simple", 1),
+            "anext": ("run_loops", 3), "async-for-else": ("run_loops", 1),
             "aenter": ("run_contexts", 1), "async-with-body": ("run_contexts", 1),
             "async-yield": ("run_comprehends", 3),
         })
@@ -282,8 +282,8 @@ class RunningCode(BreakCase):
     def test_in_a_thread_that_runs_the_function_already(self):
         self.start_new_threads_traced()
         stop, running = threading.Event(), threading.Event()
-        # No Event: the other thread may be held up by the stop in the midst of its Python code, with
-        # the lock that set() needs.
+        # No Event: the other thread may be held up by the stop in the midst of its Python code,
+        # with the lock that set() needs.
         hit = threading.Lock()
         hit.acquire()
 

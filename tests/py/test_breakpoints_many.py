@@ -68,8 +68,9 @@ class Many(BreakCase):
             for name in self.files:
                 for line in range(1, kLines + 1):
                     tracer.enable_breaks(name, line, 0)
-            self.assertEqual(set(row[2] for name in self.files for row in tracer.get_file_breaks(name)),
-                             set([0]))
+            self.assertEqual(
+                set(row[2] for name in self.files for row in tracer.get_file_breaks(name)),
+                set([0]))
             self.break_at(self.path, "hot", temporary=1)
             self.code.hot(100)
             for name in self.files[::2]:

@@ -149,7 +149,8 @@ class Filters(ExceptionTest):
     def test_raised(self):
         """Once for each raise, and none for the ends of loops, generators and the program."""
         self.assertEqual(self.stops(["raised"]), [
-            ("Bad", "fail"), ("Bad", "fail"), ("Inner", "fail"), ("Bad", "fail"), ("KeyError", "missing")])
+            ("Bad", "fail"), ("Bad", "fail"), ("Inner", "fail"), ("Bad", "fail"),
+            ("KeyError", "missing")])
 
     def test_uncaught(self):
         """At the raise: the frames are alive and nothing has been cleaned up."""
@@ -182,14 +183,16 @@ class Filters(ExceptionTest):
 
     def test_all_at_once(self):
         self.assertEqual(self.stops(["raised", "uncaught", "runner", "nonsense"]), [
-            ("Bad", "fail"), ("Bad", "fail"), ("Inner", "fail"), ("Bad", "fail"), ("KeyError", "missing")])
+            ("Bad", "fail"), ("Bad", "fail"), ("Inner", "fail"), ("Bad", "fail"),
+            ("KeyError", "missing")])
         self.assertEqual([row["verified"] for row in self.answer], [True, True, True, False])
         self.assertIn("nonsense", self.answer[3]["message"])
 
     def rounds(self, requests):
         """Names of the types that stop in main(), with other filters each time."""
         program = self.make_file("rounds.py", MAIN.replace(
-            "    main()  #@ main", "    for turn in range({0}):\n        turn += 0  #@ turn\n        end()".format(
+            "    main()  #@ main",
+            "    for turn in range({0}):\n        turn += 0  #@ turn\n        end()".format(
                 len(requests))).replace("def main():", (
                     "def end():\n"
                     "    try:\n"
@@ -204,7 +207,8 @@ class Filters(ExceptionTest):
 
         def look(stop):
             if stop.mark == "turn":
-                answer = client.request("setExceptionBreakpoints", requests[len(found)])["breakpoints"]
+                answer = client.request("setExceptionBreakpoints",
+                                        requests[len(found)])["breakpoints"]
                 self.assertEqual([row["verified"] for row in answer], [True] * len(answer))
                 found.append([])
             else:
@@ -219,13 +223,15 @@ class Filters(ExceptionTest):
         rows = []
         for options, expected in (
                 ([{"filterId": "raised", "condition": "main.Bad, Nothing"}], []),
-                ([{"filterId": "raised", "condition": " Nothing ,__main__.Bad "}], ["Bad", "Bad", "Bad"]),
+                ([{"filterId": "raised", "condition": " Nothing ,__main__.Bad "}],
+                 ["Bad", "Bad", "Bad"]),
                 ([{"filterId": "raised", "condition": "LookupError"}], ["Inner", "KeyError"]),
                 ([{"filterId": "runner", "condition": "ValueError"}], ["Bad"]),
                 ([{"filterId": "runner", "condition": "builtins.KeyError"}], ["KeyError"]),
                 ([{"filterId": "runner", "condition": "TypeError"}], []),
                 ([{"filterId": "uncaught"}], []),
-                ([{"filterId": "raised", "condition": "Inner"}, {"filterId": "runner", "condition": "Bad"}],
+                ([{"filterId": "raised", "condition": "Inner"},
+                  {"filterId": "runner", "condition": "Bad"}],
                  ["Inner", "Bad"]),
                 ([{"filterId": "uncaught"}, {"filterId": "raised", "condition": ""}],
                  ["Bad", "Bad", "Inner", "Bad", "KeyError"])):
@@ -234,15 +240,18 @@ class Filters(ExceptionTest):
         for filters, options, expected in (
                 ([], [{"path": names, "breakMode": "always"}], ["Bad"] * 3),
                 (["raised"], [{"path": names, "breakMode": "never"}], ["Inner", "KeyError"]),
-                (["raised"], [{"path": [names[0], dict(names[1], negate=True)], "breakMode": "always"}],
+                (["raised"],
+                 [{"path": [names[0], dict(names[1], negate=True)], "breakMode": "always"}],
                  ["Inner", "KeyError"]),
                 ([], [{"breakMode": "userUnhandled"}], ["Bad", "KeyError"])):
             rows.append(({"filters": filters, "exceptionOptions": options}, expected))
         self.assertEqual(self.rounds([row[0] for row in rows]), [row[1] for row in rows])
 
     def test_types_that_nothing_catches(self):
-        for condition, expected in (("ValueError", []), ("builtins.KeyError", [("KeyError", "missing")])):
-            self.assertEqual(self.stops([], [{"filterId": "uncaught", "condition": condition}]), expected)
+        for condition, expected in (("ValueError", []),
+                                    ("builtins.KeyError", [("KeyError", "missing")])):
+            self.assertEqual(self.stops([], [{"filterId": "uncaught", "condition": condition}]),
+                             expected)
 
     def test_raised_in_code_that_is_not_the_users(self):
         """What a library raises stops where it comes out; what it keeps to itself does not."""
@@ -268,7 +277,8 @@ class Filters(ExceptionTest):
         def look(client, stop):
             lines.append([frame["line"] for frame in client.stack(stop.thread_id)])
 
-        self.assertEqual([text for text, _ in self.stops(["raised"], program=program, look=look)], ["IndexError"])
+        self.assertEqual([text for text, _ in self.stops(["raised"], program=program, look=look)],
+                         ["IndexError"])
         self.assertEqual(lines[0][-1], line_of(program, "out"))
         found = self.stops(["raised"], program=program, arguments={"justMyCode": False})
         self.assertEqual([text for text, _ in found][-2:], ["KeyError", "IndexError"])
@@ -278,7 +288,8 @@ class Filters(ExceptionTest):
         next_stop(client)
         for condition in ("1x", "a b", "a,,b", "a.", "f()", ","):
             row, = client.request("setExceptionBreakpoints", {
-                "filters": [], "filterOptions": [{"filterId": "raised", "condition": condition}]})["breakpoints"]
+                "filters": [],
+                "filterOptions": [{"filterId": "raised", "condition": condition}]})["breakpoints"]
             self.assertEqual((row["verified"], "no name" in row["message"]), (False, True))
         self.assertIn("filterId", client.refused(
             "setExceptionBreakpoints", {"filters": [], "filterOptions": [{}]}))
@@ -342,7 +353,8 @@ class Details(ExceptionTest):
         client = self.start([], breakpoints={self.main: ["main"]})
         stop = next_stop(client)
         for command in ("exceptionInfo", "tdbg/ignoreException"):
-            self.assertIn("not stopped at an exception", client.refused(command, {"threadId": stop.thread_id}))
+            self.assertIn("not stopped at an exception",
+                          client.refused(command, {"threadId": stop.thread_id}))
 
     @unittest.skipIf(sys.version_info[0] == 2, "version 2 knows no causes")
     def test_chain(self):
@@ -393,8 +405,10 @@ class Details(ExceptionTest):
         found = []
 
         def look(stop):
-            response = client.response_to(client.send("exceptionInfo", {"threadId": stop.thread_id}))
-            found.append(response["body"]["exceptionId"] if response["success"] else response["message"])
+            response = client.response_to(client.send("exceptionInfo",
+                                                      {"threadId": stop.thread_id}))
+            found.append(response["body"]["exceptionId"]
+                         if response["success"] else response["message"])
 
         stops = run_to_end(client, look)
         self.assertEqual([stop.body["text"] for stop in stops], ["__main__.Odd", "__main__.Slow"])
@@ -407,7 +421,8 @@ class Places(ExceptionTest):
         client = self.start(["raised"])
         stop = next_stop(client)
         body = client.request("tdbg/ignoreException", {"threadId": stop.thread_id})
-        self.assertEqual((body["source"]["path"], body["line"]), (self.main, line_of(self.main, "fail")))
+        self.assertEqual((body["source"]["path"], body["line"]),
+                         (self.main, line_of(self.main, "fail")))
         client.resume(stop.thread_id)
         self.assertEqual([found.mark for found in run_to_end(client)], ["missing"])
 

@@ -1,4 +1,5 @@
-"""The debugger's own threads import nothing: another thread may be stopped in the middle of an import."""
+"""The debugger's own threads import nothing:
+another thread may be stopped in the middle of an import."""
 from __future__ import absolute_import, division, print_function
 
 import hashlib
@@ -82,7 +83,8 @@ class Imports(TestCase):
         other = self.make_file("other.py", "x = 1\n")
         client = debug_directly(self, path)
         client.initialize()
-        started = client.send("launch", {"stopOnEntry": True, "redirectOutput": True, "console": "integratedTerminal",
+        started = client.send("launch", {"stopOnEntry": True, "redirectOutput": True,
+                                         "console": "integratedTerminal",
                                          "subProcess": "none", "showReturnValue": True})
         client.wait_event("initialized")
         client.request("configurationDone")
@@ -110,39 +112,45 @@ class Imports(TestCase):
         frame = client.stack(thread)[0]["id"]
         scopes = client.request("scopes", {"frameId": frame})["scopes"]
         for scope in scopes:
-            rows = client.request("variables", {"variablesReference": scope["variablesReference"]})["variables"]
+            rows = client.request("variables",
+                                  {"variablesReference": scope["variablesReference"]})["variables"]
             for row in rows[:8]:
                 if row["variablesReference"]:
                     client.request("variables", {"variablesReference": row["variablesReference"]})
         digest = hashlib.sha256(b"x = 1\n").hexdigest()
         for command, arguments in (
-                ("threads", None), ("modules", {}), ("loadedSources", None), ("pause", {"threadId": thread}),
+                ("threads", None), ("modules", {}), ("loadedSources", None),
+                ("pause", {"threadId": thread}),
                 ("source", {"source": {"path": path}, "sourceReference": 0}),
                 ("setBreakpoints", {"source": {"path": "/elsewhere/other.py", "checksums": [
                     {"algorithm": "SHA256", "checksum": digest}]}, "breakpoints": [{"line": 1}]}),
                 ("setBreakpoints", {"source": {"path": other}, "breakpoints": [
                     {"line": 1, "condition": "x ==", "hitCondition": "%2"}]}),
                 ("breakpointLocations", {"source": {"path": other}, "line": 1}),
-                ("setFunctionBreakpoints", {"breakpoints": [{"name": "Thing.lazy"}, {"name": "json.dumps"}]}),
+                ("setFunctionBreakpoints",
+                 {"breakpoints": [{"name": "Thing.lazy"}, {"name": "json.dumps"}]}),
                 ("setFunctionBreakpoints", {"breakpoints": []}),
                 ("setExceptionBreakpoints", {"filters": ["uncaught", "runner"], "filterOptions": [
                     {"filterId": "raised", "condition": "KeyError, socket.timeout"}]}),
                 ("evaluate", {"expression": "thing.lazy + [n for n in [1]][0]", "frameId": frame}),
                 ("evaluate", {"expression": "thing.text", "frameId": frame, "context": "hover"}),
-                ("evaluate", {"expression": "for i in range(2):\n    y = i\n", "frameId": frame, "context": "repl"}),
+                ("evaluate", {"expression": "for i in range(2):\n    y = i\n", "frameId": frame,
+                              "context": "repl"}),
                 ("evaluate", {"expression": "inner", "frameId": frame, "context": "clipboard"}),
                 ("setExpression", {"expression": "thing.number", "value": "7", "frameId": frame}),
                 ("completions", {"text": "thing.", "column": 7, "frameId": frame}),
                 ("gotoTargets", {"source": {"path": path}, "line": 1}),
                 ("stepInTargets", {"frameId": frame}), ("tdbg/tasks", {"threadId": thread}),
-                ("tdbg/setRules", {"rules": [{"module": "json", "include": False}]}), ("exceptionInfo", {})):
+                ("tdbg/setRules", {"rules": [{"module": "json", "include": False}]}),
+                ("exceptionInfo", {})):
             try:
                 client.request(command, arguments)
             except Refused:
                 pass
         # A worker, too, in the place of the stopped thread.
         stuck = client.send("evaluate", {
-            "expression": "GO.wait(1.5) if sys.version_info[0] > 2 else __import__('time').sleep(1.5)",
+            "expression": "GO.wait(1.5) if sys.version_info[0] > 2 else "
+                          "__import__('time').sleep(1.5)",
             "frameId": frame, "context": "repl"})
         client.evaluate("inner", frame)
         client.request("completions", {"text": "thing.", "column": 7, "frameId": frame})

@@ -275,7 +275,8 @@ while go:
         self.pause(client)
         frame = client.stack(1)[-1]
         begin = time.time()
-        client.send("evaluate", {"expression": "slow()", "frameId": frame["id"], "context": "watch"})
+        client.send("evaluate",
+                    {"expression": "slow()", "frameId": frame["id"], "context": "watch"})
         self.assertEqual(client.evaluate("go", frame["id"]), "True")
         self.assertLess(time.time() - begin, 3 * self.slowness())
         self.assertEqual(len(client.stack(1)), 1)

@@ -35,7 +35,8 @@ class Session(TestCase):
         self.assertEqual(client.wait_exit(), 0)
         order = [message.get("event") or message["command"] for message in client.messages]
         self.assertEqual(order, [
-            "initialize", "initialized", "setBreakpoints", "configurationDone", "launch", "process"])
+            "initialize", "initialized", "setBreakpoints", "configurationDone",
+            "launch", "process"])
         self.assertEqual([message["seq"] for message in client.messages],
                          list(range(1, len(client.messages) + 1)))
 
@@ -135,7 +136,8 @@ class Session(TestCase):
         client = self.launch("x = 1\ny = 2\n")
         client.start_session({"stopOnEntry": True})
         client.wait_stopped("entry")
-        self.assertTrue(client.refused("setBreakpoints", {"source": {"path": u"\0"}, "breakpoints": [{}]}))
+        self.assertTrue(client.refused("setBreakpoints",
+                                       {"source": {"path": u"\0"}, "breakpoints": [{}]}))
         self.assertTrue(client.refused("setBreakpoints", {"source": 1, "breakpoints": 2}))
         client.resume(1)
         self.assertEqual(client.wait_exit(), 0)
@@ -158,7 +160,8 @@ class Session(TestCase):
         frame = client.stack(1)[0]["id"]
         slow = client.send("evaluate", {
             "expression": "__import__('time').sleep(0.4)", "frameId": frame, "context": "repl"})
-        second = client.send("evaluate", {"expression": "1 + 1", "frameId": frame, "context": "repl"})
+        second = client.send("evaluate",
+                             {"expression": "1 + 1", "frameId": frame, "context": "repl"})
         client.request("cancel", {"requestId": second})
         self.assertIn("cancelled", client.response_to(second)["message"])
         self.assertTrue(client.response_to(slow)["success"])
@@ -331,8 +334,8 @@ sys.exit(os.WEXITSTATUS(status))
 
     @staticmethod
     def free_port():
-        """Below those that connections get: whoever tries one of these again and again, while nobody
-        listens, is at last connected to itself."""
+        """Below those that connections get: whoever tries one of these again and again, while
+        nobody listens, is at last connected to itself."""
         import random
         import socket
 

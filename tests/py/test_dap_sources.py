@@ -66,7 +66,8 @@ class Sources(SourceTest):
         def look(stop):
             found.append(client.stack(stop.thread_id)[1]["source"])
             if len(found) == 1:
-                text = client.request("source", {"source": {"path": self.main}, "sourceReference": 0})
+                text = client.request("source",
+                                      {"source": {"path": self.main}, "sourceReference": 0})
                 self.assertEqual(text["content"], MAIN)
                 packed = {"source": found[0], "breakpoints": [{"line": 2}, {"line": 9}]}
                 rows = client.request("setBreakpoints", packed)["breakpoints"]
@@ -84,7 +85,8 @@ class Sources(SourceTest):
         client = self.start(breakpoints={self.main: ["stop"]})
 
         def text_of(source):
-            return client.request("source", {"source": source, "sourceReference": source["sourceReference"]})["content"]
+            return client.request("source", {
+                "source": source, "sourceReference": source["sourceReference"]})["content"]
 
         for expected in (PACKED, "def made(function):\n    return function()  #@ made\n", None):
             stop = next_stop(client)
@@ -122,10 +124,13 @@ class Sources(SourceTest):
         client = self.start(program=program, breakpoints={program: [{"line": 7}]})
         stop = next_stop(client)
         source = client.stack(stop.thread_id)[1]["source"]
-        rows = client.request("setBreakpoints", {"source": source, "breakpoints": [{"line": 2}]})["breakpoints"]
-        self.assertEqual((rows[0]["verified"], rows[0]["source"]["sourceReference"]), (True, source["sourceReference"]))
+        rows = client.request("setBreakpoints",
+                              {"source": source, "breakpoints": [{"line": 2}]})["breakpoints"]
+        self.assertEqual((rows[0]["verified"], rows[0]["source"]["sourceReference"]),
+                         (True, source["sourceReference"]))
         by_path = client.set_breakpoints(packed, [1, {"line": 2}])
-        self.assertEqual([(row["verified"], row["line"]) for row in by_path], [(True, 1), (True, 2)])
+        self.assertEqual([(row["verified"], row["line"]) for row in by_path],
+                         [(True, 1), (True, 2)])
         self.assertEqual(
             client.request("source", {"source": {"path": packed}})["content"], PACKED)
         client.resume(stop.thread_id)
@@ -134,12 +139,14 @@ class Sources(SourceTest):
             ("work", 2), ("stop", 7), ("work", 2), ("work", 2)])
 
     def test_text_of_the_command_line(self):
-        code = "def f():\n    return 1\nimport sys\nf()\nbreakpoint() if sys.version_info >= (3, 7) else None\n"
+        code = ("def f():\n    return 1\nimport sys\nf()\n"
+                "breakpoint() if sys.version_info >= (3, 7) else None\n")
         client = self.start(program=["-c", code], arguments={"stopOnEntry": True})
         stop = next_stop(client)
         source = stop.frame["source"]
         self.assertEqual(source["name"], "<string>")
-        text = client.request("source", {"source": source, "sourceReference": source["sourceReference"]})
+        text = client.request("source",
+                              {"source": source, "sourceReference": source["sourceReference"]})
         self.assertEqual(text["content"].rstrip("\n"), code.rstrip("\n"))
         client.resume(stop.thread_id)
         run_to_end(client)
@@ -165,21 +172,25 @@ class Modules(SourceTest):
         ids = [row["id"] for row in before["modules"]]
         self.assertEqual(len(set(ids)), len(ids))
         part = client.request("modules", {"startModule": 1, "moduleCount": 2})
-        self.assertEqual((part["modules"], part["totalModules"]), (before["modules"][1:3], len(names)))
-        self.assertEqual(client.request("modules", {"startModule": 10 ** 6, "moduleCount": 5})["modules"], [])
+        self.assertEqual((part["modules"], part["totalModules"]),
+                         (before["modules"][1:3], len(names)))
+        self.assertEqual(client.request("modules",
+                                        {"startModule": 10 ** 6, "moduleCount": 5})["modules"], [])
         client.resume(stop.thread_id)
         stop = next_stop(client)
         news = dict((event["module"]["name"], event) for event in client.seen_events("module"))
         self.assertEqual(len(news), len(client.seen_events("module")))
         for name, path in (("helper", helper), ("pack.inner", inner)):
             self.assertEqual(news[name]["reason"], "new")
-            self.assertEqual((news[name]["module"]["path"], news[name]["module"]["isUserCode"]), (path, True))
+            self.assertEqual((news[name]["module"]["path"], news[name]["module"]["isUserCode"]),
+                             (path, True))
         self.assertEqual(news["helper"]["module"]["version"], "1.2")
         sources = [source["path"] for source in client.request("loadedSources")["sources"]]
         self.assertEqual(len(sources), len(set(sources)))
         for path in (program, helper, inner):
             self.assertIn(path, sources)
-        self.assertIn(helper, [event["source"]["path"] for event in client.seen_events("loadedSource")])
+        self.assertIn(helper,
+                      [event["source"]["path"] for event in client.seen_events("loadedSource")])
         after = client.request("modules")["modules"]
         self.assertEqual(after[:len(names)], before["modules"])
         library = [row for row in after if row["name"] == "os"][0]
@@ -214,7 +225,8 @@ class Rules(SourceTest):
         for _ in range(12):
             client.request("stepIn", {"threadId": stop.thread_id})
             stop = next_stop(client)
-            if stop is None or os.path.basename(stop.path) == "program.py" and stop.name == "<module>":
+            if stop is None or (stop.name == "<module>"
+                                and os.path.basename(stop.path) == "program.py"):
                 break
             found.append(os.path.basename(stop.path)[:-3])
         return sorted(set(found)), answer
@@ -235,17 +247,19 @@ class Rules(SourceTest):
 
     def test_changed_while_stopped(self):
         found, answer = self.run_rules(rules=False)
-        self.assertEqual((found, answer["justMyCode"], answer["rules"]), (["installed", "program"], False, []))
+        self.assertEqual((found, answer["justMyCode"], answer["rules"]),
+                         (["installed", "program"], False, []))
         rules = [{"module": "inst*", "include": True}]
         found, answer = self.run_rules(rules=rules)
-        self.assertEqual((found, answer["justMyCode"], answer["rules"]), (["installed", "program"], True, rules))
+        self.assertEqual((found, answer["justMyCode"], answer["rules"]),
+                         (["installed", "program"], True, rules))
 
     def test_wrong_rules(self):
         client = self.start({"stopOnEntry": True})
         stop = next_stop(client)
         for rules in (None, 1, "x", {}, [1], [{}], [{"path": "a"}], [{"include": True}],
-                      [{"path": "a", "module": "b", "include": True}], [{"path": 1, "include": True}],
-                      [{"path": "a", "include": 1}]):
+                      [{"path": "a", "module": "b", "include": True}],
+                      [{"path": 1, "include": True}], [{"path": "a", "include": 1}]):
             self.assertNotEqual(client.refused("tdbg/setRules", {"rules": rules}), "", rules)
         client.resume(stop.thread_id)
         run_to_end(client)
@@ -262,9 +276,12 @@ class Patterns(unittest.TestCase):
     def test_defaults(self):
         rules = self.make()
         for path, expected in (
-                ("/home/me/a.py", True), ("<string>", True), ("<frozen importlib._bootstrap>", False),
-                ("/usr/lib/python3/dist-packages/x/y.py", False), ("/v/lib/python3.8/site-packages/z.py", False),
-                (os.__file__.replace(".pyc", ".py"), False), (io.__file__.replace(".pyc", ".py"), False)):
+                ("/home/me/a.py", True), ("<string>", True),
+                ("<frozen importlib._bootstrap>", False),
+                ("/usr/lib/python3/dist-packages/x/y.py", False),
+                ("/v/lib/python3.8/site-packages/z.py", False),
+                (os.__file__.replace(".pyc", ".py"), False),
+                (io.__file__.replace(".pyc", ".py"), False)):
             self.assertEqual(rules.is_user_file(path), expected, path)
             if not path.startswith("<frozen"):
                 self.assertTrue(self.make(just_my_code=False).is_user_file(path), path)
@@ -275,18 +292,19 @@ class Patterns(unittest.TestCase):
 
     def test_paths(self):
         for pattern, path, expected in (
-                ("/a/b", "/a/b/c.py", True), ("/a/b/", "/a/b/c.py", True), ("/a/b", "/a/bc.py", False),
-                ("**/lib/*.py", "/x/lib/a.py", True), ("**/lib/**", "/x/lib/y/a.py", True),
-                ("lib", "/x/lib/a.py", True),
-                ("a.py", "/x/a.py", True), ("a.py", "/x/ba.py", False), ("/x/?.py", "/x/a.py", True),
-                ("<string>", "<string>", True), ("/x/[ab].py", "/x/b.py", True)):
+                ("/a/b", "/a/b/c.py", True), ("/a/b/", "/a/b/c.py", True),
+                ("/a/b", "/a/bc.py", False), ("**/lib/*.py", "/x/lib/a.py", True),
+                ("**/lib/**", "/x/lib/y/a.py", True), ("lib", "/x/lib/a.py", True),
+                ("a.py", "/x/a.py", True), ("a.py", "/x/ba.py", False),
+                ("/x/?.py", "/x/a.py", True), ("<string>", "<string>", True),
+                ("/x/[ab].py", "/x/b.py", True)):
             rules = self.make(("path", pattern, False))
             self.assertEqual(rules.is_user_file(path), not expected, (pattern, path))
 
     def test_modules(self):
         for pattern, name, expected in (
-                ("a", "a", True), ("a", "a.b", True), ("a", "ab", False), ("a.*", "a.b", True), ("*.b", "a.b", True),
-                ("a", None, False)):
+                ("a", "a", True), ("a", "a.b", True), ("a", "ab", False), ("a.*", "a.b", True),
+                ("*.b", "a.b", True), ("a", None, False)):
             rules = self.make(("module", pattern, False))
             self.assertEqual(rules.is_user_file("/x/y.py", name), not expected, (pattern, name))
 
@@ -297,7 +315,8 @@ class Patterns(unittest.TestCase):
 
     def test_paths_of_the_client(self):
         rules = self.make(
-            ("path", "C:\\Work\\Lib", False), to_client=lambda path: path.replace("/remote/", "c:\\work\\"))
+            ("path", "C:\\Work\\Lib", False),
+            to_client=lambda path: path.replace("/remote/", "c:\\work\\"))
         self.assertFalse(rules.is_user_file("/remote/lib\\a.py"))
         self.assertTrue(rules.is_user_file("/remote/a.py"))
 

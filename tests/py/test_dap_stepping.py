@@ -1,4 +1,5 @@
-"""Steps through the protocol: by statement, into chosen calls, through generators and coroutines."""
+"""Steps through the protocol: by statement, into chosen calls,
+through generators and coroutines."""
 from __future__ import absolute_import, division, print_function
 
 import sys
@@ -75,17 +76,20 @@ for turn in (1, 2):  #@ loop
     def test_breakpoints_on_further_lines_of_the_statement_stop_once(self):
         client = self.start(self.kLines, ["call", "first", "second", "end"])
         for turn in range(2):
-            for place, reason in (("first", "breakpoint"), ("second", "breakpoint"), ("end", "breakpoint"),
-                                  ("loop", "step")):
-                self.assertEqual(client.step("next", self.thread, reason=reason), ("<module>", place))
+            for place, reason in (("first", "breakpoint"), ("second", "breakpoint"),
+                                  ("end", "breakpoint"), ("loop", "step")):
+                self.assertEqual(client.step("next", self.thread, reason=reason),
+                                 ("<module>", place))
             if turn == 0:
-                self.assertEqual(client.step("next", self.thread, reason="breakpoint"), ("<module>", "call"))
+                self.assertEqual(client.step("next", self.thread, reason="breakpoint"),
+                                 ("<module>", "call"))
         self.finish(client)
 
     def test_breakpoint_behind_the_call_that_a_step_out_leaves(self):
         client = self.start(self.kLines, ["first", "second"])
         self.assertEqual(client.step("stepIn", self.thread), ("add", "add"))
-        self.assertEqual(client.step("stepOut", self.thread, reason="breakpoint"), ("<module>", "second"))
+        self.assertEqual(client.step("stepOut", self.thread, reason="breakpoint"),
+                         ("<module>", "second"))
         self.assertEqual(client.step("stepIn", self.thread), ("add", "add"))
         self.finish(client)
 
@@ -100,7 +104,8 @@ for turn in (1, 2):  #@ loop
     def test_line_granularity_as_configured(self):
         client = self.start(self.kStatements, ["call"], stepGranularity="line")
         self.assertEqual(client.step("next", self.thread), ("<module>", "argument"))
-        self.assertEqual(client.step("next", self.thread, granularity="statement"), ("<module>", "head"))
+        self.assertEqual(client.step("next", self.thread, granularity="statement"),
+                         ("<module>", "head"))
         self.assertIn("no granularity", client.refused(
             "next", {"threadId": self.thread, "granularity": "chapter"}))
         self.finish(client)
@@ -109,7 +114,8 @@ for turn in (1, 2):  #@ loop
         client = self.start(self.kStatements, ["call"])
         self.assertEqual(client.step("stepIn", self.thread), ("add", 2))
         # Later compilers come back to the first line for the outer call.
-        self.assertIn(client.step("stepOut", self.thread), [("<module>", "call"), ("<module>", "head")])
+        self.assertIn(client.step("stepOut", self.thread),
+                      [("<module>", "call"), ("<module>", "head")])
         self.finish(client)
 
     kOneLine = """\
@@ -343,7 +349,8 @@ end = 1  #@ end
 
     def test_step_in_passes_foreign_code_up_to_what_it_calls_back(self):
         client = self.start(self.kCallbacks, ["foreign"])
-        self.assertEqual(self.steps(client, "stepIn", "next"), [("hook", "hook"), ("<module>", "end")])
+        self.assertEqual(self.steps(client, "stepIn", "next"),
+                         [("hook", "hook"), ("<module>", "end")])
         self.finish(client)
 
     def test_step_in_enters_foreign_code_when_it_is_the_users(self):
@@ -397,7 +404,8 @@ a = 5  #@ skipped
 c = a  #@ c
 print(c)
 """, ["b"])
-        targets = client.request("gotoTargets", {"source": {"path": self.path}, "line": 4})["targets"]
+        targets = client.request("gotoTargets",
+                                 {"source": {"path": self.path}, "line": 4})["targets"]
         self.assertEqual([target["line"] for target in targets], [4])
         client.request("goto", {"threadId": self.thread, "targetId": targets[0]["id"]})
         client.wait_stopped("goto")
@@ -415,7 +423,8 @@ a = 1  #@ a
 for x in (1, 2):
     b = x
 """, ["a"])
-        target = client.request("gotoTargets", {"source": {"path": self.path}, "line": 3})["targets"][0]
+        target = client.request("gotoTargets",
+                                {"source": {"path": self.path}, "line": 3})["targets"][0]
         self.assertIn("cannot jump", client.refused(
             "goto", {"threadId": self.thread, "targetId": target["id"]}))
         self.assertEqual(client.place(self.thread), ("<module>", "a"))

@@ -1,4 +1,5 @@
-"""Threads through the protocol: names, begin and end, stacks, steps beside others, tasks of asyncio."""
+"""Threads through the protocol: names, begin and end, stacks, steps beside others,
+tasks of asyncio."""
 from __future__ import absolute_import, division, print_function
 
 import subprocess
@@ -64,7 +65,8 @@ sys.stdin.read()
         text = client.evaluate("(names, count)", frame["id"])
         self.assertEqual(text.replace("u'", "'"), "(['MainThread', 'worker'], 2)")
         client.resume(stop["threadId"])
-        self.assertEqual(client.wait_event("thread", lambda body: body["reason"] == "exited")["threadId"],
+        self.assertEqual(client.wait_event("thread",
+                                           lambda body: body["reason"] == "exited")["threadId"],
                          number)
         client.process.stdin.close()
         self.assertEqual(client.wait_exit(), 0)
@@ -267,7 +269,8 @@ worker.join()
 """, ["here"], stopAllThreads=False)
         stop = client.wait_stopped("breakpoint")
         frame = client.stack(stop["threadId"], levels=1)[0]
-        self.assertEqual(client.evaluate("go.set() or done.wait(30) or done.is_set()", frame["id"], "repl"),
+        self.assertEqual(client.evaluate("go.set() or done.wait(30) or done.is_set()",
+                                         frame["id"], "repl"),
                          "True")
         client.resume(stop["threadId"])
         self.assertEqual(client.wait_exit(), 0)

@@ -166,9 +166,9 @@ class ValuesTest(TestCase):
 
 class Texts(ValuesTest):
     def test_plain_values_look_as_repr_has_them(self):
-        for value in (0, -5, 2 ** 70, 1.5, 1j, True, None, "a'b", b"ab\0", u"\xe9\u20ac", [], (), {}, (1,), [1, [2]],
-                      {"a": (1, 2)}, set([1]), bytearray(b"xy"), Ellipsis, int, len, range(3), array.array("i", [1, 2]),
-                      collections.deque([1, 2], 5)):
+        for value in (0, -5, 2 ** 70, 1.5, 1j, True, None, "a'b", b"ab\0", u"\xe9\u20ac", [], (),
+                      {}, (1,), [1, [2]], {"a": (1, 2)}, set([1]), bytearray(b"xy"), Ellipsis, int,
+                      len, range(3), array.array("i", [1, 2]), collections.deque([1, 2], 5)):
             expected = repr(value) if not (PY2 and isinstance(value, set)) else "{1}"
             self.assertEqual(self.text(value), expected)
         self.assertEqual(self.text(frozenset([1])), "frozenset({1})")
@@ -178,13 +178,15 @@ class Texts(ValuesTest):
         self.assertEqual(self.text(Point(1, "b")), "Point(x=1, y='b')")
         text = self.text(collections.defaultdict(list, {1: 2}))
         self.assertEqual(text, "defaultdict({}, {{1: 2}})".format(repr(list)))
-        self.assertEqual(self.text(collections.OrderedDict([("b", 1), ("a", 2)])), "OrderedDict({'b': 1, 'a': 2})")
+        self.assertEqual(self.text(collections.OrderedDict([("b", 1), ("a", 2)])),
+                         "OrderedDict({'b': 1, 'a': 2})")
         self.assertEqual(self.text(LoudList([1, 2])), "[1, 2]")
         self.assertEqual(self.text(LoudDict(a=1)), "{'a': 1}")
         self.assertEqual(CALLS, [])
 
     def test_numbers_in_hexadecimal(self):
-        self.assertEqual(self.text([255, (-16, True), 1.5], in_hex=True), "[0xff, (-0x10, True), 1.5]")
+        self.assertEqual(self.text([255, (-16, True), 1.5], in_hex=True),
+                         "[0xff, (-0x10, True), 1.5]")
 
     def test_large_numbers_cost_nothing(self):
         self.assertRegex(self.text(1 << 10 ** 7), r"^<int of 10000001 bits: 0x8000.*\.\.\.>$")
@@ -192,15 +194,18 @@ class Texts(ValuesTest):
 
     def test_long_texts_are_cut_and_say_so(self):
         text = self.text("x" * 50 * kMillion)
-        self.assertEqual(text, "'" + "x" * 1000 + "...' (50000000 {})".format("bytes" if PY2 else "characters"))
-        self.assertEqual(self.text(bytearray(b"y" * 3000), string=4), "bytearray(b'yyyy...') (3000 bytes)")
+        self.assertEqual(text, "'" + "x" * 1000
+                         + "...' (50000000 {})".format("bytes" if PY2 else "characters"))
+        self.assertEqual(self.text(bytearray(b"y" * 3000), string=4),
+                         "bytearray(b'yyyy...') (3000 bytes)")
         self.assertLess(len(self.text(["x" * kMillion] * 100)), 1500)
         self.assertEqual(self.text("abc", string=3), "'abc'")
 
     def test_large_containers_show_their_beginning(self):
         numbers = list(range(kMillion))
-        for value in (numbers, tuple(numbers), set(numbers), dict.fromkeys(numbers), collections.deque(numbers),
-                      array.array("i", numbers), {1: numbers}, [numbers], dict.fromkeys(numbers).keys()):
+        for value in (numbers, tuple(numbers), set(numbers), dict.fromkeys(numbers),
+                      collections.deque(numbers), array.array("i", numbers), {1: numbers},
+                      [numbers], dict.fromkeys(numbers).keys()):
             text = self.text(value)
             self.assertLess(len(text), 2200)
             self.assertIn("...", text)
@@ -224,11 +229,13 @@ class Texts(ValuesTest):
         self.assertEqual(self.text(Exits()), "<Exits object: repr failed: SystemExit: 3>")
         self.assertIn("repr failed: ", self.text(Recurses()))
         self.assertIn("repr failed: TypeError: ", self.text(NoText()))
-        self.assertEqual(self.text([1, Raises(), 2]), "[1, <Raises object: repr failed: ValueError: no\nway>, 2]")
+        self.assertEqual(self.text([1, Raises(), 2]),
+                         "[1, <Raises object: repr failed: ValueError: no\nway>, 2]")
 
     def test_repr_that_takes_too_long(self):
         self.assertEqual(self.text(Endless()), "<Endless object: repr takes too long>")
-        self.assertEqual(self.text([1, Endless(), 2]), "[1, <Endless object: repr takes too long>, 2]")
+        self.assertEqual(self.text([1, Endless(), 2]),
+                         "[1, <Endless object: repr takes too long>, 2]")
         self.assertEqual(self.text(Stubborn()), "ended")  # struck again
         total = 0
         for number in range(10 ** 5):  # nothing comes later
@@ -249,7 +256,8 @@ class Texts(ValuesTest):
         self.assertEqual(CALLS, [])
 
     def test_safe_texts_run_no_code(self):
-        for value in (Endless(), [Raises()], {Exits(): Recurses()}, Point(Raises(), 1), Raises().__repr__):
+        for value in (Endless(), [Raises()], {Exits(): Recurses()}, Point(Raises(), 1),
+                      Raises().__repr__):
             self.assertIn("object at 0x", self.text(value, safe=True))
         self.assertEqual(self.text([1, "a", {2: None}], safe=True), "[1, 'a', {2: None}]")
 
@@ -263,7 +271,8 @@ class Texts(ValuesTest):
             import dataclasses
 
             made = dataclasses.make_dataclass("Made", [("a", int), ("b", list)])
-            self.assertEqual(self.text(made(1, list(range(kMillion))), safe=True, items=2), "Made(a=1, b=[0, 1, ...])")
+            self.assertEqual(self.text(made(1, list(range(kMillion))), safe=True, items=2),
+                             "Made(a=1, b=[0, 1, ...])")
 
     @needs("python2")
     def test_old_classes(self):
@@ -300,7 +309,8 @@ class Limits(ValuesTest):
         try:
             limiter = evaluate.tLimiter(30)
             self.assertEqual(
-                limiter.map(lambda item: limiter.call(lambda: item + 1), range(500), None), list(range(1, 501)))
+                limiter.map(lambda item: limiter.call(lambda: item + 1), range(500), None),
+                list(range(1, 501)))
         finally:
             evaluate.tWatch = original
         self.assertEqual(made, [30])
@@ -311,21 +321,24 @@ class Limits(ValuesTest):
 
         limiter = evaluate.tLimiter(0.05, 60)
         values = [1, Endless(), "a", Endless(), None]
-        texts = limiter.map(lambda value: limiter.call(lambda: repr(value)), values, lambda value: "slow")
+        texts = limiter.map(lambda value: limiter.call(lambda: repr(value)), values,
+                            lambda value: "slow")
         self.assertEqual(texts, ["1", "slow", "'a'", "slow", "None"])
 
     def test_what_is_left_when_the_time_is_over(self):
         from tdbg import evaluate
 
         limiter = evaluate.tLimiter(0.05, 0.1)
-        texts = limiter.map(lambda value: limiter.call(lambda: repr(value)), [Endless()] * 50, lambda value: "slow")
+        texts = limiter.map(lambda value: limiter.call(lambda: repr(value)), [Endless()] * 50,
+                            lambda value: "slow")
         self.assertEqual(texts, ["slow"] * 50)
         self.assertRaises(evaluate.tTooSlow, limiter.call, int)
 
 
 class Children(ValuesTest):
     def check(self, value, **names):
-        """Each child's expression yields the child, without code of the program where it matters."""
+        """Each child's expression yields the child,
+        without code of the program where it matters."""
         found = self.children(value)
         names = dict(names, value=value, sys=sys)
         checked = []
@@ -341,13 +354,14 @@ class Children(ValuesTest):
         return checked
 
     def test_plain_values_have_none(self):
-        for value in (1, 1 << 80, "a", u"b", b"c", None, True, 1.5, Ellipsis, len, [], {}, (), object()):
+        for value in (1, 1 << 80, "a", u"b", b"c", None, True, 1.5, Ellipsis, len, [], {},
+                      (), object()):
             self.assertIsNone(self.children(value), value)
 
     def test_items(self):
         for value in ([1, [2]], (1, 2), set([1, "b"]), frozenset([3]), collections.deque([4, 5]),
-                      array.array("d", [1.5]), bytearray(b"ab"), range(5), LoudList([1, 2]), {"a": 1}.keys(),
-                      {"a": 1}.items(), {1: 2}.values()):
+                      array.array("d", [1.5]), bytearray(b"ab"), range(5), LoudList([1, 2]),
+                      {"a": 1}.keys(), {"a": 1}.items(), {1: 2}.values()):
             if PY2 and value == range(5):
                 value = xrange(5)  # noqa: F821
             found = self.children(value)
@@ -361,14 +375,16 @@ class Children(ValuesTest):
             self.check(view)
         found = self.children(list(range(kMillion)))
         self.assertEqual(found.indexed_count, kMillion)
-        self.assertEqual([child.value for child in found.indexed(kMillion - 2, kMillion)], [kMillion - 2, kMillion - 1])
+        self.assertEqual([child.value for child in found.indexed(kMillion - 2, kMillion)],
+                         [kMillion - 2, kMillion - 1])
 
     def test_entries_with_keys_of_any_kind(self):
         class Key(object):
             pass
 
-        entries = {"a": 1, u"\xe9": 2, b"b": 3, 4: 5, 1.5: 6, None: 7, (1, ("x",)): 8, Key(): 9, float("nan"): 10,
-                   frozenset([1]): 11, True: 12, "x" * 5000: 13, -1: 14, (Key(),): 15}
+        entries = {"a": 1, u"\xe9": 2, b"b": 3, 4: 5, 1.5: 6, None: 7, (1, ("x",)): 8, Key(): 9,
+                   float("nan"): 10, frozenset([1]): 11, True: 12, "x" * 5000: 13, -1: 14,
+                   (Key(),): 15}
         checked = self.check(entries)
         self.assertEqual(len(checked), len(entries))
         by_value = dict((child.value, child.expression("d")) for child in checked)
@@ -401,8 +417,9 @@ class Children(ValuesTest):
         found = self.children(plain).named()
         self.assertEqual([(child.name, child.kind, child.visibility) for child in found], [
             (name, kind, visibility) for name, kind, visibility in (
-                ("alpha", "data", "public"), ("zeta", "data", "public"), ("_hidden", "data", "private"),
-                ("computed", "property", "public"), ("(class)", "class", "public"))
+                ("alpha", "data", "public"), ("zeta", "data", "public"),
+                ("_hidden", "data", "private"), ("computed", "property", "public"),
+                ("(class)", "class", "public"))
         ] if PY2 else [
             ("zeta", "data", "public"), ("alpha", "data", "public"), ("_hidden", "data", "private"),
             ("computed", "property", "public"), ("(class)", "class", "public")])
@@ -415,14 +432,17 @@ class Children(ValuesTest):
         plain.__dict__.update({"two words": 1, "class": 2, "computed": 3})
         if not PY2:
             plain.__dict__[5] = 4
-        names = dict((child.value, child.expression("x")) for child in self.check(plain) if child.get is None)
+        names = dict((child.value, child.expression("x")) for child in self.check(plain)
+                     if child.get is None)
         self.assertEqual(names[3], "x.__dict__['computed']")
         self.assertEqual(names.get(4, "x.__dict__[5]"), "x.__dict__[5]")
-        self.assertEqual(self.text(names[1]), self.text("x.__dict__['two words']" if not PY2 else names[1]))
+        self.assertEqual(self.text(names[1]),
+                         self.text("x.__dict__['two words']" if not PY2 else names[1]))
 
     def test_slots(self):
         self.assertEqual(self.named(Slotted())[:2], [("left", 1), ("right", [2])])
-        self.assertEqual([child.name for child in self.check(Slotted())], ["left", "right", "(class)"])
+        self.assertEqual([child.name for child in self.check(Slotted())],
+                         ["left", "right", "(class)"])
 
     def test_hostile_objects(self):
         found = self.check(Hostile(), object=object)
@@ -440,7 +460,8 @@ class Children(ValuesTest):
         except EnvironmentError as caught:
             error = caught
         named = dict(self.named(error))
-        self.assertEqual((named["errno"], named["filename"], named["args"]), (2, "name", (2, "text")))
+        self.assertEqual((named["errno"], named["filename"], named["args"]),
+                         (2, "name", (2, "text")))
         self.assertEqual("__traceback__" in named, not PY2)
         del error, named
         generator = (item for item in [1])
@@ -500,7 +521,8 @@ class Children(ValuesTest):
         self.assertTrue(children._is_ndarray(ndarray))
         self.assertFalse(children._is_ndarray(Outer))
         value = ndarray("d", [1.0, 2.5])
-        self.assertEqual([child.value for child in children._ndarray_children(value).indexed(0, 2)], [1.0, 2.5])
+        self.assertEqual([child.value for child in children._ndarray_children(value).indexed(0, 2)],
+                         [1.0, 2.5])
 
     def test_values_of_the_library_that_only_read_memory(self):
         import datetime
@@ -520,22 +542,26 @@ class Peeks(ValuesTest):
     def test_what_is_harmless(self):
         plain, entries = Plain(), {"a": [1, 2], 3: (4,)}
         for source, value in (
-                ("x", 5), ("p.alpha", "three"), ("p.shared", 7), ("d['a'][1]", 2), ("d[3][0]", 4), ("d['a'][-1:]", [2]),
-                ("x + 1", 6), ("-x * 2", -10), ("not x", False), ("x > 4", True), ("1 < x < 3", False), ("x is x", True),
-                ("m.pi", math.pi), ("'text'", "text"), ("(x, 1)", (5, 1)), ("s.left", 1), ("P.shared", 7), ("None", None),
-                ("d['a'] is d['a']", True), ("len", len), ("1.5", 1.5)):
+                ("x", 5), ("p.alpha", "three"), ("p.shared", 7), ("d['a'][1]", 2), ("d[3][0]", 4),
+                ("d['a'][-1:]", [2]), ("x + 1", 6), ("-x * 2", -10), ("not x", False),
+                ("x > 4", True), ("1 < x < 3", False), ("x is x", True),
+                ("m.pi", math.pi), ("'text'", "text"), ("(x, 1)", (5, 1)), ("s.left", 1),
+                ("P.shared", 7), ("None", None), ("d['a'] is d['a']", True), ("len", len),
+                ("1.5", 1.5)):
             self.assertEqual(
-                self.peek(source, x=5, p=plain, d=entries, m=math, s=Slotted(), P=Plain), value, source)
+                self.peek(source, x=5, p=plain, d=entries, m=math, s=Slotted(), P=Plain),
+                value, source)
 
     def test_what_is_not(self):
         from tdbg.dap import peek
 
         loud = LoudDict(a=1)
-        for source in ("f()", "p.computed", "h.inside", "l[0]", "d['a']", "[i for i in l]", "lambda: 1", "p + p", "p == p",
-                       "1 ** 9", "l and p", "x if x else p", "10 ** 10", "e[p]", "strange.x"):
+        for source in ("f()", "p.computed", "h.inside", "l[0]", "d['a']", "[i for i in l]",
+                       "lambda: 1", "p + p", "p == p", "1 ** 9", "l and p", "x if x else p",
+                       "10 ** 10", "e[p]", "strange.x"):
             self.assertRaises(
-                peek.tUnsafe, self.peek, source, f=Plain, p=Plain(), h=Hostile(), l=LoudList([1]), d=loud, x=1, e={},
-                strange=Meta("Strange", (object,), {"x": 1}))
+                peek.tUnsafe, self.peek, source, f=Plain, p=Plain(), h=Hostile(), l=LoudList([1]),
+                d=loud, x=1, e={}, strange=Meta("Strange", (object,), {"x": 1}))
         self.assertEqual(CALLS, [])
         for source in ("nothing", "p.nothing", "l[5]", "d['b']"):
             self.assertRaises(peek.tUnknown, self.peek, source, p=Plain(), l=[1], d={})
@@ -554,9 +580,10 @@ class Columns(ValuesTest):
         from tdbg.dap import completion
 
         for text, expected in (
-                ("x + a.b", "a.b"), ("f(a.b", "a.b"), ("a.b[0]", "a.b[0]"), ("a . b", "a . b"), ("'text'", "'text'"),
-                ("[1, 2]", "[1, 2]"), ("d['a.b'].c", "d['a.b'].c"), ("f(1).x", "f(1).x"), ("", ""), ("x +", ""),
-                (u"\xe9t\xe9.x", u"\xe9t\xe9.x"), ("d[')'].x", "d[')'].x"), ("return a", "a"), ("a]", "")):
+                ("x + a.b", "a.b"), ("f(a.b", "a.b"), ("a.b[0]", "a.b[0]"), ("a . b", "a . b"),
+                ("'text'", "'text'"), ("[1, 2]", "[1, 2]"), ("d['a.b'].c", "d['a.b'].c"),
+                ("f(1).x", "f(1).x"), ("", ""), ("x +", ""), (u"\xe9t\xe9.x", u"\xe9t\xe9.x"),
+                ("d[')'].x", "d[')'].x"), ("return a", "a"), ("a]", "")):
             self.assertEqual(completion.expression_at_end(text), expected, text)
 
     def test_units_of_columns(self):
@@ -571,8 +598,8 @@ class Columns(ValuesTest):
     def test_inside_of_texts_and_comments(self):
         from tdbg.dap import completion
 
-        for text, expected in (("'abc", True), ("'abc'", False), ("x # y", True), ("'#' + ", False), ("'''a' ", True),
-                               (r"'\'", True), ("", False)):
+        for text, expected in (("'abc", True), ("'abc'", False), ("x # y", True), ("'#' + ", False),
+                               ("'''a' ", True), (r"'\'", True), ("", False)):
             self.assertEqual(completion.is_in_text(text), expected, text)
 
 

@@ -49,15 +49,17 @@ class Framing(TestCase):
         self.assertEqual(self.read_after(b"Content-Length: 2\r\nContent-Type: x\r\n\r\n{}"), {})
 
     def test_other_protocols_are_refused_at_their_first_bytes(self):
-        for data in (b"POST / HTTP/1.1", b"GET", b"\x16\x03\x01", b"{", b"\r\n\r\n", b"Content-Lengthy: 1"):
+        for data in (b"POST / HTTP/1.1", b"GET", b"\x16\x03\x01", b"{", b"\r\n\r\n",
+                     b"Content-Lengthy: 1"):
             with self.assertRaises(wire.tBadHeader):
                 self.setUp()
                 self.read_after(data)
 
     def test_bad_lengths_are_refused(self):
-        for line in (b"Content-Length: -1", b"Content-Length: x", b"Content-Length:", b"Content-Length: 1e3",
-                     b"Content-Type: a", b"Content-Length: 2\r\nContent-Length: 2",
-                     b"Content-Length: 2\r\nHost: x", b"Content-Length: 99999999999999"):
+        for line in (b"Content-Length: -1", b"Content-Length: x", b"Content-Length:",
+                     b"Content-Length: 1e3", b"Content-Type: a",
+                     b"Content-Length: 2\r\nContent-Length: 2", b"Content-Length: 2\r\nHost: x",
+                     b"Content-Length: 99999999999999"):
             with self.assertRaises(wire.tBadHeader):
                 self.setUp()
                 self.read_after(line + b"\r\n\r\n{}")
@@ -67,8 +69,8 @@ class Framing(TestCase):
             self.read_after(b"Content-Type: " + b"a" * 5000)
 
     def test_bad_message_leaves_the_next_one_readable(self):
-        for text in ("{", "[]", "3", "null", '"a"', "", '{"a": NaN}', '{"a": Infinity}', b"\xff\xfe{}",
-                     "[" * 100000, "{'a': 1}"):
+        for text in ("{", "[]", "3", "null", '"a"', "", '{"a": NaN}', '{"a": Infinity}',
+                     b"\xff\xfe{}", "[" * 100000, "{'a': 1}"):
             with self.assertRaises(wire.tBadMessage):
                 self.read_after_sent_whole(framed(text))
             self.assertEqual(self.read_after(framed("{}")), {})
@@ -109,7 +111,8 @@ class Framing(TestCase):
     def test_texts_survive(self):
         other = wire.tConnection(self.peer)
         half = json.loads('"\\ud83d"')
-        for text in (u"", u"\0", u"a\r\n\r\nContent-Length: 3\r\n\r\n", u"\u00fc\u4e2d", u"\U0001f40d", half):
+        for text in (u"", u"\0", u"a\r\n\r\nContent-Length: 3\r\n\r\n", u"\u00fc\u4e2d",
+                     u"\U0001f40d", half):
             self.assertTrue(self.connection.write({"text": text}))
             self.assertEqual(other.read()["text"], text)
         self.peer.sendall(framed(u'{"text": "\U0001f40d"}'))
@@ -117,11 +120,11 @@ class Framing(TestCase):
 
     def test_values_that_json_has_no_place_for(self):
         other = wire.tConnection(self.peer)
-        self.connection.write({"a": float("nan"), "b": [float("inf"), 1.5], "c": b"\xff\xc3\xa4", "d": (1, 2),
-                               "e": {1: None}, "f": 2 ** 70})
+        self.connection.write({"a": float("nan"), "b": [float("inf"), 1.5], "c": b"\xff\xc3\xa4",
+                               "d": (1, 2), "e": {1: None}, "f": 2 ** 70})
         self.assertEqual(other.read(), {
-            "a": None, "b": [None, 1.5], "c": u"\ufffd\u00e4", "d": [1, 2], "e": {"1": None}, "f": 2 ** 70,
-            "seq": 1})
+            "a": None, "b": [None, 1.5], "c": u"\ufffd\u00e4", "d": [1, 2], "e": {"1": None},
+            "f": 2 ** 70, "seq": 1})
 
     def test_numbers_are_given_once(self):
         other = wire.tConnection(self.peer)
@@ -167,11 +170,12 @@ class Configuration(TestCase):
     def test_defaults(self):
         found = self.launch()
         self.assertEqual(
-            (found.console, found.stop_on_entry, found.redirect_output, found.just_my_code, found.sub_process,
-             found.child_attach_timeout, found.on_terminate, found.kill_timeout, found.step_granularity,
-             found.limit_string, found.limit_items, found.limit_ms, found.args, found.warnings),
-            ("internalConsole", False, True, True, "ask", 2.0, "KeyboardInterrupt", 5.0, "statement",
-             1000, 100, 200, [], []))
+            (found.console, found.stop_on_entry, found.redirect_output, found.just_my_code,
+             found.sub_process, found.child_attach_timeout, found.on_terminate, found.kill_timeout,
+             found.step_granularity, found.limit_string, found.limit_items, found.limit_ms,
+             found.args, found.warnings),
+            ("internalConsole", False, True, True, "ask", 2.0, "KeyboardInterrupt", 5.0,
+             "statement", 1000, 100, 200, [], []))
         self.assertFalse(self.launch(console="integratedTerminal").redirect_output)
 
     def test_exactly_one_program(self):
@@ -186,14 +190,16 @@ class Configuration(TestCase):
 
     def test_wrong_types_name_the_setting(self):
         for name, value in (
-                ("program", 3), ("args", {}), ("args", [[]]), ("python", []), ("python", [1]), ("cwd", []),
-                ("env", []), ("env", {"a": True}), ("env", {"a=b": "x"}), ("console", "x"), ("stopOnEntry", 1),
-                ("justMyCode", 1), ("rules", [{}]), ("rules", [{"path": "a"}]), ("pathMappings", {}),
-                ("killTimeout", "5"), ("killTimeout", -1), ("killTimeout", True), ("valueLimits", {"string": 0}),
-                ("valueLimits", {"x": 1}), ("threads", {"default": "x"}), ("threads", {"rules": [{"name": "a"}]}),
-                ("subProcess", "x"), ("exceptions", {"always": "x"}), ("onTerminate", "x"), ("token", 3),
-                ("processId", "x"), ("processId", -1), ("connect", {"host": "a"}), ("listen", 70000),
-                ("code", [1]), ("program", "a\0b")):
+                ("program", 3), ("args", {}), ("args", [[]]), ("python", []), ("python", [1]),
+                ("cwd", []), ("env", []), ("env", {"a": True}), ("env", {"a=b": "x"}),
+                ("console", "x"), ("stopOnEntry", 1), ("justMyCode", 1), ("rules", [{}]),
+                ("rules", [{"path": "a"}]), ("pathMappings", {}), ("killTimeout", "5"),
+                ("killTimeout", -1), ("killTimeout", True), ("valueLimits", {"string": 0}),
+                ("valueLimits", {"x": 1}), ("threads", {"default": "x"}),
+                ("threads", {"rules": [{"name": "a"}]}), ("subProcess", "x"),
+                ("exceptions", {"always": "x"}), ("onTerminate", "x"), ("token", 3),
+                ("processId", "x"), ("processId", -1), ("connect", {"host": "a"}),
+                ("listen", 70000), ("code", [1]), ("program", "a\0b")):
             self.assert_refused("`" + name, **{name: value})
 
     def test_two_spellings_of_one_thing(self):
@@ -229,7 +235,8 @@ class Schema(TestCase):
         self.wrong, self.schema = schema.tWrong, schema.tSchema()
 
     def check(self, command, arguments=None, **more):
-        request = dict({"seq": 1, "type": "request", "command": command, "arguments": arguments}, **more)
+        request = dict({"seq": 1, "type": "request", "command": command, "arguments": arguments},
+                       **more)
         self.schema.check(request)
         return request.get("arguments")
 
@@ -239,8 +246,9 @@ class Schema(TestCase):
         self.assertIn(text, str(caught.exception))
 
     def test_every_request_is_known(self):
-        for command in ("initialize", "launch", "attach", "setBreakpoints", "stackTrace", "evaluate", "locations",
-                        "breakpointLocations", "stepInTargets", "tdbg/tasks"):
+        for command in ("initialize", "launch", "attach", "setBreakpoints", "stackTrace",
+                        "evaluate", "locations", "breakpointLocations", "stepInTargets",
+                        "tdbg/tasks"):
             self.assertTrue(self.schema.knows(command), command)
         self.assertFalse(self.schema.knows("nonsense"))
         self.assertEqual(len(self.schema._arguments), 45)
@@ -254,15 +262,16 @@ class Schema(TestCase):
         self.assert_wrong("`threadId` must be", "next", {"threadId": True})
         self.assert_wrong("`threadId` must be", "next", {"threadId": 1.5})
         self.assert_wrong("`arguments` must be an object", "next", [1])
-        self.assert_wrong("`filter` must be one of", "variables", {"variablesReference": 1, "filter": "x"})
+        self.assert_wrong("`filter` must be one of", "variables",
+                          {"variablesReference": 1, "filter": "x"})
         self.assert_wrong("`command` must be a text", 3)
         self.assert_wrong("type of the message", "next", {}, type="event")
 
     def test_clients_that_know_no_null_and_no_whole_numbers(self):
         self.assertEqual(
             self.check("setBreakpoints", {
-                "source": {"path": "a", "name": None}, "breakpoints": [{"line": 3.0, "condition": None}],
-                "lines": None}),
+                "source": {"path": "a", "name": None},
+                "breakpoints": [{"line": 3.0, "condition": None}], "lines": None}),
             {"source": {"path": "a"}, "breakpoints": [{"line": 3}]})
         self.assertIsInstance(self.check("next", {"threadId": 2.0})["threadId"], int)
         self.assertIsNone(self.check("configurationDone", None))

@@ -96,7 +96,8 @@ def careful():
 
 class Stops(ServerTest):
     def test_step_into_and_out(self):
-        seen = self.debug(twice, ["step_into", "step_into", "step_out", "step_over", "continue_run"], 2).seen
+        seen = self.debug(twice, ["step_into", "step_into", "step_out", "step_over",
+                                  "continue_run"], 2).seen
         self.assertEqual(seen, [
             ("step", "twice", self.line("twice-first")),
             ("step", "add", self.line("add-first")),
@@ -186,7 +187,8 @@ class Stops(ServerTest):
         result = work(front_end.server)
         front_end.server.leave_alone()
         self.assertEqual(result, 2)
-        self.assertEqual([row[:2] for row in front_end.seen if row[1] == "work"], [("pause", "work")])
+        self.assertEqual([row[:2] for row in front_end.seen if row[1] == "work"],
+                         [("pause", "work")])
 
     def test_frames_of_the_debugger_are_not_shown(self):
         stacks = []
@@ -237,10 +239,12 @@ class Threads(ServerTest):
             names.append("ran")
 
         def look(server, stop):
-            names.append((stop.thread.name, stop.thread.is_main, stop.thread.ident == threading.current_thread().ident))
+            names.append((stop.thread.name, stop.thread.is_main,
+                          stop.thread.ident == threading.current_thread().ident))
 
         def start():
-            thread = threading.Thread(target=work, args=(front_end_of[0].server,), name="the worker")
+            thread = threading.Thread(target=work, args=(front_end_of[0].server,),
+                                      name="the worker")
             thread.start()
             thread.join()
 
@@ -276,13 +280,15 @@ class Threads(ServerTest):
         self.assertEqual([row[:2] for row in front_end.seen[1:]], [("pause", "work")])
 
     def test_hooks_are_taken_back(self):
-        delete = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get("_Thread__delete")
+        delete = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get(
+            "_Thread__delete")
         hook = threading._trace_hook
         start = _low_level().start_new_thread
         self.debug(twice, [], 1)
         self.assertIs(threading._trace_hook, hook)
         self.assertIs(_low_level().start_new_thread, start)
-        now = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get("_Thread__delete")
+        now = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get(
+            "_Thread__delete")
         self.assertIs(now, delete)
 
     def test_trace_hook_of_the_program_has_precedence(self):
@@ -314,8 +320,9 @@ class Evaluation(TestCase):
         self.assertIs(self.evaluate("unittest").value, unittest)
 
     def test_errors_are_results(self):
-        for source, error in (("nothing", "NameError: name 'nothing' is not defined"), ("1/0", "ZeroDivisionError"),
-                              ("1 +", "SyntaxError"), ("sys.exit(3)", "SystemExit: 3"), ("'a", "SyntaxError")):
+        for source, error in (("nothing", "NameError: name 'nothing' is not defined"),
+                              ("1/0", "ZeroDivisionError"), ("1 +", "SyntaxError"),
+                              ("sys.exit(3)", "SystemExit: 3"), ("'a", "SyntaxError")):
             result = self.evaluate(source)
             self.assertFalse(result.ok)
             self.assertTrue(result.error.startswith(error), result.error)

@@ -161,7 +161,8 @@ class CatchInfoTest(CatchInfoCase):
         worker = [Info("run", containing_class="Worker")]
         self.assertEqual(self.stops(self.code.Worker().run, *worker), ["run"])
         self.assertEqual(self.stops(self.code.Other().run, *worker), [])
-        self.assertEqual(self.stops(self.code.raises, Info("raises", containing_class="Worker")), [])
+        self.assertEqual(self.stops(self.code.raises, Info("raises", containing_class="Worker")),
+                         [])
 
     def test_a_module_without_a_name_fails_quietly(self):
         del self.code.__name__
@@ -171,7 +172,8 @@ class CatchInfoTest(CatchInfoCase):
         self.assertEqual(self.stops(self.code.prints, Info("prints")), ["prints"])
 
     def test_names_that_are_no_strings(self):
-        self.assertEqual(self.stops(self.code.prints, Info("prints", 42), Info("prints")), ["prints"])
+        self.assertEqual(self.stops(self.code.prints, Info("prints", 42), Info("prints")),
+                         ["prints"])
         self.assertEqual(
             self.stops(self.code.prints, Info("prints", containing_class=42), Info("prints")), [])
         self.code.__name__ = 42
@@ -216,7 +218,8 @@ class CatchInfoTest(CatchInfoCase):
                 raise AttributeError(name)
 
             def __getattr__(self, name):
-                return {"co_name": "prints", "prints": 1, "parent": 0}.get(name, "*" * len(name[:1]))
+                return {"co_name": "prints", "prints": 1,
+                        "parent": 0}.get(name, "*" * len(name[:1]))
 
         for operation in operations():
             for when in ("co_name", "mod_name", "containing_class", "prints", "parent"):
@@ -243,7 +246,8 @@ class CatchInfoTest(CatchInfoCase):
         self.assertEqual(growth_of_references(once), 0)
 
     def test_records_of_frames_are_dropped_with_them(self):
-        """The exception, its traceback and all the frames of that live no longer than without us."""
+        """The exception, its traceback and all the frames of that live no longer than without
+        us."""
         import gc
         import weakref
 
@@ -608,8 +612,8 @@ raise ValueError(1)
 
 
 def wait_and_run(event):
-    """Whether the event comes; this thread goes on running meanwhile: in free-threaded builds what it
-    made and another thread lets go of dies in this one."""
+    """Whether the event comes; this thread goes on running meanwhile: in free-threaded builds what
+    it made and another thread lets go of dies in this one."""
     for _ in range(3000):
         if event.is_set():
             return True

@@ -59,7 +59,8 @@ def make(how):
 %s
 print("status", session.run(program, "step_over"))
 """ % (how, make_child))
-        self.assertEqual(out.split("\n")[0], "{} {} {} {}".format(how, stops, out.split()[2], tasks))
+        self.assertEqual(out.split("\n")[0],
+                         "{} {} {} {}".format(how, stops, out.split()[2], tasks))
         self.assertIn("status 7", out)
 
     @needs("fork")

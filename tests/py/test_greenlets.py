@@ -20,13 +20,15 @@ def find_greenlet():
         raise unittest.SkipTest("no greenlet for this version")
     cache = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
     for suite in sorted(glob.glob(os.path.join(cache, "tdbg", "libraries-compiled", "*"))):
-        if any(os.path.exists(os.path.join(suite, "greenlet", "_greenlet" + suffix)) for suffix in suffixes):
+        if any(os.path.exists(os.path.join(suite, "greenlet", "_greenlet" + suffix))
+               for suffix in suffixes):
             sys.path.append(suite)
             try:
                 ctypes.CDLL(os.path.join(suite, "libstdc++.so.6"), ctypes.RTLD_GLOBAL)
                 import greenlet
             except (ImportError, OSError) as why:  # an older C library than that suite's
-                raise unittest.SkipTest("greenlet does not load: {}".format(str(why).partition(" (")[0]))
+                raise unittest.SkipTest(
+                    "greenlet does not load: {}".format(str(why).partition(" (")[0]))
             return greenlet
     raise unittest.SkipTest("no greenlet (tools/fetch-libraries gets it for some versions)")
 
@@ -79,13 +81,16 @@ class Stepping(GreenletCase):
 
     def test_over_within_a_greenlet(self):
         self.set_break("ping-first")
-        self.check_log(self.session.run(self.switches.ping_pong, "continue_run", "step_over", "step_over"))
-        self.assertEqual(self.places()[:4], ["main-first", "ping-first", "ping-switch", "ping-last"])
+        self.check_log(self.session.run(self.switches.ping_pong, "continue_run", "step_over",
+                                        "step_over"))
+        self.assertEqual(self.places()[:4],
+                         ["main-first", "ping-first", "ping-switch", "ping-last"])
 
     def test_out_of_the_outermost_frame_of_a_greenlet(self):
         self.session.show = names_of_stack
         self.set_break("ping-last")
-        self.check_log(self.session.run(self.switches.ping_pong, "continue_run", "step_out", "step_over"))
+        self.check_log(self.session.run(self.switches.ping_pong, "continue_run", "step_out",
+                                        "step_over"))
         self.assertEqual(self.places()[:2], ["main-first", "ping-last"])
         self.assertTrue(all(len(stop[-1]) <= 1 for stop in self.session.stops if stop[0] == "line"))
 
@@ -94,8 +99,8 @@ class Stepping(GreenletCase):
             self.set_break(mark)
         self.check_log(self.session.run(self.switches.ping_pong))
         self.assertEqual(self.places(), [
-            "main-first", "ping-first", "pong-first", "pong-helper", "helper", "helper", "ping-last",
-            "main-last"])
+            "main-first", "ping-first", "pong-first", "pong-helper", "helper", "helper",
+            "ping-last", "main-last"])
 
     def test_the_idle_thread_does_not_hide_lines(self):
         self.tracer.set_use_idle_thread(1)
@@ -174,7 +179,8 @@ class Others(GreenletCase):
     def test_starting_and_stopping_inside_greenlets(self):
         from greenlet import greenlet
         if hasattr(sys, "gettotalrefcount") and sys.version_info >= (3, 14):
-            self.skipTest("an assertion of the interpreter fails there under sys.settrace alone, too")
+            self.skipTest("an assertion of the interpreter fails there under sys.settrace "
+                          "alone, too")
         self.session.tracer.start_trace()
         inner = greenlet(lambda: (self.tracer.stop_trace(), self.switches.helper(1))[1])
         self.assertEqual(inner.switch(), 2)

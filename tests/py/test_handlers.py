@@ -1,4 +1,5 @@
-"""Whether an exception will be caught: blocks and clauses, at the raise and against what happens."""
+"""Whether an exception will be caught: blocks and clauses,
+at the raise and against what happens."""
 from __future__ import absolute_import, division, print_function
 
 import sys

@@ -54,7 +54,8 @@ def memory_in_use():
     """Bytes that the C library has handed out."""
     gc.collect()
     names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost".split()
-    record = type("mallinfo", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_int) for name in names]})
+    record = type("mallinfo", (ctypes.Structure,),
+                  {"_fields_": [(name, ctypes.c_int) for name in names]})
     function = ctypes.CDLL(None).mallinfo
     function.restype = record
     return function().uordblks
@@ -152,14 +153,16 @@ class OldVersions(IdleCase):
 @needs_idle_thread
 class Calls(IdleCase):
     def test_called_in_the_main_thread_while_one_instruction_loops(self):
-        """A loop on one line gives events; with the frame untraced only the pending call is left."""
+        """A loop on one line gives events; with the frame untraced only the pending call is
+        left."""
         called = []
         self.start(lambda: called.append(threading.current_thread()))
         self.spin_until(lambda: called)
         self.assertIs(called[0], threading.current_thread())
 
     def test_called_while_the_main_thread_is_blocked(self):
-        """Two threads, none of which runs any instruction: the idle thread makes the call itself."""
+        """Two threads, none of which runs any instruction:
+        the idle thread makes the call itself."""
         called = threading.Event()
         seen = []
 
@@ -466,7 +469,8 @@ class States(TestCase):
         "a long sleep": "blocked_in(time.sleep, 30)",
         "select": "blocked_in(select.select, [os.pipe()[0]], [], [], 30)",
         "a wait for a lock": "lock = threading.Lock(); lock.acquire(); blocked_in(lock.acquire)",
-        "a call of C that gives the interpreter lock away": "blocked_in(ctypes.CDLL(None).sleep, 30)",
+        "a call of C that gives the interpreter lock away":
+            "blocked_in(ctypes.CDLL(None).sleep, 30)",
         "a read": "blocked_in(os.read, os.pipe()[0], 1)",
         "a wait for a child": "pid = os.fork() or os.execvp('sleep', ['sleep', '40'])\n"
                               "blocked_in(os.waitpid, pid, 0)\nos.kill(pid, signal.SIGKILL)",
@@ -547,7 +551,8 @@ del module
             thread.join()
         for name, (_, expected) in sorted(wanted.items()):
             done = results[name]
-            self.assertEqual((done.out.strip(), done.err, done.status), (expected, "", 0), (name, done))
+            self.assertEqual((done.out.strip(), done.err, done.status), (expected, "", 0),
+                             (name, done))
 
 
 @needs_idle_thread
@@ -602,7 +607,8 @@ class OtherCallbacks(TestCase):
     def test_stop_trace(self):
         called = self.check(lambda tracer: tracer.stop_trace())
         self.assertEqual(set(called) - set(self.kKinds), set())
-        self.assertGreaterEqual(set(called), set(("line_cb", "return_cb", "exception_cb", "policy")))
+        self.assertGreaterEqual(set(called),
+                                set(("line_cb", "return_cb", "exception_cb", "policy")))
 
     def test_stop_and_start(self):
         self.check(lambda tracer: (tracer.stop_trace(), tracer.start_trace()))

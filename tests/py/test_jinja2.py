@@ -12,7 +12,8 @@ from support.programs import python_path
 from support.terminal import PROMPT, run_commands
 
 kFolders = [
-    os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "tdbg", "libraries"),
+    os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "tdbg",
+                 "libraries"),
     "/usr/lib/python3/dist-packages",
 ]
 
@@ -173,7 +174,8 @@ class ServerTest(JinjaCase):
             ("page.html", 6, "n == 2"), ("page.html", 6, "numbers|length > 5"),
             ("page.html", 7, "[m for m in numbers if m == n] == [3]"), ("foot.html", 2)])
         self.assertEqual(front_end.stops, [
-            ("breakpoint", "page.html", 6), ("breakpoint", "page.html", 7), ("breakpoint", "foot.html", 2)])
+            ("breakpoint", "page.html", 6), ("breakpoint", "page.html", 7),
+            ("breakpoint", "foot.html", 2)])
         self.assertEqual([bp.hits for bp in self.set], [3, 3, 2, 1])
 
     def test_a_breakpoint_moves_to_a_line_with_code(self):
@@ -182,7 +184,8 @@ class ServerTest(JinjaCase):
         self.assertEqual(self.set[0].line, 5)
 
     def test_a_loop_on_one_line(self):
-        front_end = self.debug(name="loop.html", places=[("loop.html", 1, "n == 2"), ("loop.html", 2)])
+        front_end = self.debug(name="loop.html",
+                               places=[("loop.html", 1, "n == 2"), ("loop.html", 2)])
         self.assertEqual(front_end.places, [("loop.html", 1), ("loop.html", 2)])
 
     def test_the_stack(self):
@@ -193,7 +196,8 @@ class ServerTest(JinjaCase):
 
     def test_expressions(self):
         self.assertEqual(self.values_of(
-            ("page.html", 7), "n", "numbers|length", "n is divisibleby 2", "title|loud", "len(numbers)",
+            ("page.html", 7), "n", "numbers|length", "n is divisibleby 2", "title|loud",
+            "len(numbers)",
             "[m * n for m in numbers]", "nope", "1 +", "loop"), [
             "2", "3", "True", "HELLO!", "3", "[2, 4, 6]", "NameError: name 'nope' is not defined"]
             + self.values[7:])
@@ -216,7 +220,8 @@ class ServerTest(JinjaCase):
             self.assertEqual(u"".join(stop.frame.source().lines), TEMPLATES["page.html"])
 
         front_end = self.debug(["step_into", look], loader=jinja2.DictLoader(TEMPLATES))
-        self.assertEqual(front_end.places, [self.user("render"), ("page.html", 1), ("page.html", 11)])
+        self.assertEqual(front_end.places,
+                         [self.user("render"), ("page.html", 1), ("page.html", 11)])
 
     def test_a_template_of_a_text(self):
         import jinja2
@@ -279,26 +284,29 @@ class PromptTest(JinjaCase):
     def run_in(self, commands, template="page.html"):
         program = self.make_file("prog.py", (
             "import jinja2\nimport user\n"
-            "user.main(jinja2.FileSystemLoader({!r}), {!r})\n").format(self.templates, template), self.folder)
+            "user.main(jinja2.FileSystemLoader({!r}), {!r})\n").format(self.templates, template),
+                                 self.folder)
         path = os.pathsep.join([python_path(), self.library])
         self.done = run_commands(commands, program, env={"PYTHONPATH": path}, cwd=self.folder)
         return [text.replace(self.folder + "/", "") for text in self.done.out.split(PROMPT)[1:]]
 
     def test_a_session(self):
         shown = self.run_in([
-            "break templates/page.html:7", "continue", "where", "list 5, 7", "p n", "p numbers|length",
-            "step", "continue", "next", "quit"])
+            "break templates/page.html:7", "continue", "where", "list 5, 7", "p n",
+            "p numbers|length", "step", "continue", "next", "quit"])
         self.assertEqual(shown[0], "Breakpoint 1 at templates/page.html:7\n")
         self.assertEqual(shown[1], "--Breakpoint 1--\n> templates/page.html(7)block body\n"
                                    "-> {{ item(n) }}\n")
         self.assertRegex(shown[2], r"user.py\(\d+\)main\(\)\n-> text = .*\n"
-                                   r"(.*\n)*  templates/base.html\(2\)base.html\n-> {% block body %}\n"
+                                   r"(.*\n)*  templates/base.html\(2\)base.html\n"
+                                   r"-> {% block body %}\n"
                                    r"> templates/page.html\(7\)block body\n-> {{ item\(n\) }}\n$")
         self.assertIn("  6    \t  {% if n > 1 %}\n  7  ->\t    {{ item(n) }}\n", shown[3])
         self.assertEqual(shown[4:6], ["2\n", "3\n"])
         self.assertEqual(shown[6], "> templates/macros.html(1)macro\n-> {% macro item(value) %}\n")
         self.assertIn("--Breakpoint 1--", shown[7])
-        self.assertEqual(shown[8], "> templates/page.html(5)block body\n-> {% for n in numbers %}\n")
+        self.assertEqual(shown[8],
+                         "> templates/page.html(5)block body\n-> {% for n in numbers %}\n")
 
     def test_switching(self):
         shown = self.run_in([
@@ -306,8 +314,9 @@ class PromptTest(JinjaCase):
             "next", "languages jinja2 on", "languages jinja2 off", "languages",
             "break templates/foot.html:1", "continue", "quit"])
         self.assertEqual(shown[:5] + shown[6:9], [
-            "jinja2: waits\n", "", "jinja2: off\n", "*** languages needs a name and `on` or `off`\n",
-            "*** no language x\n", "", "*** jinja2 has been imported\n", "jinja2: on\n"])
+            "jinja2: waits\n", "", "jinja2: off\n",
+            "*** languages needs a name and `on` or `off`\n", "*** no language x\n", "",
+            "*** jinja2 has been imported\n", "jinja2: on\n"])
         self.assertIn("> templates/foot.html(1)foot.html\n", shown[10])
 
     def test_an_error_in_a_template(self):
@@ -322,7 +331,8 @@ class ProtocolTest(JinjaCase):
     def test_a_session(self):
         program = self.make_file("prog.py", (
             "import jinja2\nimport user\n"
-            "user.main(jinja2.FileSystemLoader({!r}), 'page.html')\n").format(self.templates), self.folder)
+            "user.main(jinja2.FileSystemLoader({!r}), 'page.html')\n").format(self.templates),
+                                 self.folder)
         path = os.pathsep.join([python_path(), self.library])
         client = debug_directly(self, program, env={"PYTHONPATH": path})
         page = self.template("page.html")
@@ -337,7 +347,8 @@ class ProtocolTest(JinjaCase):
             client.request(command, {"threadId": stop["threadId"]})
             client.wait_stopped("step")
             frame = client.stack(stop["threadId"])[0]
-            self.assertEqual((os.path.basename(frame["source"]["path"]), frame["line"]), (name, line))
+            self.assertEqual((os.path.basename(frame["source"]["path"]), frame["line"]),
+                             (name, line))
         client.resume(stop["threadId"])
         self.assertEqual(client.wait_exit(), 0)
 

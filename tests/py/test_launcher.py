@@ -41,7 +41,8 @@ class Refusals(TestCase):
         self.assertIn("no interpreter at /no/such", self.refused("--python", "/no/such", "prog.py"))
 
     def test_path_that_is_no_program(self):
-        self.assertIn("not executable", self.refused("--python", self.make_file("python", "x"), "prog.py"))
+        self.assertIn("not executable",
+                      self.refused("--python", self.make_file("python", "x"), "prog.py"))
         self.assertIn("is a folder", self.refused("--python", self.make_dir(), "prog.py"))
 
     def test_option_without_value(self):
@@ -54,13 +55,15 @@ class Refusals(TestCase):
 
     def test_program_that_is_no_interpreter(self):
         path = self.make_program("python", "#!/bin/sh\nexit 3\n")
-        self.assertIn("does not run as a Python interpreter", self.refused("--python", path, "prog.py"))
+        self.assertIn("does not run as a Python interpreter",
+                      self.refused("--python", path, "prog.py"))
         path = self.make_program("python", "#!/bin/sh\necho hello\n")
         self.assertIn("is not a Python interpreter", self.refused("--python", path, "prog.py"))
 
     def test_machine_told_by_the_interpreter(self):
         path = self.make_program("python", "#!/bin/sh\necho tells 64 3.9 aarch64\n")
-        self.assertIn("another type of machine (aarch64)", self.refused("--python", path, "prog.py"))
+        self.assertIn("another type of machine (aarch64)",
+                      self.refused("--python", path, "prog.py"))
 
     def test_version_that_is_not_supported(self):
         path = self.make_program("python", "#!/bin/sh\necho tells 64 3.5 x86_64\n")
@@ -85,8 +88,10 @@ class Launching(TestCase):
 
     def test_program_by_path_of_the_interpreter(self):
         tree = self.make_tree()
-        path = self.make_file("prog.py", "import sys\nprint(sys.version_info[:2], sys.argv[1:])\nsys.exit(3)\n")
-        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, path, "a b", "--python", "c"],
+        path = self.make_file("prog.py", "import sys\nprint(sys.version_info[:2], sys.argv[1:])\n"
+                                         "sys.exit(3)\n")
+        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, path, "a b",
+                            "--python", "c"],
                            stdin="n\nc\n")
         self.assertEqual((done.status, done.err), (3, ""), done)
         self.assertIn("['a b', '--python', 'c']", done.out)
@@ -112,15 +117,18 @@ class Launching(TestCase):
         link = os.path.join(self.make_dir(), "debugger")
         os.symlink(os.path.join(tree, "tdbg"), link)
         path = self.make_file("prog.py", "print('hello')\n")
-        done = run_program([link, "--python", sys.executable, path], stdin="c\n", cwd=os.path.dirname(path))
+        done = run_program([link, "--python", sys.executable, path], stdin="c\n",
+                           cwd=os.path.dirname(path))
         self.assertIn("hello\n", done.out)
         self.assertEqual(done.status, 0, done)
 
     def test_default_is_python3_of_the_path(self):
         folder = self.make_dir()
-        python = self.make_file("python3", "#!/bin/sh\nexec {} \"$@\"\n".format(sys.executable), folder)
+        python = self.make_file("python3",
+                                "#!/bin/sh\nexec {} \"$@\"\n".format(sys.executable), folder)
         os.chmod(python, 0o755)
-        done = run_program([LAUNCHER, "--help"], env={"PATH": folder + os.pathsep + os.environ["PATH"]})
+        done = run_program([LAUNCHER, "--help"],
+                           env={"PATH": folder + os.pathsep + os.environ["PATH"]})
         self.assertEqual(done.status, 0, done)
         self.assertIn("usage: tdbg", done.out)
 
@@ -135,11 +143,13 @@ class Launching(TestCase):
     def test_failed_build_is_told(self):
         tree = self.make_tree()
         os.remove(os.path.join(tree, "CMakeLists.txt"))
-        self.make_file("CMakeLists.txt", "cmake_minimum_required(VERSION 3.18)\nmessage(FATAL_ERROR nope)\n", tree)
+        self.make_file("CMakeLists.txt",
+                       "cmake_minimum_required(VERSION 3.18)\nmessage(FATAL_ERROR nope)\n", tree)
         os.remove(os.path.join(tree, "build", str(BITS), "tdbg-built"))
         tools = self.make_dir()
         for name in ("g++", "cmake", "make"):  # whether or not they are installed
-            os.chmod(self.make_file(name, "#!/bin/sh\necho CMake Error: nope\nexit 1\n", tools), 0o755)
+            os.chmod(self.make_file(name, "#!/bin/sh\necho CMake Error: nope\nexit 1\n", tools),
+                     0o755)
         if BITS == 32:  # the compiler must look able
             os.chmod(self.make_file("g++", "#!/bin/sh\nexit 0\n", tools), 0o755)
         done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "prog.py"],
@@ -156,7 +166,8 @@ class Launching(TestCase):
         for name in ("g++", "cmake", "make"):
             os.chmod(self.make_file(name, "#!/bin/sh\nexit 0\n", tools), 0o755)
         for home, is_kept in ((tree, True), (os.path.join(tree, "gone"), False)):
-            self.make_file("CMakeCache.txt", "A:STRING=b\nCMAKE_HOME_DIRECTORY:INTERNAL={}\n".format(home), folder)
+            self.make_file("CMakeCache.txt",
+                           "A:STRING=b\nCMAKE_HOME_DIRECTORY:INTERNAL={}\n".format(home), folder)
             os.remove(os.path.join(folder, "tdbg-built"))
             done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "--build"],
                                env={"PATH": tools + os.pathsep + os.environ["PATH"]})
@@ -168,16 +179,19 @@ class Launching(TestCase):
         tree = self.make_tree()
         os.remove(os.path.join(tree, "build", str(BITS), "tdbg-built"))
         tools = self.make_dir()
-        for name in ("sh", "od", "env", "grep", "head", "tail", "readlink", "dirname", "find", "mkdir", "touch",
-                     "uname", "cat", "rm", "mv", "getconf"):
+        for name in ("sh", "od", "env", "grep", "head", "tail", "readlink", "dirname", "find",
+                     "mkdir", "touch", "uname", "cat", "rm", "mv", "getconf"):
             for folder in ("/usr/bin", "/bin"):
                 if os.path.exists(os.path.join(folder, name)):
                     os.symlink(os.path.join(folder, name), os.path.join(tools, name))
                     break
         os.chmod(self.make_file("id", "#!/bin/sh\necho 1000\n", tools), 0o755)
-        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "prog.py"], env={"PATH": tools})
+        done = run_program([os.path.join(tree, "tdbg"), "--python", sys.executable, "prog.py"],
+                           env={"PATH": tools})
         self.assertEqual((done.status, done.out), (2, ""), done)
-        self.assertRegex(done.err, r"please install these packages and try again:  apt-get install g\+\+ cmake make")
+        self.assertRegex(done.err,
+                         r"please install these packages and try again:  "
+                         r"apt-get install g\+\+ cmake make")
 
 
 if __name__ == "__main__":

@@ -84,7 +84,8 @@ class Layouts(TestCase):
         rows = measured_rows()
         if sys.version_info < (3,):
             self.skipTest("Python 2 has no module definitions")
-        native, _ = load_record({"FindFieldOffset": (ctypes.c_ssize_t, [ctypes.c_char_p, ctypes.c_void_p])})
+        native, _ = load_record(
+            {"FindFieldOffset": (ctypes.c_ssize_t, [ctypes.c_char_p, ctypes.c_void_p])})
         table = ctypes.addressof(ctypes.c_char.in_dll(native, "py3_mod_def_fields"))
         for row in rows:
             for name, offset in row["PyModuleDef"].items():

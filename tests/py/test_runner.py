@@ -147,5 +147,6 @@ class Runner(TestCase):
 
     def test_file_that_cannot_be_imported_is_a_failure(self):
         rows = self.run_sample({"test_broken.py": "import no_such_module\n", "test_sample.py": ""})
-        self.assertEqual([(name, row[0]) for name, row in rows.items()], [("test_broken", "failed")])
+        self.assertEqual([(name, row[0]) for name, row in rows.items()],
+                         [("test_broken", "failed")])
         self.assertIn("no_such_module", rows["test_broken"][1])

@@ -97,11 +97,12 @@ class SessionCase(TestCase):
         result = os.path.join(folder, "result")
         startup = self.make_dir()
         self.make_file("sitecustomize.py", kStartup, startup)
-        options = {"result": result, "rules": rules or {}, "at": at or {}, "commands": list(commands),
-                   "many": many, "debug": debug}
+        options = {"result": result, "rules": rules or {}, "at": at or {},
+                   "commands": list(commands), "many": many, "debug": debug}
         self.ended = run_script(path, env={
             "TDBG_TEST": json.dumps(options).replace("@PATH@", path),
-            "PYTHONPATH": os.pathsep.join((startup, os.path.dirname(library_path()), python_path())),
+            "PYTHONPATH": os.pathsep.join((startup, os.path.dirname(library_path()),
+                                           python_path())),
             "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1"})
         self.assertFalse(self.ended.timed_out, self.ended)
         with open(result) as lines:
@@ -171,15 +172,15 @@ def compared(gate): sorted([1, 2], key=boom)
 def let_pass(gate):
     with Keep(): boom()
 def passed_on(gate): let_pass(gate)
-in_threads(plain, with_finally, raised_again, raised_in_place, generator, comprehension, made, asked,
-           compared, passed_on)
+in_threads(plain, with_finally, raised_again, raised_in_place, generator, comprehension, made,
+           asked, compared, passed_on)
 '''
 
     def test_uncaught_in_every_place(self):
         rows = self.debug(self.kUncaught)
         self.assertEqual(rows, stops_of("uncaught", "ValueError", (
-            "plain", "boom", "raised_again", "raised_in_place", "numbers", "boom", "__init__", "size",
-            "boom", "boom")), self.ended)
+            "plain", "boom", "raised_again", "raised_in_place", "numbers", "boom",
+            "__init__", "size", "boom", "boom")), self.ended)
         self.assertEqual((self.ended.status, self.ended.out), (0, "left\n"), self.ended)
 
     def test_uncaught_while_everything_stops(self):
@@ -377,8 +378,10 @@ with Keep(): raise ValueError("x")
         self.assertEqual(self.ended.status, 1)
 
     def test_exits_are_no_stops(self):
-        for call, status in (("sys.exit()", 0), ("sys.exit(3)", 3), ("raise SystemExit('text')", 1)):
-            self.assertEqual(self.check("import sys\ndef f(): {}\nf()\n".format(call)).status, status)
+        for call, status in (("sys.exit()", 0), ("sys.exit(3)", 3),
+                             ("raise SystemExit('text')", 1)):
+            self.assertEqual(self.check("import sys\ndef f(): {}\nf()\n".format(call)).status,
+                             status)
 
     def test_interrupt_is_no_stop(self):
         self.check("def f(): raise KeyboardInterrupt\nf()\n")
@@ -539,7 +542,8 @@ late()
 
     def test_types_that_always_stop(self):
         self.assertEqual(self.kinds(["LookupError"]), ["KeyError", "IndexError", "MyError"])
-        self.assertEqual(self.kinds(["builtins.LookupError", "exceptions.IndexError"], ["KeyError"]),
+        self.assertEqual(self.kinds(["builtins.LookupError", "exceptions.IndexError"],
+                                    ["KeyError"]),
                          ["IndexError", "MyError"])
         self.assertEqual(self.kinds(["Late", "__main__.MyError", "Inner"]),
                          ["MyError", "Inner", "Late"])
@@ -582,7 +586,8 @@ serve()
                           at={"2": ["server.exceptions.stop_on(())"]})
         self.assertEqual(len(rows), 3, rows)  # two stops, one of them with an answer
         rows = self.debug(loop, {"wanted": ["raised"]},
-                          at={"1": ["server.exceptions.ignore_place(*server.place_of_exception(stop))"]})
+                          at={"1": [
+                              "server.exceptions.ignore_place(*server.place_of_exception(stop))"]})
         self.assertEqual(len(rows), 2, rows)
         rows = self.debug(loop, {"always": ["KeyError"]},
                           at={"3": ["server.exceptions.set_types(never=['KeyError'])"]})
@@ -606,7 +611,8 @@ work()
 '''
         rows = self.debug(source, many=15)
         self.assertEqual(rows[0][0], "notice")
-        self.assertEqual(rows[1:], [("reported", "work", "KeyError"), ("uncaught", "work", "KeyError")])
+        self.assertEqual(rows[1:],
+                         [("reported", "work", "KeyError"), ("uncaught", "work", "KeyError")])
         self.assertEqual((self.ended.status, self.ended.out), (1, "go\n"))
         rows = self.debug(source, {"always": ["ValueError"]}, many=15)
         self.assertEqual(rows, [("reported", "work", "KeyError"), ("uncaught", "work", "KeyError")])

@@ -65,7 +65,8 @@ class Signals(TestCase):
     def test_what_happens_once_lets_all_go(self):
         done = signals.tDone()
         passed = []
-        threads = [threading.Thread(target=lambda: passed.append(done.wait(kPatience))) for _ in range(5)]
+        threads = [threading.Thread(target=lambda: passed.append(done.wait(kPatience)))
+                   for _ in range(5)]
         for thread in threads:
             thread.start()
         self.assertFalse(done.wait(0))

@@ -83,7 +83,8 @@ class Helpers(TestCase):
         self.assertEqual([reason for _, reason in result.skipped], ["no " + missing])
 
     def test_children_are_the_same_interpreter(self):
-        done = run_code("import struct, sys; print(list(sys.version_info)[:3] + [struct.calcsize('P')])")
+        done = run_code("import struct, sys; print(list(sys.version_info)[:3] + "
+                        "[struct.calcsize('P')])")
         bits = 8 if has("64bit") else 4
         self.assertEqual(done.out.strip(), str(list(sys.version_info)[:3] + [bits]), done)
 

@@ -30,7 +30,8 @@ class Soak(TestCase):
         library_path()  # skips without one
         seconds = os.environ.get("TDBG_SOAK_SECONDS") or str(kSeconds)
         seed = os.environ.get("TDBG_RANDOM_SEED") or datetime.date.today().strftime("%Y%m%d")
-        done = run_script(kProgram, seconds, seed, env={"PYTHONPATH": python_path()}, seconds=kLimit)
+        done = run_script(kProgram, seconds, seed, env={"PYTHONPATH": python_path()},
+                          seconds=kLimit)
         self.assertEqual((done.status, done.timed_out), (0, False), done)
         told = json.loads(done.out.splitlines()[-1])
         self.assertEqual(told["failures"], [], "seed " + seed)

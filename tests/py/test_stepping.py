@@ -389,7 +389,8 @@ class ExceptionTest(StepCase):
         kind, function, _, value = self.session.stops[-1]
         self.assertEqual((kind, function, value), ("return", "cleans_up", None))
         self.assertEqual(
-            set(stop[:2] for stop in self.session.stops[4:-1]) - set([("line", "cleans_up")]), set())
+            set(stop[:2] for stop in self.session.stops[4:-1]) - set([("line", "cleans_up")]),
+            set())
         self.assertEqual(self.result, ["cleaned"])
 
     def test_continuing_from_one_stops_nowhere(self):

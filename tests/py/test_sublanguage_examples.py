@@ -84,9 +84,10 @@ class LanguageCase(TestCase):
 
         def begin(server):
             table = server.breakpoints
-            self.set = [table.add(self.path if place[0] == "user.py" else self.find(server, place[0]),
-                                  place[1], *place[2:], **keywords)
-                        for place in places]
+            self.set = [
+                table.add(self.path if place[0] == "user.py" else self.find(server, place[0]),
+                          place[1], *place[2:], **keywords)
+                for place in places]
         front_end = self.debug(commands, begin)
         self.hits = [bp.hits for bp in self.set]
         return front_end
@@ -183,7 +184,8 @@ class CommonTests(object):
 
     def test_ignored_and_temporary(self):
         def begin(server):
-            bp = server.breakpoints.add(self.find(server, self.kLoop[0]), self.kLoop[1], temporary=True)
+            bp = server.breakpoints.add(self.find(server, self.kLoop[0]), self.kLoop[1],
+                                        temporary=True)
             server.breakpoints.set_ignore(bp, 1)
 
         seen = []
@@ -232,7 +234,8 @@ class CommonTests(object):
     def test_variables(self):
         seen = []
         self.debug_at(self.kLoop + ("n == 2",), commands=[
-            lambda server, stop: seen.extend([value_of(stop, "n * 10"), value_of(stop, "numbers[0]")])])
+            lambda server,
+            stop: seen.extend([value_of(stop, "n * 10"), value_of(stop, "numbers[0]")])])
         self.assertEqual(seen, [20, 1])
 
     def test_a_statement_changes_variables(self):
@@ -415,7 +418,8 @@ class TemplateTest(CommonTests, TemplateCase):
         self.names["double"] = function
 
     def test_a_template_that_includes_itself(self):
-        self.make_file("row.tmpl", u"{% if n < 4 %}\n{% for n in [n + 1] %}\n{% include 'row.tmpl' %}\n"
+        self.make_file("row.tmpl",
+                       u"{% if n < 4 %}\n{% for n in [n + 1] %}\n{% include 'row.tmpl' %}\n"
                        u"{% end %}\n{% end %}\nlast\n", self.folder)
         front_end = self.debug_at(("row.tmpl", 1, "n == 2"), commands=[
             after_removing(self, "step_over")] + ["step_over"] * 5)
@@ -470,7 +474,8 @@ class TemplateTest(CommonTests, TemplateCase):
         self.assertEqual(shown[1], "*** page.tmpl has no line 50: it ends with line 10\n")
         self.assertEqual(shown[2], "--Breakpoint 1--\n> page.tmpl(5)page.tmpl\n"
                                    "-> {% include \"row.tmpl\" %}\n")
-        self.assertRegex(shown[3], r"main\(\)\n-> text = page.render\(.*\n> page.tmpl\(5\)page.tmpl\n")
+        self.assertRegex(shown[3],
+                         r"main\(\)\n-> text = page.render\(.*\n> page.tmpl\(5\)page.tmpl\n")
         self.assertIn("  4    \t{% if count %}\n  5  ->\t{% include \"row.tmpl\" %}\n", shown[4])
         self.assertEqual(shown[5], "'bread'\n")
         self.assertIn("count = 3\nprice = 1.5\nthing = 'bread'\n", shown[6])
@@ -527,10 +532,11 @@ class TemplateProtocolTest(TestCase):
         client.set_breakpoints(self.kPage, [])
         self.assertEqual(
             self.steps(client, "next", "stepIn", "next", "stepIn", "next", "stepOut", "next"), [
-                ("page.tmpl", 5), ("row.tmpl", 1), ("row.tmpl", 2), ("shop.py", 18), ("shop.py", 19),
-                ("page.tmpl", 4), ("page.tmpl", 5)])
+                ("page.tmpl", 5), ("row.tmpl", 1), ("row.tmpl", 2), ("shop.py", 18),
+                ("shop.py", 19), ("page.tmpl", 4), ("page.tmpl", 5)])
         self.assertEqual(self.steps(client, "stepIn", "stepOut", "next", "next", "next"), [
-            ("row.tmpl", 1), ("page.tmpl", 4), ("page.tmpl", 7), ("page.tmpl", 10), ("shop.py", 26)])
+            ("row.tmpl", 1), ("page.tmpl", 4), ("page.tmpl", 7), ("page.tmpl", 10),
+            ("shop.py", 26)])
         client.resume(self.thread)
         self.assertEqual(client.wait_exit(), 0)
 
@@ -609,7 +615,8 @@ class CellTest(CommonTests, CellCase):
         self.assertEqual(shown[2], "Breakpoint 2 at cell 2:3\n")
         self.assertEqual(shown[3], "*** no file cell 9\n")
         self.assertEqual(shown[4], "--Breakpoint 2--\n> cell 2(3)count\n-> return sum(found)\n")
-        self.assertRegex(shown[5], r"run\(\)\n-> self.run_cell.*\n  cell 2\(6\)all of it\n-> for kind.*\n"
+        self.assertRegex(shown[5],
+                         r"run\(\)\n-> self.run_cell.*\n  cell 2\(6\)all of it\n-> for kind.*\n"
                                    r"> cell 2\(3\)count\n-> return sum\(found\)\n$")
         self.assertIn("  2    \t    found = [number for kind, number in sales if kind == name]\n"
                       "  3  ->\t    return sum(found)\n", shown[6])

@@ -19,7 +19,8 @@ kOfLoading = {
     "open", "openat", "read", "pread64", "close", "fstat", "fstat64", "newfstatat", "statx",
     "stat", "stat64", "lstat", "lstat64", "access", "lseek", "_llseek", "readlink", "getdents64",
 }
-kLoaded = re.compile(r"(tdbgtracer[^/]*\.so|/ld\.so\.(cache|preload)|lib(dl|pthread|c)[-.][^/]*|/)$")
+kLoaded = re.compile(
+    r"(tdbgtracer[^/]*\.so|/ld\.so\.(cache|preload)|lib(dl|pthread|c)[-.][^/]*|/)$")
 kStat = {"stat", "stat64", "newfstatat", "statx", "lstat", "lstat64", "fstatat64"}
 kMark = re.compile(r'write\(-1, "(\w+)"')
 kCall = re.compile(r"^(?:\d+ +)?(?:\[pid +\d+\] )?(\w+)\((.*)")
@@ -31,7 +32,8 @@ def _strace():
     """strace is there and may trace."""
     try:
         with open(os.devnull, "w") as nothing:
-            return subprocess.call(["strace", "-o", os.devnull, "true"], stdout=nothing, stderr=nothing) == 0
+            argv = ["strace", "-o", os.devnull, "true"]
+            return subprocess.call(argv, stdout=nothing, stderr=nothing) == 0
     except OSError:
         return False
 
@@ -52,7 +54,8 @@ class SystemCalls(TestCase):
             self.assertIn(name, kEverywhere | kOfLoading)
         opened = [path for name, path in phases["import"] if name in ("open", "openat")]
         self.assertEqual([path for path in opened if not kLoaded.search(path)], [])
-        self.assertTrue([path for path in opened if path.endswith(os.path.basename(library_path()))])
+        self.assertTrue(
+            [path for path in opened if path.endswith(os.path.basename(library_path()))])
         self.assertEqual([call for call in phases["init"] if call[0] not in kEverywhere], [])
         self.check_run(phases["run"], lines)
 

@@ -56,7 +56,8 @@ class Stepping(TestCase):
         self.assertIn("> {}(7)<module>()\n".format(self.path), done.out)
 
     def test_return_of_the_selected_frame(self):
-        self.assertEqual(self.stops(["n", "s", "s", "s", "s", "up", "r", "q"])[-1], (4, "factorial"))
+        self.assertEqual(self.stops(["n", "s", "s", "s", "s", "up", "r", "q"])[-1],
+                         (4, "factorial"))
 
     def test_next_in_the_selected_frame(self):
         stops = self.stops(["n", "s", "s", "s", "u", "u", "n", "q"])
@@ -130,8 +131,10 @@ except ValueError:
         self.assertIn("(Tdb) 1\n", done.out)
 
     def test_empty_line_repeats_and_separator_splits(self):
-        self.assertEqual(self.stops(["n", "", "q"]), [(1, "<module>"), (6, "<module>"), (7, "<module>")])
-        self.assertEqual(self.stops(["n ;; s", "q"]), [(1, "<module>"), (6, "<module>"), (2, "factorial")])
+        self.assertEqual(self.stops(["n", "", "q"]),
+                         [(1, "<module>"), (6, "<module>"), (7, "<module>")])
+        self.assertEqual(self.stops(["n ;; s", "q"]),
+                         [(1, "<module>"), (6, "<module>"), (2, "factorial")])
 
 
 class Commands(TestCase):
@@ -163,7 +166,8 @@ class Commands(TestCase):
         self.assertIn("  2  ->\t    if n < 2:", out[2])
 
     def test_where_up_down(self):
-        out = self.run_in(FACTORIAL, ["n", "s", "s", "s", "w", "u", "p n", "d", "d", "u 5", "u", "q"])
+        out = self.run_in(FACTORIAL,
+                          ["n", "s", "s", "s", "w", "u", "p n", "d", "d", "u 5", "u", "q"])
         self.assertEqual(
             re.findall(r"^(..)\S+\((\d+)\)(\S+)\(\)", out[4], re.M),
             [("  ", "6", "<module>"), ("  ", "4", "factorial"), ("> ", "2", "factorial")])
@@ -187,10 +191,11 @@ class Commands(TestCase):
         self.assertEqual(out[4], "a = 1\nb = 3\nc = 1\nmore = {'k': 'v'}\nrest = (4,)\n")
 
     def test_print_and_its_relatives(self):
-        source = "import collections\ndef f(x):\n    'doc'\n    return x\ndata = list(range(60))\npass\n"
+        source = ("import collections\ndef f(x):\n    'doc'\n    return x\n"
+                  "data = list(range(60))\npass\n")
         out = self.run_in(source, [
-            "n", "n", "n", "p data[:3], 'x'", "pp data", "whatis f", "whatis data", "whatis collections.deque",
-            "source f", "p nothing", "p 1 +", "p", "q"])
+            "n", "n", "n", "p data[:3], 'x'", "pp data", "whatis f", "whatis data",
+            "whatis collections.deque", "source f", "p nothing", "p 1 +", "p", "q"])
         self.assertEqual(out[3], "([0, 1, 2], 'x')\n")
         self.assertEqual(len(out[4].splitlines()), 60)
         self.assertEqual(out[5], "Function f\n")
@@ -203,7 +208,8 @@ class Commands(TestCase):
 
     def test_comprehension_sees_local_variables(self):
         source = "def f(a):\n    b = 2\n    return a\n\nf(3)\n"
-        out = self.run_in(source, ["n", "s", "n", "p [a * i for i in range(b)]", "p (lambda: a)()", "q"])
+        out = self.run_in(source,
+                          ["n", "s", "n", "p [a * i for i in range(b)]", "p (lambda: a)()", "q"])
         self.assertEqual(out[3:5], ["[0, 3]\n", "3\n"])
 
     def test_assigning_a_local_variable(self):
@@ -238,15 +244,17 @@ class Commands(TestCase):
         self.assertEqual(text.count("turn"), 3, self.done)
 
     def test_statement_that_fails(self):
-        out = self.run_in("pass\n", ["!1/0", "!raise SystemExit(5)", "!import sys; sys.exit(4)", "p 1", "c"])
+        out = self.run_in("pass\n",
+                          ["!1/0", "!raise SystemExit(5)", "!import sys; sys.exit(4)", "p 1", "c"])
         self.assertIn("*** ZeroDivisionError: ", out[0])
         self.assertEqual(out[1:4], ["*** SystemExit: 5\n", "*** SystemExit: 4\n", "1\n"])
         self.assertEqual(self.done.status, 0)
 
     def test_help_names_every_command(self):
         out = self.run_in("pass\n", ["help", "h where", "help nonsense", "q"])
-        for name in ("step", "next", "until", "return", "continue", "list", "longlist", "where", "up", "down",
-                     "args", "locals", "p", "pp", "whatis", "source", "help", "quit", "restart"):
+        for name in ("step", "next", "until", "return", "continue", "list", "longlist", "where",
+                     "up", "down", "args", "locals", "p", "pp", "whatis", "source", "help",
+                     "quit", "restart"):
             self.assertRegex(out[0], r"(?m)^{}\b".format(name))
         self.assertIn("Show the stack", out[1])
         self.assertEqual(out[2], "*** no command nonsense\n")
@@ -284,8 +292,8 @@ print("done")
 
     def test_failing_repr(self):
         path = self.make_file("prog.py", self.SOURCE)
-        done = run_commands(["until 23", "p bad", "p recursive", "p leaving", "pp [bad]", "n", "s", "args",
-                             "r", "n", "!raise NoText()", "c"], path)
+        done = run_commands(["until 23", "p bad", "p recursive", "p leaving", "pp [bad]", "n",
+                             "s", "args", "r", "n", "!raise NoText()", "c"], path)
         out = done.out.split(PROMPT)
         self.assertEqual(out[2], "<Bad object: repr failed: ValueError: no text>\n")
         self.assertIn("<Recursive object: repr failed: R", out[3])
@@ -325,8 +333,10 @@ class Transparency(TestCase):
     def test_names_and_path(self):
         self.compare("import sys, os\n"
                      "print(__name__, __file__, sys.argv, sys.path, sorted(globals()), sys.flags)\n"
-                     "print(sys.executable, sys.excepthook, sys._getframe().f_back, sorted(os.environ))\n"
-                     "print(getattr(sys, 'orig_argv', None), sys.stdin.read(0), 'sitecustomize' in sys.modules)\n",
+                     "print(sys.executable, sys.excepthook, sys._getframe().f_back, "
+                     "sorted(os.environ))\n"
+                     "print(getattr(sys, 'orig_argv', None), sys.stdin.read(0), 'sitecustomize' "
+                     "in sys.modules)\n",
                      ["one", "two words", "--option"])
 
     @needs("!python2")
@@ -344,12 +354,14 @@ class Transparency(TestCase):
         self.compare("try:\n    {}['x']\nexcept KeyError:\n    1 / 0\n")
 
     def test_exception_hook(self):
-        self.compare("import sys\ndef hook(kind, value, tb):\n    print('hook', kind.__name__, tb.tb_next)\n"
+        self.compare("import sys\ndef hook(kind, value, tb):\n"
+                     "    print('hook', kind.__name__, tb.tb_next)\n"
                      "sys.excepthook = hook\nraise ValueError(1)\n")
 
     def test_exit_status(self):
-        for call, status in (("sys.exit()", 0), ("sys.exit(0)", 0), ("sys.exit(3)", 3), ("sys.exit('text')", 1),
-                             ("raise SystemExit(4)", 4), ("os._exit(5)", 5)):
+        for call, status in (("sys.exit()", 0), ("sys.exit(0)", 0), ("sys.exit(3)", 3),
+                             ("sys.exit('text')", 1), ("raise SystemExit(4)", 4),
+                             ("os._exit(5)", 5)):
             plain = self.compare("import os, sys\n" + call + "\n", commands=["c"])
             self.assertEqual(plain.status, status)
 
@@ -361,24 +373,30 @@ class Transparency(TestCase):
         self.assertEqual(plain.status, -signal.SIGTERM)
 
     def test_exit_functions(self):
-        plain = self.compare("import atexit, sys\natexit.register(print, 'bye')\nsys.exit(2)\n" if not has("python2")
-                             else "import atexit, sys\ndef bye():\n    print('bye')\natexit.register(bye)\nsys.exit(2)\n")
+        plain = self.compare("import atexit, sys\natexit.register(print, 'bye')\nsys.exit(2)\n"
+                             if not has("python2")
+                             else "import atexit, sys\ndef bye():\n    print('bye')\n"
+                                  "atexit.register(bye)\nsys.exit(2)\n")
         self.assertEqual((plain.out, plain.status), ("bye\n", 2))
 
     def test_signal_handlers(self):
         self.compare("import signal\n"
                      "print(signal.getsignal(signal.SIGINT) is signal.default_int_handler)\n"
-                     "print([signal.getsignal(n) for n in range(1, signal.NSIG) if n != signal.SIGINT])\n")
+                     "print([signal.getsignal(n) for n in range(1, signal.NSIG) if n != "
+                     "signal.SIGINT])\n")
 
     def test_recursion_error(self):
-        self.compare("import sys\ndef f(n):\n    return f(n + 1)\ntry:\n    f(0)\nexcept RuntimeError:\n"
+        self.compare("import sys\ndef f(n):\n    return f(n + 1)\ntry:\n    f(0)\n"
+                     "except RuntimeError:\n"
                      "    print('limit', sys.getrecursionlimit())\n")
 
     def test_module_and_package(self):
         folder = self.make_dir()
         self.make_file("pkg/__init__.py", "print('init')\n", folder)
-        self.make_file("pkg/__main__.py", "import sys\nprint(__name__, sys.argv, sys.path[0])\n1 / 0\n", folder)
-        self.make_file("pkg/sub.py", "import sys\nprint(__name__, __package__, sys.argv)\nsys.exit(6)\n", folder)
+        self.make_file("pkg/__main__.py",
+                       "import sys\nprint(__name__, sys.argv, sys.path[0])\n1 / 0\n", folder)
+        self.make_file("pkg/sub.py",
+                       "import sys\nprint(__name__, __package__, sys.argv)\nsys.exit(6)\n", folder)
         for target, status in ((["-m", "pkg"], 1), (["-m", "pkg.sub", "x"], 6), (["pkg"], 1)):
             plain = run_program([sys.executable] + target, cwd=folder)
             done = run_commands(["c", "c"], *target, cwd=folder)
@@ -406,14 +424,18 @@ class Transparency(TestCase):
                      "print(os.waitpid(pid, 0)[1] >> 8)\n", commands=["n", "c", "c"])
 
     def test_child_process_knows_nothing(self):
-        self.compare("import subprocess, sys\nprint(subprocess.call([sys.executable, '-c', 'import os, sys;"
+        self.compare("import subprocess, sys\n"
+                     "print(subprocess.call([sys.executable, '-c', 'import os, sys;"
                      "assert not [k for k in os.environ if k.startswith(\"TDBG_START\")];"
                      "assert sys.gettrace() is None; sys.exit(5)']))\n")
 
     def test_threads(self):
-        self.compare("import threading\ndef work(n):\n    print(threading.current_thread().name, n)\n"
-                     "for i in range(3):\n    t = threading.Thread(target=work, args=(i,), name='w%d' % i)\n"
-                     "    t.start()\n    t.join()\nprint(threading.active_count(), threading.enumerate())\n"
+        self.compare("import threading\ndef work(n):\n"
+                     "    print(threading.current_thread().name, n)\n"
+                     "for i in range(3):\n"
+                     "    t = threading.Thread(target=work, args=(i,), name='w%d' % i)\n"
+                     "    t.start()\n    t.join()\n"
+                     "print(threading.active_count(), threading.enumerate())\n"
                      .replace(", threading.enumerate()", ""))
 
     def test_input_after_commands(self):
@@ -422,7 +444,8 @@ class Transparency(TestCase):
         self.assertIn("read for the program", done.out.replace("('read', '", "read "))
 
     def test_redirected_and_closed_streams(self):
-        source = ("import sys\nclass Sink(object):\n    def write(self, text): pass\n    def flush(self): 1 / 0\n"
+        source = ("import sys\nclass Sink(object):\n    def write(self, text): pass\n"
+                  "    def flush(self): 1 / 0\n"
                   "sys.stdout = sys.stderr = Sink()\nsys.stdin = None\nx = 5\n{}\ny = 6\n")
         for extra in ("pass", "import os; os.close(1)", "sys.__stdout__.close()", "del sys.stdout"):
             path = self.make_file("prog.py", source.format(extra))
@@ -437,7 +460,8 @@ class OwnModules(TestCase):
         self.make_file("evaluate.py", "x = 2\n", folder)
         self.make_file("codeop.py", "x = 3\n", folder)
         names = "display, evaluate" if has("python2") else "display, evaluate, codeop"
-        path = self.make_file("prog.py", "import {}\nprint([m.x for m in ({},)])\n".format(names, names), folder)
+        path = self.make_file(
+            "prog.py", "import {}\nprint([m.x for m in ({},)])\n".format(names, names), folder)
         done = run_commands(["n", "p display.x", "c"], path)
         self.assertIn("[1, 2", done.out)
         self.assertEqual(done.status, 0, done)
@@ -450,7 +474,8 @@ class Uncaught(TestCase):
         path = self.make_file("prog.py", self.SOURCE)
         done = run_commands(["c", "p value", "w", "u", "u", "c"], path)
         out = done.out.split(PROMPT)
-        self.assertIn("--Uncaught exception, the program ends after this--\nZeroDivisionError: ", out[1])
+        self.assertIn("--Uncaught exception, the program ends after this--\nZeroDivisionError: ",
+                      out[1])
         self.assertIn("> {}(2)inner()".format(path), out[1])
         self.assertEqual(out[2], "0\n")
         self.assertEqual(re.findall(r"prog\.py\((\d+)\)", out[3]), ["7", "5", "2"])
@@ -481,7 +506,8 @@ class Uncaught(TestCase):
         self.assertEqual((done.status, done.out.count(PROMPT)), (0, 1), done)
 
     def test_caught_exceptions_do_not_stop(self):
-        path = self.make_file("prog.py", "try:\n    1 / 0\nexcept ZeroDivisionError:\n    pass\nfor x in iter([]):\n"
+        path = self.make_file("prog.py", "try:\n    1 / 0\nexcept ZeroDivisionError:\n    pass\n"
+                                         "for x in iter([]):\n"
                                          "    pass\nprint('end')\n")
         done = run_commands(["c"], path)
         self.assertEqual((done.status, done.out.count(PROMPT)), (0, 1), done)
@@ -512,11 +538,14 @@ class Ending(TestCase):
 
     def test_restart(self):
         folder = self.make_dir()
-        source = ("import os, sys\ncount = len(os.listdir('.'))\nopen('run%d' % count, 'w').close()\n"
-                  "os.environ['LEFT'] = 'over'\nos.mkdir('sub%d' % count)\nos.chdir('sub%d' % count)\nx = 1\n")
+        source = ("import os, sys\ncount = len(os.listdir('.'))\n"
+                  "open('run%d' % count, 'w').close()\n"
+                  "os.environ['LEFT'] = 'over'\nos.mkdir('sub%d' % count)\n"
+                  "os.chdir('sub%d' % count)\nx = 1\n")
         path = self.make_file("prog.py", source)
         commands = ["until 7", "p sys.argv[1:], sorted(os.listdir('..'))", "restart", "n",
-                    "p os.environ.get('LEFT'), len(os.listdir('.'))", "restart a 'b c'", "n", "p sys.argv[1:]", "c"]
+                    "p os.environ.get('LEFT'), len(os.listdir('.'))", "restart a 'b c'", "n",
+                    "p sys.argv[1:]", "c"]
         done = run_commands(commands, path, "first", cwd=folder)
         self.assertIn("(['first'], ['run0', 'sub0'])", done.out)
         self.assertIn("(None, 2)", done.out)
@@ -556,7 +585,8 @@ class Refusals(TestCase):
     def test_library_that_cannot_be_loaded(self):
         path = self.make_file("prog.py", "pass\n")
         library = self.make_file("lib.so", "no library")
-        done = run_program([sys.executable, os.path.join(PACKAGE, "__main__.py"), "--library", library, path])
+        done = run_program([sys.executable, os.path.join(PACKAGE, "__main__.py"), "--library",
+                            library, path])
         self.assertEqual((done.status, done.out), (2, ""), done)
         self.assertIn("tdbg: cannot debug here", done.err)
 
@@ -601,7 +631,8 @@ sys.stdout.write(spin(1))
     def test_step_to_the_end(self):
         terminal = self.debug("x = 1\nprint('hello')\n")
         self.assertEqual(terminal.start(), "> {}(1)<module>()\n-> x = 1\n".format(self.path))
-        self.assertEqual(terminal.command("n"), "> {}(2)<module>()\n-> print('hello')".format(self.path))
+        self.assertEqual(terminal.command("n"),
+                         "> {}(2)<module>()\n-> print('hello')".format(self.path))
         self.assertIn("hello\n", terminal.command("n"))
         terminal.send_line("n")
         self.assertEqual(terminal.wait(), 0)
@@ -667,7 +698,8 @@ sys.stdout.write(spin(1))
             self.assertIn("on\n", terminal.rest())
 
     def test_interrupts_again_and_again_in_a_sleep(self):
-        source = ("import os, time\ndone = 0\nwhile done < 3:\n    os.write(1, b'waiting\\n')\n    try:\n"
+        source = ("import os, time\ndone = 0\nwhile done < 3:\n    os.write(1, b'waiting\\n')\n"
+                  "    try:\n"
                   "        time.sleep(3600)\n    except KeyboardInterrupt:\n        done += 1\n")
         terminal, out = self.interrupt_blocked(source)
         for _ in range(2):
@@ -687,7 +719,8 @@ sys.stdout.write(spin(1))
         self.assertIn("got it", terminal.rest())
 
     def test_interrupt_command_at_a_line(self):
-        terminal = self.debug("try:\n    x = 1\n    y = 2\nexcept KeyboardInterrupt:\n    print('got it')\n")
+        terminal = self.debug("try:\n    x = 1\n    y = 2\nexcept KeyboardInterrupt:\n"
+                              "    print('got it')\n")
         terminal.start()
         terminal.command("n")
         terminal.send_line("interrupt")
@@ -695,7 +728,8 @@ sys.stdout.write(spin(1))
         self.assertIn("got it", terminal.rest())
 
     def test_own_handler_of_the_program_gets_the_signal(self):
-        source = ("import os, signal, sys\ndef handler(number, frame):\n    os.write(1, b'handled\\n')\n"
+        source = ("import os, signal, sys\ndef handler(number, frame):\n"
+                  "    os.write(1, b'handled\\n')\n"
                   "    os._exit(4)\nsignal.signal(signal.SIGINT, handler)\n"
                   "os.write(1, b'ready\\n')\nwhile True:\n    pass\n")
         terminal = self.debug(source)
@@ -718,7 +752,8 @@ sys.stdout.write(spin(1))
         self.assertEqual(terminal.command("p 6 * 7"), "42")
 
     def test_interrupt_ends_an_evaluation(self):
-        terminal = self.debug("def forever():\n    print('turning')\n    while True: pass\n\nx = 1\ny = 2\n")
+        terminal = self.debug("def forever():\n    print('turning')\n    while True: pass\n\n"
+                              "x = 1\ny = 2\n")
         terminal.start()
         terminal.command("n")
         terminal.send_line("!forever()")
@@ -814,7 +849,8 @@ sys.stdout.write(spin(1))
 
     def test_stop_in_a_thread_names_it(self):
         source = ("import threading\ndef work():\n    x = 1\n    return x\n"
-                  "t = threading.Thread(target=work, name='worker-7')\nt.start()\nt.join()\nprint('end')\n")
+                  "t = threading.Thread(target=work, name='worker-7')\nt.start()\nt.join()\n"
+                  "print('end')\n")
         if not has("python2") and sys.version_info >= (3, 7):
             source = source.replace("x = 1\n", "x = 1; breakpoint()\n")
             terminal = self.debug(source)

@@ -57,7 +57,8 @@ class BreakTest(TestCase):
 
     def listed(self, text):
         """[(number, kind, enabled, hits, place)] of what `break` shows."""
-        return [(int(row[0]), row[1], row[2], int(row[3]), row[4]) for row in _numbers.findall(text)]
+        return [(int(row[0]), row[1], row[2], int(row[3]), row[4])
+                for row in _numbers.findall(text)]
 
     def at(self, line, path=None):
         return "{}:{}".format(path or self.path, line)
@@ -68,24 +69,30 @@ class Setting(BreakTest):
         out = self.run_in(["b 6", "break", "c", "c", "b", "q"])
         self.assertEqual(out[0], "Breakpoint 1 at {}\n".format(self.at(6)))
         self.assertEqual(self.listed(out[1]), [(1, "breakpoint", "yes", 0, self.at(6))])
-        self.assertIn("--Breakpoint 1--\n> {}(6)factorial()\n-> if n < 2:\n".format(self.path), out[2])
+        self.assertIn("--Breakpoint 1--\n> {}(6)factorial()\n-> if n < 2:\n".format(self.path),
+                      out[2])
         self.assertEqual(self.listed(out[4]), [(1, "breakpoint", "yes", 2, self.at(6))])
 
     def test_line_without_code(self):
         out = self.run_in(["b 4", "b 5", "tbreak 13", "q"])
-        self.assertEqual(out[0], "Breakpoint 1 at {} (there is no code at line 4)\n".format(self.at(6)))
-        self.assertEqual(out[1], "Breakpoint 2 at {} (there is no code at line 5)\n".format(self.at(6)))
-        self.assertEqual(out[2], "Temporary breakpoint 3 at {} (there is no code at line 13)\n".format(self.at(14)))
+        self.assertEqual(out[0],
+                         "Breakpoint 1 at {} (there is no code at line 4)\n".format(self.at(6)))
+        self.assertEqual(out[1],
+                         "Breakpoint 2 at {} (there is no code at line 5)\n".format(self.at(6)))
+        self.assertEqual(out[2],
+                         "Temporary breakpoint 3 at {} (there is no code at line 13)\n".format(
+                             self.at(14)))
 
     def test_refusals(self):
         bad = [
             ("b 99", "has no line 99: it ends with line 17"), ("b 0", "has no line 0"),
             ("b nothing.py:3", "no file nothing.py"), ("b nothing", "no function nothing"),
             ("b prog.py:nothing", "no function nothing in "), ("b prog.py:", "is no place"),
-            ("b :3", "is no place"), ("b 6,", "no condition after the comma"), ("b 6, n =", "is no expression"),
-            ("tbreak", "needs a place"), ("condition", "needs a breakpoint's number"),
-            ("condition 5 x", "no breakpoint 5"), ("condition x", "x is no breakpoint's number"),
-            ("ignore", "needs"), ("ignore 1 2 3", "needs"), ("enable", "which one?"), ("disable 7", "no breakpoint 7"),
+            ("b :3", "is no place"), ("b 6,", "no condition after the comma"),
+            ("b 6, n =", "is no expression"), ("tbreak", "needs a place"),
+            ("condition", "needs a breakpoint's number"), ("condition 5 x", "no breakpoint 5"),
+            ("condition x", "x is no breakpoint's number"), ("ignore", "needs"),
+            ("ignore 1 2 3", "needs"), ("enable", "which one?"), ("disable 7", "no breakpoint 7"),
             ("clear 3", "no breakpoint 3"), ("clear prog.py:6", "no breakpoint at prog.py:6"),
             ("commands", "no breakpoint has been set"), ("commands 4", "no breakpoint 4"),
             ("b 1/0", "no function 1/0"), ("b", "No breakpoints.")]
@@ -105,15 +112,16 @@ class Setting(BreakTest):
             self.assertEqual(self.done.status, 0)
 
     def test_by_function_before_the_import_and_before_it_is_defined(self):
-        out = self.run_in(["b helper_module.help_out", "b factorial", "b Thing.method", "b helper_module.py:help_out",
-                           "b", "c", "q"])
+        out = self.run_in(["b helper_module.help_out", "b factorial", "b Thing.method",
+                           "b helper_module.py:help_out", "b", "c", "q"])
         self.assertEqual([row[4] for row in self.listed(out[4])], [
             self.at(2, self.helper) + " in helper_module.help_out", self.at(6) + " in factorial",
             self.at(12) + " in Thing.method", self.at(2, self.helper) + " in help_out"])
         self.assertIn("--Breakpoint 2--", out[5])
 
     def test_by_function_that_is_there(self):
-        out = self.run_in(["until 14", "b factorial", "b Thing().method", "b helper_module.help_out", "c", "q"])
+        out = self.run_in(["until 14", "b factorial", "b Thing().method",
+                           "b helper_module.help_out", "c", "q"])
         self.assertIn(self.at(6), out[1])
         self.assertIn(self.at(12), out[2])
         self.assertIn(self.at(2, self.helper), out[3])
@@ -131,7 +139,8 @@ class Setting(BreakTest):
 
     def test_broken_condition(self):
         out = self.run_in(["b 6, nothing", "c", "condition 1", "c", "q"])
-        self.assertIn("*** condition nothing of breakpoint 1: NameError: name 'nothing' is not defined\n"
+        self.assertIn("*** condition nothing of breakpoint 1: NameError: name 'nothing' is not "
+                      "defined\n"
                       "> {}(6)factorial()".format(self.path), out[1])
         self.assertEqual(out[2], "Breakpoint 1 is now unconditional.\n")
         self.assertIn("--Breakpoint 1--\n", out[3])
@@ -161,7 +170,8 @@ class Setting(BreakTest):
 
     def test_help_tells_all_of_them(self):
         out = self.run_in(["help", "h tbreak", "h cl", "q"])
-        for name in ("break, b", "tbreak", "condition", "ignore", "enable", "disable", "clear, cl", "commands"):
+        for name in ("break, b", "tbreak", "condition", "ignore", "enable", "disable", "clear, cl",
+                     "commands"):
             self.assertRegex(out[0], r"(?m)^{}( |$)".format(name))
         self.assertIn("Stop there once.", out[1])
         self.assertIn("Delete these breakpoints", out[2])
@@ -175,7 +185,8 @@ class Setting(BreakTest):
 class Changing(BreakTest):
     def test_temporary(self):
         out = self.run_in(["tbreak factorial", "b", "c", "b", "c"])
-        self.assertEqual(self.listed(out[1]), [(1, "temporary", "yes", 0, self.at(6) + " in factorial")])
+        self.assertEqual(self.listed(out[1]),
+                         [(1, "temporary", "yes", 0, self.at(6) + " in factorial")])
         self.assertIn("--Breakpoint 1, deleted--\n", out[2])
         self.assertEqual(out[3], "No breakpoints.\n")
         self.assertIn("end\n", out[4])
@@ -186,7 +197,8 @@ class Changing(BreakTest):
         self.assertEqual((out[3], out[6]), ("2\n", "1\n"))
 
     def test_ignore(self):
-        out = self.run_in(["b 6", "ignore 1 2", "b", "c", "p n", "ignore 1 1", "ignore 1", "c", "b", "q"])
+        out = self.run_in(["b 6", "ignore 1 2", "b", "c", "p n", "ignore 1 1", "ignore 1",
+                           "c", "b", "q"])
         self.assertEqual(out[1], "The next 2 hits of breakpoint 1 will not stop.\n")
         self.assertIn("     ignore next 2 hits\n", out[2])
         self.assertEqual(out[4:7], ["2\n", "The next 1 hit of breakpoint 1 will not stop.\n",
@@ -207,8 +219,8 @@ class Changing(BreakTest):
         self.assertEqual(self.listed(out[2])[0][2], "yes")
 
     def test_clear(self):
-        out = self.run_in(["b 6", "b 7", "b 7", "b 12", "clear 1", "cl prog.py:7", "b", "clear", "n", "b", "clear", "y",
-                           "c"])
+        out = self.run_in(["b 6", "b 7", "b 7", "b 12", "clear 1", "cl prog.py:7", "b", "clear",
+                           "n", "b", "clear", "y", "c"])
         self.assertEqual(out[4], "Deleted breakpoint 1 at {}\n".format(self.at(6)))
         self.assertEqual(out[5].count("Deleted"), 2)
         self.assertEqual([row[0] for row in self.listed(out[6])], [4])
@@ -228,8 +240,9 @@ class Changing(BreakTest):
         self.assertIn("(6)factorial()", out[1])
 
     def test_restart_keeps_them(self):
-        out = self.run_in(["b 6, n == 1", "b 12", "tbreak helper_module:3", "b 7", "disable 2", "clear 4", "ignore 1 1",
-                           "commands 1", "p 'here', n", "end", "c", "restart", "b", "c", "b 16", "q"])
+        out = self.run_in(["b 6, n == 1", "b 12", "tbreak helper_module:3", "b 7", "disable 2",
+                           "clear 4", "ignore 1 1", "commands 1", "p 'here', n", "end", "c",
+                           "restart", "b", "c", "b 16", "q"])
         rows = self.listed("".join(out[10:]))
         self.assertEqual([(row[0], row[1], row[2]) for row in rows][-3:], [
             (1, "breakpoint", "yes"), (2, "breakpoint", "no"), (3, "temporary", "yes")])
@@ -247,7 +260,8 @@ class Lists(BreakTest):
         self.assertRegex(text, r"(?s)--Breakpoint 1--.*\('n is', 0\)\n.*'prompt'\n")
 
     def test_several_commands_in_a_line(self):
-        done = run_commands(["b 16", "commands", "p 'one' ;; p 'two'", "p 'three' ;; c", "c"], self.path)
+        done = run_commands(["b 16", "commands", "p 'one' ;; p 'two'", "p 'three' ;; c", "c"],
+                            self.path)
         self.assertIn("'one'\n'two'\n'three'\n", done.out)
         self.assertIn("end\n", done.out)
 
@@ -265,9 +279,11 @@ class Lists(BreakTest):
         self.assertIn("'still'\n", out)
 
     def test_list_is_taken_away(self):
-        out = "".join(self.run_in(["b 6", "commands", "p 'gone'", "end", "commands 1", "end", "c", "q"]))
+        out = "".join(
+            self.run_in(["b 6", "commands", "p 'gone'", "end", "commands 1", "end", "c", "q"]))
         self.assertNotIn("gone'\n", out)
-        out = "".join(self.run_in(["b 6", "commands", "p 'gone'", "end", "clear 1", "b 6", "c", "q"]))
+        out = "".join(
+            self.run_in(["b 6", "commands", "p 'gone'", "end", "clear 1", "b 6", "c", "q"]))
         self.assertNotIn("gone'\n", out)
 
     def test_list_of_a_temporary_breakpoint(self):
@@ -304,7 +320,8 @@ print("end")
     def run_plainly(self, commands, path):
         """Under the interpreter alone, with the debugger's package on the path."""
         with open(path) as source:  # loading the core before the program tells which one is meant
-            start = "import tdbgtracer; exec(compile({!r}, {!r}, 'exec'))".format(source.read(), path)
+            start = "import tdbgtracer; exec(compile({!r}, {!r}, 'exec'))".format(
+                source.read(), path)
         self.done = run_program(
             [sys.executable, "-c", start], stdin="".join(c + "\n" for c in commands),
             env={"PYTHONPATH": python_path()})
@@ -315,7 +332,8 @@ print("end")
         if not hasattr(sys, "breakpointhook"):
             self.skipTest("no breakpoint()")
         out = self.run_in(["c", "n", "p b", "c", "c"], self.script("breakpoint()"))
-        self.assertIn("> {}(3)work()\n-> breakpoint()\n".format(os.path.join(self.folder, "stopping.py")), out[0])
+        self.assertIn("> {}(3)work()\n-> breakpoint()\n".format(
+            os.path.join(self.folder, "stopping.py")), out[0])
         self.assertIn("(4)work()", out[1])
         self.assertEqual(out[2], "0\n")
         self.assertIn("(3)work()", out[3])
@@ -354,7 +372,8 @@ print("end")
         self.assertEqual((self.done.status, self.done.err, out[9]), (0, "", "end\n"))
 
     def test_name_taken_before_the_first_call(self):
-        path = self.make_file("taken.py", "from tdbg import set_trace\nset_trace()\nx = 1\nset_trace()\nprint('end')\n")
+        path = self.make_file("taken.py", "from tdbg import set_trace\nset_trace()\nx = 1\n"
+                                          "set_trace()\nprint('end')\n")
         out = self.run_plainly(["c", "n", "c"], path)
         self.assertIn("(2)", out[0])
         self.assertIn("(4)", out[1])
@@ -364,13 +383,15 @@ print("end")
     def test_importing_does_nothing(self):
         path = self.make_file("importing.py", (
             "import sys\nbefore = set(sys.modules)\nimport tdbg\n"
-            "print(sorted(name for name in set(sys.modules) - before if name.startswith('tdbg')), sys.gettrace())\n"))
+            "print(sorted(name for name in set(sys.modules) - before if name.startswith('tdbg')), "
+            "sys.gettrace())\n"))
         out = self.run_plainly([], path)
         self.assertIn("['tdbg']", out[0])
         self.assertIn("None", out[0])
 
     def test_ending_of_a_plain_program(self):
-        path = self.make_file("ending.py", "import tdbg\ntdbg.set_trace()\nraise ValueError('mine')\n")
+        path = self.make_file("ending.py",
+                              "import tdbg\ntdbg.set_trace()\nraise ValueError('mine')\n")
         out = self.run_plainly(["c", "c"], path)
         self.assertIn("--Uncaught exception", out[1])
         self.assertIn("ValueError: mine", self.done.err)
@@ -381,7 +402,8 @@ print("end")
     def plain_tree(self, script=None):
         """A copy of the package without a library; script: text of the tree's `tdbg`."""
         tree = self.make_dir()
-        shutil.copytree(PACKAGE, os.path.join(tree, "debug", "tdbg"), ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copytree(PACKAGE, os.path.join(tree, "debug", "tdbg"),
+                        ignore=shutil.ignore_patterns("__pycache__"))
         if script is not None:
             self.make_file("tdbg", script, tree)
         return tree
@@ -402,7 +424,8 @@ print("end")
             'here=$(dirname "$0")\n'
             'mkdir -p "$here/build/32" "$here/build/64"\n'
             'ln -s "{0}" "$here/build/32/tdbgtracer.so"\n'
-            'ln -s "{0}" "$here/build/64/tdbgtracer.so"\n').format(os.path.realpath(library_path())))
+            'ln -s "{0}" "$here/build/64/tdbgtracer.so"\n').format(
+                os.path.realpath(library_path())))
         out = self.run_in_tree(tree, ["n", "c", "c"])
         self.assertIn("(3)work()", out[0])
         self.assertIn("(4)work()", out[1])
@@ -410,7 +433,8 @@ print("end")
 
     def test_restart_of_a_plain_program(self):
         tree = self.plain_tree()
-        os.symlink(os.path.realpath(library_path()), os.path.join(tree, "debug", "tdbg", "tdbgtracer.so"))
+        os.symlink(os.path.realpath(library_path()),
+                   os.path.join(tree, "debug", "tdbg", "tdbgtracer.so"))
         out = self.run_in_tree(tree, ["b 9", "restart", "b", "c", "c", "c"])
         self.assertEqual([row[0] for row in self.listed(out[3])], [1])
         self.assertIn("--Breakpoint 1--", out[5])
@@ -425,7 +449,8 @@ print("end")
     def test_one_line_when_the_first_call_is_in_another_thread(self):
         path = self.make_file("threads.py", (
             "import threading\nimport tdbg\n"
-            "t = threading.Thread(target=lambda: tdbg.set_trace())\nt.start()\nt.join()\nprint('end')\n"))
+            "t = threading.Thread(target=lambda: tdbg.set_trace())\nt.start()\nt.join()\n"
+            "print('end')\n"))
         out = self.run_plainly([], path)
         self.assertEqual((out, self.done.status), (["end\n"], 0))
         self.assertEqual(self.done.err, (
@@ -513,10 +538,13 @@ class OnATerminal(BreakTest):
 
     def test_set_trace_of_a_plain_program(self):
         tree = self.make_dir()
-        shutil.copytree(PACKAGE, os.path.join(tree, "tdbg"), ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copytree(PACKAGE, os.path.join(tree, "tdbg"),
+                        ignore=shutil.ignore_patterns("__pycache__"))
         os.symlink(os.path.realpath(library_path()), os.path.join(tree, "tdbg", "tdbgtracer.so"))
-        path = self.make_file("asks.py", "import tdbg\ntdbg.set_trace()\nprint('begins')\nwhile True:\n    pass\n", self.folder)
-        terminal = Terminal([sys.executable, path], env={"HOME": self.make_dir(), "PYTHONPATH": tree})
+        path = self.make_file("asks.py", "import tdbg\ntdbg.set_trace()\nprint('begins')\n"
+                                         "while True:\n    pass\n", self.folder)
+        terminal = Terminal([sys.executable, path],
+                            env={"HOME": self.make_dir(), "PYTHONPATH": tree})
         self.addCleanup(terminal.close)
         self.assertIn("(2)<module>()", terminal.start())
         terminal.send_line("c")

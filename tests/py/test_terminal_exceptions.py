@@ -1,4 +1,5 @@
-"""Exceptions in the terminal: what is shown, the commands on them, and looking at them afterwards."""
+"""Exceptions in the terminal: what is shown, the commands on them,
+and looking at them afterwards."""
 from __future__ import absolute_import, division, print_function
 
 import re
@@ -52,7 +53,8 @@ class Stops(TerminalCase):
     def test_reported_and_uncaught(self):
         out = self.answers(RAISING, ["c", "w", "c", "c"])
         catcher = r"--Exception that is only printed or logged by \S+prog\.py\(\d+\)serve\(\)--\n"
-        self.assertRegex(out[1], catcher + r"ValueError: x\n> \S+prog\.py\(7\)boom\(\)\n-> raise kind")
+        self.assertRegex(out[1],
+                         catcher + r"ValueError: x\n> \S+prog\.py\(7\)boom\(\)\n-> raise kind")
         self.assertEqual(re.findall(r"\)(\S+)\(\)", out[2]), ["<module>", "serve", "boom"])
         self.assertIn("--Uncaught exception, the program ends after this--\nMyError: x\n", out[3])
         self.assertEqual(self.done.status, 1)
@@ -61,16 +63,19 @@ class Stops(TerminalCase):
 
     def test_thread(self):
         out = self.answers(
-            "import threading\ntry:\n    import _thread\nexcept ImportError:\n    import thread as _thread\n"
+            "import threading\ntry:\n    import _thread\nexcept ImportError:\n"
+            "    import thread as _thread\n"
             "gate = _thread.allocate_lock()\ngate.acquire()\n"
             "class Opens(object):\n    def __del__(self): gate.release()\n"
             "def work(opens): raise ValueError(1)\n"
             "t = threading.Thread(target=work, args=(0,), name='worker')\nt.start()\nt.join()\n"
-            "_thread.start_new_thread(work, (Opens(),))\nwhile not gate.acquire(0): __import__('time').sleep(0.001)\nprint('end')\n",
+            "_thread.start_new_thread(work, (Opens(),))\n"
+            "while not gate.acquire(0): __import__('time').sleep(0.001)\nprint('end')\n",
             ["c", "c", "q"])
         self.assertFalse(self.done.timed_out, self.done)
         self.assertRegex(
-            out[1], r"\[thread worker\]\n--Exception that is only printed or logged by \S+threading\.py\(")
+            out[1],
+            r"\[thread worker\]\n--Exception that is only printed or logged by \S+threading\.py\(")
         self.assertIn("--Uncaught exception, the thread ends after this--\nValueError: 1\n", out[2])
 
     def test_shown_at_the_end_where_it_could_not_be_foreseen(self):
@@ -93,37 +98,44 @@ class Commands(TerminalCase):
     def test_rules_are_made_shown_and_dropped(self):
         out = self.answers(RAISING, [
             "catch", "catch raised", "catch none", "catch uncaught runner", "until 7",
-            "catch MyError, later.Error", "ignore OSError IOError", "catch", "ignore MyError", "catch later.Error",
-            "catch", "forget MyError", "forget MyError", "forget all", "catch 5x", "catch traceback", "catch int",
-            "ignore here", "ignore {}".format("prog.py:6"), "catch", "forget prog.py:6", "forget prog.py:6",
+            "catch MyError, later.Error", "ignore OSError IOError", "catch", "ignore MyError",
+            "catch later.Error", "catch", "forget MyError", "forget MyError", "forget all",
+            "catch 5x", "catch traceback", "catch int", "ignore here",
+            "ignore {}".format("prog.py:6"), "catch", "forget prog.py:6", "forget prog.py:6",
             "forget", "ignore 7", "ignore", "q"])
         default = "Exceptions that stop: uncaught, runner"
-        self.assertEqual(out[1:5], [default, "Exceptions that stop: raised", "Exceptions that stop: none", default])
+        self.assertEqual(out[1:5], [default, "Exceptions that stop: raised",
+                                    "Exceptions that stop: none", default])
         mine, ioerror = "__main__.MyError", "OSError" if sys.version_info >= (3,) else "IOError"
-        self.assertEqual(out[6], mine + " stops wherever it is raised.\nlater.Error stops wherever it is raised.")
+        self.assertEqual(out[6], mine + " stops wherever it is raised.\n"
+                                        "later.Error stops wherever it is raised.")
         self.assertEqual(out[7], "OSError never stops.\n{} never stops.".format(ioerror))
         never = ", ".join(sorted(set(("OSError", ioerror))))
-        self.assertEqual(out[8], default + "\nAlways: {}, later.Error\nNever: {}".format(mine, never))
+        self.assertEqual(out[8],
+                         default + "\nAlways: {}, later.Error\nNever: {}".format(mine, never))
         self.assertEqual(out[9], mine + " never stops.")
         never = ", ".join(sorted(set(("OSError", ioerror, mine))))
         self.assertEqual(out[11], default + "\nAlways: later.Error\nNever: " + never)
         self.assertEqual(out[12], "No rule on {} any more.".format(mine))
         self.assertEqual(out[13], "*** there is no rule on {}".format(mine))
         self.assertEqual(out[14], default)
-        self.assertEqual(out[15:18], ["*** 5x is no name of an exception", "*** traceback is no exception",
-                                      "*** int is no exception"])
+        self.assertEqual(out[15:18],
+                         ["*** 5x is no name of an exception", "*** traceback is no exception",
+                          "*** int is no exception"])
         self.assertEqual(out[18], "*** no exception has been raised here")
         place = "{}:6".format(self.path)
         self.assertEqual(out[19], "No exception stops at {}.".format(place))
         self.assertEqual(out[20], default + "\nNot at " + place)
         self.assertEqual(out[21:24], ["Exceptions stop at {} again.".format(place),
                                       "*** exceptions are not ignored at {}".format(place),
-                                      "*** forget what? `catch` lists all rules; `forget all` drops them"])
+                                      "*** forget what? `catch` lists all rules; `forget all` "
+                                      "drops them"])
         self.assertEqual(out[24], "*** no breakpoint 7")
         self.assertTrue(out[25].startswith("*** ignore needs"))
 
     def test_types_and_places(self):
-        out = self.answers(RAISING, ["until 21", "catch MyBase", "c", "c", "ignore MyError", "c", "c"])
+        out = self.answers(RAISING,
+                           ["until 21", "catch MyBase", "c", "c", "ignore MyError", "c", "c"])
         self.assertIn("Other: x\n> {}(7)boom()".format(self.path), out[3])
         self.assertIn("MyError: x\n> {}(7)boom()".format(self.path), out[4])
         self.assertIn("only printed", out[6])
@@ -133,9 +145,10 @@ class Commands(TerminalCase):
         self.assertEqual((len(out), self.done.status), (5, 1), self.done)
 
     def test_rules_outlive_a_restart(self):
-        out = self.answers(RAISING, ["until 21", "catch raised", "ignore MyError", "ignore prog.py:3", "restart",
-                                     "catch", "q"])
-        self.assertEqual(out[-2], "Exceptions that stop: raised\nNever: __main__.MyError\nNot at {}:3".format(self.path))
+        out = self.answers(RAISING, ["until 21", "catch raised", "ignore MyError",
+                                     "ignore prog.py:3", "restart", "catch", "q"])
+        self.assertEqual(out[-2], "Exceptions that stop: raised\nNever: __main__.MyError\n"
+                                  "Not at {}:3".format(self.path))
 
     def test_help(self):
         out = self.answers("x = 1\n", ["help catch", "help ignore", "help forget", "q"])
@@ -147,7 +160,8 @@ class Commands(TerminalCase):
 class PostMortem(TerminalCase):
     def test_option(self):
         out = self.answers(RAISING, ["p kind.__name__", "catch", "c"], "--post-mortem")
-        self.assertTrue(out[0].startswith("--Uncaught exception, the program ends after this--\nMyError: x\n"), out)
+        self.assertTrue(out[0].startswith("--Uncaught exception, the program ends after this--\n"
+                                          "MyError: x\n"), out)
         self.assertEqual(out[1:3], ["'MyError'", "Exceptions that stop: uncaught"])
         alone = run_script(self.path)
         self.assertEqual((alone.status, alone.err), (self.done.status, self.done.err))
@@ -165,7 +179,8 @@ class PostMortem(TerminalCase):
 
     def test_option_after_the_interpreter(self):
         done = run_program(debugger_argv("--post-mortem", "--python", "3.9", "x.py"))
-        self.assertEqual((done.status, done.err), (2, "tdbg: --python must come before the other options\n"))
+        self.assertEqual((done.status, done.err),
+                         (2, "tdbg: --python must come before the other options\n"))
 
     PLAIN = """\
 from __future__ import print_function
@@ -204,8 +219,10 @@ boom(8)
     def test_functions_in_a_program_of_its_own(self):
         path = self.make_file("prog.py", self.PLAIN)
         for last in ("c", "q", "s", "n", "r", ""):
-            done = run_program([sys.executable, path], env={"PYTHONPATH": python_path()}, stdin="\n".join(
-                ["p value, other", "value = 9", "p value", "u", "w", "restart", "catch", "b 3", last] + [""] * bool(last)))
+            done = run_program([sys.executable, path], env={"PYTHONPATH": python_path()},
+                               stdin="\n".join(
+                                   ["p value, other", "value = 9", "p value", "u", "w", "restart",
+                                    "catch", "b 3", last] + [""] * bool(last)))
             out = [text.strip("\n") for text in done.out.split(PROMPT)]
             self.assertTrue(out[0].startswith("--Post-mortem--\nValueError: 7\n> "), done)
             self.assertIn("(11)boom()", out[0])
@@ -229,7 +246,8 @@ boom(8)
         self.assertEqual((done.status, done.err), (1, ""))
 
     def test_in_a_program_under_the_debugger(self):
-        out = self.answers(self.PLAIN, ["c", "p value, other", "u", "import tdbg; tdbg.post_mortem()", "n", "c"])
+        out = self.answers(self.PLAIN, ["c", "p value, other", "u",
+                                        "import tdbg; tdbg.post_mortem()", "n", "c"])
         self.assertTrue(out[1].startswith("--Post-mortem--\nValueError: 7\n> "), self.done)
         self.assertEqual(out[2], "(7, quiet)")
         self.assertEqual(out[4], "*** RuntimeError: the program is stopped already")

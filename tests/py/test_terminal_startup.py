@@ -36,15 +36,18 @@ class StartupFiles(TestCase):
 
     def test_home_then_the_current_folder(self):
         self.write("# of all programs\nbreak 2\np 'home'\n", self.home)
-        self.write("p 'here' ;; p 'more'\n\nfor i in range(5):\n    j = i * 2\np ('j', j)\n", self.here)
+        self.write("p 'here' ;; p 'more'\n\nfor i in range(5):\n    j = i * 2\np ('j', j)\n",
+                   self.here)
         done = self.run_it("break", "c", "p n", "c", "c")
         self.assertEqual((done.status, done.err), (0, ""), done)
         self.assertRegex(done.out, (
             r"(?s)> \S+prog\.py\(1\).*Breakpoint 1 at .*:2.*home.*here.*more.*\('j', 8\).*"
-            r"\(Tdb\) .*prog\.py:2.*\(Tdb\) .*\(2\)f\(\).*\(Tdb\) 1\n.*\(Tdb\) .*\(2\)f\(\).*end\n"))
+            r"\(Tdb\) .*prog\.py:2.*\(Tdb\) .*\(2\)f\(\).*\(Tdb\) 1\n"
+            r".*\(Tdb\) .*\(2\)f\(\).*end\n"))
 
     def test_file_that_resumes_goes_on_at_the_next_stop(self):
-        self.write("b 2\ncommands 1\n  silent\n  p ('n is', n)\nend\nc\np ('second', n)\n", self.home)
+        self.write("b 2\ncommands 1\n  silent\n  p ('n is', n)\nend\nc\np ('second', n)\n",
+                   self.home)
         done = self.run_it("c", "c")
         self.assertEqual(done.status, 0, done)
         self.assertEqual(re.findall(r"\('(n is|second)', (\d)\)", done.out), [
@@ -81,7 +84,8 @@ class StartupFiles(TestCase):
         path = self.write("p 'must not be'\n", self.here)
         other = os.geteuid() + 1
         originals = os.lstat, os.fstat
-        self.addCleanup(lambda: (setattr(os, "lstat", originals[0]), setattr(os, "fstat", originals[1])))
+        self.addCleanup(lambda: (setattr(os, "lstat", originals[0]),
+                                 setattr(os, "fstat", originals[1])))
         for name, original in zip(("lstat", "fstat"), originals):
             setattr(os, name, lambda of, original=original: Status(original(of), other))
             try:
@@ -95,7 +99,8 @@ class StartupFiles(TestCase):
         if os.geteuid() == 0:
             os.chown(path, 12345, 12345)
             done = self.run_it("q")
-            self.assertIn("tdbg: {} is not read: it belongs to another user\n".format(path), done.out)
+            self.assertIn("tdbg: {} is not read: it belongs to another user\n".format(path),
+                          done.out)
             self.assertNotIn("must not be", done.out)
 
     def test_text_that_is_none(self):

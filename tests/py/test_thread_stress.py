@@ -216,7 +216,8 @@ class Running(TestCase):
 
 class Stops(TestCase):
     def test_a_stop_holds_every_other_thread(self):
-        """While one is stopped, no line of another runs (only those that were inside C code end it)."""
+        """While one is stopped, no line of another runs (only those that were inside C code end
+        it)."""
         session = ThreadSession()
         counts, holds = [0] * 4, []
         started = [threading.Event() for _ in counts]

@@ -11,7 +11,7 @@ A test file looks like this:
             tracer = import_tracer()
 
 Each test method runs in a process of its own (tests/run.py), because tracing is process-wide.  The
-tracer is imported inside the tests, never at the top of a test file: listing tests must not need it.
+tracer is imported inside the tests, never at the top of a file: listing tests must not need it.
 """
 from __future__ import absolute_import, division, print_function
 

@@ -89,7 +89,8 @@ def compile_sources():
 
 
 def list_tests(files):
-    """{"tests": [{"id", "limit", "unsupported", "once", "per_version"}], "broken": [[module, status, text]]}"""
+    """{"tests": [{"id", "limit", "unsupported", "once", "per_version"}], "broken":
+    [[module, status, text]]}"""
     listed = {"tests": [], "broken": []}
     for path in files:
         module = os.path.splitext(os.path.basename(path))[0]

@@ -85,6 +85,7 @@ def run_code(source, *arguments, **options):
 
 
 def python_path():
-    """Value of PYTHONPATH with which children find the tests' helpers, the library, the debugger."""
+    """Value of PYTHONPATH with which children find the tests' helpers, the library,
+    the debugger."""
     folders = [os.environ.get("TDBG_LIB_DIR"), TESTS, os.path.join(REPOSITORY, "debug")]
     return os.pathsep.join(folder for folder in folders if folder)

@@ -149,7 +149,8 @@ class Hook(object):
         return self.caller.callback() or list(self.caller.codes)
 
     def _GetModulePaths(self):
-        return self.caller.choice([None, [], [(self.caller.folder, 1)], [("", 0)], [1], [("x", "y")]])
+        return self.caller.choice([None, [], [(self.caller.folder, 1)], [("", 0)], [1],
+                                   [("x", "y")]])
 
     def _GetSubLanguageFrames(self):
         return self.caller.choice([None, [], list(self.caller.codes), [1, 2]])
@@ -300,7 +301,8 @@ class Caller(object):
                             u"\xe9", "x" * 5000, 1])
 
     def exception(self):
-        return self.choice([None, ValueError, ValueError("y"), KeyError(), object(), 1, StopIteration])
+        return self.choice([None, ValueError, ValueError("y"), KeyError(), object(), 1,
+                            StopIteration])
 
     def module(self):
         return self.choice([types, os, types.ModuleType("made"), None, self.named_module()])
@@ -320,8 +322,9 @@ class Caller(object):
                 for _ in range(self.random().randrange(4))]
 
     def exception_types(self):
-        return tuple(self.choice([ValueError, KeyError, Exception, StopIteration, None, 1, (ValueError,)])
-                     for _ in range(self.random().randrange(3)))
+        return tuple(
+            self.choice([ValueError, KeyError, Exception, StopIteration, None, 1, (ValueError,)])
+            for _ in range(self.random().randrange(3)))
 
     def anything(self, name):
         kinds = [self.others] if name == "__import__" else [self.texts, self.others]
@@ -335,7 +338,8 @@ class Caller(object):
 
     def arguments(self, name):
         if name != "add_to_tstate_tracing" and self.chance(0.2):
-            return [self.anything(name) for _ in range(self.random().choice((0, 1, 1, 2, 2, 3, 4, 7)))]
+            return [self.anything(name)
+                    for _ in range(self.random().choice((0, 1, 1, 2, 2, 3, 4, 7)))]
         maker = getattr(self, "for_" + name, None)
         if maker is not None:
             return list(maker())
@@ -345,7 +349,9 @@ class Caller(object):
 
     def for_init(self):
         period = self.choice([0.0, 1.0, -1.0, 1e30])
-        return [period, self.choice([0, 1, 2, 4, 5, 9])] + [self.some_callable() for _ in range(7)] + [
+        mode = self.choice([0, 1, 2, 4, 5, 9])
+        callbacks = [self.some_callable() for _ in range(7)]
+        return [period, mode] + callbacks + [
             self.choice([None, self.callback]), self.real_import, self.choice([{}, {self.file: 1}])]
 
     def for_set_idle_period(self):
@@ -402,7 +408,8 @@ class Caller(object):
         return [self.choice([0, 1, 2, 4, 5, -7])]
 
     def for_ignore_exception_loc(self):
-        return [self.file_name(), self.choice([self.line(), None, Unhappy(), "x", 1.5]), self.flag()]
+        return [self.file_name(), self.choice([self.line(), None, Unhappy(), "x", 1.5]),
+                self.flag()]
 
     def for_exception_loc_ignored(self):
         return self.for_ignore_exception_loc()[:2]

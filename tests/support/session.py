@@ -40,11 +40,12 @@ class Session(object):
     """One debug session.  The tracer is process-wide: one at a time, and one per test.
 
     events    what was told so far
-    script    commands for the stops to come, each a name of a tracer function, a tuple of a name and
-              its arguments, or a callable that gets (session, frame)
+    script    commands for the stops to come, each a name of a tracer function, a tuple of a name
+              and its arguments, or a callable that gets (session, frame)
     """
 
-    def __init__(self, exception_mode=kNeverStop, idle_period=0.0, record_imports=False, **callbacks):
+    def __init__(self, exception_mode=kNeverStop, idle_period=0.0, record_imports=False,
+                 **callbacks):
         """callbacks: functions to call instead of those that record (line_cb=...)."""
         self.tracer = import_tracer()
         self.events, self.script = [], []
@@ -57,8 +58,8 @@ class Session(object):
             raise TypeError("no callbacks of the tracer: {}".format(", ".join(sorted(callbacks))))
         self.tracer.init(
             idle_period, exception_mode, told["install_thread_hooks_cb"], told["get_checksum_cb"],
-            told["idle_cb"], told["line_cb"], told["return_cb"], told["exception_cb"], told["quit_cb"],
-            told["import_cb"], builtins.__import__, internal_modules(),
+            told["idle_cb"], told["line_cb"], told["return_cb"], told["exception_cb"],
+            told["quit_cb"], told["import_cb"], builtins.__import__, internal_modules(),
         )
         self.tracer.set_autoquit(0)
 
@@ -70,7 +71,8 @@ class Session(object):
         return self.tracer.set_break(path, "", line, enabled, temporary, condition, ignore_count)
 
     def run(self, path, script=(), start="continue_run", name="__main__"):
-        """Run a file as a module under the tracer; the events of that.  start="stop": from its top."""
+        """Run a file as a module under the tracer;
+        the events of that.  start="stop": from its top."""
         with io.open(path, "rb") as source:
             code = compile(source.read(), path, "exec", dont_inherit=True)
         namespace = {"__name__": name, "__file__": path, "__builtins__": builtins}
@@ -90,7 +92,8 @@ class Session(object):
 
     def stops(self):
         """Of the events, the stops alone."""
-        return [event for event in self.events if event[0] in ("line", "return", "exception", "failed")]
+        return [event for event in self.events
+                if event[0] in ("line", "return", "exception", "failed")]
 
     def end(self):
         """Leave the process untraced, with its own __import__."""

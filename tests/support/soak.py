@@ -3,13 +3,13 @@
   soak.py SECONDS SEED
 
 Rounds of four threads each, which work in a module that is edited and reloaded all the time. While
-they run, breakpoints of every kind are set and cleared at random, callbacks answer stops with random
-commands, idle calls pause whatever runs, the process forks, and exceptions are raised; between rounds
-tracing is sometimes switched off and on. Every result of the program is checked.
+they run, breakpoints of every kind are set and cleared at random, callbacks answer stops with
+random commands, idle calls pause whatever runs, the process forks, and exceptions are raised;
+between rounds tracing is sometimes switched off and on. Every result of the program is checked.
 
-Now and then all is quiet (no thread, no breakpoint, garbage collected), and what the process holds is
-written down. The last line is a JSON object: "samples", a list of such objects, "counts" of what was
-done, "failures", and "grown": what the last third of the samples has more than the middle one.
+Now and then all is quiet (no thread, no breakpoint, garbage collected), and what the process holds
+is written down. The last line is a JSON object: "samples", a list of such objects, "counts" of what
+was done, "failures", and "grown": what the last third of the samples has more than the middle one.
 By hand:  TDBG_LIB_DIR=BUILD python tests/support/soak.py 1800 1
 """
 from __future__ import absolute_import, division, print_function

@@ -26,12 +26,14 @@ _escapes = re.compile(r"\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]|\x07")
 
 def debugger_argv(*arguments):
     """Command line of the debugger under the interpreter and with the library of the test."""
-    return [sys.executable, os.path.join(PACKAGE, "__main__.py"), "--library", library_path()] + list(arguments)
+    main = os.path.join(PACKAGE, "__main__.py")
+    return [sys.executable, main, "--library", library_path()] + list(arguments)
 
 
 def run_commands(commands, *arguments, **options):
     """Debug with commands from a pipe (a list of lines); returns support.Finished."""
-    return run_program(debugger_argv(*arguments), stdin="".join(c + "\n" for c in commands), **options)
+    return run_program(debugger_argv(*arguments),
+                       stdin="".join(c + "\n" for c in commands), **options)
 
 
 class Terminal(object):

@@ -5,7 +5,8 @@
 Each thread does its work ROUNDS times and compares what comes out with what has to; at every stop
 the server gives a command at random and looks whether another thread is in the server, too.
 Meanwhile the main thread sets, changes and clears breakpoints, and from time to time ends tracing
-and starts it again. The last line printed is a JSON object with counts; status 0 when all was right.
+and starts it again. The last line printed is a JSON object with counts; status 0 when all was
+right.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -82,17 +83,19 @@ class Stress(object):
     def __init__(self, rounds, threads):
         self.rounds = rounds
         self.tracer = import_tracer()
-        self.random = random.Random(rounds)  # only used inside the server, and by one thread outside
+        # only used inside the server, and by one thread outside
+        self.random = random.Random(rounds)
         self.inside = None
         self.counts = dict.fromkeys(
-            ["stops", "lines", "returns", "exceptions", "work", "changes", "restarts", "wrong", "overlaps"], 0)
+            ["stops", "lines", "returns", "exceptions", "work", "changes", "restarts", "wrong",
+             "overlaps"], 0)
         self.stopped_threads = set()
         self.problems = []
         self.done = [False] * threads
         self.lines = marks_of(kFile)
         self.tracer.init(
-            0.0, 1, self.thread_hooks_cb, lambda name: "", lambda: None, self.line_cb, self.return_cb,
-            self.exception_cb, lambda: None, None, kDefaultImport, {})
+            0.0, 1, self.thread_hooks_cb, lambda name: "", lambda: None, self.line_cb,
+            self.return_cb, self.exception_cb, lambda: None, None, kDefaultImport, {})
 
     def thread_hooks_cb(self, install):
         threading.settrace(self.tracer.bootstrap_new_thread if install else None)
@@ -131,7 +134,8 @@ class Stress(object):
     # --- threads ---
 
     def run(self):
-        threads = [threading.Thread(target=self.run_thread, args=(index,)) for index in range(len(self.done))]
+        threads = [threading.Thread(target=self.run_thread, args=(index,))
+                   for index in range(len(self.done))]
         self.tracer.start_trace()
         for thread in threads:
             thread.start()

@@ -25,7 +25,8 @@ def parse(text, known):
         elif value[:1] == '"':
             end = re.match(r'"((?:[^"\\]|\\.)*)"', value)
             inner = end.group(1) if end else value[1:]
-            inner = re.sub(r"\\(.)", lambda found: kEscapes.get(found.group(1), found.group(0)), inner)
+            inner = re.sub(r"\\(.)",
+                           lambda found: kEscapes.get(found.group(1), found.group(0)), inner)
             found[name] = _expand(inner, values)
         else:
             found[name] = _expand(re.sub(r"\s+#.*", "", value), values)

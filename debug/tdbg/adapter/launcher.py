@@ -3,12 +3,12 @@
   launcher.py SOCKET new-session|terminal PIPES PROGRAM [ARGUMENT...]
 
 Runs in the terminal of the editor (runInTerminal) or below the adapter.  SOCKET is the adapter's:
-lines go to it, `started PID`, `exited STATUS` (128+n for a signal), `failed TEXT`, and come from it:
-`signal N`, `kill` (the whole group), `release` (the program outlives its adapter).  When the adapter
-has gone without a word, the program is asked to end, and killed after a moment.
+lines go to it, `started PID`, `exited STATUS` (128+n for a signal), `failed TEXT`, and come from
+it: `signal N`, `kill` (the whole group), `release` (the program outlives its adapter).  When the
+adapter has gone without a word, the program is asked to end, and killed after a moment.
 
-PIPES: descriptors of the program's output that the adapter reads, separated by commas, or "-".  When
-the program is released, they are emptied here so that it can go on writing.
+PIPES: descriptors of the program's output that the adapter reads, separated by commas, or "-".
+When the program is released, they are emptied here so that it can go on writing.
 
 A small program of its own, without imports that take time: it starts with every session.
 """
@@ -79,7 +79,8 @@ class tLauncher:
     def become(self, argv):
         """In the child: as if there were no launcher."""
         signal.set_wakeup_fd(-1)
-        for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGCHLD, signal.SIGPIPE, signal.SIGXFSZ):
+        for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGCHLD, signal.SIGPIPE,
+                       signal.SIGXFSZ):
             signal.signal(number, signal.SIG_DFL)
         if self.own_group:
             os.setpgid(0, 0)

@@ -8,7 +8,8 @@ import threading
 from tdbg.adapter import schema, session
 from tdbg.dap import endpoint, wire
 
-kUsage = "usage: tdbg adapter [--port N [--host H]] [--token-file FILE] [--allow-remote] [--no-token]"
+kUsage = ("usage: tdbg adapter [--port N [--host H]] [--token-file FILE] [--allow-remote] "
+          "[--no-token]")
 kUsageStatus = 2
 
 

@@ -10,7 +10,9 @@ kMaxReads = 16
 
 
 class tOutput:
-    """Reads pipes in a thread of its own.  on_text(category, text) is called by one thread at a time.
+    """Reads pipes in a thread of its own.
+
+    on_text(category, text) is called by one thread at a time.
 
     Reading never waits for the one who asks: a program that writes much is slowed down by the
     client at most, never by us.

@@ -148,7 +148,8 @@ class tProgram:
             launcher = [shlex.quote(word) for word in launcher]
         arguments = {
             "kind": kKinds[self.config.console],
-            "title": "tdbg: " + (self.config.module or os.path.basename(self.config.program or "-c")),
+            "title": "tdbg: "
+            + (self.config.module or os.path.basename(self.config.program or "-c")),
             "cwd": cwd,
             "args": launcher + command,
         }
@@ -179,7 +180,8 @@ class tProgram:
         thread.start()
 
     def _accept(self, listener):
-        """A connection of our own user's; None when nobody is to come any more (_stop_listening)."""
+        """A connection of our own user's; None when nobody is to come any more
+        (_stop_listening)."""
         try:
             while True:
                 connected = endpoint.accept(listener)

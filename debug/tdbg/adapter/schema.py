@@ -27,7 +27,8 @@ class tSchema:
     def __init__(self):
         with open(kFile, encoding="utf-8") as source:
             self._definitions = json.load(source)["definitions"]
-        self._arguments = {}  # command -> (schema of the arguments or None, whether they are needed)
+        # command -> (schema of the arguments or None, whether they are needed)
+        self._arguments = {}
         for name, definition in self._definitions.items():
             if name.endswith("Request") and name != "Request":
                 own = definition["allOf"][1]
@@ -45,7 +46,8 @@ class tSchema:
         written as fractions become whole: some clients know neither.
         """
         if request.get("type") != "request":
-            raise tWrong("the type of the message is {!r}, not 'request'".format(request.get("type")))
+            raise tWrong(
+                "the type of the message is {!r}, not 'request'".format(request.get("type")))
         if not isinstance(request.get("command"), str):
             raise tWrong("`command` must be a text")
         if request.get("arguments") is None:

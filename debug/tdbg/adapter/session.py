@@ -5,8 +5,8 @@ client (editor) <-> tSession <-> tDebuggee, the debugger inside the program
 The debuggee speaks the protocol itself.  Between the two, this side starts and ends the program
 (program.py, ending.py), shows its output, and keeps the breakpoints, so that they live through a
 restart (memory.py); all else is passed on, with new sequence numbers.  No message waits for another
-one: the client's requests are read on one thread, what the program's side sends on a second, and what
-the program writes on a third.
+one: the client's requests are read on one thread, what the program's side sends on a second, and
+what the program writes on a third.
 """
 import threading
 
@@ -14,7 +14,8 @@ from tdbg.adapter import debuggee as debuggees
 from tdbg.adapter import ending, memory, program, schema
 from tdbg.dap import capabilities, config, endpoint, wire
 
-kNew, kInitialized, kStarting, kRunning, kEnded = "new", "initialized", "starting", "running", "ended"
+kNew, kInitialized, kStarting = "new", "initialized", "starting"
+kRunning, kEnded = "running", "ended"
 
 kAnswerSeconds = 2.0    # for the program's side to let go of the program
 kDisconnectSeconds = 1.0  # for each step of ending a program whose client is leaving
@@ -103,7 +104,8 @@ class tSession:
         self._schema.check(message)
         command = message["command"]
         if self._state == kNew and command not in ("initialize", "disconnect"):
-            raise schema.tWrong("`{}` comes too early: `initialize` is the first request".format(command))
+            raise schema.tWrong(
+                "`{}` comes too early: `initialize` is the first request".format(command))
         if not self._schema.knows(command):
             raise schema.tWrong("there is no request `{}`".format(command))
 
@@ -118,7 +120,8 @@ class tSession:
         seq = self._client.next_seq()
         with self._lock:
             self._reverse[seq] = on_response
-        self._client.write({"seq": seq, "type": "request", "command": command, "arguments": arguments})
+        self._client.write({"seq": seq, "type": "request", "command": command,
+                            "arguments": arguments})
 
     # --- to the client ---
 
@@ -189,7 +192,8 @@ class tSession:
         kind = self._config.console
         in_terminal = kind != config.kConsoles[0]
         if in_terminal and not self._client_arguments.get("supportsRunInTerminalRequest"):
-            self._tell("tdbg: this editor has no terminal to run programs in; they have no input here")
+            self._tell("tdbg: this editor has no terminal to run programs in; they have no "
+                       "input here")
             self._config.console, in_terminal = config.kConsoles[0], False
             if self._config.raw.get("redirectOutput") is None:
                 self._config.redirect_output = True
@@ -237,7 +241,8 @@ class tSession:
             request, self._start_request = self._start_request, None
             waiting, self._waiting = self._waiting, []
             if self._state == kStarting:
-                self._state = kInitialized if request and request["command"] != "restart" else kEnded
+                is_first = request and request["command"] != "restart"
+                self._state = kInitialized if is_first else kEnded
             self._program = None
         if request is not None:
             self._fail(request, text, show_user=True)
@@ -276,8 +281,8 @@ class tSession:
         if response.get("lost"):
             return
         request = self._start_request
-        arguments = dict(request.get("arguments") or {}) if request["command"] != "restart" else dict(
-            self._config.raw)
+        is_first = request["command"] != "restart"
+        arguments = dict(request.get("arguments") or {} if is_first else self._config.raw)
         command = "launch" if self._config.kind == config.kLaunch else "attach"
         if command == "launch":
             arguments["console"] = self._config.console  # an editor without terminals gets another
@@ -482,7 +487,8 @@ class tSession:
             rows = request.get("arguments", {}).get("breakpoints") or ()
             self._memory.keep_unnumbered(request)
             self._respond(request, {"breakpoints": [
-                {"verified": False, "message": "the program runs without a debugger"} for _ in rows]})
+                {"verified": False, "message": "the program runs without a debugger"}
+                for _ in rows]})
         elif command == "threads":
             self._respond(request, {"threads": []})
         elif command == "configurationDone":

@@ -14,7 +14,8 @@ kPage = 4096
 # (format, and in it the places of what is wanted) by word size
 kHeader = {32: ("<16sHHIIIIIHHHHHH", 52), 64: ("<16sHHIQQQIHHHHHH", 64)}
 kProgramHeader = {32: ("<8I", 0, 1, 2), 64: ("<IIQQQQQQ", 0, 2, 3)}      # type, offset, address
-kSection = {32: "<10I", 64: "<IIQQQQIIQQ"}                                # type 1, offset 4, size 5, link 6
+# type 1, offset 4, size 5, link 6
+kSection = {32: "<10I", 64: "<IIQQQQIIQQ"}
 kSymbol = {32: ("<IIIBBH", 0, 1, 5), 64: ("<IBBHQQ", 0, 4, 3)}           # name, value, section
 
 
@@ -32,7 +33,8 @@ def mapped_files(pid):
     """[tMapped] in the order of addresses; empty when the process cannot be looked into."""
     found = {}
     try:
-        with open("/proc/{}/maps".format(pid), encoding="utf-8", errors="surrogateescape") as source:
+        with open("/proc/{}/maps".format(pid), encoding="utf-8",
+                  errors="surrogateescape") as source:
             for line in source:
                 words = line.rstrip("\n").split(None, 5)
                 if len(words) == 6 and words[5].startswith("/"):

@@ -21,7 +21,8 @@ kExceptionFilters = [
     {
         "filter": "runner",
         "label": "Exceptions That a Test Runner or Server Would Print",
-        "description": "Stop at exceptions that leave the program's code for a runner's that reports them",
+        "description": "Stop at exceptions that leave the program's code for a runner's that "
+                       "reports them",
         "default": False,
         "supportsCondition": True,
         "conditionDescription": "names of types, separated by commas",

@@ -38,8 +38,9 @@ class tConfig(object):
     just_my_code             bool
     rules                    ordered list of (kind "path" or "module", pattern, include: bool)
     path_mappings            list of (local folder, remote folder)
-    sub_process              one of kChildPolicies: which children the client is asked for; "ask": those
-                             that the program starts, "all": those that other programs below it start, too
+    sub_process              one of kChildPolicies: which children the client is asked for; "ask":
+                             those that the program starts, "all": those that other programs below
+                             it start, too
     child_attach_timeout, kill_timeout    seconds
     exceptions_always, exceptions_never   lists of type names;  exceptions_runners  bool
     threads_default, threads_rules        policy; list of (glob of the name, policy)
@@ -56,7 +57,8 @@ class tConfig(object):
         self.kind = kind
         self.warnings = []
         self.raw = arguments = dict(arguments or {})
-        given = {name: value for name, value in arguments.items() if value is not None and value != ""}
+        given = {name: value for name,
+                 value in arguments.items() if value is not None and value != ""}
         for name, (attribute, read, default) in kKeys.items():
             setattr(self, attribute, read(name, given[name]) if name in given else default())
         self._merge(given)
@@ -65,8 +67,9 @@ class tConfig(object):
             name for name in given
             if name not in kKeys and name not in kOtherKeys and not name.startswith(("_", "$")))
         if unknown:
-            self.warnings.append("these settings are not known and have no effect: {}".format(", ".join(
-                compat.to_native(name) for name in unknown)))
+            self.warnings.append(
+                "these settings are not known and have no effect: {}".format(", ".join(
+                    compat.to_native(name) for name in unknown)))
 
     def _merge(self, given):
         """Settings that can be written in more than one way."""
@@ -94,7 +97,8 @@ class tConfig(object):
 
     def _check(self):
         if self.kind == kLaunch:
-            names = [name for name in ("program", "module", "code") if getattr(self, name) is not None]
+            names = [name for name in ("program", "module", "code")
+                     if getattr(self, name) is not None]
             if len(names) != 1:
                 raise tConfigError("exactly one of `program`, `module` and `code` is needed" + (
                     ", not " + " and ".join(names) if names else ""))
@@ -203,7 +207,8 @@ def _environment(name, value):
         if isinstance(item, bool) or not (item is None or _is_text(item) or _is_number(item)):
             raise _wrong("{}.{}".format(name, compat.to_native(key)), "a text or null")
         if not key or "=" in key:
-            raise _wrong(name, "an object of variables: {!r} is no name".format(compat.to_native(key)))
+            raise _wrong(name,
+                         "an object of variables: {!r} is no name".format(compat.to_native(key)))
         if item is not None:
             item = _text(name, item) if _is_text(item) else str(item)
         result[_text(name, key)] = item
@@ -279,7 +284,8 @@ def _threads(name, value):
              for item in found.get("rules", ())]
     if not all(len(rule) == 2 for rule in rules):
         raise _wrong(name + ".rules", "a list of objects with `name` and `policy`")
-    return found.get("default", kThreadPolicies[0]), [(rule["name"], rule["policy"]) for rule in rules]
+    return found.get("default", kThreadPolicies[0]), [(rule["name"], rule["policy"])
+                                                      for rule in rules]
 
 
 def _limits(name, value):
@@ -338,8 +344,8 @@ kKeys = {
 # Settings of editors and of other debuggers that mean nothing here: no warning.
 kOtherKeys = frozenset((
     "type", "request", "name", "debugServer", "preLaunchTask", "postDebugTask", "presentation",
-    "internalConsoleOptions", "serverReadyAction", "suppressMultipleSessionWarning", "windows", "linux",
-    "osx", "workspaceFolder", "debugOptions", "clientOS", "gevent", "sudo", "logToFile",
-    "debugLauncherPath", "debugAdapterPath", "debugAdapterPython", "purpose", "consoleName",
-    "consoleTitle", "variablePresentation", "autoReload", "dap-server-path",
+    "internalConsoleOptions", "serverReadyAction", "suppressMultipleSessionWarning",
+    "windows", "linux", "osx", "workspaceFolder", "debugOptions", "clientOS", "gevent", "sudo",
+    "logToFile", "debugLauncherPath", "debugAdapterPath", "debugAdapterPython", "purpose",
+    "consoleName", "consoleTitle", "variablePresentation", "autoReload", "dap-server-path",
 ))

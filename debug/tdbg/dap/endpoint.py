@@ -78,7 +78,8 @@ def refuse_remote(host, port, allow_remote):
     """Socket addresses to listen on; tRefused for one that others can reach, unless allowed."""
     found = resolve(host, port)
     if not allow_remote and not all(is_loopback(address) for _, address in found):
-        raise tRefused("{} can be reached from other machines: that needs --allow-remote".format(host))
+        raise tRefused(
+            "{} can be reached from other machines: that needs --allow-remote".format(host))
     return found
 
 
@@ -235,7 +236,7 @@ def _as_in_table(address):
     return "".join("{:08X}".format(word) for word in words) + ":{:04X}".format(address[1])
 
 
-# --- tokens -----------------------------------------------------------------------------------------
+# --- tokens ---------------------------------------------------------------------------------------
 
 
 def make_token():
@@ -263,7 +264,8 @@ def read_token(path):
     with _fdopen(descriptor, "rb") as source:
         status = os.fstat(descriptor)
         if status.st_uid != _getuid() or status.st_mode & (stat.S_IRWXG | stat.S_IRWXO):
-            raise tRefused("{} must belong to you, and nobody else may read it (chmod 600)".format(path))
+            raise tRefused(
+                "{} must belong to you, and nobody else may read it (chmod 600)".format(path))
         try:
             token = source.read(4096).decode("utf-8").strip()
         except (UnicodeError, IOError, OSError):
@@ -289,7 +291,7 @@ def _token_bytes(token):
     return token if isinstance(token, bytes) else token.encode("utf-8", "replace")
 
 
-# --- a port with a door -------------------------------------------------------------------------------
+# --- a port with a door ---------------------------------------------------------------------------
 
 
 class tDoor(object):
@@ -388,14 +390,17 @@ def handshake(connection, is_right):
             respond(connection, request)
             return None
         elif not first or command not in ("attach", "launch"):
-            refuse(connection, request, "`{}` comes too early: first `initialize`, then `attach`".format(
-                compat.to_native(command) if isinstance(command, compat.string_types) else command))
+            refuse(connection, request,
+                   "`{}` comes too early: first `initialize`, then `attach`".format(
+                       compat.to_native(command)
+                       if isinstance(command, compat.string_types) else command))
         else:
             arguments = request.get("arguments")
             token = arguments.pop("token", None) if isinstance(arguments, dict) else None
             if is_right(token):
                 return first + [request]
-            refuse(connection, request, "the token is missing" if token is None else "the token is wrong")
+            refuse(connection, request,
+                   "the token is missing" if token is None else "the token is wrong")
             return None
     return None
 
@@ -418,7 +423,8 @@ def refuse(connection, request, text):
 
 
 class tAdmitted(object):
-    """A wire.tConnection whose first requests are read again, without a second answer to the first."""
+    """A wire.tConnection whose first requests are read again,
+    without a second answer to the first."""
 
     def __init__(self, connection, first):
         self._connection, self._first = connection, list(first)

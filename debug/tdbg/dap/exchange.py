@@ -1,8 +1,8 @@
 """The messages of one client: requests read and answered, events and reverse requests sent.
 
 tExchange knows what a request is and on which thread it is served, not what it is about.  Requests
-that are kAnytime are answered on the thread that reads them, in their order; those that are kStopped
-wait in a queue, from which a second thread hands them to the stopped one (see executor.py).
+that are kAnytime are answered on the thread that reads them, in their order; those that are
+kStopped wait in a queue, from which a second thread hands them to the stopped one (executor.py).
 """
 from __future__ import absolute_import, division, print_function
 

@@ -35,7 +35,8 @@ class tHandles(object):
         try:
             return self._objects[number]
         except KeyError:
-            raise tRequestError("{} {} has gone: the program has run since".format(self.kWhat, number))
+            raise tRequestError(
+                "{} {} has gone: the program has run since".format(self.kWhat, number))
 
     def clear(self):
         with self._lock:

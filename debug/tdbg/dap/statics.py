@@ -1,7 +1,7 @@
 """Looking at objects without running one line of the program's code.
 
-Attributes are found as the interpreter finds them, but by its own types' methods: no __getattr__, no
-__class__ that lies, no property, no __dir__, no __iter__ of a subclass.
+Attributes are found as the interpreter finds them, but by its own types' methods: no __getattr__,
+no __class__ that lies, no property, no __dir__, no __iter__ of a subclass.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -29,18 +29,19 @@ kMethodTypes = (function_type, builtin_type, classmethod, staticmethod) + wrappe
 
 # Modules whose native getters only read memory.
 kTrustedModules = frozenset((
-    "builtins", "__builtin__", "exceptions", "types", "datetime", "decimal", "_decimal", "re", "_sre",
-    "collections", "_collections", "functools", "_functools", "itertools", "weakref", "_weakref",
-    "array", "uuid", "struct", "_struct"))
+    "builtins", "__builtin__", "exceptions", "types", "datetime", "decimal", "_decimal",
+    "re", "_sre", "collections", "_collections", "functools", "_functools", "itertools",
+    "weakref", "_weakref", "array", "uuid", "struct", "_struct"))
 kShownSpecial = frozenset((
-    "__cause__", "__context__", "__traceback__", "__func__", "__self__", "__closure__", "__defaults__",
-    "__kwdefaults__", "__code__", "__notes__"))
+    "__cause__", "__context__", "__traceback__", "__func__", "__self__", "__closure__",
+    "__defaults__", "__kwdefaults__", "__code__", "__notes__"))
 
 _get_mro = type.__dict__["__mro__"].__get__
 _dict_of = type.__dict__["__dict__"].__get__
 _name_of = type.__dict__["__name__"].__get__
 _module_of = type.__dict__["__module__"].__get__
-_qualname_of = type.__dict__["__qualname__"].__get__ if "__qualname__" in type.__dict__ else _name_of
+_qualname_of = (
+    type.__dict__["__qualname__"].__get__ if "__qualname__" in type.__dict__ else _name_of)
 _default_getattribute = object.__dict__["__getattribute__"]
 _default_getattributes = (
     _default_getattribute, module_type.__dict__.get("__getattribute__"),

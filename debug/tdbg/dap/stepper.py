@@ -101,7 +101,8 @@ class tStepper(object):
     def _up_from(self, frame):
         """To the nearest caller that the step may end in."""
         parent = frame.f_back
-        while parent is not None and (self._server.is_hidden(parent) or not self._may_end_in(parent)):
+        while parent is not None and (self._server.is_hidden(parent)
+                                      or not self._may_end_in(parent)):
             if self._server.languages.runs_in(parent):
                 break
             parent = parent.f_back

@@ -1,4 +1,4 @@
-"""The requests `scopes`, `variables` and `setVariable`, and what expressions of the client can name.
+"""The requests `scopes`, `variables` and `setVariable`; what a client's expressions can name.
 
 Numbers that the client gets for what can be opened stand for a holders.tHolder; page.py makes the
 protocol's variables of its children.  Where the thread hangs in native code, on_slow() answers with
@@ -142,7 +142,8 @@ def main_names():
 def evaluate_new(session, ref, text):
     """Value of what the client wants to assign."""
     result = evaluate.evaluate_limited(
-        compat.to_text(text), frame_of(session, ref), extra_names(session, ref), values.kSecondsInAll)
+        compat.to_text(text), frame_of(session, ref), extra_names(session, ref),
+        values.kSecondsInAll)
     if not result.ok:
         raise tRequestError(one_line(compat.to_text(result.error)))
     return result.value

@@ -73,7 +73,8 @@ class tConnection(object):
             if not self._is_open:
                 return False
             try:
-                self._send(b"Content-Length: " + str(len(data)).encode("ascii") + b"\r\n\r\n" + data)
+                self._send(b"Content-Length: " + str(len(data)).encode("ascii")
+                           + b"\r\n\r\n" + data)
             except (IOError, OSError):
                 self._is_open = False
             return self._is_open
@@ -96,7 +97,8 @@ class tConnection(object):
                 pass
 
     def end_reading(self):
-        """read() delivers what has arrived, then None, whoever may still have the other end open."""
+        """read() delivers what has arrived, then None,
+        whoever may still have the other end open."""
         try:
             self._stream.shutdown(0)
         except (IOError, OSError):

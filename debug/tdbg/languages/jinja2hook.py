@@ -1,8 +1,8 @@
 """Jinja2's templates, stepped through as source.
 
-Jinja2 compiles a template to a module of Python: a function for its top level and one for each block
-and macro.  Each template has a table of the lines of that module at which the code of another line
-of the template begins.  What is written out as it stands (text) has no lines of its own there.
+Jinja2 compiles a template to a module of Python: a function for its top level and one for each
+block and macro.  Each template has a table of the lines of that module at which the code of another
+line of the template begins.  What is written out as it stands (text) has no lines of its own there.
 
 New templates are seen where Jinja2 makes them of compiled code: that method is replaced.
 """
@@ -215,7 +215,8 @@ class tJinja2(object):
         return name if name in self._templates else None
 
     def hides(self, frame):
-        """A template's module while it is executed, and what Jinja2 executes to make a traceback."""
+        """A template's module while it is executed,
+        and what Jinja2 executes to make a traceback."""
         caller = frame.f_back
         if caller is None or caller.f_code.co_name not in kMakers or (
                 not caller.f_code.co_filename.startswith(self._folder)):

@@ -26,7 +26,8 @@ def _start():
 
 def _supported():
     """A child of the program may be run by any interpreter; see children.py."""
-    return "TDBG_START" in os.environ or sys.version_info[:2] == (2, 7) or (3, 6) <= sys.version_info[:2] <= (3, 14)
+    return "TDBG_START" in os.environ or sys.version_info[:2] == (2, 7) or (
+        3, 6) <= sys.version_info[:2] <= (3, 14)
 
 
 def _leave_alone():

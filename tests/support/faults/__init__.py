@@ -28,7 +28,8 @@ tPlace = collections.namedtuple("tPlace", "key name calls road")
 
 
 class Outcome(object):
-    """How a run ended: what work() returned, or `why` it did not; `failed` calls were made to fail."""
+    """How a run ended: what work() returned, or `why` it did not;
+    `failed` calls were made to fail."""
 
     def __init__(self, result, why, failed):
         self.result, self.why, self.failed = result, why, failed
@@ -84,7 +85,8 @@ class Faults(object):
             self.native.faults_start(0, 0, 0, 0)
             result = work(self)
             self.native.faults_stop()
-            places = [self.describe(number) for number in range(self.native.faults_count_of_places())]
+            places = [self.describe(number)
+                      for number in range(self.native.faults_count_of_places())]
             return {"result": result, "places": places,
                     "allocations": self.native.faults_count_of_allocations()}
 
@@ -97,7 +99,8 @@ class Faults(object):
         name, calls, road = ctypes.c_char_p(), ctypes.c_long(), (ctypes.c_size_t * kShownRoad)()
         key = self.native.faults_place(
             number, ctypes.byref(name), ctypes.byref(calls), road, kShownRoad)
-        return key, name.value.decode("ascii"), calls.value, ["{:#x}".format(offset) for offset in road if offset]
+        return key, name.value.decode("ascii"), calls.value, ["{:#x}".format(offset)
+                                                              for offset in road if offset]
 
     def stop(self):
         """Nothing fails any more: the rest of the work looks at what is left."""
@@ -106,7 +109,8 @@ class Faults(object):
 
 
 def end_of_child():
-    """A library that counts what is run of it writes that down only when the process really exits."""
+    """A library that counts what is run of it writes that down only when the process really
+    exits."""
     counts = hasattr(ctypes.PyDLL(library_path()), "__gcov_master")
     return ctypes.CDLL(None).exit if counts else os._exit
 
