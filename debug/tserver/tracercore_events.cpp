@@ -16,10 +16,13 @@ static int stop_tracer(tDispatchCtx* ctx, const char* message) {
 
 // ---- Line ----
 
-static bool stops_at_breakpoint(tDispatchCtx* ctx) {
+static bool stops_at_breakpoint(tDispatchCtx* ctx, tSavedError* saved) {
     if (ctx->breakpoints_asked ||
-        !tracer_maybe_break_here_without_mutex(&gSelf.bp_ops_data, ctx->thread_data, ctx->frame) ||
-        !dispatch_ctx_acquire_mutex(ctx)) {
+        !tracer_maybe_break_here_without_mutex(&gSelf.bp_ops_data, ctx->thread_data, ctx->frame)) {
+        return false;
+    }
+    if (!dispatch_ctx_acquire_mutex(ctx)) {
+        saved->abandon();  // deliberate: the exception that was pending is dropped here
         return false;
     }
     if (!__tracer_break_here(&gSelf.bp_ops_data, kStopLine, ctx->thread_data, ctx->frame, 1)) {
@@ -44,7 +47,7 @@ int dispatch_line(tDispatchCtx* ctx) {
                    dprint_check_pystr(file.borrow()),
                    get_frame_lineno(ctx->frame));
     }
-    if (!__tracer_stop_here_without_mutex(ctx, kStopLine) && !stops_at_breakpoint(ctx)) {
+    if (!__tracer_stop_here_without_mutex(ctx, kStopLine) && !stops_at_breakpoint(ctx, &saved)) {
         return 0;
     }
     if (!dispatch_ctx_acquire_mutex(ctx)) {

@@ -13,6 +13,7 @@
 #include "guards.h"
 #include "support/alloc_failures.h"
 #include "threadops.h"
+#include "tracercore_internal.h"
 
 namespace {
 
@@ -386,6 +387,45 @@ TEST_F(Breakpoints, ACodeObjectWhosePathChangesIsInItsNewFile) {
     EXPECT_FALSE(stops(frame, 3, 1));
     set(3, "/other.py");
     EXPECT_TRUE(stops(frame, 3, 1));
+}
+
+// The tracer's own table, so that a line event may meet a breakpoint.
+class LineEvents : public Breakpoints {
+protected:
+    void SetUp() override {
+        Breakpoints::SetUp();
+        __tracer_init_bp_ops_data(&gSelf.bp_ops_data, names_, gPy.Py_None, 1);
+        gSelf.tracing = 1;
+        gSelf.mutex_thread_id = -1;
+        gPy.PyThread_acquire_lock = [](PyThread_type_lock, int) { return 0; };
+        gPy.PyEval_SaveThread = []() -> PyThreadState* { return nullptr; };
+        gPy.PyEval_RestoreThread = [](PyThreadState*) {};
+        gPy._Py_IsFinalizing = [] { return 0; };
+        gSelf.mutex = reinterpret_cast<PyThread_type_lock>(this);
+    }
+    void TearDown() override {
+        __tracer_clear_bp_ops_data(&gSelf.bp_ops_data, names_, gPy.Py_None);
+        gSelf = {};
+        Breakpoints::TearDown();
+    }
+    // With an exception pending; what is pending afterwards.
+    std::string dispatch(int line) {
+        tDispatchCtx ctx = {};
+        ctx.frame = make_frame();
+        ctx.thread_data = &td_;
+        python_.line_number = line;
+        python_.raise("of the program");
+        EXPECT_EQ(dispatch_line(&ctx), 0);
+        std::string pending = python_.pending();
+        gPy.PyErr_Clear();
+        return pending;
+    }
+};
+
+TEST_F(LineEvents, WithoutTheMutexAtABreakpointWhatWasPendingIsGone) {
+    __tracer_set_break(&gSelf.bp_ops_data, kFile, "", 3, 1, 0, gPy.Py_None, 0);
+    EXPECT_EQ(dispatch(4), "of the program");
+    EXPECT_EQ(dispatch(3), "");
 }
 
 TEST_F(Breakpoints, ANameOfAnyLengthIsFoundAgain) {
