@@ -166,7 +166,7 @@ class Alone(object):
         try:
             try:
                 exec(code, namespace)
-            except Exception as why:
+            except (Exception, GeneratorExit) as why:  # 2.x raises the latter again with `raise`
                 tell("ended by " + type(why).__name__)
                 why = None
         finally:
@@ -198,7 +198,7 @@ class Alone(object):
     def part_of_thread(self, function):
         try:
             function()
-        except Exception:
+        except (Exception, GeneratorExit):
             pass
 
 
