@@ -44,6 +44,8 @@ default_import = builtins.__import__
 
 # The core adopts every thread at its first frame where it can get in there.
 kAdoptsThreads = (3, 6) <= sys.version_info[:2] <= (3, 11)
+# Also after its hook has been taken out.
+kAdoptsThreadsAgain = (3, 6) <= sys.version_info[:2] <= (3, 10)
 
 # False where a free-threaded interpreter runs without its lock, True before there was such a thing.
 is_gil_enabled = getattr(sys, "_is_gil_enabled", lambda: True)

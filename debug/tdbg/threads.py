@@ -35,6 +35,7 @@ class tThreadHooks(object):
         self._core = core
         self._on_end = on_end
         self._installed = False
+        self._core_adopts = compat.kAdoptsThreads
         self._threading = None
         self._delete = None
         self._start_new_thread = None
@@ -44,11 +45,12 @@ class tThreadHooks(object):
         threading = sys.modules.get("threading")
         if threading is not None:
             self._hook_threading(threading)
-        if not compat.kAdoptsThreads:
+        if not self._core_adopts:
             self._hook_start_new_thread()
 
     def remove(self):
         self._installed = False
+        self._core_adopts = self._core_adopts and compat.kAdoptsThreadsAgain
         threading, self._threading = self._threading, None
         if threading is not None:
             if threading._trace_hook is self._core.bootstrap_new_thread:

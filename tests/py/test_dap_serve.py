@@ -189,6 +189,63 @@ class Serving(Case):
         kind = "TextIOWrapper" if sys.version_info[0] == 3 else "file"
         self.assertEqual(shown, u"a\nb \u20ac\n3\nTrue False 1 {}\n".format(kind))
 
+    def test_nothing_slows_the_program_between_two_sessions(self):
+        """No hook is left in the interpreter, nor the trace function of threads that have ended in the
+        first session; the second one sees what the first did."""
+        path = self.make_file("prog.py", (
+            "from __future__ import print_function\n"
+            "import os, sys, threading, time\n"
+            "_thread = __import__('thread' if sys.version_info[0] == 2 else '_thread')\n"
+            "class Last(object):\n"
+            "    def __del__(self):\n"
+            "        untraced.append(sys.gettrace() is None)\n"
+            "def work():\n"
+            "    local.last = Last()\n"
+            "def raw():\n"
+            "    local.last = Last()  #@ raw\n"
+            "local, untraced = threading.local(), []\n"
+            "def start_threads():\n"
+            "    count = len(untraced)\n"
+            "    thread = threading.Thread(target=work)\n"
+            "    thread.start()\n"
+            "    thread.join()\n"
+            "    _thread.start_new_thread(raw, ())\n"
+            "    while len(untraced) < count + 2:\n"
+            "        time.sleep(0.001)\n"
+            "start_threads()\n"
+            "hooked = sys.modules['tdbgtracer'].get_use_eval_frame\n"
+            "states = [hooked()]\n"
+            "states.append(sys.gettrace() is not None)  #@ count\n"
+            "while sys.gettrace() is not None:\n"
+            "    time.sleep(0.001)\n"
+            "states.append(hooked())\n"
+            "print(untraced[:sys.version_info < (3,)], states)\n"  # version 3 may adopt what ends once more
+            "sys.stdout.flush()\n"
+            "while not os.path.exists({!r}):\n"
+            "    time.sleep(0.001)\n"
+            "start_threads()\n"
+            "print(len(untraced), hooked())\n").format(self.end_file))
+        process = self.start(serve_argv("--wait-for-client", path))
+        address, token = self.address_and_token(process)
+        client = self.client_at(address, process)
+        client.start_session({"token": token}, "attach", {path: ["raw", "count"]})
+        for mark in ("raw", "count"):
+            thread = client.wait_stopped("breakpoint")["threadId"]
+            self.assertEqual(client.place(thread)[1], mark)
+            if mark == "raw":
+                client.resume(thread)
+        client.request("disconnect")
+        client.wait_end()
+        self.assertEqual(process.stdout.readline().decode("ascii").rstrip(), "{} {}".format(
+            [True] if sys.version_info[0] == 2 else [], [1, False, 0]))
+        client = self.client_at(address, process)
+        client.start_session({"token": token}, "attach", {path: ["raw"]})
+        self.let_end()
+        thread = client.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(client.place(thread), ("raw", "raw"))
+        client.resume(thread)
+        self.assertEqual(self.end_of(process), (0, "4 1\n", ""))
+
     def test_detached_program_is_free_of_the_debugger(self):
         path = self.make_file("prog.py", (
             "from __future__ import print_function\nimport os, sys, threading, time\n"
