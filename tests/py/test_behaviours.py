@@ -2,6 +2,8 @@
 functions, generators, coroutines and class bodies, and of breakpoints of every kind."""
 from __future__ import absolute_import, division, print_function
 
+import os
+import sys
 import unittest
 
 from support import TestCase, marks_of, needs
@@ -75,6 +77,65 @@ def recurse(depth):
     if depth:  #@ depth-test
         recurse(depth - 1)  #@ deeper
     return depth  #@ back
+'''
+
+kMore = '''
+def imports(stop):
+    stop()
+    import module_of_behaviours  #@ import
+    return module_of_behaviours.value  #@ imported
+
+def numbers_up_to(count):
+    for number in range(count):  #@ gen-loop
+        yield number  #@ gen-yield
+    done = 1  #@ gen-end
+
+def sums(stop):
+    total = 0
+    stop()
+    for number in numbers_up_to(2):  #@ for
+        total += number  #@ for-body
+    return total  #@ for-end
+
+def catches_thrown():
+    try:
+        yield 1
+    except ValueError:
+        value = 2  #@ thrown
+    yield value
+
+def throws(stop):
+    generator = catches_thrown()
+    next(generator)
+    stop()
+    return generator.throw(ValueError())  #@ throw
+
+def passes(function):
+    return function
+
+@passes  #@ decorator
+def decorated():
+    return 1  #@ decorated
+
+double = lambda value: value * 2  #@ lambda
+
+def calls_both(stop):
+    stop()
+    return decorated() + double(2)  #@ both
+
+def untold(function):
+    return function()  #@ untold
+
+def told(stop):
+    untold(lambda: stop())  #@ told
+    return 1  #@ told-end
+
+def skips(stop):
+    stop()
+    first = 1  #@ skip-from
+    first = 2
+    return first  #@ skip-to
+# after the last statement  #@ after-all
 '''
 
 kDelegating = '''
@@ -307,6 +368,97 @@ class Breaks(Behaviour):
         self.run_function("outer", "step_over", "step_out", "step_over")
         self.assertEqual(self.places()[:3], ["outer-call", "inner-last", "inner-last"])
         self.assertEqual(self.kinds()[:3], ["line", "line", "return"])
+
+
+class More(Behaviour):
+    source = kMore
+
+    def setUp(self):
+        super(More, self).setUp()
+        path = self.make_file("module_of_behaviours.py", "first = 1  #@ top\nvalue = first + 1  #@ next\n")
+        sys.path.insert(0, os.path.dirname(path))
+        self.addCleanup(sys.path.remove, os.path.dirname(path))
+
+    def lines(self):
+        return [stop[1:3] for stop in self.session.stops if stop[0] == "line"]
+
+    def test_over_an_import_runs_the_module(self):
+        self.assertEqual(self.run_function("imports", "step_over", "continue_run"), 2)
+        self.assertEqual(self.places(), ["import", "imported"])
+
+    def test_over_an_import_stops_at_a_breakpoint_in_the_module(self):
+        self.tracer.set_break(os.path.join(sys.path[0], "module_of_behaviours.py"), "", 2, 1, 0, None, 0)
+        self.run_function("imports", "step_over", "continue_run")
+        self.assertEqual(self.lines(), [("imports", "import"), ("<module>", "next")])
+
+    def test_over_a_for_does_not_enter_its_generator(self):
+        self.assertEqual(self.run_function("sums", *["step_over"] * 7), 1)
+        places = [place for _, place in self.lines()]
+        # Up to 3.9 the end of the generator is an event of the loop's line, too.
+        places = [place for number, place in enumerate(places) if places[number - 1:number] != [place]]
+        self.assertEqual(places, ["for", "for-body", "for", "for-body", "for", "for-end"])
+
+    def test_over_the_lines_of_a_generator_stays_in_it(self):
+        self.break_at("gen-yield", temporary=1)
+        self.session.run(lambda stop: self.code["sums"](lambda: None), *["step_over"] * 8)
+        self.assertEqual(self.lines()[:5], [("numbers_up_to", place) for place in (
+            "gen-yield", "gen-loop", "gen-yield", "gen-loop", "gen-end")])
+
+    def test_an_exception_thrown_into_a_generator_comes_to_its_handler(self):
+        self.break_at("thrown")
+        self.assertEqual(self.run_function("throws", "continue_run"), 2)
+        self.assertEqual(self.places(), ["throw", "thrown"])
+
+    def test_in_decorated_functions_and_lambdas_but_not_at_their_definition(self):
+        for mark in ("decorator", "decorated", "lambda"):
+            self.break_at(mark)
+        self.run_function("calls_both", "continue_run", "continue_run")
+        self.assertEqual(self.lines(), [
+            ("calls_both", "both"), ("decorated", "decorated"), ("<lambda>", "lambda")])
+
+    def test_out_of_a_stop_goes_to_the_callers_one_by_one(self):
+        self.run_function("told", "step_out", "step_out", "step_out")
+        self.assertEqual(self.session.stops, [
+            ("return", "<lambda>", "told", None), ("return", "untold", "untold", None),
+            ("line", "told", "told-end"), ("return", "told", "told-end", 1)])
+
+    def test_a_line_can_be_jumped_to(self):
+        def jump(frame):
+            frame.f_lineno = self.line("skip-to")
+            self.tracer.step_over()
+
+        self.assertEqual(self.run_function("skips", lambda frame: self.tracer.step_over(), jump), 1)
+        self.assertEqual(self.session.failures, [])
+
+    def test_lines_without_statements_stop_nowhere(self):
+        self.break_at("after-all")
+        self.tracer.set_break(self.path, "", 1000000, 1, 0, None, 0)
+        self.run_function("skips", "continue_run")
+        self.assertEqual(self.places(), ["skip-from"])
+        self.assertEqual(sorted(self.hits()), [(self.line("after-all"), 0), (1000000, 0)])
+
+    def test_disabled_breakpoints_are_not_used_up(self):
+        self.session.show = lambda frame: frame.f_locals.get("number")
+        self.break_at("gen-yield", enabled=0, temporary=1)
+        self.run_function("sums")
+        self.assertEqual((self.hits(), self.kinds()[1:]), ([(self.line("gen-yield"), 0)], []))
+        self.tracer.clear_all_breaks()
+        self.break_at("gen-yield", enabled=0, ignore=1)
+        self.run_function("sums")
+        self.tracer.enable_breaks(self.path, self.line("gen-yield"), 1)
+        self.run_function("sums", "continue_run")
+        self.assertEqual([stop[2:] for stop in self.session.stops[1:]], [("gen-yield", 1)])
+
+    def test_two_on_a_line_stop_once_and_are_cleared_together(self):
+        self.break_at("for-body", temporary=1)
+        self.break_at("for-body")
+        self.run_function("sums", *["continue_run"] * 4)
+        self.assertEqual(self.places(), ["for", "for-body", "for-body"])
+        self.tracer.clear_breaks(self.path, self.line("for-body"))
+        self.assertEqual(self.hits(), [])
+        self.tracer.clear_breaks(self.path, self.line("for-body"))  # there is none
+        self.run_function("sums", "continue_run")
+        self.assertEqual(self.places(), ["for"])
 
 
 @needs("syntax:def f(): yield from ()")
