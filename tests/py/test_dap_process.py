@@ -133,6 +133,11 @@ def has_gdb():
         os.access(os.path.join(folder, "gdb"), os.X_OK) for folder in folders)
 
 
+def tracer_of(pid):
+    with open("/proc/{}/status".format(pid)) as source:
+        return [line.split()[1] for line in source if line.startswith("TracerPid:")][0]
+
+
 def mappings_of(pid):
     """Address ranges that do not grow by themselves."""
     with open("/proc/{}/maps".format(pid)) as source:
@@ -359,6 +364,18 @@ class Refused(Case):
         before = mappings_of(process.pid)
         self.assertIn("its main thread is busy or waits in native code", self.refusal(process))
         self.assertEqual(mappings_of(process.pid), before)
+        self.assertEqual(self.end_of(process, b"x"), (4, "1 False\n", ""))
+
+    @unittest.skipUnless(has_gdb(), "gdb is not installed")
+    def test_client_that_leaves_meanwhile(self):
+        process, _ = self.start(kStuck)
+        client = self.adapter()
+        seq = client.send("attach", {"processId": process.pid})
+        while tracer_of(process.pid) == "0" and not client.has_response_to(seq):
+            pass
+        client.request("disconnect")
+        client.wait_exit()
+        self.assertEqual(tracer_of(process.pid), "0")
         self.assertEqual(self.end_of(process, b"x"), (4, "1 False\n", ""))
 
     @unittest.skipUnless(has_gdb() or kHasRemoteExec, "gdb is not installed")

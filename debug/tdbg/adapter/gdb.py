@@ -13,6 +13,7 @@ import re
 import shutil
 import signal
 import subprocess
+import threading
 import time
 
 from tdbg.adapter import symbols
@@ -34,6 +35,7 @@ kWakeSignal = signal.SIGURG
 kPatienceSeconds = 3.0   # for a place where the main thread can run code
 kSlowestCall = 10.0      # of Py_AddPendingCall, which takes a lock
 kToolSeconds = 60.0      # all that gdb does; it reads large programs slowly
+kHurrySeconds = 10.0     # to let go of a process
 kPollSeconds = 0.02
 kPage = 4096
 
@@ -117,19 +119,25 @@ def find():
 
 
 class tVisit:
-    """One visit of gdb to a process; run() in one thread, hurry() in any."""
+    """One visit of gdb to a process; run() in one thread, the rest in any."""
 
     def __init__(self, pid, word_size):
         self._pid, self._word_size = pid, word_size
         self._is_hurried = False
+        self._ended = threading.Event()
         self._log = ""
 
     def run(self, code, folder):
         """Whether the code has been executed; endpoint.tRefused.  The folder is for our files."""
-        self._write_files(code, folder)
-        self._run_gdb(folder, [kQuickOption])
-        if "unrecognized option" in self._log:
-            self._run_gdb(folder, [])
+        try:
+            if self._is_hurried:
+                return False
+            self._write_files(code, folder)
+            self._run_gdb(folder, [kQuickOption])
+            if "unrecognized option" in self._log:
+                self._run_gdb(folder, [])
+        finally:
+            self._ended.set()
         if "tdbg: runs" in self._log:
             return True
         self._refuse()
@@ -137,6 +145,10 @@ class tVisit:
     def hurry(self):
         """Nobody waits for it any more."""
         self._is_hurried = True
+
+    def wait_end(self):
+        """Until gdb has let go of the process, after hurry()."""
+        self._ended.wait(kHurrySeconds)
 
     # --- parts of run() ---
 

@@ -103,6 +103,7 @@ class tProcess:
         visit = self._visit
         if visit is not None:
             visit.hurry()
+            visit.wait_end()
         listener, self._listener = self._listener, None
         if listener is not None:
             try:
@@ -159,10 +160,10 @@ class tProcess:
             raise endpoint.tRefused(reason_of_interpreter(self.pid, text))
 
     def _through_gdb(self, listener, folder):
-        self._visit = gdb.tVisit(self.pid, self._word_size)
-        if self._is_closed:
-            self._visit.hurry()
         own_folder = endpoint.make_private_folder()
+        self._visit = gdb.tVisit(self.pid, self._word_size)
+        if self._is_closed:  # which may have been too early to see the visit
+            self._visit.hurry()
         try:
             self._visit.run(kText.format(self._text), own_folder)
         finally:
