@@ -6,6 +6,7 @@ import os
 import sys
 import threading
 import unittest
+import warnings
 
 from support import TestCase, needs
 from support.tracing import Session, ThreadSession, import_debuggee, kDefaultImport
@@ -410,6 +411,8 @@ class ForkTest(TestCase):
 
     def setUp(self):
         self.session = ThreadSession()
+        # A fork while threads run is warned of: by Python code, which would wait for the stop's end.
+        warnings.simplefilter("ignore")
 
     def test_while_another_thread_is_stopped(self):
         session = self.session
