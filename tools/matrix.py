@@ -46,6 +46,7 @@ kNotPackaged = (
 kNoSource = (
     "Could not be built: the archive lists the source package, but no longer holds its files (`--again` asks"
     " again), and none of its suites has the build as a package.")
+kNotFinished = "Its tests were not finished when this page was written; the next run goes on with them."
 kOffsets = " The structures' offsets are compared with those that a compiler gives for its headers."
 
 
@@ -154,7 +155,7 @@ def revision_of(folder):
     done = subprocess.run(
         ["git", "describe", "--always", "--dirty=, with changes"], cwd=folder, stdout=subprocess.PIPE,
         stderr=subprocess.DEVNULL)
-    return " of revision " + done.stdout.decode().strip() if done.returncode == 0 else ""
+    return " at revision " + done.stdout.decode().strip() if done.returncode == 0 else ""
 
 
 def grid(interpreters, results, measured, not_built):
@@ -168,7 +169,10 @@ def grid(interpreters, results, measured, not_built):
                 here = [item for item in interpreters if (item.minor, item.bits, item.variant) == (
                     version, bits, variant)]
                 if here:
-                    cells.append("<br>".join(cell_of(item, results.get(item.name)) for item in here))
+                    if any(item.name not in results for item in here):
+                        letters.setdefault(kNotFinished, "abcdefgh"[len(letters)])
+                    cells.append("<br>".join(
+                        cell_of(item, results.get(item.name), letters.get(kNotFinished)) for item in here))
                 elif not exists(version, variant):
                     cells.append(kDash)
                 else:
@@ -180,10 +184,10 @@ def grid(interpreters, results, measured, not_built):
     return lines
 
 
-def cell_of(item, rows):
+def cell_of(item, rows, letter):
     more = ", static" if item.is_static else ""
     if rows is None:
-        return "not finished ({}{})".format(item.libc, more)
+        return "{} ({}{})".format(letter, item.libc, more)
     counts = counts_of(rows)
     return "{} / {} ({}{})".format(counts["passed"], counts["failed"], item.libc, more)
 
