@@ -68,7 +68,7 @@ struct tBpOpsData {
     const char* known_module;         // borrowed from loaded_modules: module of known_file, or null
     tModuleBps* known_module_bps;     // of known_module; null = none
     char known_file[kKnownFileSize];  // file name that was last found in loaded_modules
-    PyObject* known_path;             // owned; path of code objects whose text is known_file, or null
+    PyObject* known_path;  // owned; path of code objects whose text is known_file, or null
 };
 
 // Entry of a line in `userbps`, without the calls: a watched frame asks on each line. Null on a

@@ -670,7 +670,8 @@ static const char* peek_path_text(tBpOpsData* data, PyObject* path) {
         return data->known_file;
     }
     const char* const text = _pystring_to_c_string(path);
-    if (text == nullptr || may_be_compiled_file(text) || find_loaded_module(data, text) == nullptr) {
+    if (text == nullptr || may_be_compiled_file(text) ||
+        find_loaded_module(data, text) == nullptr) {
         return nullptr;
     }
     if (data->known_module != nullptr && strcmp(data->known_file, text) == 0) {

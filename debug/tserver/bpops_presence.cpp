@@ -113,7 +113,8 @@ static tAnswer calculate_using_co_lines(tBpOpsData* data,
             break;
         }
         if (gPy.PyErr_Occurred() != nullptr) {
-            answer = kFailed;  // out of memory 3.11 gives a tuple without its line, and an exception
+            // Out of memory 3.11 gives a tuple without its line, and an exception.
+            answer = kFailed;
             break;
         }
         tOwnedRef line(gPy.PySequence_GetItem(item.borrow(), 2));

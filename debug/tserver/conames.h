@@ -83,8 +83,8 @@ bool find_code_entry(tCOPathnameTable* table,
                      PyObject** any_bps,
                      PyObject** any_bps_version);
 
-// The path in the entry of a code object: borrowed; null when it is not known. Neither a look-up that
-// counts.
+// The path in the entry of a code object: borrowed; null when it is not known. Neither a look-up
+// that counts.
 PyObject* borrow_code_path(tCOPathnameTable* table, PyCodeObject* code);
 
 // Makes an empty entry for a code object without one, the sign that its file was asked for.

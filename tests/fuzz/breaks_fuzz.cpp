@@ -1,5 +1,5 @@
-// breaks_fuzz.cpp -- the table of breakpoints with names, checksums, lines and conditions of any form,
-// against a list; and line tables of code objects that no compiler has written.
+// breaks_fuzz.cpp -- the table of breakpoints with names, checksums, lines and conditions of any
+// form, against a list; and line tables of code objects that no compiler has written.
 #include <string.h>
 
 #include <vector>
@@ -53,8 +53,8 @@ void set_break(tState* state, tInput* input) {
     const int temporary = static_cast<int>(input->below(2));
     const int ignore = static_cast<int>(input->below(3));
     PyObject* const condition = read_condition(input);
-    const int id = __tracer_set_break(&state->table, file.c_str(), checksum.c_str(), line, enabled,
-                                      temporary, condition, ignore);
+    const int id = __tracer_set_break(
+        &state->table, file.c_str(), checksum.c_str(), line, enabled, temporary, condition, ignore);
     FUZZ_CHECK((id > 0) == is_encodable(condition));
     if (id <= 0) {
         return gPy.PyErr_Clear();
@@ -66,9 +66,8 @@ void clear_breaks(tState* state, tInput* input) {
     const std::string file = read_file(input);
     const int line = input->line();
     __tracer_clear_breaks(&state->table, file.c_str(), line);
-    std::erase_if(state->model, [&](const tModelBreak& item) {
-        return item.line == line && item.file == file;
-    });
+    std::erase_if(state->model,
+                  [&](const tModelBreak& item) { return item.line == line && item.file == file; });
 }
 
 size_t count(const tState* state, const std::string& file, int line) {
@@ -178,8 +177,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     tState* const state = new tState();
     state->files = create_file_ops_data(nullptr);
     InitCOPathnameTable(&state->names, state->files);
-    __tracer_init_bp_ops_data(&state->table, &state->names, gPy.Py_None,
-                              static_cast<int>(input.below(2)));
+    __tracer_init_bp_ops_data(
+        &state->table, &state->names, gPy.Py_None, static_cast<int>(input.below(2)));
     while (!input.is_empty()) {
         do_operation(state, &input);
     }

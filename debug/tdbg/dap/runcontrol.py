@@ -134,8 +134,8 @@ def step_in_targets(session, arguments):
     for index, call in enumerate(calls):
         if call.is_implicit:
             continue
-        row = {"id": session.handles.new(tStepInTarget(calls, index)), "label": compat.to_text(call.label),
-               "line": spelling.line_to_client(call.line),
+        row = {"id": session.handles.new(tStepInTarget(calls, index)),
+               "label": compat.to_text(call.label), "line": spelling.line_to_client(call.line),
                "column": spelling.column_to_client(call.column + 1)}
         if call.end_line is not None:
             row["endLine"] = spelling.line_to_client(call.end_line)
@@ -201,7 +201,8 @@ def goto(session, arguments):
         session.frames.clear()
         session.handles.clear()
         session.send_event("stopped", {
-            "reason": "goto", "threadId": session.thread_ids.id_of(ident), "allThreadsStopped": True})
+            "reason": "goto", "threadId": session.thread_ids.id_of(ident),
+            "allThreadsStopped": True})
     session.then(tell)
 
 

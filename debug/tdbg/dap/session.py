@@ -1,8 +1,8 @@
 """A debugging session: one client of the protocol, and what it is told of the program.
 
 tDapFrontEnd is the debug server's front end; it lives as long as the process, and serves one client
-after the other.  tSession is the conversation with one client; how its messages are read and answered
-is in exchange.py.
+after the other.  tSession is the conversation with one client; how its messages are read and
+answered is in exchange.py.
 
 For handler modules, a session has:
 
@@ -20,20 +20,20 @@ current_stop                the tStop that is served, or None (also None when me
 send_event(name, body)      on any thread; never raises
 send_request(command, arguments, on_response)    a reverse request; on_response(success, body)
 output(category, text, **more)                   an `output` event; never raises
-run_in_core(function)       function() where the core may be called and the breakpoints changed: on the
-                            stopped thread if there is one, else with the debug-server mutex held;
-                            its result, or its exception
+run_in_core(function)       function() where the core may be called and the breakpoints changed: on
+                            the stopped thread if there is one, else with the debug-server mutex
+                            held; its result, or its exception
 then(function)              function() once the response to the request at hand has been sent
-return_values               [(frame's function name, value)] that functions have returned during the last
-                            step; empty unless config.show_return_value
+return_values               [(frame's function name, value)] that functions have returned during the
+                            last step; empty unless config.show_return_value
 
 To be told (each takes a callable, in attach(session)):
 
 on_stop(f)       f(session, stop): a `stopped` event is about to be sent; may return a dict that is
                  merged into its body (hitBreakpointIds, text, description)
 filter_stops(f)  f(session, stop) -> true to pass: the thread is not to stop after all.  It runs on
-                 the thread, which goes on as it did: stepping is not disturbed.  It may take entries
-                 out of stop.hits; a stop for breakpoints alone passes when none is left
+                 the thread, which goes on as it did: stepping is not disturbed.  It may take
+                 entries out of stop.hits; a stop for breakpoints alone passes when none is left
 on_resume(f)     f(session): numbers have become invalid, the program runs
 on_import(f)     f(session, module): on the importing thread
 on_cancel(f)     f(session, arguments): the client does not want the answer any more to a request
@@ -266,8 +266,8 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
 
 
 class tSession(exchange.tExchange):
-    """See above.  is_configured: configurationDone has come; held: ident of the thread for which the
-    program is held without having stopped, or None."""
+    """See above.  is_configured: configurationDone has come; held: ident of the thread for which
+    the program is held without having stopped, or None."""
 
     def __init__(self, front_end, connection):
         exchange.tExchange.__init__(self, connection, front_end.executor)
