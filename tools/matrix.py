@@ -38,8 +38,8 @@ kVariants = {
 }
 
 kNoInterpreter = (
-    "No interpreter of this version within reach: Debian's oldest archived release has 2.7 and 3.9. What"
-    " stands for it: the native tests start the library on an interpreter that is nothing but names, of both"
+    "No interpreter of this version within reach: the oldest release that Debian's mirrors carry has 2.7 and"
+    " 3.9. What stands for it: the native tests start the library on an interpreter that is nothing but names, of both"
     " families, with every name missing in turn, and check its structure tables.")
 kNotPackaged = (
     "No distribution ships it, and of the variants that tools/build-interpreters builds a neighbour stands for it.")
