@@ -20,4 +20,4 @@ def numbers_up_to(limit, dense):
     number = 0
     while number < limit:
         yield number
-        number += 1 + max(0, number - dense) // 12
+        number += 1 + max(0, number - dense) // 6
