@@ -18,6 +18,7 @@ from tdbg import nativelib
 from tdbg.adapter import gdb, symbols
 from tdbg.dap import endpoint
 
+kPackage = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 kPtraceScope = "/proc/sys/kernel/yama/ptrace_scope"
 kMayTrace = 1 << 19      # CAP_SYS_PTRACE
 kToolSeconds = 30
@@ -79,6 +80,8 @@ class tProcess:
         self._is_closed = False
 
     def connect(self):
+        if self._library is None:
+            self._library = build_library()
         folder = endpoint.make_private_folder()
         path = os.path.join(folder, "debuggee")
         try:
@@ -113,9 +116,8 @@ class tProcess:
             listener.close()
 
     def _write_script(self, folder, path):
-        package = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
         self._text = kScript.format(
-            folder=os.path.dirname(package), path=path, library=self._library,
+            folder=os.path.dirname(kPackage), path=path, library=self._library,
             failure=os.path.join(folder, "failure"))
         script = os.path.join(folder, "attach.py")
         with open(script, "w", encoding="utf-8", errors="surrogateescape") as out:
@@ -225,19 +227,32 @@ def refuse_unknown_version(pid, version):
 
 
 def library_for(pid, word_size, named):
-    """The core that fits the process: one that was named, or else was built, or comes with us."""
-    package = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    """The core that fits the process: one that was named, or else was built, or comes with us.
+
+    None where it is still to be built.
+    """
+    tree = os.path.dirname(os.path.dirname(kPackage))
     file_name = nativelib.kModule + ".so"
-    tree = os.path.dirname(os.path.dirname(package))
     places = [named] if named is not None else [
-        os.path.join(package, file_name), os.path.join(tree, "build", str(word_size), file_name)]
+        os.path.join(kPackage, file_name), os.path.join(tree, "build", str(word_size), file_name)]
     for path in places:
         if symbols.word_size(path) == word_size:
             return os.path.abspath(path)
+    if named is None and word_size == nativelib.word_size() and os.path.exists(
+            os.path.join(tree, "tdbg")):
+        return None
     raise endpoint.tRefused(
         "process {} runs a {}-bit interpreter, for which there is no {} in {}: install tdbg for {} "
         "bits, or name its library with --library".format(
             pid, word_size, file_name, " or ".join(map(os.path.dirname, places)), word_size))
+
+
+def build_library():
+    try:
+        nativelib.build_library(kPackage)
+        return nativelib.find_library(kPackage)
+    except nativelib.tNoLibrary as why:
+        raise endpoint.tRefused(str(why))
 
 
 def refuse_without_gdb(pid, version, more=""):
