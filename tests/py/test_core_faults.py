@@ -2,13 +2,15 @@
 from __future__ import absolute_import, division, print_function
 
 import ctypes
+import gc
 import os
 import sys
 import threading
 import unittest
+import weakref
 import warnings
 
-from support import TestCase, needs
+from support import TestCase, load_native, needs
 from support.tracing import Session, ThreadSession, import_debuggee, kDefaultImport
 
 steps = import_debuggee("steps")
@@ -446,6 +448,72 @@ class ForkTest(TestCase):
             return self.wait_for(child)
 
         self.assertEqual(session.run(program), 0)
+
+
+class Held(object):
+    pass
+
+
+@needs("!free_threaded")  # where references cannot be counted
+class ExceptionRecordsTest(TestCase):
+    """Of frames that the tracer did not see end: nobody else knows them, so they are let go."""
+
+    def setUp(self):
+        record = [ctypes.c_void_p, ctypes.py_object]
+        self.native = load_native({
+            "set_frame_exc_info": (ctypes.c_int, record + [ctypes.py_object]),
+            "forget_frame_exc_info": (ctypes.c_int, record)})
+        self.data = ctypes.create_string_buffer(1 << 12)  # a tExcData without records
+
+    def raise_in_new_frames(self, depth, refs):
+        held = Held()
+        refs.append(weakref.ref(held))
+        if depth:
+            self.raise_in_new_frames(depth - 1, refs)
+        raise KeyError(depth)
+
+    def record(self, depth, number, with_info=True):
+        """Of the frame `number` below this one, of those that an exception left; what it holds."""
+        refs = []
+        try:
+            self.raise_in_new_frames(depth, refs)
+        except KeyError:
+            info = sys.exc_info()
+            entry = info[2]
+            for _ in range(number):
+                entry = entry.tb_next
+            self.native.set_frame_exc_info(self.data, entry.tb_frame, info if with_info else None)
+            del entry, info
+        if hasattr(sys, "exc_clear"):
+            sys.exc_clear()
+        return refs[number - 1]
+
+    def forget(self):
+        """Looks at all records, to let go the one of this frame, which has none."""
+        self.native.forget_frame_exc_info(self.data, sys._getframe())
+        gc.collect()
+
+    def test_of_frames_that_are_gone(self):
+        for depth, number, with_info in ((0, 1, True), (2, 3, True), (2, 1, True), (2, 2, False)):
+            held = self.record(depth, number, with_info)
+            gc.collect()
+            self.assertIsNotNone(held())
+            self.forget()
+            self.assertIsNone(held(), (depth, number, with_info))
+
+    def test_of_a_frame_that_is_known_elsewhere(self):
+        frame = sys._getframe()
+        try:
+            raise KeyError("here")
+        except KeyError:
+            self.native.set_frame_exc_info(self.data, frame, sys.exc_info())
+        held = self.record(1, 1)
+        self.assertNotEqual(self.data.raw, b"\0" * len(self.data))
+        self.forget()
+        self.native.forget_frame_exc_info(self.data, frame)
+        gc.collect()
+        self.assertIsNone(held())
+        self.assertEqual(self.data.raw, b"\0" * len(self.data))  # the last one takes the table with it
 
 
 class EvalFrameTest(TestCase):
