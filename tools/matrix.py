@@ -19,10 +19,10 @@ kHead = """\
 
 One library per word size serves them all. `./check --matrix` wrote this page on {date}{revision}, from
 all interpreters that it found, could fetch (tools/fetch-interpreters) or had built
-(tools/build-interpreters). The tests of the library run under each of them, those of the debugger's
-Python part under one release build of each version and under each variant. A cell tells how many tests
-**passed / failed** with which C library; skipped ones are below. A letter stands for a reason; {dash}:
-there is no such build of this version.
+(tools/build-interpreters). The tests of the library run under each of them; where those of the
+debugger's Python part ran, which knows neither word sizes nor C libraries, the table by interpreter
+tells. A cell tells how many tests **passed / failed** with which C library; skipped ones are below. A
+letter stands for a reason; {dash}: there is no such build of this version.
 
 """
 
@@ -142,7 +142,7 @@ def write(folder, interpreters, results, not_built, skips):
     lines = [kHead.format(date=time.strftime("%Y-%m-%d"), revision=revision_of(folder), dash=kDash)]
     lines += grid(interpreters, results, measured_layouts(folder), not_built)
     lines += libraries_of(interpreters)
-    lines += details(interpreters, results)
+    lines += details(interpreters, results, front_end_files(folder))
     lines += failures(interpreters, results)
     lines += ["\n## Skipped tests, by reason\n\n| times | reason | where |\n|---|---|---|\n"]
     for times, reason, where in sorted(skips, key=lambda skip: (-skip[0], skip[1])):
@@ -211,18 +211,31 @@ def version_in(libc):
     return [int(part) for part in libc.split()[-1].split(".")]
 
 
-def details(interpreters, results):
+def front_end_files(folder):
+    """Names of the test files that need not run under every interpreter."""
+    tests = os.path.join(folder, "tests", "py")
+    names = set()
+    for name in os.listdir(tests):
+        if name.endswith(".py"):
+            with open(os.path.join(tests, name), encoding="utf-8") as source:
+                if "kOncePerVersion = True" in source.read():
+                    names.add(name[:-len(".py")])
+    return names
+
+
+def details(interpreters, results, front_end):
     lines = ["\n## By interpreter\n\n",
-             "| version | bits | variant | C library | passed | failed | skipped | interpreter |\n",
-             "|---|---|---|---|---|---|---|---|\n"]
+             "| version | bits | variant | C library | passed | failed | skipped | of the Python part | interpreter |\n",
+             "|---|---|---|---|---|---|---|---|---|\n"]
     for item in sorted(interpreters, key=lambda item: (item.version, item.bits, item.variant, item.name)):
         rows = results.get(item.name)
         counts = counts_of(rows)
         numbers = [counts[status] for status in ("passed", "failed", "skipped")]
-        lines.append("| {} | {} | {} | {} | {} | {} | {} | {} |\n".format(
+        numbers.append(sum(row["test"].partition(".")[0] in front_end for row in rows or []))
+        lines.append("| {} | {} | {} | {} | {} | {} | {} | {} | {} |\n".format(
             "{}.{}.{}".format(*item.version), item.bits,
             kVariants[item.variant] + (", no shared libpython" if item.is_static else ""), item.libc,
-            *(numbers if rows is not None else ["not finished", "", ""]), item.name))
+            *(numbers if rows is not None else ["not finished", "", "", ""]), item.name))
     return lines
 
 

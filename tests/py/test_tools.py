@@ -189,8 +189,10 @@ class Matrix(TestCase):
         self.assertIsNone(kept.rows_of(item))
 
     def page(self, items, rows, not_built=()):
-        data = os.path.join(self.tree, "tests", "data")
+        data, tests = (os.path.join(self.tree, "tests", name) for name in ("data", "py"))
         os.makedirs(data)
+        os.makedirs(tests)
+        self.make_file("test_x.py", "kOncePerVersion = True\n", tests)
         self.make_file("layouts.json", json.dumps({"rows": [
             {"version": "3.12", "bits": 32, "variant": "release"}]}), data)
         self.matrix.write(self.tree, items, rows, set(not_built), [(2, "no x|y", "a")])
@@ -214,6 +216,7 @@ class Matrix(TestCase):
         for letter in {cell.strip() for row in cells.values() for cell in row if len(cell.strip()) == 1}:
             if letter != self.matrix.kDash:
                 self.assertIn("- **{}**: ".format(letter), page)
+        self.assertIn("| 2 | 1 | 1 | 4 | a |", page)
         self.assertIn("- a: test_x.X.test_1\n", page)
         self.assertIn("| 2 | no x\\|y | a |", page)
 
