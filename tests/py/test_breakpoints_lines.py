@@ -12,6 +12,7 @@ import unittest
 from support import debuggee, time_limit, why_not
 from support.breaks import BreakCase, kCanonical
 from support.marks import line_of
+from support.modules import hide_modules
 from support.tracing import import_debuggee
 
 
@@ -81,6 +82,7 @@ class ShapeCase(BreakCase):
 class Shapes(ShapeCase):
     @time_limit(150)
     def test_each_line_stops_as_often_as_it_has_events(self):
+        hide_modules(self)
         self.compare_each_line(self.code.everything)
 
     def test_breakpoints_on_all_lines_stop_in_the_order_of_the_events(self):
@@ -110,6 +112,7 @@ class Shapes(ShapeCase):
 
         def run():
             exec(code, {"__name__": "top", "__file__": self.path})
+        hide_modules(self)
         self.compare_each_line(run)
 
     def test_lines_that_are_the_same_everywhere(self):
@@ -167,6 +170,7 @@ class CanonicalShapes(ShapeCase):
 
     @time_limit(150)
     def test_each_line_stops_as_often_as_it_has_events(self):
+        hide_modules(self)
         self.compare_each_line(self.code.everything)
 
 

@@ -2,20 +2,17 @@
 from __future__ import absolute_import, division, print_function
 
 import gc
-import os
 import sys
 import unittest
 
 from support import TestCase, growth_of_references, has, needs, time_limit
-from support.programs import TESTS
+from support.modules import hide_modules
 from support.tracing import Session, ThreadSession, import_debuggee
 
 steps = import_debuggee("steps")
 
 kStops = 10000
 kCycles = 1000
-# Of the interpreter's own modules, those that stay loaded while a session starts again and again.
-kUsedModules = set(["__main__", "codecs", "io", "os", "posixpath", "threading", "traceback"])
 # What the repetitions may add to the process after a first fifth as many, for the allocators' sake.
 kMemoryBound = 512  # KB
 kLifeMemoryBound = 96  # KB; few modules are scanned, so little is allocated
@@ -162,24 +159,13 @@ class EventTest(LeakCase):
         session.tracer.stop_trace()
 
 
-def hide_modules():
-    """Take modules that are not used out of the list: each start scans all. Returns the whole list."""
-    listed = dict(sys.modules)
-    for name, module in listed.items():
-        path = os.path.abspath(getattr(module, "__file__", None) or "")
-        if not (name in kUsedModules or name in sys.builtin_module_names or "encodings" in name
-                or path.startswith(TESTS)):
-            del sys.modules[name]
-    return listed
-
-
 @time_limit(300)
 class LifeTest(LeakCase):
     memory_bound = kLifeMemoryBound
 
     def cycle(self, *names):
         session = QuietSession()
-        self.addCleanup(sys.modules.update, hide_modules())
+        hide_modules(self)
 
         def operation():
             for name in names:
