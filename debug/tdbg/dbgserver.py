@@ -96,11 +96,13 @@ def _event_callback(method):
     @functools.wraps(method)
     def guarded(self, *args):
         try:
+            self.lender.enter()
             self.lender.begin()
             try:
                 return method(self, *args)
             finally:
                 self.lender.end()
+                self.lender.leave()
         except BaseException:
             self._tell_internal_error(method.__name__)
     return guarded
@@ -128,7 +130,7 @@ class tServer(object):
         self.languages = sublanguages.tLanguages(core, self._tell_language_error)
         self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
         self.exceptions = exceptions.tExceptions(core, self.tell_notice, self.is_hidden)
-        self.lender = lending.tLender(core, self._tell_lent)
+        self.lender = lending.tLender(core, self._tell_lent, self._may_free)
         self._hooks = threads.tThreadHooks(core, self._thread_end_cb)
         self._told_places = set()  # (file, line) of conditions that have waited for something
         self._steppers = {}     # thread ident -> what decides where its step ends (see steer())
@@ -640,6 +642,7 @@ class tServer(object):
         ident = _get_ident()
         for table in (self._asked, self._places, self._skipped, self._goals, self._steppers):
             table.pop(ident, None)
+        self.lender.forget_thread(ident)
         self._tell_thread_end(ident)
 
     @_callback
@@ -814,6 +817,12 @@ class tServer(object):
             and frame.f_code.co_name in ("<module>", "?")
             and not self._is_own(frame)
         )
+
+    def _may_free(self, ident):
+        frame = _current_frames().get(ident)
+        while frame is not None and not self._is_own(frame):
+            frame = frame.f_back
+        return frame is None
 
     def _tell_lent(self, ident):
         frame = _current_frames().get(ident)

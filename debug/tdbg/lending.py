@@ -12,6 +12,7 @@ library publishes those, too.
 from __future__ import absolute_import, division, print_function
 
 import os
+import sys
 import time
 
 from tdbg import compat, evaluate, signals, threads
@@ -25,6 +26,7 @@ kRestSeconds = 0.05
 kPatience = 0.45  # seconds; between one and two of them, then a callback that waits counts as stuck
 
 _get_ident = compat.get_ident
+_current_frames = sys._current_frames
 _native_id = threads.native_id
 _getpid = os.getpid  # in the system's eyes the main thread's number, too
 _sleep = time.sleep
@@ -32,15 +34,21 @@ kNoLoad = 4  # of dlopen(): only what is loaded already
 
 
 class tLender(object):
-    """on_lent(ident): the mutex was given back for a thread that is stuck in a callback."""
+    """on_lent(ident): the mutex was given back for a thread that is stuck in a callback.
 
-    def __init__(self, core, on_lent=lambda ident: None):
-        self._core, self._on_lent = core, on_lent
+    may_free(ident)     whether a thread, if it holds the mutex, runs none of the debugger's code
+    """
+
+    def __init__(self, core, on_lent=lambda ident: None, may_free=lambda ident: False):
+        self._core, self._on_lent, self._may_free = core, on_lent, may_free
         self._native = None
         self._is_on = False
         self._calls = {}    # ident -> (number of its callback, the system's number of the thread)
         self._lent = {}     # ident -> tDone: the callback goes on without the mutex
+        self._inside = set()  # idents of threads that are in a callback, stopped or not
+        self._gate = compat.allocate_lock()
         self._away = {}     # ident -> the system's number of a thread whose mutex was given back
+        self._wanted = 0    # how often acquire() was begun that has not ended; else 0
         self._count = 0
         self._is_watching = False
         self._signal = signals.tSignal()
@@ -54,15 +62,22 @@ class tLender(object):
 
     # --- callbacks of the core ---
 
+    def enter(self):
+        """A callback that may stop the calling thread begins."""
+        if self._is_on:
+            with self._gate:
+                self._inside.add(_get_ident())
+            self.take_back()  # it was lost, perhaps, while the core evaluated a condition
+
+    def leave(self):
+        self._inside.discard(_get_ident())
+
     def begin(self):
         """On a thread that holds the mutex: what comes now may call code of the program."""
-        if not self._is_on:
-            return
-        self._count += 1
-        self._calls[_get_ident()] = self._count, _native_id()
-        if not self._is_watching:
-            self._is_watching = True
-            self._signal.set()
+        if self._is_on:
+            self._count += 1
+            self._calls[_get_ident()] = self._count, _native_id()
+            self._wake()
 
     def end(self):
         """Now the thread is to hold the mutex, in any case; may be called again."""
@@ -72,25 +87,51 @@ class tLender(object):
             self.take_back()
             self._lent.pop(ident, None)
 
+    def acquire(self):
+        """For a thread of the debugger's own: take the mutex, also from a thread that is stuck while
+        the core itself evaluates a condition.  False when the interpreter ends."""
+        self._count += 1
+        self._wanted = self._count
+        self._wake()
+        try:
+            return self._core.acquire_dbgserver_mutex()
+        finally:
+            self._wanted = 0
+
+    def _wake(self):
+        if not self._is_watching:
+            self._is_watching = True
+            self._signal.set()
+
     def _watch(self):
         while True:
             self._signal.wait()
             self._is_watching = True
             self._watch_while_busy()
             self._is_watching = False
-            if self._calls or self._away:  # they have come meanwhile, and relied on this thread
-                self._signal.set()
+            if self._calls or self._away or self._wanted:
+                self._signal.set()  # they have come meanwhile, and relied on this thread
 
     def _watch_while_busy(self):
         count = -1
-        while self._calls or self._away or count != self._count:
-            count, before = self._count, dict(self._calls)
+        while self._calls or self._away or self._wanted or count != self._count:
+            count, before, wanted = self._count, dict(self._calls), self._wanted
             _sleep(kPatience)
+            if wanted and wanted == self._wanted:
+                self._free()
             for ident, call in before.items():
                 if self._calls.get(ident) == call and threads.is_at_rest(call[1], kRestSeconds):
                     self._lend(ident, call[1])
             for ident, number in list(self._away.items()):
                 self._leave_alone(ident, number)
+
+    def _free(self):
+        """Whoever has the mutex is stuck, unless it is stopped or in a callback."""
+        for ident in _current_frames():
+            with self._gate:
+                if not (threads.is_own_thread(ident) or ident in self._inside) and (
+                        self._may_free(ident)):
+                    self._release(ident)
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()
@@ -114,9 +155,10 @@ class tLender(object):
             return False
         self._leave_alone(ident, number)
         self._away[ident] = number
-        if not self._is_watching:
-            self._is_watching = True
-            self._signal.set()
+        self._wake()
+        return self._release(ident)
+
+    def _release(self, ident):
         core = self._core
         for tstate_id in core.get_threads():
             if core.get_thread_ident_for_tstate_id(tstate_id) == ident:
@@ -126,12 +168,17 @@ class tLender(object):
     def take_back(self):
         """On the thread: hold the mutex again; waits while another one is stopped."""
         core = self._core
-        self._away.pop(_get_ident(), None)
+        if self._away:
+            self._away.pop(_get_ident(), None)
         # An exception of a signal handler may come between any two steps.
         while not core.is_dbgserver_mutex_held():
             if not core.acquire_dbgserver_mutex():
                 break  # the interpreter ends
 
+    def forget_thread(self, ident):
+        self._inside.discard(ident)
+        for table in (self._calls, self._lent, self._away):
+            table.pop(ident, None)
 
     def _leave_alone(self, ident, number):
         """What waits cannot be interrupted, and is not to be when it goes on, much later perhaps."""

@@ -186,7 +186,7 @@ class tHolder(object):
     def _with_mutex(self, is_last):
         """Whether the work is done."""
         core = self._server.core
-        if not core.acquire_dbgserver_mutex():
+        if not self._server.lender.acquire():
             return True
         try:
             self._executor.run_waiting()

@@ -596,6 +596,12 @@ class Asks(object):
     def __repr__(self):
         return ask()
 
+    @property
+    def loud(self):
+        print("loud")
+        sys.stdout.flush()
+        return ask()
+
 
 def work(asks):
     here = 1  #@ stop
@@ -643,10 +649,11 @@ class Waiting(DapTest):
         rows = self.client.request("threads")["threads"]
         return [row["id"] for row in rows if row["name"] == name][0]
 
-    def check_end(self, stops):
+    def check_end(self, stops, also=None):
         """The program ends in peace; everything was told once."""
         self.assertEqual(self.client.wait_exit(), 0)
-        self.assertEqual(self.client.process.stdout.read().decode().split(), ["ended"])
+        words = self.client.process.stdout.read().decode().split()
+        self.assertEqual([word for word in words if word != also], ["ended"])
         self.assertEqual(len(self.client.seen_events("stopped")), stops)
         answers = [message["request_seq"] for message in self.client.messages
                    if message["type"] == "response"]
@@ -697,7 +704,7 @@ class Waiting(DapTest):
         names = [frame["name"] for frame in self.client.stack(worker)]
         self.assertIn("get", names)
         self.assertIn("work", names)
-        self.assertEqual(self.result("ASKED.append(1)"), "")
+        self.assertEqual(self.result("ASKED.append(1)", frameId=None), "")
         self.client.request("next", {"threadId": worker})
         self.stop_here("step")
         self.assertEqual(self.thread, worker)
@@ -742,6 +749,22 @@ class Waiting(DapTest):
             self.assertEqual([text for text in texts if text.startswith("got")], ["got fed\n"])
             self.client.resume(self.thread)
             self.check_end(2)
+
+
+    def test_condition_that_the_core_evaluates(self):
+        """It does not tell before it knows; but the program can be paused."""
+        self.start_in("worker", place={"line": "stop", "condition": "asks.loud == 'fed'"})
+        output = self.client.process.stdout
+        self.assertEqual(output.readline(), b"loud\n")
+        self.client.request("pause", {"threadId": 1})
+        self.stop_here("pause")
+        self.assertEqual(self.client.stack(1)[-1]["name"], "<module>")
+        self.assertEqual(self.result("1 + 1", "watch"), "2")
+        self.client.resume(1)
+        self.stop_here()
+        self.assertEqual(self.client.place(self.thread), ("work", "stop"))
+        self.client.resume(self.thread)
+        self.check_end(2, also="loud")  # where the condition was evaluated again at the stop
 
 
 FREED = '''\
