@@ -4,7 +4,6 @@ from __future__ import absolute_import, division, print_function
 
 import ctypes
 import gc
-import os
 import resource
 
 from children import cpu_seconds

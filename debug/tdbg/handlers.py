@@ -12,8 +12,6 @@ further out, when the exception has left the frame that was thought to catch it 
 """
 from __future__ import absolute_import, division, print_function
 
-import sys
-
 from tdbg import compat
 from tdbg.codeplans import (
     kCatches, kGoesOn, kLeaves, kMatch, kMay, kWith, tCodePlan)

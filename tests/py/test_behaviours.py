@@ -7,7 +7,7 @@ import sys
 import unittest
 
 from support import TestCase, marks_of, needs
-from support.tracing import Session, place_of
+from support.tracing import Session
 
 kSource = '''
 def inner(value):

@@ -3,7 +3,6 @@ from __future__ import absolute_import, division, print_function
 
 import io
 import os
-import sys
 import unittest
 import zipfile
 

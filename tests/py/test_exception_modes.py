@@ -13,6 +13,7 @@ import textwrap
 import unittest
 
 from support import TestCase, library_path, needs, run_script, time_limit
+from support.caught import kWays
 from support.programs import python_path
 
 kAlways, kUnhandled, kPrinted, kPrintedToo = 1, 2, 4, 5
@@ -228,47 +229,19 @@ class Uncaught(ModesCase):
 @time_limit(180)
 class Caught(ModesCase):
     def check_caught(self, source):
-        self.check(source, status=0)
+        self.check(kWays + textwrap.dedent(source), status=0)
 
     def test_every_way(self):
         self.check_caught("""
             import os
-            class Swallow(object):
-                def __enter__(self): return self
-                def __exit__(self, *info): return True
-            def boom(): raise ValueError('x')
-            def same_frame():
-                try: raise ValueError('x')
-                except ValueError: pass
-            def outer_frame():
-                try: boom()
-                except ValueError as error: pass
-            def bare():
-                try: boom()
-                except: pass
-            def tuple_of():
-                try: boom()
-                except (KeyError, ValueError): pass
-            def variable(kinds=(KeyError, ValueError)):
-                try: boom()
-                except kinds: pass
-            def returns():
-                try: boom()
-                finally: return 1
             def breaks():
                 while True:
                     try: boom()
                     finally: break
-            def swallows():
-                with Swallow(): boom()
-            def computed():
-                try: boom()
-                except type(ValueError()): pass
             def module():
                 try: os.stat('/no/such/file')
                 except os.error: pass
-            for case in (same_frame, outer_frame, bare, tuple_of, variable, returns, breaks,
-                         swallows, computed, module):
+            for case in WAYS + (breaks, module):
                 case()
             try: import no_such_module
             except ImportError: pass
@@ -277,14 +250,6 @@ class Caught(ModesCase):
 
     def test_ends_of_loops_and_generators(self):
         self.check_caught("""
-            class Steps(object):
-                left = 3
-                def __iter__(self): return self
-                def __next__(self):
-                    self.left -= 1
-                    if not self.left: raise StopIteration
-                    return self.left
-                next = __next__
             def numbers():
                 try: yield 1
                 finally: print('closed')

@@ -15,7 +15,7 @@ from support import (
     TestCase, growth_of_references, has, import_tracer, line_of, needs, run_script,
 )
 from support.programs import python_path
-from support.tracing import Log, Session, kDefaultImport
+from support.tracing import Log, Session
 
 kNever, kAlways, kUnhandled, kPrints, kPrintsToo = 0, 1, 2, 4, 5
 

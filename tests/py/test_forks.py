@@ -1,7 +1,6 @@
 """New processes made by a program that is traced, and the end of such a program."""
 from __future__ import absolute_import, division, print_function
 
-import os
 import signal
 import sys
 import unittest
@@ -305,6 +304,16 @@ session.run(program, "step_into")
 class Ends(ForkCase):
     """The end of a process that is traced, with the status it would have had."""
 
+    kWork = """
+session.tracer.start_trace()
+for _ in range(4):
+    thread = threading.Thread(target=work)
+    thread.daemon = True
+    thread.start()
+ready.wait()
+sys.exit(4)
+"""
+
     # 3.13 without its lock: a daemon thread that is ended may have been given the interpreter's own
     # lock for halting the world, for which the last collection then waits for ever.
     @needs("interpreter_lock")
@@ -317,14 +326,7 @@ def work():
     while True:
         ready.set()
         steps.add(1, 2)
-session.tracer.start_trace()
-for _ in range(4):
-    thread = threading.Thread(target=work)
-    thread.daemon = True
-    thread.start()
-ready.wait()
-sys.exit(4)
-""", status=4)
+""" + self.kWork, status=4)
 
     @needs("interpreter_lock")
     def test_with_daemon_threads_that_are_stepped(self):
@@ -338,14 +340,7 @@ def work():
     session.tracer.stop()
     while True:
         steps.add(1, 2)
-session.tracer.start_trace()
-for _ in range(4):
-    thread = threading.Thread(target=work)
-    thread.daemon = True
-    thread.start()
-ready.wait()
-sys.exit(4)
-""", status=4)
+""" + self.kWork, status=4)
 
     def test_with_a_thread_that_waits_in_a_stop(self):
         self.run_lines("""

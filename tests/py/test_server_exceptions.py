@@ -14,6 +14,7 @@ import textwrap
 import unittest
 
 from support import TestCase, import_tracer, library_path, needs, run_script, time_limit
+from support.caught import kWays
 from support.programs import python_path
 
 kOncePerVersion = True
@@ -217,42 +218,7 @@ in_threads(rest, nothing_left)
 ''')
         self.assertEqual(rows, [("uncaught", "rest", "ExceptionGroup")], self.ended)
 
-    kCaught = '''
-class Swallow(object):
-    def __enter__(self): return self
-    def __exit__(self, *info): return True
-class Steps(object):
-    left = 3
-    def __iter__(self): return self
-    def __next__(self):
-        self.left -= 1
-        if not self.left: raise StopIteration
-        return self.left
-    next = __next__
-def boom(): raise ValueError("x")
-def same_frame():
-    try: raise ValueError("x")
-    except ValueError: pass
-def outer_frame():
-    try: boom()
-    except ValueError as error: pass
-def bare():
-    try: boom()
-    except: pass
-def tuple_of():
-    try: boom()
-    except (KeyError, ValueError): pass
-def variable(kinds=(KeyError, ValueError)):
-    try: boom()
-    except kinds: pass
-def returns():
-    try: boom()
-    finally: return 1
-def swallows():
-    with Swallow(): boom()
-def computed():
-    try: boom()
-    except type(ValueError()): pass
+    kCaught = kWays + '''
 def raised_again():
     try:
         try: raise ValueError("x")
@@ -277,8 +243,7 @@ def leaves():
     except SystemExit: pass
     try: raise KeyboardInterrupt
     except KeyboardInterrupt: pass
-for case in (same_frame, outer_frame, bare, tuple_of, variable, returns, swallows, computed,
-             raised_again, generators, missing, leaves):
+for case in WAYS + (raised_again, generators, missing, leaves):
     case()
 '''
 

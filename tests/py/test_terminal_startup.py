@@ -4,7 +4,6 @@ from __future__ import absolute_import, division, print_function
 
 import os
 import re
-import sys
 
 from support import TestCase
 from support.terminal import run_commands

@@ -8,7 +8,7 @@ import threading
 import unittest
 
 from support import TestCase, needs, time_limit
-from support.tracing import Session, ThreadSession, import_debuggee
+from support.tracing import ThreadSession, import_debuggee
 
 steps = import_debuggee("steps")
 

@@ -23,11 +23,10 @@ import time
 
 from .library import library_path
 from .marks import marks_of
-from .programs import REPOSITORY
+from .programs import REPOSITORY, environment_with
 
 kSeconds = 40
 PACKAGE = os.path.join(REPOSITORY, "debug", "tdbg")
-_text_type = type(u"")
 
 
 class NoAnswer(AssertionError):
@@ -383,12 +382,7 @@ def debug_directly(test, program, args=(), env=None, cwd=None, flags=(), session
 
 def debuggee_environment(argv, path, env=None, cwd=None, session=None):
     """What the launcher hands to the process that is to be debugged."""
-    environment = dict(os.environ)
-    for name, value in (env or {}).items():
-        if value is None:
-            environment.pop(name, None)
-        else:
-            environment[name] = value
+    environment = environment_with(env)
     settings = {
         "library": library_path(), "argv": argv, "pythonpath": environment.get("PYTHONPATH"),
         "cwd": cwd or os.getcwd(), "front_end": "dap", "socket": path,

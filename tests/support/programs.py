@@ -36,17 +36,22 @@ def debuggee(name):
     return path
 
 
-def run_program(argv, stdin="", env=None, cwd=None, seconds=kSeconds):
-    """Run a program to its end and collect what it wrote.  env: additions (None removes)."""
-    environment = dict(os.environ)
-    for name, value in (env or {}).items():
+def environment_with(changes, **more):
+    """This process's environment with changes (a dict or None; a value None removes)."""
+    environment = dict(os.environ, **more)
+    for name, value in (changes or {}).items():
         if value is None:
             environment.pop(name, None)
         else:
             environment[name] = value
+    return environment
+
+
+def run_program(argv, stdin="", env=None, cwd=None, seconds=kSeconds):
+    """Run a program to its end and collect what it wrote.  env: see environment_with()."""
     program = subprocess.Popen(
         argv, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-        env=environment, cwd=cwd, preexec_fn=os.setsid,
+        env=environment_with(env), cwd=cwd, preexec_fn=os.setsid,
     )
     timed_out = []
     timer = threading.Timer(seconds, _kill_group, (program.pid, timed_out))

@@ -20,7 +20,6 @@ from __future__ import absolute_import, division, print_function
 
 import io
 import os
-import sys
 import traceback
 
 from .library import import_tracer

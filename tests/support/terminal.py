@@ -14,7 +14,7 @@ import termios
 import time
 
 from .library import library_path
-from .programs import REPOSITORY, run_program
+from .programs import REPOSITORY, environment_with, run_program
 
 PROMPT = "(Tdb) "
 LAUNCHER = os.path.join(REPOSITORY, "tdbg")
@@ -43,12 +43,7 @@ class Terminal(object):
         self.output = ""  # all of it, without escape sequences
         self.raw = b""
         self._seen = 0  # up to where expect() has looked
-        environment = dict(os.environ, TERM="xterm", COLUMNS="200")
-        for name, value in (env or {}).items():
-            if value is None:
-                environment.pop(name, None)
-            else:
-                environment[name] = value
+        environment = environment_with(env, TERM="xterm", COLUMNS="200")
         self._master, slave = pty.openpty()
         self._child = subprocess.Popen(
             argv, stdin=slave, stdout=slave, stderr=slave, env=environment, cwd=cwd,

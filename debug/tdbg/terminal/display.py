@@ -16,7 +16,6 @@ kPlain = "\x1b[0m"
 
 _get_lines = linecache.getlines
 _check_cache = linecache.checkcache
-_exists = os.path.exists
 _isabs = os.path.isabs
 _join = os.path.join
 
