@@ -400,7 +400,7 @@ def is_wanted(test, item, host, hosts, arguments):
     if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
         return False
     is_variant = item.is_built or item.variant != "release"
-    return (not test["per_version"] or item is hosts[item.minor]
+    return (not test["per_version"] or item is hosts.get(item.minor)
             or (arguments.everywhere and is_variant))
 
 
@@ -414,6 +414,8 @@ def run_all(interpreters, libraries, run, scratch):
         units = []
         usable = [item for item in interpreters if item.bits in libraries] or interpreters
         host, hosts = host_of(usable), hosts_per_version(usable)
+        if arguments.front_end_once:
+            hosts = {host.minor: host}
         for item, (tests, broken) in zip(interpreters, listings):
             library = libraries.get(item.bits)
             if library is None and not arguments.no_lib:
@@ -530,7 +532,10 @@ def parse_arguments(argv):
     parser.add_argument("--tests", default=os.path.join(kHere, "py"), metavar="DIR",
                         help="folder of the tests")
     parser.add_argument("--list", action="store_true", help="print the names of the tests")
-    parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="children at a time")
+    parser.add_argument("--jobs", type=int, default=(os.cpu_count() or 1) + 1,
+                        help="children at a time; one more than processors, for many wait")
+    parser.add_argument("--front-end-once", action="store_true",
+                        help="tests of the debugger's Python part under one interpreter only")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
     parser.add_argument("--each", metavar="DIR",

@@ -8,6 +8,8 @@ import sys
 from support import TestCase
 from support.dapclient import debug_directly
 
+kOncePerVersion = True
+
 
 class Threads(TestCase):
     def start(self, text, breakpoints, streams=None, **configuration):

@@ -11,6 +11,8 @@ from support.languages import debug
 from support.programs import python_path
 from support.terminal import PROMPT, run_commands
 
+kOncePerVersion = True
+
 kFolders = [
     os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "tdbg",
                  "libraries"),
