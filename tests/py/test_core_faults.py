@@ -10,6 +10,11 @@ import unittest
 import weakref
 import warnings
 
+try:
+    import _thread
+except ImportError:
+    import thread as _thread
+
 from support import TestCase, load_native, needs
 from support.tracing import Session, ThreadSession, import_debuggee, kDefaultImport
 
@@ -514,6 +519,31 @@ class ExceptionRecordsTest(TestCase):
         gc.collect()
         self.assertIsNone(held())
         self.assertEqual(self.data.raw, b"\0" * len(self.data))  # the last one takes the table with it
+
+
+class LateExceptionTest(TestCase):
+    @needs("!frame_iblock")  # elsewhere the raise is where it is told
+    def test_one_that_is_under_way_when_tracing_begins_is_told_as_it_ends_the_thread(self):
+        session, told = Session(exception_mode=2), threading.Event()
+
+        def exception_cb(frame, info):
+            session.stops.append((frame.f_code.co_name, info))
+            told.set()
+
+        def bottom():
+            try:
+                raise ValueError("raised before")
+            finally:
+                session.tracer.start_trace()
+
+        session.exception_cb = exception_cb
+        session.init()
+        session.tracer.set_autoquit(0)
+        _thread.start_new_thread(bottom, ())
+        self.assertTrue(told.wait(kWait))
+        session.tracer.stop_trace()
+        # The interpreter has put the exception aside for the event, so what it was is not known.
+        self.assertEqual(session.stops, [("bottom", (None, None, None))])
 
 
 class EvalFrameTest(TestCase):
