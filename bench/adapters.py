@@ -2,7 +2,8 @@
 """Compare this debugger with debugpy through the same client, in turns: one table.
 
 debugpy is Debian's package as tools/fetch-clients unpacks it; it has compiled parts for 3.13.
-Times are the least of all rounds, for whatever else the machine does only adds to them.
+Times are the least of all rounds, for whatever else the machine does only adds to them, and so
+does compiling modules in the first one.
 
   bench/adapters.py --python ~/.pyenv/versions/3.13.0/bin/python [--lib build/64] [--rounds 5]
 """
@@ -57,13 +58,16 @@ print("seconds", time.process_time() - began)
 class tPeer:
     """How an adapter is started."""
 
-    def __init__(self, name, argv, variables):
-        self.name, self.argv, self.variables = name, argv, variables
+    def __init__(self, name, argv, cache, **variables):
+        self.name, self.argv = name, argv
+        # Compiled in the first round, as an installation has them.
+        self.environment = dict(os.environ, PYTHONPYCACHEPREFIX=cache, **variables)
+        self.environment.pop("PYTHONDONTWRITEBYTECODE", None)
 
     def start(self, cleanups):
         process = subprocess.Popen(
             self.argv, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-            env=dict(os.environ, **self.variables))
+            env=self.environment)
         client = dapclient.client_of_process(process)
         # The client's thread must not read from what is opened next under the same number.
         cleanups += [lambda: dapclient.end_process(process), client.wait_end, process.kill,
@@ -74,10 +78,11 @@ class tPeer:
 class tBench:
     def __init__(self, python, library, folder):
         self.python, self.folder = python, folder
+        cache = os.path.join(folder, "cache")
+        package = os.path.join(kRepository, "debug", "tdbg")
         self.peers = [
-            tPeer("tdbg", [python, os.path.join(kRepository, "debug", "tdbg"), "--library", library,
-                           "adapter"], {}),
-            tPeer("debugpy", [python, "-m", "debugpy.adapter"], {"PYTHONPATH": kDebugpy})]
+            tPeer("tdbg", [python, package, "--library", library, "adapter"], cache),
+            tPeer("debugpy", [python, "-m", "debugpy.adapter"], cache, PYTHONPATH=kDebugpy)]
         self.best = {}
 
     def note(self, what, peer, value):
