@@ -388,8 +388,8 @@ class More(Behaviour):
         self.assertEqual(self.places(), ["import", "imported"])
 
     def test_over_an_import_stops_at_a_breakpoint_in_the_module(self):
-        self.tracer.set_break(os.path.join(sys.path[0], "module_of_behaviours.py"), "", 2,
-                              1, 0, None, 0)
+        self.tracer.set_break(os.path.join(sys.path[0], "module_of_behaviours.py"),
+                              "", 2, 1, 0, None, 0)
         self.run_function("imports", "step_over", "continue_run")
         self.assertEqual(self.lines(), [("imports", "import"), ("<module>", "next")])
 
@@ -397,8 +397,8 @@ class More(Behaviour):
         self.assertEqual(self.run_function("sums", *["step_over"] * 7), 1)
         places = [place for _, place in self.lines()]
         # Up to 3.9 the end of the generator is an event of the loop's line, too.
-        places = [place for number,
-                  place in enumerate(places) if places[number - 1:number] != [place]]
+        places = [place for number, place in enumerate(places)
+                  if places[number - 1:number] != [place]]
         self.assertEqual(places, ["for", "for-body", "for", "for-body", "for", "for-end"])
 
     def test_over_the_lines_of_a_generator_stays_in_it(self):
