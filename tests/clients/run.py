@@ -89,8 +89,8 @@ def run_suite(version, path, library, why_not):
 def run_suites(chosen, library):
     why_not = packages.install(kHere, kPackages) if any(chosen.values()) else None
     with concurrent.futures.ThreadPoolExecutor(kAtOnce) as pool:
-        running = [pool.submit(run_suite, version, path, library, why_not) for version,
-                   path in chosen.items()]
+        running = [pool.submit(run_suite, version, path, library, why_not)
+                   for version, path in chosen.items()]
         return [one for future in running for one in future.result()]
 
 

@@ -35,8 +35,8 @@ fetch_clients = load_tool("fetch-clients")
 
 def marked_line(mark):
     with open(kProgram) as source:
-        return [number for number,
-                text in enumerate(source, 1) if text.rstrip().endswith("#@ " + mark)][0]
+        return [number for number, text in enumerate(source, 1)
+                if text.rstrip().endswith("#@ " + mark)][0]
 
 
 class Editors(unittest.TestCase):

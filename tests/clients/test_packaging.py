@@ -140,8 +140,8 @@ class Wheels(unittest.TestCase):
                 library = wheel.extract("tdbg/tdbgtracer.so", self.folder)
             package = os.path.join(kRepository, "debug")
             tracked = [
-                os.path.relpath(os.path.join(folder, name), package) for folder, _,
-                files in os.walk(package + "/tdbg")
+                os.path.relpath(os.path.join(folder, name), package)
+                for folder, _, files in os.walk(package + "/tdbg")
                 for name in files if not name.endswith((".pyc", ".so"))]
             self.assertEqual(set(tracked) - names, set())
             symbols = run(["readelf", "-V", "-d", library])[1]

@@ -234,8 +234,8 @@ class CommonTests(object):
     def test_variables(self):
         seen = []
         self.debug_at(self.kLoop + ("n == 2",), commands=[
-            lambda server,
-            stop: seen.extend([value_of(stop, "n * 10"), value_of(stop, "numbers[0]")])])
+            lambda server, stop: seen.extend(
+                [value_of(stop, "n * 10"), value_of(stop, "numbers[0]")])])
         self.assertEqual(seen, [20, 1])
 
     def test_a_statement_changes_variables(self):

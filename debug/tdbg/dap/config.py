@@ -57,8 +57,8 @@ class tConfig(object):
         self.kind = kind
         self.warnings = []
         self.raw = arguments = dict(arguments or {})
-        given = {name: value for name,
-                 value in arguments.items() if value is not None and value != ""}
+        given = {name: value for name, value in arguments.items()
+                 if value is not None and value != ""}
         for name, (attribute, read, default) in kKeys.items():
             setattr(self, attribute, read(name, given[name]) if name in given else default())
         self._merge(given)
