@@ -65,6 +65,12 @@ class Bench(TestCase):
         drawn = xml.dom.minidom.parse(picture)
         self.assertEqual(len(drawn.getElementsByTagName("polyline")), 2)
 
+    def test_program_whose_debugger_has_gone(self):
+        text = self.run_bench("detached").out
+        row = text.splitlines()[2]
+        self.assertEqual(len(row.split(" | ")), 6, text)
+        self.assertRegex(row, r"\| \d+\.\d\d \| \d+\.\d\d \|")
+
     def test_interpreter_that_is_not_there_is_an_error(self):
         done = run_program([sys.executable, os.path.join(kBench, "chart"), "--python", "no-such"])
         self.assertEqual(done.status, 1)

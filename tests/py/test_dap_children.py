@@ -21,7 +21,7 @@ class Case(TestCase):
         client = dapclient.start_adapter(self)
         client.initialize(supportsStartDebuggingRequest=self.announces)
         client.start_session(dict({
-            "program": self.path, "args": [self.child], "python": sys.executable, "childAttachTimeout": 30},
+            "program": self.path, "args": [self.child], "python": sys.executable, "childAttachTimeout": 120},
             **arguments))
         return client
 
