@@ -125,11 +125,13 @@ class tLanguages(object):
             raise ValueError("{} has been imported".format(name))
 
     def ready(self):
-        """{name: whether it is in force, is wanted, or neither}, for kReady:
-        "on", "waits", "off"."""
-        return dict((name,
-                     "off" if name in self._off else "waits" if name in self._waiting else "on")
-                    for name in kReady)
+        """{name of kReady: "on" (in force), "waits" (for its library) or "off" (not wanted)}"""
+        return dict((name, self._state_of(name)) for name in kReady)
+
+    def _state_of(self, name):
+        if name in self._off:
+            return "off"
+        return "waits" if name in self._waiting else "on"
 
     def _begin_ready(self, name):
         if name in self._off or name not in self._waiting:

@@ -10,7 +10,7 @@ import sys
 import unittest
 
 from support import growth_of_references, needs
-from support.breaks import BreakCase, kCanonical
+from support.breaks import BreakCase, kCanonical, reload_module
 from support.marks import line_of
 
 kLoop = """
@@ -550,13 +550,6 @@ def errno_itself():
 
 def exec_in(code, space):
     exec(code, space)
-
-
-def reload_module(module):
-    import importlib
-
-    return importlib.reload(module) if hasattr(importlib, "reload") else reload(
-        module)  # noqa: F821
 
 
 if __name__ == "__main__":

@@ -11,7 +11,7 @@ import unittest
 import zipfile
 
 from support import needs, run_script
-from support.breaks import BreakCase, kCanonical, kSynonyms
+from support.breaks import BreakCase, kCanonical, kSynonyms, reload_module
 from support.marks import line_of
 
 kLogBreakpoints = 8  # category of the log
@@ -22,13 +22,6 @@ kModule = """
 
     top = 1  #@ top
     """
-
-
-def reload_module(module):
-    import importlib
-
-    return importlib.reload(module) if hasattr(importlib, "reload") else reload(
-        module)  # noqa: F821
 
 
 class Checksums(object):

@@ -280,15 +280,15 @@ class Threads(ServerTest):
         self.assertEqual([row[:2] for row in front_end.seen[1:]], [("pause", "work")])
 
     def test_hooks_are_taken_back(self):
-        delete = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get(
-            "_Thread__delete")
+        names = threading.Thread.__dict__
+        delete = names.get("_delete") or names.get("_Thread__delete")
         hook = threading._trace_hook
         start = _low_level().start_new_thread
         self.debug(twice, [], 1)
         self.assertIs(threading._trace_hook, hook)
         self.assertIs(_low_level().start_new_thread, start)
-        now = threading.Thread.__dict__.get("_delete") or threading.Thread.__dict__.get(
-            "_Thread__delete")
+        names = threading.Thread.__dict__
+        now = names.get("_delete") or names.get("_Thread__delete")
         self.assertIs(now, delete)
 
     def test_trace_hook_of_the_program_has_precedence(self):

@@ -91,3 +91,10 @@ class BreakCase(TestCase):
         del self.session.stops[:]
         self.assertEqual([stop for stop in stops if stop[0] != "line"], [])
         return [stop[2] for stop in stops]
+
+
+def reload_module(module):
+    import importlib
+
+    again = importlib.reload if hasattr(importlib, "reload") else reload  # noqa: F821
+    return again(module)

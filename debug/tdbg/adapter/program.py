@@ -148,8 +148,8 @@ class tProgram:
             launcher = [shlex.quote(word) for word in launcher]
         arguments = {
             "kind": kKinds[self.config.console],
-            "title": "tdbg: "
-            + (self.config.module or os.path.basename(self.config.program or "-c")),
+            "title": "tdbg: " + (
+                self.config.module or os.path.basename(self.config.program or "-c")),
             "cwd": cwd,
             "args": launcher + command,
         }
