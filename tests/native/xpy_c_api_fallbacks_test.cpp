@@ -59,6 +59,13 @@ protected:
         gState = {};
     }
     void TearDown() override { global_XPy_C_API_Data = {}; }
+    // 3.10 applies the trace function again where the counter leaves 0 or comes back to it.
+    void trace_as_on_310() {
+        gPy.minor_version = 10;
+        gPy.tstate_offsets.tracing = kNumberField;
+        gPy.tstate_offsets.c_traceobj = kObjectField;
+        gPy.tstate_offsets.c_tracefunc = kFuncField;
+    }
 };
 
 PyFrameObject* as_frame(tRecord* record) {
@@ -183,10 +190,7 @@ TEST_F(Backup, TracingCounterIsLeftAloneWhereItMayNotBeTouched) {
 }
 
 TEST_F(Backup, TraceFunctionIsAppliedAgainOn310) {
-    gPy.minor_version = 10;
-    gPy.tstate_offsets.tracing = kNumberField;
-    gPy.tstate_offsets.c_traceobj = kObjectField;
-    gPy.tstate_offsets.c_tracefunc = kFuncField;
+    trace_as_on_310();
     tCounted trace_obj = {5, nullptr};
     gState.object = trace_obj.obj();
     Backup_PyThreadState_EnterTracing(as_tstate(&gState));  // from 0
@@ -204,10 +208,7 @@ TEST_F(Backup, TraceFunctionIsAppliedAgainOn310) {
 }
 
 TEST_F(Backup, TraceFunctionOfAnotherThreadIsNotApplied) {
-    gPy.minor_version = 10;
-    gPy.tstate_offsets.tracing = kNumberField;
-    gPy.tstate_offsets.c_traceobj = kObjectField;
-    gPy.tstate_offsets.c_tracefunc = kFuncField;
+    trace_as_on_310();
     tRecord other = {};
     Backup_PyThreadState_EnterTracing(as_tstate(&other));
     EXPECT_EQ(other.number, 1);
