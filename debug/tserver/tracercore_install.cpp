@@ -316,13 +316,22 @@ static void resolve_script_name() {
     __tracer_resolve_bp_filenames(&gSelf.bp_ops_data, path);
 }
 
+static void log_count_of_modules(PyObject* modules) {
+    const Py_ssize_t count = gPy.PySequence_Length(modules);
+    if (count == -1) {
+        gPy.PyErr_Clear();  // the scan, which calls back, is not to begin with an exception pending
+    }
+    do_dprintf(
+        kLogCore, "INITIAL MODULE SCAN: %i PREVIOUSLY LOADED MODULES\n", static_cast<int>(count));
+}
+
 void initial_module_scan() {
     tTracingOff quiet(gPy.PyThreadState_Get());
     tOwnedRef modules(get_loaded_modules());
     if (modules) {
-        DPRINTF(kLogCore,
-                "INITIAL MODULE SCAN: %i PREVIOUSLY LOADED MODULES\n",
-                static_cast<int>(gPy.PySequence_Length(modules.borrow())));
+        if (gDPrintfFile != nullptr) {
+            log_count_of_modules(modules.borrow());
+        }
         register_each_module(modules.borrow());
         resolve_script_name();
     }
