@@ -25,6 +25,9 @@ if(TDBG_COVERAGE)
   target_compile_options(tdbg_library_flags INTERFACE --coverage -fprofile-update=atomic -O0)
   target_link_options(tdbg_flags INTERFACE --coverage)
 endif()
+if(TDBG_SANITIZE)
+  target_compile_options(tdbg_library_flags INTERFACE -O1)  # reports name the lines as they are
+endif()
 target_compile_definitions(tdbg_library_flags INTERFACE _GNU_SOURCE)
 target_compile_options(tdbg_library_flags INTERFACE
   -fPIC -fno-exceptions -fno-rtti -fno-threadsafe-statics
