@@ -10,6 +10,9 @@ import unittest
 from support import dapclient
 from support.case import TestCase, time_limit
 
+kOncePerVersion = True
+
+
 class Case(TestCase):
 
     announces = True
