@@ -96,13 +96,14 @@ def _event_callback(method):
     @functools.wraps(method)
     def guarded(self, *args):
         try:
-            self.lender.enter()
-            self.lender.begin()
+            lender = self.lender
+            if not lender.is_on:
+                return method(self, *args)
+            lender.enter()
             try:
                 return method(self, *args)
             finally:
-                self.lender.end()
-                self.lender.leave()
+                lender.leave()
         except BaseException:
             self._tell_internal_error(method.__name__)
     return guarded

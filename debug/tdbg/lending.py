@@ -30,6 +30,8 @@ _current_frames = sys._current_frames
 _native_id = threads.native_id
 _getpid = os.getpid  # in the system's eyes the main thread's number, too
 _sleep = time.sleep
+kStopped = 0
+kIsNumberCheap = not compat.PY2 and hasattr(compat._thread, "get_native_id")
 kNoLoad = 4  # of dlopen(): only what is loaded already
 
 
@@ -42,10 +44,11 @@ class tLender(object):
     def __init__(self, core, on_lent=lambda ident: None, may_free=lambda ident: False):
         self._core, self._on_lent, self._may_free = core, on_lent, may_free
         self._native = None
-        self._is_on = False
-        self._calls = {}    # ident -> (number of its callback, the system's number of the thread)
+        self.is_on = False   # whether callbacks are watched
+        self._is_held = core.is_dbgserver_mutex_held
+        self._calls = {}    # ident -> number of the callback that the thread is in, or kStopped
+        self._numbers = {}  # ident -> the system's number of the thread
         self._lent = {}     # ident -> tDone: the callback goes on without the mutex
-        self._inside = set()  # idents of threads that are in a callback, stopped or not
         self._gate = compat.allocate_lock()
         self._away = {}     # ident -> the system's number of a thread whose mutex was given back
         self._wanted = 0    # how often acquire() was begun that has not ended; else 0
@@ -57,33 +60,46 @@ class tLender(object):
         """Watch callbacks from now on.  Whether that is possible."""
         if self._native is None:
             self._native = _tNative.of(self._core)
-            self._is_on = self._native is not None and threads.start_own_thread(self._watch)
+            self.is_on = self._native is not None and threads.start_own_thread(self._watch)
         return self._native is not None
 
     # --- callbacks of the core ---
 
     def enter(self):
-        """A callback that may stop the calling thread begins."""
-        if self._is_on:
-            with self._gate:
-                self._inside.add(_get_ident())
-            self.take_back()  # it was lost, perhaps, while the core evaluated a condition
+        """A callback begins, on the calling thread; it may call code of the program."""
+        ident = _get_ident()
+        self._count = number = self._count + 1
+        with self._gate:
+            self._calls[ident] = number
+        if ident not in self._numbers or kIsNumberCheap:
+            self._numbers[ident] = _native_id()
+        if not self._is_watching:
+            self._wake()
+        if not self._is_held():  # it was lost while the core evaluated a condition
+            self.take_back()
 
     def leave(self):
-        self._inside.discard(_get_ident())
+        """The callback ends.  The thread holds the mutex, in any case."""
+        ident = _get_ident()
+        if self._calls.pop(ident, None) is None:
+            self._come_back(ident)
 
     def begin(self):
-        """On a thread that holds the mutex: what comes now may call code of the program."""
-        if self._is_on:
-            self._count += 1
-            self._calls[_get_ident()] = self._count, _native_id()
-            self._wake()
+        """In a stop: what comes now may call code of the program."""
+        if self.is_on:
+            self.enter()
 
     def end(self):
-        """Now the thread is to hold the mutex, in any case; may be called again."""
-        ident = _get_ident()
-        if self._calls.pop(ident, None) is None and ident in self._lent:
-            self._lent[ident].wait()
+        """From now on the callback may last as long as the user likes, who sees a stop.  The thread
+        holds the mutex."""
+        if self.is_on:
+            self.leave()
+            self._calls[_get_ident()] = kStopped
+
+    def _come_back(self, ident):
+        done = self._lent.get(ident)
+        if done is not None:
+            done.wait()
             self.take_back()
             self._lent.pop(ident, None)
 
@@ -109,34 +125,40 @@ class tLender(object):
             self._is_watching = True
             self._watch_while_busy()
             self._is_watching = False
-            if self._calls or self._away or self._wanted:
+            if self._is_busy():
                 self._signal.set()  # they have come meanwhile, and relied on this thread
 
     def _watch_while_busy(self):
         count = -1
-        while self._calls or self._away or self._wanted or count != self._count:
+        while self._is_busy() or count != self._count:
             count, before, wanted = self._count, dict(self._calls), self._wanted
             _sleep(kPatience)
             if wanted and wanted == self._wanted:
                 self._free()
             for ident, call in before.items():
-                if self._calls.get(ident) == call and threads.is_at_rest(call[1], kRestSeconds):
-                    self._lend(ident, call[1])
+                number = self._numbers.get(ident)
+                if call != kStopped and self._calls.get(ident) == call and (
+                        threads.is_at_rest(number, kRestSeconds)):
+                    self._lend(ident, number)
             for ident, number in list(self._away.items()):
                 self._leave_alone(ident, number)
+
+    def _is_busy(self):
+        return self._away or self._wanted or any(list(self._calls.values()))
 
     def _free(self):
         """Whoever has the mutex is stuck, unless it is stopped or in a callback."""
         for ident in _current_frames():
             with self._gate:
-                if not (threads.is_own_thread(ident) or ident in self._inside) and (
+                if not (threads.is_own_thread(ident) or ident in self._calls) and (
                         self._may_free(ident)):
                     self._release(ident)
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()
-        if self._calls.pop(ident, None) is None:  # just over
+        if not self._calls.pop(ident, None):  # just over
             self._lent.pop(ident, None)
+            done.set()
             return
         try:
             self.give_back_for(ident, number)
@@ -171,13 +193,12 @@ class tLender(object):
         if self._away:
             self._away.pop(_get_ident(), None)
         # An exception of a signal handler may come between any two steps.
-        while not core.is_dbgserver_mutex_held():
+        while not self._is_held():
             if not core.acquire_dbgserver_mutex():
                 break  # the interpreter ends
 
     def forget_thread(self, ident):
-        self._inside.discard(ident)
-        for table in (self._calls, self._lent, self._away):
+        for table in (self._calls, self._numbers, self._lent, self._away):
             table.pop(ident, None)
 
     def _leave_alone(self, ident, number):
