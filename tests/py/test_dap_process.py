@@ -35,7 +35,8 @@ while not os.path.exists({end!r}):
 print('end', 'tdbg' in sys.modules)
 sys.exit(4)
 """
-# The main thread sleeps until a signal comes, then waits for a lock that its worker has.
+# The main thread sleeps until a signal comes, then waits for a lock that its first worker has; the
+# second one tells where it is.
 kBlocked = """\
 from __future__ import print_function
 import os, signal, sys, threading, time
@@ -45,27 +46,32 @@ def wake(*_):
     raise Wake
 def step(n):
     return n + 1  #@ step
-def work(lock):
+def tell(mark):
+    with open(__file__) as source:
+        lines = [n for n, text in enumerate(source, 1) if text.rstrip().endswith('#@ ' + mark)]
+    while sys._current_frames()[main].f_lineno not in lines:
+        time.sleep(0.001)
+    print(mark)
+    sys.stdout.flush()
+def work(lock, marks):
     n = 0
     with lock:
         has_lock.set()
+        for mark in marks:
+            tell(mark)
         while not os.path.exists({end!r}):
             n = step(n)
             time.sleep(0.001)
 signal.signal(signal.SIGUSR1, wake)
 lock, has_lock = threading.Lock(), threading.Event()
-threads = [threading.Thread(target=work, args=(each,), name='worker')
-           for each in (lock, threading.Lock())]
-for thread in threads:
-    thread.start()
+main = list(sys._current_frames())[0]
+threading.Thread(target=work, args=(lock, ()), name='worker').start()
 has_lock.wait()
-print('sleeps')
-sys.stdout.flush()
+threading.Thread(target=work, args=(threading.Lock(), ('sleep', 'lock')), name='worker').start()
 try:
     time.sleep(1000)  #@ sleep
 except Wake:
-    print('waits')
-    sys.stdout.flush()
+    pass
 lock.acquire()  #@ lock
 print('end')
 sys.exit(4)
@@ -134,8 +140,16 @@ def has_gdb():
 
 
 def tracer_of(pid):
+    return status_of(pid, "TracerPid:")
+
+
+def state_of(pid):
+    return status_of(pid, "State:")
+
+
+def status_of(pid, name):
     with open("/proc/{}/status".format(pid)) as source:
-        return [line.split()[1] for line in source if line.startswith("TracerPid:")][0]
+        return [line.split()[1] for line in source if line.startswith(name)][0]
 
 
 def mappings_of(pid):
@@ -223,7 +237,7 @@ class Running(Case):
 
     @unittest.skipUnless(has_gdb(), "gdb is not installed")
     def test_program_that_sleeps_and_one_that_waits_for_a_lock(self):
-        process, path = self.start(kBlocked, "sleeps\n")
+        process, path = self.start(kBlocked, "sleep\n")
         client = self.attach(process, {path: ["step"]})
         # A thread that is older than the session runs no breakpoint.
         if sys.version_info < (3, 10) or not has("interpreter_lock"):
@@ -237,7 +251,7 @@ class Running(Case):
         self.assertEqual(client.place(main_thread(client)), ("<module>", "sleep"))
         client.request("disconnect")
         os.kill(process.pid, signal.SIGUSR1)
-        self.assertEqual(process.stdout.readline(), b"waits\n")
+        self.assertEqual(process.stdout.readline(), b"lock\n")
         client = self.attach(process)
         client.request("pause", {"threadId": main_thread(client)})
         client.wait_stopped("pause")
@@ -361,6 +375,8 @@ class Refused(Case):
     @unittest.skipUnless(has_gdb(), "gdb is not installed")
     def test_native_code_that_keeps_the_lock_is_left_alone(self):
         process, _ = self.start(kStuck)
+        while state_of(process.pid) != "S":
+            pass
         before = mappings_of(process.pid)
         self.assertIn("its main thread is busy or waits in native code", self.refusal(process))
         self.assertEqual(mappings_of(process.pid), before)
@@ -405,12 +421,13 @@ class RemoteExecution(Case):
         self.assertEqual(self.end_of(process), (4, "end False\n", ""))
 
     def test_blocked_program_forgets_the_script_that_nobody_waits_for(self):
-        process, _ = self.start(kBlocked, "sleeps\n")
+        process, _ = self.start(kBlocked, "sleep\n")
         folder = self.make_dir()
         os.symlink(dapclient.adapter_python(), os.path.join(folder, "python3"))
         self.assertRegex(
             self.refusal(process, PATH=folder, TDBG_GDB=""),
             "gdb is not installed, .* whose main thread is blocked: install gdb")
         os.kill(process.pid, signal.SIGUSR1)
-        self.assertEqual(self.end_of(process), (4, "waits\nend\n", ""))
+        self.assertEqual(process.stdout.readline(), b"lock\n")
+        self.assertEqual(self.end_of(process), (4, "end\n", ""))
 
