@@ -146,7 +146,7 @@ def write(folder, interpreters, results, not_built, skips):
     lines += failures(interpreters, results)
     lines += ["\n## Skipped tests, by reason\n\n| times | reason | where |\n|---|---|---|\n"]
     for times, reason, where in sorted(skips, key=lambda skip: (-skip[0], skip[1])):
-        lines.append("| {} | {} | {} |\n".format(times, reason.replace("|", "\\|"), where))
+        lines.append("| {} | {} | {} |\n".format(times, " ".join(reason.split()).replace("|", "\\|"), where))
     with open(os.path.join(folder, kPath), "w", encoding="utf-8") as page:
         page.write("".join(lines))
 
