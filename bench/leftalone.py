@@ -14,7 +14,8 @@ from children import cpu_seconds
 
 
 def stopped_in(turns, waiting):
-    """The frame that the last stop was in goes on: seconds beside a thread that waits, and without."""
+    """The frame that the last stop was in goes on:
+    seconds beside a thread that waits, and without."""
     seconds, total = [], 0  #@ stop
     for _ in range(2):
         began = cpu_seconds()
@@ -66,7 +67,8 @@ def main(size):
         workload(1)
     waiting = Waiting(turns)
     beside, stopped = stopped_in(turns, waiting)
-    found = {'beside a waiting thread': beside, 'stopped frame': stopped, 'woken thread': waiting.seconds}
+    found = {'beside a waiting thread': beside, 'stopped frame': stopped,
+             'woken thread': waiting.seconds}
     for workload in workloads.WORKLOADS:
         found[workload.__name__] = time_workload(workload, size)
     found['is_traced'] = sys.gettrace() is not None

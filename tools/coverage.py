@@ -44,7 +44,8 @@ def add_object(files, data):
         for line in entry["lines"]:
             number = line["line_number"]
             lines[number] = lines.get(number, 0) + line["count"]
-            # Templates and inline functions come once per object: a branch is run if one of them ran it.
+            # Templates and inline functions come once per object: a branch is run if one of them
+            # ran it.
             for index, branch in enumerate(line["branches"]):
                 key = (number, index)
                 branches[key] = branches.get(key, 0) + branch["count"]
@@ -95,9 +96,11 @@ def ranges_of(lines):
 
 
 def main(argv):
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("folder")
-    parser.add_argument("--missing", action="store_true", help="list the lines that nothing has run")
+    parser.add_argument("--missing", action="store_true",
+                        help="list the lines that nothing has run")
     arguments = parser.parse_args(argv)
     files = read_counts(arguments.folder)
     if not files:

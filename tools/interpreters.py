@@ -2,8 +2,9 @@
 """Find the interpreters that the tests run under.
 
 Looks at pyenv's versions, at what tools/fetch-interpreters and tools/build-interpreters have put
-into the user's cache, and at the system's own. Each interpreter is asked what it is; one found twice is listed once. Importable
-(`find_interpreters`, `find_missing`) and runnable (prints a table).
+into the user's cache, and at the system's own. Each interpreter is asked what it is; one found
+twice is listed once. Importable (`find_interpreters`, `find_missing`) and runnable (prints a
+table).
 """
 
 import argparse
@@ -83,12 +84,14 @@ class tInterpreter:
         self.is_static = is_static
         self.environment = {}
         if variant == "free_threaded":  # it says that it switches its lock on for the library
-            self.environment = {"PYTHONWARNINGS": "ignore:The global interpreter lock:RuntimeWarning"}
+            self.environment = {"PYTHONWARNINGS": "ignore:The global interpreter "
+                                                  "lock:RuntimeWarning"}
 
     def without_lock(self):
         """The same free-threaded interpreter with its lock off whatever is imported."""
-        twin = tInterpreter(self.name + kNoLock, self.path, self.version, self.bits, "free_threaded_no_lock",
-                            self.debug, self.suffixes, self.libc, self.is_static)
+        twin = tInterpreter(self.name + kNoLock, self.path, self.version, self.bits,
+                            "free_threaded_no_lock", self.debug, self.suffixes, self.libc,
+                            self.is_static)
         twin.environment = {"PYTHON_GIL": "0"}
         return twin
 
@@ -131,7 +134,8 @@ def ask(path):
     lines = [line for line in done.stdout.splitlines() if line.startswith("tells:")]
     if done.returncode != 0 or not lines:
         return "does not run: {}".format((done.stderr.strip().splitlines() or ["no answer"])[-1])
-    version, bits, trace_refs, debug, free, suffixes, narrow, libc, static = lines[0][len("tells:"):].split("|")
+    version, bits, trace_refs, debug, free, suffixes, narrow, libc, static = lines[0][len(
+        "tells:"):].split("|")
     return {
         "version": tuple(int(part) for part in version.split(".")),
         "bits": int(bits),
@@ -182,7 +186,8 @@ def built():
 def ask_tool(name):
     script = os.path.join(os.path.dirname(os.path.abspath(__file__)), name)
     done = subprocess.run(
-        [sys.executable, script, "--list", "--json"], stdout=subprocess.PIPE, check=True, timeout=kAskSeconds
+        [sys.executable, script, "--list", "--json"], stdout=subprocess.PIPE, check=True,
+        timeout=kAskSeconds
     )
     return json.loads(done.stdout.decode())
 
@@ -238,7 +243,8 @@ def find_missing(interpreters, broken=()):
     missing = []
     for version, bits, variant in kWanted:
         if (version, bits, variant) not in have:
-            name = "python-{}{}-{}".format(version, "" if variant == "release" else "-" + variant, bits)
+            name = "python-{}{}-{}".format(version,
+                                           "" if variant == "release" else "-" + variant, bits)
             reason = reasons.get((version, bits, variant in ("trace_refs", "pydebug")))
             if variant == "free_threaded":
                 reason = "no distribution has it; tools/build-interpreters builds it for ./check --matrix"
@@ -250,7 +256,8 @@ def find_missing(interpreters, broken=()):
 
 def reasons_of_fetch():
     return {
-        (row["version"], row["bits"], row["debug"]): row["reason"] for row in fetched() if not row["ok"]
+        (row["version"], row["bits"], row["debug"]): row["reason"] for row in fetched()
+        if not row["ok"]
     }
 
 
@@ -260,7 +267,8 @@ def select(interpreters, names):
     for name in names:
         if os.sep in name:
             real = os.path.realpath(name)
-            match = [item for item in interpreters if os.path.realpath(item.path) == real][:1]  # as it comes
+            # as it comes
+            match = [item for item in interpreters if os.path.realpath(item.path) == real][:1]
             match = match or [describe_path(name)]
         else:
             match = [item for item in interpreters if item.name == name]
@@ -305,7 +313,8 @@ def main(argv):
     for item in interpreters:
         version = "{}.{}.{}".format(*item.version)
         note = "" if item.supported else "  (not supported: only to test the refusal)"
-        print("{:24} {:8} {:3} {:14} {}{}".format(item.name, version, item.bits, item.variant, item.path, note))
+        print("{:24} {:8} {:3} {:14} {}{}".format(item.name, version, item.bits, item.variant,
+                                                  item.path, note))
     if not arguments.name:
         for path, reason in broken:
             print("broken   {}: {}".format(path, reason))

@@ -38,13 +38,17 @@ kVariants = {
 }
 
 kNoInterpreter = (
-    "No interpreter of this version within reach: the oldest release that Debian's mirrors carry has 2.7 and"
-    " 3.9. What stands for it: the native tests start the library on an interpreter that is nothing but names, of both"
+    "No interpreter of this version within reach: the oldest release that Debian's mirrors carry "
+    "has 2.7 and"
+    " 3.9. What stands for it: the native tests start the library on an interpreter that is "
+    "nothing but names, of both"
     " families, with every name missing in turn, and check its structure tables.")
 kNotPackaged = (
-    "No distribution ships it, and of the variants that tools/build-interpreters builds a neighbour stands for it.")
+    "No distribution ships it, and of the variants that tools/build-interpreters builds a "
+    "neighbour stands for it.")
 kNoSource = (
-    "Could not be built: the archive lists the source package, but no longer holds its files (`--again` asks"
+    "Could not be built: the archive lists the source package, but no longer holds its files "
+    "(`--again` asks"
     " again), and none of its suites has the build as a package.")
 kNotFinished = "Its tests were not finished when this page was written; the next run goes on with them."
 kOffsets = " The structures' offsets are compared with those that a compiler gives for its headers."
@@ -66,7 +70,8 @@ def exists(version, variant):
 
 
 def why_missing(version, bits, variant, measured, not_built):
-    """measured: {(version, bits, variant)} whose offsets are tested; not_built: {(version, variant)}"""
+    """measured: {(version, bits, variant)} whose offsets are tested;
+    not_built: {(version, variant)}"""
     plain = "free_threaded" if variant == "free_threaded_no_lock" else variant
     if version == "2.6" or version in ("3.0", "3.1", "3.2", "3.3", "3.4", "3.5"):
         return kNoInterpreter
@@ -106,7 +111,8 @@ class tKept:
         """The results under an interpreter, or None."""
         results = self.read(item.name + ".json")
         path = os.path.join(self.folder, item.name + ".json")
-        if results is None or os.path.getmtime(path) < os.path.getmtime(os.path.realpath(item.path)):
+        if results is None or os.path.getmtime(path) < os.path.getmtime(
+                os.path.realpath(item.path)):
             return None
         return results["results"]
 
@@ -116,11 +122,13 @@ class tKept:
 
 
 def key_of_tree(repository, libraries):
-    """Hash of all that a test could depend on: every file of the tree but the pages, and the libraries."""
+    """Hash of all that a test could depend on:
+    every file of the tree but the pages, and the libraries."""
     listing = subprocess.run(
         ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
         cwd=repository, stdout=subprocess.PIPE, check=True).stdout
-    files = [os.path.join(repository, os.fsdecode(name)) for name in sorted(listing.split(b"\0")) if name]
+    files = [os.path.join(repository, os.fsdecode(name))
+             for name in sorted(listing.split(b"\0")) if name]
     total = hashlib.sha256()
     for path in files + list(libraries):
         if path != os.path.join(repository, kPath) and os.path.isfile(path):
@@ -146,15 +154,16 @@ def write(folder, interpreters, results, not_built, skips):
     lines += failures(interpreters, results)
     lines += ["\n## Skipped tests, by reason\n\n| times | reason | where |\n|---|---|---|\n"]
     for times, reason, where in sorted(skips, key=lambda skip: (-skip[0], skip[1])):
-        lines.append("| {} | {} | {} |\n".format(times, " ".join(reason.split()).replace("|", "\\|"), where))
+        lines.append(
+            "| {} | {} | {} |\n".format(times, " ".join(reason.split()).replace("|", "\\|"), where))
     with open(os.path.join(folder, kPath), "w", encoding="utf-8") as page:
         page.write("".join(lines))
 
 
 def revision_of(folder):
     done = subprocess.run(
-        ["git", "describe", "--always", "--dirty=, with changes"], cwd=folder, stdout=subprocess.PIPE,
-        stderr=subprocess.DEVNULL)
+        ["git", "describe", "--always", "--dirty=, with changes"], cwd=folder,
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     return " at revision " + done.stdout.decode().strip() if done.returncode == 0 else ""
 
 
@@ -172,7 +181,8 @@ def grid(interpreters, results, measured, not_built):
                     if any(item.name not in results for item in here):
                         letters.setdefault(kNotFinished, "abcdefgh"[len(letters)])
                     cells.append("<br>".join(
-                        cell_of(item, results.get(item.name), letters.get(kNotFinished)) for item in here))
+                        cell_of(item, results.get(item.name), letters.get(kNotFinished))
+                        for item in here))
                 elif not exists(version, variant):
                     cells.append(kDash)
                 else:
@@ -201,8 +211,10 @@ def libraries_of(interpreters):
     names = sorted({item.libc for item in interpreters if " " in item.libc}, key=version_in)
     return [
         "\n## C libraries\n\n",
-        "Oldest: {}. Newest: {}. The library needs nothing newer than glibc 2.17, which a test of its symbols"
-        " checks in both word sizes. musl: Debian has the C library, but no interpreter that runs with it.\n".format(
+        "Oldest: {}. Newest: {}. The library needs nothing newer than glibc 2.17, which a test of "
+        "its symbols"
+        " checks in both word sizes. musl: Debian has the C library, but no interpreter that runs "
+        "with it.\n".format(
             names[0], names[-1]) if names else "",
     ]
 
@@ -225,16 +237,19 @@ def front_end_files(folder):
 
 def details(interpreters, results, front_end):
     lines = ["\n## By interpreter\n\n",
-             "| version | bits | variant | C library | passed | failed | skipped | of the Python part | interpreter |\n",
+             "| version | bits | variant | C library | passed | failed | skipped | of the Python "
+             "part | interpreter |\n",
              "|---|---|---|---|---|---|---|---|---|\n"]
-    for item in sorted(interpreters, key=lambda item: (item.version, item.bits, item.variant, item.name)):
+    for item in sorted(interpreters,
+                       key=lambda item: (item.version, item.bits, item.variant, item.name)):
         rows = results.get(item.name)
         counts = counts_of(rows)
         numbers = [counts[status] for status in ("passed", "failed", "skipped")]
         numbers.append(sum(row["test"].partition(".")[0] in front_end for row in rows or []))
         lines.append("| {} | {} | {} | {} | {} | {} | {} | {} | {} |\n".format(
             "{}.{}.{}".format(*item.version), item.bits,
-            kVariants[item.variant] + (", no shared libpython" if item.is_static else ""), item.libc,
+            kVariants[item.variant]
+            + (", no shared libpython" if item.is_static else ""), item.libc,
             *(numbers if rows is not None else ["not finished", "", "", ""]), item.name))
     return lines
 

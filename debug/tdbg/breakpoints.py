@@ -322,8 +322,8 @@ class tBreakpoints(object):
             bp.ignore = 0 if following is None else min(following - bp.passes - 1, kMaxIgnored)
 
     def watch_files(self, function):
-        """function(path) is called when the core has come to the first code of a file and nothing of
-        it has run yet, and now and then for another file.  None: no longer."""
+        """function(path) is called when the core has come to the first code of a file and nothing
+        of it has run yet, and now and then for another file.  None: no longer."""
         is_set, self._on_new_file = self._on_new_file is not None, function
         if is_set and function is None and self._live:
             self._core.clear_breaks(kWatch[0], kWatch[2])

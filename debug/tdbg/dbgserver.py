@@ -33,7 +33,8 @@ kAnywhere = "anywhere"
 # In these a frame may wait in native code.
 kWaitingOpcodes = frozenset(
     number for name, number in dis.opmap.items()
-    if name.startswith("CALL") or name in ("FOR_ITER", "SEND", "YIELD_FROM", "IMPORT_NAME", "WITH_CLEANUP"))
+    if name.startswith("CALL")
+    or name in ("FOR_ITER", "SEND", "YIELD_FROM", "IMPORT_NAME", "WITH_CLEANUP"))
 
 kReturnOpcodes = frozenset(
     dis.opmap[name] for name in ("RETURN_VALUE", "RETURN_CONST", "YIELD_VALUE", "YIELD_FROM")
@@ -147,7 +148,8 @@ class tServer(object):
         self._places = {}       # thread ident -> id of the frame that the core steps in
         self._skipped = {}      # thread ident -> (first, last) line of it that do not end the step
         self._goals = {}        # thread ident -> frame whose return is waited for
-        self._shown = None      # ids of value and traceback of the main thread's last exception stop
+        # ids of value and traceback of the main thread's last exception stop
+        self._shown = None
         self._last_hook = None  # what stands in for sys.excepthook at the end
         self._entered = False   # the first stop has been made
         self._main_frame = None  # frame of the program's main module while it runs
@@ -189,9 +191,10 @@ class tServer(object):
     def start(self):
         """Begin tracing; the thread stops at its next line.  Call it on the main thread."""
         self.core.init(
-            kIdleSeconds, exceptions.kAtTheEnd, self._install_thread_hooks_cb, self._get_checksum_cb,
-            self._idle_cb, self._line_cb, self._return_cb, self._exception_cb, self._quit_cb,
-            self._import_cb, compat.default_import, dict.fromkeys(self._own_files, 1))
+            kIdleSeconds, exceptions.kAtTheEnd, self._install_thread_hooks_cb,
+            self._get_checksum_cb, self._idle_cb, self._line_cb, self._return_cb,
+            self._exception_cb, self._quit_cb, self._import_cb, compat.default_import,
+            dict.fromkeys(self._own_files, 1))
         self.core.set_debug_thread_cb(self._thread_policy_cb)
         self.breakpoints.go_live()
         self.languages.go_live()
@@ -208,7 +211,8 @@ class tServer(object):
     def leave_alone(self):
         """End tracing; the program runs on as if there had been no debugger."""
         self.core.stop_trace()
-        self.core.set_use_eval_frame(0)  # while its hook is there, calls of 3.11 take half as long again
+        # while its hook is there, calls of 3.11 take half as long again
+        self.core.set_use_eval_frame(0)
         if sys.version_info < (3, 12):
             _wake_leaf_frames()
         tdbg.current_server = None
@@ -284,8 +288,8 @@ class tServer(object):
         """Stop the calling thread where it is: in the context of a signal handler, which the
         interpreter calls also while the frame waits in native code.  The wait goes on afterwards.
 
-        False when the frame is none of the program's, or calls nothing (in the middle of `n += 1` an
-        assignment to n would be lost): then pause() stops at the next line.
+        False when the frame is none of the program's, or calls nothing (in the middle of `n += 1`
+        an assignment to n would be lost): then pause() stops at the next line.
         """
         if not self._entered or self.current_stop() is not None or self.is_hidden(frame):
             return False
@@ -304,9 +308,10 @@ class tServer(object):
     def steer(self, stepper, asked, place, command, *args):
         """Go on with a command of the core; the stepper tells where the step of the thread ends.
 
-        stepper: at_line(frame) -> true to stop; is_within(frame): whether the line belongs to what is
-        stepped over, so that its breakpoints do not stop; at_foreign(frame): at a frame that is not shown;
-        at_return(frame, value, has_value): the frame is left, normally or (has_value false) not
+        stepper: at_line(frame) -> true to stop; is_within(frame): whether the line belongs to what
+        is stepped over, so that its breakpoints do not stop; at_foreign(frame): at a frame that is
+        not shown; at_return(frame, value, has_value): the frame is left, normally or (has_value
+        false) not.
         asked, place: as of _resume().  They may call this again; who does not, lets the core go on.
         """
         ident = _get_ident()
@@ -348,7 +353,8 @@ class tServer(object):
         return self._armed.pop(ident, None) is not None
 
     def start_again(self):
-        """After leave_alone(): trace again, every thread running on.  Where the core may be called."""
+        """After leave_alone(): trace again, every thread running on.
+        Where the core may be called."""
         for table in (self._asked, self._places, self._steppers, self._goals, self._armed):
             table.clear()
         self.core.set_use_eval_frame(1)
@@ -556,8 +562,8 @@ class tServer(object):
             self.exceptions.forget(ident)
             if _is_at_end_of_thread():
                 if sys.version_info < (3, 10):
-                    # These count the threads that have a trace function, also those that end with it,
-                    # and every thread is slow until there is none.
+                    # These count the threads that have a trace function, also those that end with
+                    # it, and every thread is slow until there is none.
                     _set_trace(None)
                 self._thread_end_cb()
             return
@@ -573,8 +579,8 @@ class tServer(object):
         """The bottom frame is left: should it be by an exception that has not been shown, show it
         before the interpreter prints it.
 
-        The core does not tell every one: whether a block in the bottom frame (`with`, up to 3.10 any
-        loop or `try`) ends the exception is not known where it comes.
+        The core does not tell every one: whether a block in the bottom frame (`with`, up to 3.10
+        any loop or `try`) ends the exception is not known where it comes.
         """
         frame = sys._getframe()
         while frame is not None and self._is_own(frame):
@@ -914,8 +920,8 @@ def _opcode_of(frame):
 
 
 def _is_of_interpreter(frame):
-    """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module, or to
-    the interpreter's printing of an exception, which from 3.13 on is Python."""
+    """Whether the frame belongs to an import hook (of setuptools, say) that looks for a module, or
+    to the interpreter's printing of an exception, which from 3.13 on is Python."""
     importing = outer = None
     while frame is not None:
         code = frame.f_code

@@ -355,7 +355,8 @@ class _tStriker(object):
         steps = self._waits(seconds) + strike
         again = self._waits(kSecondsToIgnore) + strike
         # Ends at the first step with a true result: being cancelled.
-        watch = _partial(any, compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
+        watch = _partial(any,
+                         compat.lazy_map(_call, _chain(steps, _flat(_repeat(again, kStrikes)))))
         calls = [watch, self._done.release]
         _launched.append(self)
         try:
@@ -424,7 +425,8 @@ class _tStriker(object):
                 # Each lock once, and noted in one go: a strike between the two would have us do it
                 # again, and so wait for ever.
                 if self._cancelled is not None and not self._released:
-                    self._released.extend(compat.lazy_map(_call, (_partial(self._cancelled.release),)))
+                    self._released.extend(compat.lazy_map(_call,
+                                                          (_partial(self._cancelled.release),)))
                 if self._done is not None and not self._ended:
                     self._ended.extend(compat.lazy_map(_call, (_partial(self._done.acquire),)))
                 # It struck, perhaps just now: take delivery here.
@@ -459,8 +461,8 @@ def vain_strikes(ident):
 
 
 def withdraw_strikes(ident):
-    """Let the thread, which waits in native code, go on undisturbed when that ends; but not where it
-    can be interrupted.
+    """Let the thread, which waits in native code, go on undisturbed when that ends; but not where
+    it can be interrupted.
 
     Up to 3.12 what is pending for one thread demands the attention of all, and does not stop doing
     so before it is raised; 3.11 loops over that for ever in code that is traced.

@@ -1,10 +1,10 @@
 """Freeing the threads of a program from one that holds them up and cannot let go of them itself.
 
 The core has one mutex, and a thread holds it as long as it is stopped, or is asked whether it has
-to stop.  What it evaluates in that time may wait for another thread of the program: that one waits in
-turn for the mutex, at its next event.  Then a thread of the debugger's own gives the mutex back in
-the name of the one that is stuck.  When whatever that has called returns at last, it takes the mutex
-again before it touches the debugger's state: so it waits while another thread is stopped.
+to stop.  What it evaluates in that time may wait for another thread of the program: that one waits
+in turn for the mutex, at its next event.  Then a thread of the debugger's own gives the mutex back
+in the name of the one that is stuck.  When whatever that has called returns at last, it takes the
+mutex again before it touches the debugger's state: so it waits while another thread is stopped.
 
 The core's functions for Python act on the calling thread; the ones below them do not, and the
 library publishes those, too.
@@ -104,8 +104,8 @@ class tLender(object):
             self._lent.pop(ident, None)
 
     def acquire(self):
-        """For a thread of the debugger's own: take the mutex, also from a thread that is stuck while
-        the core itself evaluates a condition.  False when the interpreter ends."""
+        """For a thread of the debugger's own: take the mutex, also from a thread that is stuck
+        while the core itself evaluates a condition.  False when the interpreter ends."""
         self._count += 1
         self._wanted = self._count
         self._wake()
@@ -202,7 +202,8 @@ class tLender(object):
             table.pop(ident, None)
 
     def _leave_alone(self, ident, number):
-        """What waits cannot be interrupted, and is not to be when it goes on, much later perhaps."""
+        """What waits cannot be interrupted, and is not to be when it goes on,
+        much later perhaps."""
         strikes = evaluate.vain_strikes(ident)
         # A signal disturbs a wait, and has ended by then what is no wait.
         if strikes is not None and threads.is_at_rest(

@@ -2,13 +2,13 @@
 
 The core lets a thread stop itself only, and a thread that sleeps, waits or computes in native code
 has no event for any time.  So a pause first asks the thread: when its next event comes at once, it
-stops like at a breakpoint.  Else a thread of the debugger's own takes the core's debug-server mutex:
-whichever thread of the program gets to an event waits there, and what they do can be looked at, the
-line that blocks included.  The same thread lends the mutex to whoever wants to use the core while
-the program runs.
+stops like at a breakpoint.  Else a thread of the debugger's own takes the core's debug-server
+mutex: whichever thread of the program gets to an event waits there, and what they do can be looked
+at, the line that blocks included.  The same thread lends the mutex to whoever wants to use the core
+while the program runs.
 
-From a hold a thread is sent on by arming it: the core's question whether to debug the thread comes on
-that thread at its next event, and there the ordinary commands for steps can be given.
+From a hold a thread is sent on by arming it: the core's question whether to debug the thread comes
+on that thread at its next event, and there the ordinary commands for steps can be given.
 """
 from __future__ import absolute_import, division, print_function
 

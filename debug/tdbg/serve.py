@@ -1,9 +1,9 @@
 """Programs that are debugged through the Debug Adapter Protocol: how they are started.
 
-`tdbg serve` waits for a client, or calls one; an adapter starts a program with `--adapter`.  Both check
-what can be checked and become the program, as launch.py does; its other end is make_server(), in
-the new process.  What is secret goes through a pipe: the environment of a process can be read for
-as long as it lives.
+`tdbg serve` waits for a client, or calls one; an adapter starts a program with `--adapter`.  Both
+check what can be checked and become the program, as launch.py does; its other end is make_server(),
+in the new process.  What is secret goes through a pipe: the environment of a process can be read
+for as long as it lives.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -95,7 +95,8 @@ def open_door(options):
         token = endpoint.read_token(options["token_file"])
     if options["no_token"]:
         token = None
-    settings = {"front_end": "dap", "session": {"launched": False, "wait": options["wait_for_client"]}}
+    settings = {"front_end": "dap",
+                "session": {"launched": False, "wait": options["wait_for_client"]}}
     if options["connect"] is not None:
         return dict(settings, **connect_to_client(options, token))
     host, port = endpoint.parse_address(options["listen"] or "0")
@@ -121,7 +122,8 @@ def connect_to_client(options, token):
         endpoint.refuse_remote(host, port, False)
     connected = endpoint.connect(host, port)
     if token is None and not options["no_token"] and not endpoint.is_of_this_user(connected):
-        raise launch.tRefused("who listens on {}:{} is another user: that needs a token".format(host, port))
+        raise launch.tRefused(
+            "who listens on {}:{} is another user: that needs a token".format(host, port))
     return {"family": int(connected.family), "connected": hand_over(connected),
             "secret": secret_pipe(token)}
 
@@ -152,11 +154,12 @@ def secret_pipe(text):
     return result
 
 
-# --- before the program: for an adapter -------------------------------------------------------------
+# --- before the program: for an adapter -----------------------------------------------------------
 
 
 def main_for_adapter(argv, package_folder):
-    """--adapter SOCKET [--no-debug] [--captured] [--library FILE] (FILE | -m MODULE | -c CODE) [...]"""
+    """--adapter SOCKET [--no-debug] [--captured] [--library FILE] (FILE | -m MODULE | -c CODE)
+    [...]"""
     rest = list(argv)
     library = None
     path, captured, debugs = None, False, True
@@ -216,7 +219,7 @@ def tell_adapter(path, event, body):
     return done
 
 
-# --- in the program's process -----------------------------------------------------------------------
+# --- in the program's process ---------------------------------------------------------------------
 
 
 def make_server(core, settings):

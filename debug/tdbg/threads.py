@@ -260,7 +260,8 @@ def _run_own(
         function, own=_own, any_exception=BaseException, get_trace=_get_trace, set_trace=_set_trace,
         ident=compat.get_ident):
     # The names are its own: version 2 empties the modules while threads still run.
-    if get_trace() is not None:  # setting none at the same time as another thread could undo the other
+    # setting none at the same time as another thread could undo the other
+    if get_trace() is not None:
         set_trace(None)
     try:
         function()

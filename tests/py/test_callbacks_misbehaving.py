@@ -22,7 +22,8 @@ except ImportError:
 from support import TestCase, import_tracer, needs, time_limit
 from support.faults import in_child, scenario
 
-kCallbacks = ("hooks", "checksum", "idle", "line", "returns", "exception", "quit", "imported", "policy")
+kCallbacks = ("hooks", "checksum", "idle", "line", "returns", "exception", "quit",
+              "imported", "policy")
 kMethods = ("_GetMarkerFrames", "_GetModulePaths", "_GetSubLanguageFrames", "_StopHere",
             "_TranslateFrame", "_GetStepOutFrame", "_Eval")
 kKinds = kCallbacks + kMethods
@@ -129,8 +130,9 @@ def spoil_frames(server, arguments):
 def call_all(server, arguments):
     """Every function that needs no more than nothing, and leaves the session alive."""
     for name in dir(server.tracer):
-        if name not in ("reset", "destroy", "stop_trace", "thread_exiting", "acquire_dbgserver_mutex",
-                        "release_dbgserver_mutex", "fork_ok", "atexit_func", "breakpointhook"):
+        if name not in ("reset", "destroy", "stop_trace", "thread_exiting",
+                        "acquire_dbgserver_mutex", "release_dbgserver_mutex", "fork_ok",
+                        "atexit_func", "breakpointhook"):
             try:
                 getattr(server.tracer, name)()
             except (TypeError, RuntimeError, IndexError):
@@ -138,7 +140,8 @@ def call_all(server, arguments):
 
 
 def forget_locals(server, arguments):
-    """The variables of the frames that it is told of; from 3.13 on they cannot be deleted, but set."""
+    """The variables of the frames that it is told of;
+    from 3.13 on they cannot be deleted, but set."""
     for frame in arguments:
         names = getattr(frame, "f_locals", None)
         if hasattr(names, "clear"):
@@ -166,8 +169,9 @@ kArguments = {  # of functions that need some, and of those whose turn is not in
     "set_debug_all_threads": (1,), "set_dprintf_mask": (84,), "set_exception_mode": (5,),
     "set_idle_period": (1.0,), "set_save_and_restore_errno": (1,), "set_use_idle_thread": (0,),
     "set_use_canonical_pathnames": (1,), "get_thread_ident_for_tstate_id": (0,),
-    "PyFrame_LocalsToFast": (None, 0), "add_to_tstate_tracing": (0,), "set_tstate_use_tracing": (1,),
-    "acquire_dbgserver_mutex": (), "release_dbgserver_mutex": (), "fork_ok": (),
+    "PyFrame_LocalsToFast": (None, 0), "add_to_tstate_tracing": (0,),
+    "set_tstate_use_tracing": (1,), "acquire_dbgserver_mutex": (), "release_dbgserver_mutex": (),
+    "fork_ok": (),
 }
 
 

@@ -418,7 +418,8 @@ class ForkTest(TestCase):
 
     def setUp(self):
         self.session = ThreadSession()
-        # A fork while threads run is warned of: by Python code, which would wait for the stop's end.
+        # A fork while threads run is warned of: by Python code, which would wait for the stop's
+        # end.
         warnings.simplefilter("ignore")
 
     def test_while_another_thread_is_stopped(self):
@@ -518,7 +519,8 @@ class ExceptionRecordsTest(TestCase):
         self.native.forget_frame_exc_info(self.data, frame)
         gc.collect()
         self.assertIsNone(held())
-        self.assertEqual(self.data.raw, b"\0" * len(self.data))  # the last one takes the table with it
+        # the last one takes the table with it
+        self.assertEqual(self.data.raw, b"\0" * len(self.data))
 
 
 class LateExceptionTest(TestCase):

@@ -89,17 +89,22 @@ class WithoutDebugging(Case):
 
     def test_arguments_folder_and_environment(self):
         folder = self.make_dir()
-        env_file = self.make_file("vars", "# comment\nexport A='1 $X'\nB=\"2\\n${A}\" # more\nC=3 # x\nnonsense\n")
+        env_file = self.make_file("vars", "# comment\nexport A='1 $X'\nB=\"2\\n${A}\" # more\n"
+                                          "C=3 # x\nnonsense\n")
         client = self.start(
-            "import os, sys\nprint(sys.argv[1:], os.getcwd(), [os.environ.get(n) for n in 'ABCDE'])\n"
+            "import os, sys\n"
+            "print(sys.argv[1:], os.getcwd(), [os.environ.get(n) for n in 'ABCDE'])\n"
             "print(sys.stdin.read() == '')\n",
-            args=["a b", "", "--program"], cwd=folder, env={"C": "4", "D": None, "E": u"\u00e4"}, envFile=env_file)
+            args=["a b", "", "--program"], cwd=folder, env={"C": "4", "D": None, "E": u"\u00e4"},
+            envFile=env_file)
         status, texts = self.finish(client)
         wanted = "{!r} {} {!r}".format(
-            ["a b", "", "--program"], folder, ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4" if sys.version_info[0] == 2
-                                               else u"\u00e4"])
+            ["a b", "", "--program"], folder,
+            ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4" if sys.version_info[0] == 2
+             else u"\u00e4"])
         if sys.version_info[0] == 2:
-            wanted = repr((["a b", "", "--program"], folder, ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4"]))
+            wanted = repr((["a b", "", "--program"], folder,
+                           ["1 $X", "2\n1 $X", "4", None, "\xc3\xa4"]))
         self.assertEqual((status, texts["stdout"]), (0, wanted + "\nTrue\n"))
 
     def test_module_and_code_and_argument_text(self):
@@ -112,7 +117,8 @@ class WithoutDebugging(Case):
         self.assertEqual(self.finish(client)[0], 4)
 
     def test_true_exit_status(self):
-        for text, status in (("", 0), ("import sys; sys.exit(3)", 3), ("1/0", 1), ("import os; os._exit(255)", 255),
+        for text, status in (("", 0), ("import sys; sys.exit(3)", 3), ("1/0", 1),
+                             ("import os; os._exit(255)", 255),
                              ("import os; os.kill(os.getpid(), 9)", 137),
                              ("import os; os.kill(os.getpid(), 11)", 139)):
             self.assertEqual(self.finish(self.start(text))[0], status, text)
@@ -121,7 +127,8 @@ class WithoutDebugging(Case):
         client = self.start(
             "import os\nfor n in range(4000):\n    os.write(1 + n % 2, b'x' * 999 + b'\\n')\n")
         client.wait_event("terminated")
-        names = [(m["event"], m.get("body", {}).get("category")) for m in client.messages if m["type"] == "event"]
+        names = [(m["event"], m.get("body", {}).get("category")) for m in client.messages
+                 if m["type"] == "event"]
         self.assertEqual(names[-2:], [("exited", None), ("terminated", None)])
         texts = self.output(client)
         self.assertEqual((len(texts["stdout"]), len(texts["stderr"])), (2000000, 2000000))
@@ -130,8 +137,10 @@ class WithoutDebugging(Case):
         gate = os.path.join(self.make_dir(), "gate")
         os.mkfifo(gate)
         client = self.start(
-            "import os\nos.write(1, b'a\\xe2')\nopen({0!r}).read()\nos.write(1, b'\\x82\\xac')\nopen({0!r}).read()\n"
-            "os.write(1, b'\\xff\\xfe|')\nos.write(1, u'\\U0001f40d'.encode('utf-8'))\nos.write(1, b'\\xe2')\n".format(gate))
+            "import os\nos.write(1, b'a\\xe2')\nopen({0!r}).read()\nos.write(1, b'\\x82\\xac')\n"
+            "open({0!r}).read()\n"
+            "os.write(1, b'\\xff\\xfe|')\nos.write(1, u'\\U0001f40d'.encode('utf-8'))\n"
+            "os.write(1, b'\\xe2')\n".format(gate))
         self.wait_output(client, "a")
         open(gate, "w").close()
         self.wait_output(client, u"\u20ac")
@@ -140,14 +149,16 @@ class WithoutDebugging(Case):
         self.assertEqual((status, texts["stdout"]), (0, u"a\u20ac\ufffd\ufffd|\U0001f40d\ufffd"))
 
     def test_partial_line_is_shown_at_once(self):
-        client = self.start("import os, sys\nos.write(1, b'name? ')\nsys.stdin.read()\nwhile True: pass\n")
+        client = self.start("import os, sys\nos.write(1, b'name? ')\nsys.stdin.read()\n"
+                            "while True: pass\n")
         self.wait_output(client, "name? ")
         client.request("disconnect")
 
     def test_output_of_children_is_not_waited_for(self):
         pid_file = os.path.join(self.make_dir(), "pid")
         client = self.start(
-            "import os, time\npid = os.fork()\nif pid == 0:\n    os.setpgid(0, 0)\n    while True: time.sleep(1)\n"
+            "import os, time\npid = os.fork()\nif pid == 0:\n    os.setpgid(0, 0)\n"
+            "    while True: time.sleep(1)\n"
             "open({0!r}, 'w').write(str(pid) + '\\n')\n".format(pid_file))
         self.assertEqual(self.finish(client)[0], 0)
         os.kill(wait_for_pid_file(pid_file), signal.SIGKILL)
@@ -158,7 +169,8 @@ class WithoutDebugging(Case):
     def test_requests_that_need_a_debugger(self):
         client = self.start(kWaits)
         self.assertEqual(client.request("threads"), {"threads": []})
-        rows = client.request("setBreakpoints", {"source": {"path": "/x.py"}, "breakpoints": [{"line": 1}]})
+        rows = client.request("setBreakpoints",
+                              {"source": {"path": "/x.py"}, "breakpoints": [{"line": 1}]})
         self.assertFalse(rows["breakpoints"][0]["verified"])
         self.assertIn("without a debugger", client.refused("evaluate", {"expression": "1"}))
         self.wait_output(client, "ready")
@@ -178,7 +190,8 @@ class WithoutDebugging(Case):
             self.wait_output(client, name)
         client.request("terminate")
         self.assertEqual(self.finish(client)[0], 137)
-        for setting, shown in (("KeyboardInterrupt", ["INT", "TERM"]), ("SIGTERM", ["TERM"]), ("kill", [])):
+        for setting, shown in (("KeyboardInterrupt", ["INT", "TERM"]), ("SIGTERM", ["TERM"]),
+                               ("kill", [])):
             client = self.start(text, killTimeout=0, onTerminate=setting)
             self.wait_output(client, "ready")
             client.request("terminate")
@@ -247,7 +260,8 @@ class Debugging(Case):
         self.path = self.program(text or self.text)
         client = self.adapter()
         self.answers = client.start_session(
-            dict({"program": self.path, "python": sys.executable}, **arguments), breakpoints={self.path: places})
+            dict({"program": self.path, "python": sys.executable}, **arguments),
+            breakpoints={self.path: places})
         return client
 
     def pid_of(self, client):
@@ -261,7 +275,8 @@ class Debugging(Case):
         # What was written before the stop has been shown before it.
         kinds = [m["event"] for m in client.messages if m["type"] == "event"]
         self.assertEqual(self.output(client)["stdout"], "{}\ndone\n".format(pid))
-        self.assertLess(max(i for i, k in enumerate(kinds) if k == "output"), kinds.index("stopped"))
+        self.assertLess(max(i for i, k in enumerate(kinds) if k == "output"),
+                        kinds.index("stopped"))
         self.assertIn("must be a whole number", client.refused("next", {"threadId": "x"}))
         self.assertIn("is missing", client.refused("stackTrace", {}))
         self.assertIn("no request", client.refused("nonsense", {}))
@@ -272,9 +287,10 @@ class Debugging(Case):
         self.assertEqual(client.wait_exit(), 0)
 
     def test_environment_of_the_program_is_as_without(self):
-        text = ("import os, sys\nprint(sorted(n for n in os.environ if 'TDBG_S' in n or 'TDBG_T' in n),"
-                " os.environ.get('PYTHONPATH'), os.environ.get('PYTHONIOENCODING'))\n"
-                "print(os.listdir('/proc/self/fd') and sys.argv[1:])\n")
+        text = (
+            "import os, sys\nprint(sorted(n for n in os.environ if 'TDBG_S' in n or 'TDBG_T' in n),"
+            " os.environ.get('PYTHONPATH'), os.environ.get('PYTHONIOENCODING'))\n"
+            "print(os.listdir('/proc/self/fd') and sys.argv[1:])\n")
         with_debugger = self.finish(self.start(text, [], args=["x y"]))
         without = self.finish(self.launch(self.adapter(), text, args=["x y"], noDebug=True))
         self.assertEqual(with_debugger, without)
@@ -296,7 +312,8 @@ class Debugging(Case):
         thread = client.wait_stopped("breakpoint")["threadId"]
         self.assertEqual(client.place(thread), ("<module>", "exit"))
         client.request("restart")
-        self.assertEqual(client.place(client.wait_stopped("breakpoint")["threadId"]), ("<module>", "exit"))
+        self.assertEqual(client.place(client.wait_stopped("breakpoint")["threadId"]),
+                         ("<module>", "exit"))
         self.assertEqual(client.seen_events("terminated"), [])
         self.assertEqual(len(client.seen_events("initialized")), 1)
         client.resume(1)
@@ -363,10 +380,12 @@ class Debugging(Case):
             self.assertEqual(source.read(), "went on")
 
     def test_many_requests_good_and_bad(self):
-        client = self.start("def f(a):\n    b = [a]  #@ loop\n    return b\nwhile True:\n    f(1)\n")
+        client = self.start("def f(a):\n    b = [a]  #@ loop\n    return b\nwhile True:\n"
+                            "    f(1)\n")
         client.wait_stopped("breakpoint")
         count = kRandomRequests
-        if "TDBG_RANDOM_CALLS" in os.environ or sys.version_info[:2] not in kAllRandomRequests:  # ./check --quick
+        # ./check --quick
+        if "TDBG_RANDOM_CALLS" in os.environ or sys.version_info[:2] not in kAllRandomRequests:
             count //= 10
         random = RandomRequests(self.path, 20)
         sent = [client.send(*random.next()) for _ in range(count)]
@@ -388,12 +407,13 @@ class RandomRequests(object):
     None of those that end the session."""
 
     commands = (
-        "threads", "stackTrace", "scopes", "variables", "evaluate", "setVariable", "setExpression", "source",
-        "continue", "next", "stepIn", "stepOut", "pause", "goto", "gotoTargets", "stepInTargets", "completions",
-        "exceptionInfo", "loadedSources", "modules", "setBreakpoints", "setFunctionBreakpoints",
-        "setExceptionBreakpoints", "breakpointLocations", "cancel", "configurationDone", "initialize", "launch",
-        "attach", "nonsense", "tdbg/tasks", "tdbg/ignoreException", "tdbg/setRules", "dataBreakpointInfo",
-        "restartFrame", "disassemble")
+        "threads", "stackTrace", "scopes", "variables", "evaluate", "setVariable",
+        "setExpression", "source", "continue", "next", "stepIn", "stepOut", "pause", "goto",
+        "gotoTargets", "stepInTargets", "completions", "exceptionInfo", "loadedSources", "modules",
+        "setBreakpoints", "setFunctionBreakpoints", "setExceptionBreakpoints",
+        "breakpointLocations", "cancel", "configurationDone", "initialize", "launch",
+        "attach", "nonsense", "tdbg/tasks", "tdbg/ignoreException", "tdbg/setRules",
+        "dataBreakpointInfo", "restartFrame", "disassemble")
 
     def __init__(self, path, seed):
         self.random = random.Random(seed)
@@ -405,11 +425,13 @@ class RandomRequests(object):
             "threadId": choose((1, 1, 1, 2, 0, -1, "1", None, 2 ** 40)),
             "frameId": choose((1, 2, 3, 50, 0, -1, None, "x", 1.5)),
             "variablesReference": choose((1, 2, 3, 4, 10, 0, -1, [], 2 ** 70)),
-            "expression": choose(("a", "b", "1/0", "a +", u"'\U0001f40d'", "", None, 3, "x" * 5000)),
+            "expression": choose(("a", "b", "1/0", "a +", u"'\U0001f40d'", "", None, 3,
+                                  "x" * 5000)),
             "context": choose(("watch", "hover", "repl", "clipboard", "variables", None, 7)),
-            "source": choose(({"path": self.path}, {"path": "/nowhere.py"}, {"sourceReference": 5}, {}, None, "x")),
-            "breakpoints": choose(([], [{"line": 2}], [{"line": -5}], [{"line": "x"}], [{}], None, [{"name": "f"}],
-                                   [{"line": 2, "condition": "a ==", "hitCondition": "%2", "logMessage": "{a"}])),
+            "source": choose(({"path": self.path}, {"path": "/nowhere.py"}, {"sourceReference": 5},
+                              {}, None, "x")),
+            "breakpoints": choose(([], [{"line": 2}], [{"line": -5}], [{"line": "x"}], [{}], None,
+                                   [{"name": "f"}], [{"line": 2, "condition": "a ==", "hitCondition": "%2", "logMessage": "{a"}])),
             "filters": choose(([], ["raised"], ["nonsense"], None, 4)),
             "line": choose((1, 2, 0, -1, 10 ** 9, "x", None)), "column": choose((1, 0, -3, None)),
             "text": choose(("a", "", "b.", None, 4)), "name": choose(("a", "b", "", None, 5)),
@@ -489,8 +511,9 @@ class Messages(Case):
 
     def test_broken_messages_do_not_end_the_session(self):
         client = self.adapter()
-        for text in (b"[]", b"{", b'"x"', b"\xff", b'{"type": "request"}', b'{"seq": "x", "type": "request"}',
-                     b'{"seq": 5, "type": "x", "command": "y"}', b"{}", b'{"type": "response", "request_seq": []}'):
+        for text in (b"[]", b"{", b'"x"', b"\xff", b'{"type": "request"}',
+                     b'{"seq": "x", "type": "request"}', b'{"seq": 5, "type": "x", "command": "y"}',
+                     b"{}", b'{"type": "response", "request_seq": []}'):
             client.send_bytes("Content-Length: {}\r\n\r\n".format(len(text)).encode("ascii") + text)
         client._seq = 100
         self.assertIn("too early", client.refused("threads"))
@@ -509,7 +532,8 @@ class Messages(Case):
         self.assertEqual(client.wait_exit(), 0)
 
     def test_program_ends_with_a_client_that_sends_a_bad_header(self):
-        client = self.launch(self.adapter(), "import os\nprint(os.getpid())\n" + kWaits, noDebug=True)
+        client = self.launch(self.adapter(), "import os\nprint(os.getpid())\n" + kWaits,
+                             noDebug=True)
         pid = int(client.wait_event("output")["output"].split()[0])
         client.send_bytes(b"nonsense\r\n")
         client.wait_end()
@@ -523,14 +547,15 @@ class Terminals(Case):
         client = dapclient.start_adapter(self)
         client.initialize(supportsRunInTerminalRequest=True)
         configuration = dict({
-            "program": self.program(text), "python": sys.executable, "console": "integratedTerminal",
-            "noDebug": True}, **arguments)
+            "program": self.program(text), "python": sys.executable,
+            "console": "integratedTerminal", "noDebug": True}, **arguments)
         self.seq = client.send("launch", configuration)
         return client, client.wait_request("runInTerminal")
 
     def run_it(self, client, request, **streams):
         arguments = request["arguments"]
-        env = dict(os.environ, **{k: v for k, v in arguments.get("env", {}).items() if v is not None})
+        env = dict(os.environ,
+                   **{k: v for k, v in arguments.get("env", {}).items() if v is not None})
         process = subprocess.Popen(arguments["args"], cwd=arguments["cwd"], env=env, **streams)
         self.addCleanup(dapclient.end_process, process)
         client.respond(request, {"processId": process.pid})
@@ -541,7 +566,8 @@ class Terminals(Case):
         client, request = self.start(
             "import os, sys\nprint(sys.stdin.readline().strip(), os.environ['A'])\nsys.exit(5)\n",
             cwd=folder, env={"A": "b", "NOT": None})
-        self.assertEqual((request["arguments"]["kind"], request["arguments"]["cwd"]), ("integrated", folder))
+        self.assertEqual((request["arguments"]["kind"], request["arguments"]["cwd"]),
+                         ("integrated", folder))
         self.assertEqual(request["arguments"]["env"], {"A": "b", "NOT": None})
         process = self.run_it(client, request, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         out = process.communicate(b"typed\n")[0]
@@ -557,7 +583,8 @@ class Terminals(Case):
             "import sys\n"
             "sys.stdout.write('a')\nprint('b')  #@ stop\nsys.stderr.write('c\\n')\n"
             "sys.stdout.write(u'\\xe4\\n')\nsys.stdout.write('rest')\n")
-        client, request = self.start(text, noDebug=False, redirectOutput=True, env={"PYTHONIOENCODING": "utf-8"})
+        client, request = self.start(text, noDebug=False, redirectOutput=True,
+                                     env={"PYTHONIOENCODING": "utf-8"})
         process = self.run_it(client, request, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE)
         client.wait_event("initialized")
@@ -577,10 +604,12 @@ class Terminals(Case):
 
     def test_external_kind_and_arguments_for_a_shell(self):
         client = dapclient.start_adapter(self)
-        client.initialize(supportsRunInTerminalRequest=True, supportsArgsCanBeInterpretedByShell=True)
+        client.initialize(supportsRunInTerminalRequest=True,
+                          supportsArgsCanBeInterpretedByShell=True)
         program = self.program("import sys\nprint(sys.argv[1:])\n", "a b.py")
-        client.send("launch", {"program": program, "python": sys.executable, "console": "externalTerminal",
-                               "args": "$((1 + 1)) 'x y'", "noDebug": True})
+        client.send("launch",
+                    {"program": program, "python": sys.executable, "console": "externalTerminal",
+                     "args": "$((1 + 1)) 'x y'", "noDebug": True})
         request = client.wait_request("runInTerminal")
         self.assertEqual(request["arguments"]["kind"], "external")
         self.assertTrue(request["arguments"]["argsCanBeInterpretedByShell"])
@@ -595,7 +624,8 @@ class Terminals(Case):
         self.assertIn("no terminal today", response["message"])
 
     def test_client_without_terminals(self):
-        client = self.launch(self.adapter(), "print('here')", noDebug=True, console="integratedTerminal")
+        client = self.launch(self.adapter(), "print('here')", noDebug=True,
+                             console="integratedTerminal")
         texts = self.finish(client)[1]
         self.assertEqual(texts["stdout"], "here\n")
         self.assertIn("no terminal", texts["console"])
@@ -606,7 +636,8 @@ class Terminals(Case):
         self.assertEqual(client.wait_exit(), 0)
 
     def test_adapter_that_is_killed(self):
-        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n" + kWaits)
+        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n"
+                                     + kWaits)
         process = self.run_it(client, request, stdout=subprocess.PIPE)
         pid = int(process.stdout.readline())
         client.process.kill()
@@ -614,7 +645,8 @@ class Terminals(Case):
         self.assertEqual(dapclient.wait_for_process(process), 128 + signal.SIGTERM)
 
     def test_terminal_that_is_closed(self):
-        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n" + kWaits)
+        client, request = self.start("import os, sys\nprint(os.getpid())\nsys.stdout.flush()\n"
+                                     + kWaits)
         process = self.run_it(client, request, stdout=subprocess.PIPE)
         pid = int(process.stdout.readline())
         process.send_signal(signal.SIGHUP)
@@ -635,7 +667,8 @@ class CommandLine(Case):
 
     def test_ways_to_start(self):
         for argv, options in (
-                ([kAdapter], {}), (["-m", "tdbg.adapter"], {"cwd": os.path.dirname(dapclient.PACKAGE)}),
+                ([kAdapter], {}),
+                (["-m", "tdbg.adapter"], {"cwd": os.path.dirname(dapclient.PACKAGE)}),
                 (["-m", "tdbg", "adapter"], {"cwd": os.path.dirname(dapclient.PACKAGE)})):
             process = subprocess.Popen([dapclient.adapter_python()] + argv, stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, **options)

@@ -80,7 +80,8 @@ class BreakpointTest(TestCase):
     def line(self, mark):
         return line_of(self.main, mark)
 
-    def start(self, arguments=None, breakpoints=None, program=None, initialize=None, before=None, **options):
+    def start(self, arguments=None, breakpoints=None, program=None, initialize=None,
+              before=None, **options):
         """A client whose program runs, or waits at its first breakpoint.  before(client): requests
         to send before configurationDone."""
         client = debug_directly(self, program or self.main, cwd=self.folder, **options)
@@ -125,7 +126,8 @@ class Lines(BreakpointTest):
             [self.line("import-helper"), self.line("loop-first"), body, self.line("loop-return")])
         self.assertEqual(len(set(row["id"] for row in answers)), len(rows))
         for row, text in zip([answers[4], answers[5]] + answers[7:], (
-                "no code at line", "it ends with line", "hit condition", "no expression", "without a }")):
+                "no code at line", "it ends with line", "hit condition", "no expression",
+                "without a }")):
             self.assertIn(text, row["message"])
             self.assertEqual(row["reason"], "failed")
         for row in answers:
@@ -139,7 +141,8 @@ class Lines(BreakpointTest):
         stops = run_to_end(client, look)
         self.assertEqual(
             self.marks(stops), ["import-helper", "loop-first", "loop-body", "loop-return", "one"])
-        self.assertEqual([stop.ids for stop in stops], [[answers[n]["id"]] for n in (0, 1, 2, 3, 6)])
+        self.assertEqual([stop.ids for stop in stops],
+                         [[answers[n]["id"]] for n in (0, 1, 2, 3, 6)])
         self.assertEqual([stop.reason for stop in stops], ["breakpoint"] * 5)
         self.assertEqual([stop.name for stop in stops][1:], ["loop", "loop", "loop", "one"])
         self.assertEqual(values, ["4"])
@@ -161,8 +164,9 @@ class Lines(BreakpointTest):
             "    turn += 0  #@ turn\n"
             "    loop(8)\n").format(9), self.folder)
         rounds = [
-            ("3", None, [2]), ("==3", None, [2]), (">=7", None, [6, 7]), (">6", None, [6, 7]), ("<3", None, [0, 1]),
-            ("%3", None, [2, 5]), ("%2", "i % 2", [3, 7]), ("2", "str(i) > '3'", [5]), (" > 2 ", "i > 3", [6, 7])]
+            ("3", None, [2]), ("==3", None, [2]), (">=7", None, [6, 7]), (">6", None, [6, 7]),
+            ("<3", None, [0, 1]), ("%3", None, [2, 5]), ("%2", "i % 2", [3, 7]),
+            ("2", "str(i) > '3'", [5]), (" > 2 ", "i > 3", [6, 7])]
         client = self.start(breakpoints={program: ["turn"]}, program=program)
         seen = [[] for _ in rounds]
         ids = []
@@ -184,7 +188,8 @@ class Lines(BreakpointTest):
         self.assertEqual(len(set(ids)), 1)  # the wish at this line has kept its number
 
     def test_replaced_per_source(self):
-        client = self.start(breakpoints={self.main: ["import-helper", "loop-first"], self.helper: ["work"]})
+        client = self.start(breakpoints={self.main: ["import-helper", "loop-first"],
+                                         self.helper: ["work"]})
         first = self.answers[self.main]
         stop = next_stop(client)
         self.assertEqual(stop.mark, "import-helper")
@@ -197,7 +202,8 @@ class Lines(BreakpointTest):
 
     def test_several_on_one_line(self):
         line = self.line("loop-first")
-        client = self.start(breakpoints={self.main: [line, line - 1, {"line": line, "logMessage": "here"}]})
+        client = self.start(
+            breakpoints={self.main: [line, line - 1, {"line": line, "logMessage": "here"}]})
         answers = self.answers[self.main]
         self.assertEqual([row["line"] for row in answers], [line] * 3)
         stops = run_to_end(client)
@@ -233,7 +239,8 @@ class Lines(BreakpointTest):
             arguments = {"source": {"path": self.main}, "line": first}
             if last is not None:
                 arguments["endLine"] = last
-            return [row["line"] for row in client.request("breakpointLocations", arguments)["breakpoints"]]
+            return [row["line"]
+                    for row in client.request("breakpointLocations", arguments)["breakpoints"]]
 
         body = self.line("loop-body")
         self.assertEqual(lines(body), [body])
@@ -249,7 +256,8 @@ class Lines(BreakpointTest):
         self.assertIn("`line`", client.refused(
             "setBreakpoints", {"source": {"path": self.main}, "breakpoints": [{}]}))
         self.assertEqual(client.request(
-            "setBreakpoints", {"source": {"path": self.main}, "lines": [body]})["breakpoints"][0]["line"], body)
+            "setBreakpoints",
+            {"source": {"path": self.main}, "lines": [body]})["breakpoints"][0]["line"], body)
         self.assertEqual(client.set_breakpoints(self.main, []), [])
         client.resume(stop.thread_id)
         self.assertEqual(run_to_end(client), [])
@@ -282,7 +290,8 @@ class Logs(BreakpointTest):
         self.assertEqual(self.marks(stops), ["method"])
         self.assertIn("ZeroDivisionError", stops[0].body["text"])
         self.assertEqual(output_of(client), [
-            ("count=10 {braces}   10 <NameError: name 'nothing' is not defined>\n", "main.py", self.line("loop-first")),
+            ("count=10 {braces}   10 <NameError: name 'nothing' is not defined>\n", "main.py",
+             self.line("loop-first")),
             ("3\n", "main.py", self.line("loop-body")),
             ("7\n", "main.py", self.line("loop-body")),
             (u"\u00e4 2\n", "main.py", self.line("one")),
@@ -291,8 +300,8 @@ class Logs(BreakpointTest):
 
 class Functions(BreakpointTest):
     def test_by_qualified_name(self):
-        names = ["loop", "Thing.method", "helper.work", "helper.decorated", "late.later", "nothing.at.all",
-                 "Thing.other.<locals>.inner", "one()", "loop"]
+        names = ["loop", "Thing.method", "helper.work", "helper.decorated", "late.later",
+                 "nothing.at.all", "Thing.other.<locals>.inner", "one()", "loop"]
         self.make_file("late.py", (
             "import helper\n"
             "helper.decorated()\n"
@@ -309,7 +318,8 @@ class Functions(BreakpointTest):
             rows[0]["condition"] = "count == 10"
             rows[1]["hitCondition"] = "1"
             rows[8]["hitCondition"] = "x"
-            answers.extend(client.request("setFunctionBreakpoints", {"breakpoints": rows})["breakpoints"])
+            answers.extend(client.request("setFunctionBreakpoints",
+                                          {"breakpoints": rows})["breakpoints"])
 
         client = self.start(program=program, before=before)
         verified = dict((name, row["verified"]) for name, row in zip(names[:-1], answers))
@@ -345,7 +355,8 @@ class Functions(BreakpointTest):
 
         def before(client):
             answers.extend(client.request("setFunctionBreakpoints", {"breakpoints": [
-                {"name": "late.later"}, {"name": "Thing.method"}, {"name": "no.such"}]})["breakpoints"])
+                {"name": "late.later"}, {"name": "Thing.method"},
+                {"name": "no.such"}]})["breakpoints"])
 
         client = self.start(program=program, breakpoints={program: ["begin"]}, before=before)
         self.assertEqual([row["verified"] for row in answers], [False] * 3)
@@ -405,12 +416,14 @@ class Functions(BreakpointTest):
             "runpy.run_path('hidden/script.py')\n"
             "late.pack.work()\n"), self.folder)
         names = ["helper", "Thing.make", "late.Thing.method", "Thing.Inner.deep", "pack.work",
-                 "pack.part.Part.__init__", "gone.Gone.method", "Script.run", "part.work", "late.work"]
+                 "pack.part.Part.__init__", "gone.Gone.method", "Script.run", "part.work",
+                 "late.work"]
         answers = []
 
         def before(client):
             answers.extend(client.request(
-                "setFunctionBreakpoints", {"breakpoints": [{"name": name} for name in names]})["breakpoints"])
+                "setFunctionBreakpoints",
+                {"breakpoints": [{"name": name} for name in names]})["breakpoints"])
 
         client = self.start(program=program, before=before)
         self.assertEqual([row["verified"] for row in answers], [False] * len(names))
@@ -418,7 +431,8 @@ class Functions(BreakpointTest):
         self.assertEqual([stop.mark for stop in stops], [
             "helper", "make", "method", "deep", "work", "init", 3, "run", "work"])
         numbers = [row["id"] for row in answers]
-        self.assertEqual([numbers.index(stop.ids[0]) for stop in stops], [0, 1, 2, 3, 4, 5, 6, 7, 4])
+        self.assertEqual([numbers.index(stop.ids[0]) for stop in stops],
+                         [0, 1, 2, 3, 4, 5, 6, 7, 4])
         self.assertEqual(set(stop.reason for stop in stops), set(["function breakpoint"]))
         told = [event["breakpoint"]["id"] for event in client.seen_events("breakpoint")]
         self.assertEqual(told, numbers[:8])  # each once
@@ -432,7 +446,8 @@ class Functions(BreakpointTest):
             "Thing().method()\n"), self.folder)
         program = self.make_file("program.py", "import late  #@ import\n", self.folder)
         client = self.start(
-            program=program, breakpoints={program: ["import"]}, before=lambda client: client.request(
+            program=program, breakpoints={program: ["import"]},
+            before=lambda client: client.request(
                 "setFunctionBreakpoints", {"breakpoints": [{"name": "Thing.method"}]}))
         stop = next_stop(client)
         self.assertEqual(client.step("stepIn", stop.thread_id)[1], "class")
@@ -470,7 +485,8 @@ class Functions(BreakpointTest):
         run_code(code, cwd=self.folder)
         os.remove(os.path.join(self.folder, "gone.py"))
         client = self.start(program=program, before=before)
-        self.assertEqual([(row["verified"], row["reason"]) for row in answers], [(False, "pending")])
+        self.assertEqual([(row["verified"], row["reason"]) for row in answers],
+                         [(False, "pending")])
         stops = run_to_end(client)
         self.assertEqual([(stop.name, stop.line) for stop in stops], [("work", 2)])
 
@@ -494,7 +510,8 @@ class Files(BreakpointTest):
     def test_relative_path(self):
         client = self.start(breakpoints={"main.py": [{"line": self.line("call-one")}]})
         stops = run_to_end(client)
-        self.assertEqual([(stop.line, stop.path) for stop in stops], [(self.line("call-one"), "main.py")])
+        self.assertEqual([(stop.line, stop.path) for stop in stops],
+                         [(self.line("call-one"), "main.py")])
 
     def test_copies_by_contents(self):
         copies = os.path.realpath(self.make_dir())
@@ -502,7 +519,8 @@ class Files(BreakpointTest):
         changed = self.make_file("main.py", MAIN.replace("range", "list"), copies)
         client = self.start(breakpoints={copy: ["limit", "work"], changed: ["call-loop"]})
         stops = run_to_end(client)
-        self.assertEqual([(stop.mark, stop.path) for stop in stops], [("limit", copy), ("work", copy)])
+        self.assertEqual([(stop.mark, stop.path) for stop in stops],
+                         [("limit", copy), ("work", copy)])
 
     def test_checksum_of_a_file_that_is_elsewhere(self):
         data = HELPER.encode("utf-8")
@@ -522,9 +540,11 @@ class Files(BreakpointTest):
         for rows in answers:
             self.assertEqual([row["verified"] for row in rows], [False, False])
         stops = run_to_end(client)
-        self.assertEqual([(stop.line, stop.path) for stop in stops], [(lines[0], path), (lines[1] + 1, path)])
+        self.assertEqual([(stop.line, stop.path) for stop in stops],
+                         [(lines[0], path), (lines[1] + 1, path)])
         told = [event["breakpoint"] for event in client.seen_events("breakpoint")]
-        self.assertEqual([(row["verified"], row["line"]) for row in told], [(True, lines[0]), (True, lines[1] + 1)])
+        self.assertEqual([(row["verified"], row["line"]) for row in told],
+                         [(True, lines[0]), (True, lines[1] + 1)])
 
     def test_path_mappings(self):
         for local, separator, remote in (
@@ -538,7 +558,8 @@ class Files(BreakpointTest):
                     "source": {"path": path.replace("C:", "c:")},
                     "breakpoints": [{"line": line_of(self.helper, "work")}]}))
             callers = []
-            stops = run_to_end(client, lambda stop: callers.extend(client.stack(stop.thread_id)[1:]))
+            stops = run_to_end(client,
+                               lambda stop: callers.extend(client.stack(stop.thread_id)[1:]))
             self.assertEqual([stop.name for stop in stops], ["work"], local)
             self.assertEqual(stops[0].path, path.replace("C:", "c:"))
             self.assertEqual(
@@ -547,7 +568,8 @@ class Files(BreakpointTest):
 
     def test_file_of_the_same_name_is_named(self):
         path = "/far/away/helper.py"
-        client = self.start(breakpoints={path: [7], "D:\\x\\main.py": [1], self.main: ["call-work"]})
+        client = self.start(breakpoints={path: [7], "D:\\x\\main.py": [1],
+                                         self.main: ["call-work"]})
         row = self.answers[path][0]
         self.assertEqual((row["verified"], row["reason"]), (False, "pending"))
         self.assertIn("no file " + path, row["message"])
@@ -608,14 +630,18 @@ class Files(BreakpointTest):
         uri = "file://" + path.replace(" ", "%20").replace("%", "%25").replace("%2520", "%20")
         line = line_of(path, "call-one")
         client = self.start(
-            program=path, initialize={"linesStartAt1": False, "columnsStartAt1": False, "pathFormat": "uri"},
+            program=path,
+            initialize={"linesStartAt1": False, "columnsStartAt1": False, "pathFormat": "uri"},
             before=lambda client: self.assertEqual(client.request("setBreakpoints", {
-                "source": {"path": uri}, "breakpoints": [{"line": line - 1, "logMessage": "x"}, {"line": line}]
+                "source": {"path": uri},
+                "breakpoints": [{"line": line - 1, "logMessage": "x"}, {"line": line}]
             })["breakpoints"][1]["line"], line), env={"PYTHONPATH": self.folder})
         stops = run_to_end(client)
-        self.assertEqual([(stop.line, stop.path, stop.frame["column"]) for stop in stops], [(line, uri, 0)])
+        self.assertEqual([(stop.line, stop.path, stop.frame["column"]) for stop in stops],
+                         [(line, uri, 0)])
         self.assertEqual(
-            [row["line"] for row in client.seen_events("output") if row.get("output") == "x\n"], [line - 1])
+            [row["line"] for row in client.seen_events("output") if row.get("output") == "x\n"],
+            [line - 1])
 
     def test_in_code_that_is_not_the_users_own(self):
         library = self.make_file("site-packages/installed.py", (

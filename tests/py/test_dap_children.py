@@ -24,7 +24,8 @@ class Case(TestCase):
         client = dapclient.start_adapter(self)
         client.initialize(supportsStartDebuggingRequest=self.announces)
         client.start_session(dict({
-            "program": self.path, "args": [self.child], "python": sys.executable, "childAttachTimeout": 120},
+            "program": self.path, "args": [self.child], "python": sys.executable,
+            "childAttachTimeout": 120},
             **arguments))
         return client
 
@@ -32,7 +33,8 @@ class Case(TestCase):
         """A client, by a new adapter, at the child that the first one is told of."""
         request = client.wait_request("startDebugging")
         configuration = request["arguments"]["configuration"]
-        self.assertEqual((request["arguments"]["request"], configuration["request"], configuration["type"]),
+        self.assertEqual((request["arguments"]["request"], configuration["request"],
+                          configuration["type"]),
                          ("attach", "attach", "tdbg"))
         client.respond(request)
         other = dapclient.start_adapter(self)
@@ -42,7 +44,8 @@ class Case(TestCase):
 
     def finish(self, client):
         client.wait_event("terminated")
-        text = "".join(body["output"] for body in client.seen_events("output") if body["category"] == "stdout")
+        text = "".join(body["output"] for body in client.seen_events("output")
+                       if body["category"] == "stdout")
         return client.seen_events("exited")[0]["exitCode"], text
 
 kCall = "import subprocess, sys\nsys.exit(subprocess.call([sys.executable, sys.argv[1], 'a']) + 5)\n"
@@ -50,14 +53,16 @@ kCall = "import subprocess, sys\nsys.exit(subprocess.call([sys.executable, sys.a
 class Interpreters(Case):
 
     def test_program_of_its_own(self):
-        client = self.start(kCall, "import sys\nx = sys.argv  #@ in-child\nprint(x[1:], sys.argv == x)\nsys.exit(2)\n")
+        client = self.start(kCall, "import sys\nx = sys.argv  #@ in-child\n"
+                                   "print(x[1:], sys.argv == x)\nsys.exit(2)\n")
         other = self.attach_to_child(client, self.child)
         thread = other.wait_stopped("breakpoint")["threadId"]
         self.assertEqual(other.place(thread), ("<module>", "in-child"))
         other.resume(thread)
         other.wait_event("terminated")
         status, text = self.finish(client)
-        self.assertEqual((status, text.replace("(", "").replace(")", "")), (7, "['a'] True\n" if sys.version_info[0] > 2 else "['a'], True\n"))
+        self.assertEqual((status, text.replace("(", "").replace(")", "")),
+                         (7, "['a'] True\n" if sys.version_info[0] > 2 else "['a'], True\n"))
 
     def test_client_that_refuses(self):
         client = self.start(kCall)
@@ -88,7 +93,8 @@ class Interpreters(Case):
         client = self.start(
             "import os, subprocess, sys\nopen({!r}).read()\n"
             "status = subprocess.call([sys.executable, sys.argv[1]])\n"
-            "open({!r}, 'w').write('%d %s' % (status, 'TDBG_CHILD' in os.environ))\n".format(gate, result), child="")
+            "open({!r}, 'w').write('%d %s' % (status, 'TDBG_CHILD' in os.environ))\n".format(
+                gate, result), child="")
         client.request("disconnect", {"terminateDebuggee": False})
         open(gate, "w").close()
         with open(result) as source:
@@ -106,7 +112,8 @@ class Descendants(Case):
             "import subprocess, sys\n"
             "subprocess.call([sys.executable, sys.argv[1], 'inner'])\n"), self.folder)
         script = self.make_file("run.sh", (
-            "\"$1\" \"$2\" script\n\"$1\" {}/inner.py \"$2\"\nexit 3\n").format(self.folder), self.folder)
+            "\"$1\" \"$2\" script\n\"$1\" {}/inner.py \"$2\"\nexit 3\n").format(self.folder),
+                                self.folder)
         return self.start((
             "import os, subprocess, sys\n"
             "command = ' '.join([sys.executable, sys.argv[1]])\n"
@@ -115,7 +122,8 @@ class Descendants(Case):
             "if pid == 0:\n"
             "    os._exit(subprocess.call(command + ' fork && true', shell=True))\n"
             "os.waitpid(pid, 0)\n"
-            "sys.exit(subprocess.call(['sh', {!r}, sys.executable, sys.argv[1]]))\n").format(script),
+            "sys.exit(subprocess.call(['sh', {!r}, sys.executable, sys.argv[1]]))\n").format(
+                script),
             self.kOne, **arguments)
 
     def serve(self, client):
@@ -140,7 +148,8 @@ class Descendants(Case):
             server.start()
             if program == self.child:
                 thread = other.wait_stopped("breakpoint")["threadId"]
-                seen.append(str(other.evaluate("sys.argv[1]", other.stack(thread)[0]["id"])).strip("u'"))
+                seen.append(
+                    str(other.evaluate("sys.argv[1]", other.stack(thread)[0]["id"])).strip("u'"))
                 other.resume(thread)
             other.wait_event("terminated")
             other.request("disconnect")
@@ -185,7 +194,8 @@ class WithoutTheClientsHelp(Case):
     @unittest.skipUnless(hasattr(os, "fork"), "no fork")
     def test_forks_run_on(self):
         client = self.start(
-            "import os\npid = os.fork()\nif pid == 0:\n    os.write(1, b'forked\\n')\n    os._exit(3)\n"
+            "import os\npid = os.fork()\nif pid == 0:\n    os.write(1, b'forked\\n')\n"
+            "    os._exit(3)\n"
             "os._exit(os.waitpid(pid, 0)[1] >> 8)\n")
         self.assertEqual(self.finish(client), (3, "forked\n"))
 

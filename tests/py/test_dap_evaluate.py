@@ -198,7 +198,8 @@ class DapTest(TestCase):
     def start(self, text, mark, initialize=None, arguments=None, **options):
         self.path = self.make_file("main.py", text, os.path.realpath(self.make_dir()))
         self.client = client = debug_directly(self, self.path, **options)
-        client.start_session(arguments or {}, breakpoints={self.path: [mark]}, initialize=initialize)
+        client.start_session(arguments or {}, breakpoints={self.path: [mark]},
+                             initialize=initialize)
         return self.stop_here()
 
     def stop_here(self, reason="breakpoint"):
@@ -211,7 +212,8 @@ class DapTest(TestCase):
         return dict((row["name"], row) for row in rows)
 
     def rows(self, reference, **more):
-        return self.client.request("variables", dict(more, variablesReference=reference))["variables"]
+        return self.client.request("variables",
+                                   dict(more, variablesReference=reference))["variables"]
 
     def scope(self, name="Locals", frame=None):
         rows = self.rows(self.scopes(frame)[name]["variablesReference"])
@@ -246,7 +248,8 @@ class Data(DapTest):
         scopes = self.client.request("scopes", {"frameId": self.frame})["scopes"]
         self.assertEqual([row["name"] for row in scopes], ["Locals", "Closure", "Globals"])
         self.assertEqual([row["expensive"] for row in scopes], [False, False, True])
-        self.assertEqual([row.get("presentationHint") for row in scopes], ["locals", None, "globals"])
+        self.assertEqual([row.get("presentationHint") for row in scopes],
+                         ["locals", None, "globals"])
         names = [row["name"] for row in self.rows(scopes[0]["variablesReference"])]
         self.assertEqual(names[:5], ["first", "rest", "more", "shadowed", "number"])
         self.assertEqual(set(self.scope("Closure")), set(["shared", "counter", "parameter"]))
@@ -254,7 +257,8 @@ class Data(DapTest):
         found = self.scope("Globals")
         self.assertEqual(found["shadowed"]["evaluateName"], "globals()['shadowed']")
         self.assertEqual(found["__name__"]["presentationHint"], {"visibility": "internal"})
-        self.assertEqual([row["name"] for row in self.rows(scopes[2]["variablesReference"])][-1][:2], "__")
+        self.assertEqual(
+            [row["name"] for row in self.rows(scopes[2]["variablesReference"])][-1][:2], "__")
         outer = self.client.stack(self.thread)[1]["id"]
         self.assertIn("parameter", self.scope(frame=outer))
         module = self.client.stack(self.thread)[2]["id"]
@@ -270,15 +274,18 @@ class Data(DapTest):
         self.assertEqual(found["text"]["value"][:4] + found["text"]["value"][-11:],
                          "'xxx" + ("(5000 bytes)" if PY2 else "characters)")[-11:])
         thing = self.opened(found["thing"])
-        self.assertEqual(set(thing), set(["name", "items", "_Thing__secret", "size", "broken", "(class)"]))
+        self.assertEqual(set(thing),
+                         set(["name", "items", "_Thing__secret", "size", "broken", "(class)"]))
         self.assertEqual(thing["size"]["presentationHint"], {"kind": "property", "lazy": True})
         self.assertEqual(self.result("CALLS"), "[]")
         lazy = self.rows(thing["size"]["variablesReference"])
-        self.assertEqual([(row["name"], row["value"], row["evaluateName"]) for row in lazy], [("size", "3", "thing.size")])
+        self.assertEqual([(row["name"], row["value"], row["evaluateName"]) for row in lazy],
+                         [("size", "3", "thing.size")])
         broken = self.rows(thing["broken"]["variablesReference"])
         self.assertEqual([row["value"] for row in broken], ["<ValueError: no size>"])
         hexed = dict((row["name"], row["value"]) for row in self.client.request("variables", {
-            "variablesReference": self.scopes()["Locals"]["variablesReference"], "format": {"hex": True}})["variables"])
+            "variablesReference": self.scopes()["Locals"]["variablesReference"],
+            "format": {"hex": True}})["variables"])
         self.assertEqual((hexed["number"], hexed["rest"]), ("0xff", "(0x2,)"))
         self.assertEqual(self.opened(found["slotted"])["left"]["value"], "1")
         self.assertIn("(class)", thing)
@@ -289,11 +296,13 @@ class Data(DapTest):
         big, table = found["big"], found["table"]
         self.assertEqual((big["indexedVariables"], big["namedVariables"]), (1000000, 0))
         rows = self.rows(big["variablesReference"], filter="indexed", start=999990, count=100)
-        self.assertEqual([(row["name"], row["value"]) for row in rows[-2:]], [("999998", "999998"), ("999999", "999999")])
+        self.assertEqual([(row["name"], row["value"]) for row in rows[-2:]],
+                         [("999998", "999998"), ("999999", "999999")])
         self.assertEqual(len(rows), 10)
         self.assertEqual(rows[0]["evaluateName"], "big[999990]")
         self.assertEqual(self.rows(big["variablesReference"], filter="named"), [])
-        self.assertEqual(self.rows(big["variablesReference"], filter="indexed", start=2000000, count=5), [])
+        self.assertEqual(self.rows(big["variablesReference"], filter="indexed", start=2000000,
+                                   count=5), [])
         rows = self.rows(table["variablesReference"], filter="indexed", start=500000, count=2)
         self.assertEqual([row["name"] for row in rows], ["500000", "500001"])
         groups = self.rows(big["variablesReference"])  # a client that knows no pages
@@ -329,7 +338,8 @@ class Data(DapTest):
 
         local = scopes["Locals"]["variablesReference"]
         answer = change(local, "number", "first + 41")
-        self.assertEqual((answer["value"], answer["type"], answer["variablesReference"]), ("42", "int", 0))
+        self.assertEqual((answer["value"], answer["type"], answer["variablesReference"]),
+                         ("42", "int", 0))
         self.assertGreater(change(local, "first", "[number] * 2")["variablesReference"], 0)
         change(scopes["Closure"]["variablesReference"], "counter", "77")
         change(scopes["Globals"]["variablesReference"], "total", "counter + 1")
@@ -348,10 +358,13 @@ class Data(DapTest):
             "variablesReference": local, "name": "nothing", "value": "1"}))
         self.assertIn("NameError", self.client.refused("setVariable", {
             "variablesReference": local, "name": "number", "value": "nowhere"}))
-        self.assertIn("999999", change(found["big"]["variablesReference"], "999999", "999999 * 1")["value"])
-        for expression, value in (("number", "number + 1"), ("entries[2][0]", "'set'"), ("total", "total + 1"),
-                                  ("thing.name", "'renamed'"), ("counter", "counter + 1")):
-            self.client.request("setExpression", {"expression": expression, "value": value, "frameId": self.frame})
+        self.assertIn("999999",
+                      change(found["big"]["variablesReference"], "999999", "999999 * 1")["value"])
+        for expression, value in (("number", "number + 1"), ("entries[2][0]", "'set'"),
+                                  ("total", "total + 1"), ("thing.name", "'renamed'"),
+                                  ("counter", "counter + 1")):
+            self.client.request("setExpression",
+                                {"expression": expression, "value": value, "frameId": self.frame})
         self.assertIn("cannot be assigned", self.client.refused(
             "setExpression", {"expression": "f()", "value": "1", "frameId": self.frame}))
         self.assertEqual(self.client.seen_events("invalidated"), [])
@@ -362,7 +375,8 @@ class Data(DapTest):
         self.client.resume(self.thread)
         self.stop_here()
         self.assertEqual(
-            self.result("number, first, counter, parameter, total, entries['a'], slotted.left, thing.items"),
+            self.result("number, first, counter, parameter, total, entries['a'], slotted.left, "
+                        "thing.items"),
             "(143, [42, 42], 78, 'new', 79, 5, 6, [8])")
         self.client.resume(self.thread)
         self.assertEqual(self.client.wait_exit(), 0)
@@ -383,22 +397,29 @@ class Data(DapTest):
 
     def check_console(self):
         for text, expected in (
-                ("number + first", "256"), ("sum(x * number for x in rest)", "510"), ("[shadowed for _ in rest]", "['local']"),
-                ("(lambda: (counter, number))()", "(0, 255)"), ("made = number + 1", ""), ("made", "256"),
-                ("if made:\n    made += 1\n    made = made * 2\n", ""), ("made", "514"), ("a = 1; b = 2\na + b", "3"),
+                ("number + first", "256"), ("sum(x * number for x in rest)", "510"),
+                ("[shadowed for _ in rest]", "['local']"),
+                ("(lambda: (counter, number))()", "(0, 255)"), ("made = number + 1", ""),
+                ("made", "256"), ("if made:\n    made += 1\n    made = made * 2\n", ""),
+                ("made", "514"), ("a = 1; b = 2\na + b", "3"),
                 ("def helper(x):\n    return x + number\n\nhelper(1)", "256"), ("helper(2)", "257"),
-                ("    indented = 5\n    indented + 1", "6"), ("None", "None"), ("print('printed')", ""), ("", ""),
-                ("import os.path as where", ""), ("where.sep", "'/'"), ("total = 101", ""), ("globals()['total']", "101"),
-                ("total = 100", ""), ("thing.items[0], 'x' in entries", "(1, False)"), ("number,full", "255"),
-                ("for i in range(3):\n  last = i", ""), ("last", "2"), ("self_ = thing; self_.kind", "'thing'")):
+                ("    indented = 5\n    indented + 1", "6"), ("None", "None"),
+                ("print('printed')", ""), ("", ""), ("import os.path as where", ""),
+                ("where.sep", "'/'"), ("total = 101", ""), ("globals()['total']", "101"),
+                ("total = 100", ""), ("thing.items[0], 'x' in entries", "(1, False)"),
+                ("number,full", "255"), ("for i in range(3):\n  last = i", ""), ("last", "2"),
+                ("self_ = thing; self_.kind", "'thing'")):
             self.assertEqual(self.result(text), expected, text)
         self.assertEqual(self.result("text,full"), "'" + "x" * 5000 + "'")
         self.assertLess(len(self.result("text")), 1100)
         self.assertEqual(self.evaluate("255", format={"hex": True})["result"], "0xff")
-        for text, error in (("1 +", "SyntaxError"), ("nowhere", "NameError: name 'nowhere' is not defined"),
+        for text, error in (("1 +", "SyntaxError"),
+                            ("nowhere", "NameError: name 'nowhere' is not defined"),
                             ("thing.broken", "ValueError: no size"), ("1/0", "ZeroDivisionError: "),
-                            ("raise SystemExit(3)", "SystemExit: 3"), ("sys.exit(4)", "SystemExit: 4"),
-                            ("raise KeyboardInterrupt", "KeyboardInterrupt"), ("x = (", "SyntaxError")):
+                            ("raise SystemExit(3)", "SystemExit: 3"),
+                            ("sys.exit(4)", "SystemExit: 4"),
+                            ("raise KeyboardInterrupt", "KeyboardInterrupt"),
+                            ("x = (", "SyntaxError")):
             answer = self.refused(text, "repl")
             self.assertIn(error, answer)
             self.assertNotIn("\n", answer)
@@ -409,7 +430,8 @@ class Data(DapTest):
     def check_contexts(self):
         self.assertEqual(self.result("thing.items", "hover"), "[1, 2, {'k': (3,)}]")
         self.assertEqual(self.result("thing.items[2]['k'][0]", "hover"), "3")
-        for text in ("thing.size", "thing.method()", "len(rest)", "number = 3", "thing.broken", "[i for i in rest]"):
+        for text in ("thing.size", "thing.method()", "len(rest)", "number = 3", "thing.broken",
+                     "[i for i in rest]"):
             self.refused(text, "hover")
         self.assertEqual(self.result("CALLS", "hover"), "[]")
         self.assertEqual(self.result("thing.size + 1", "watch"), "4")
@@ -417,7 +439,8 @@ class Data(DapTest):
         self.assertEqual(len(self.result("text", "clipboard")), 5002)
         self.assertEqual(len(self.result("big", "clipboard")), 7888890)
         self.assertEqual(self.result("total", "watch", frameId=None), "100")
-        self.assertEqual(self.result("number, counter", "watch", format={"hex": True}), "(0xff, 0x0)")
+        self.assertEqual(self.result("number, counter", "watch", format={"hex": True}),
+                         "(0xff, 0x0)")
         self.assertIn("missing", self.client.refused("evaluate", {"frameId": self.frame}))
         self.assertIn("gone", self.refused("1", frameId=12345))
 
@@ -456,8 +479,10 @@ class Data(DapTest):
         self.assertIn("gone", self.client.refused("variables", {"variablesReference": reference}))
         self.assertIn("gone", self.client.refused("scopes", {"frameId": frame}))
         returned = [row for name, row in self.scope().items() if name.startswith("(return)")]
-        self.assertEqual([(row["name"], row["value"], row["presentationHint"]) for row in returned], [
-            ("(return) method", "9", {"kind": "virtual", "attributes": ["readOnly"]})])
+        self.assertEqual([(row["name"], row["value"], row["presentationHint"]) for row in returned],
+                         [
+                             ("(return) method", "9",
+                              {"kind": "virtual", "attributes": ["readOnly"]})])
         self.assertEqual(self.result(returned[0]["evaluateName"], "watch"), "9")
 
 
@@ -486,7 +511,8 @@ class Slow(DapTest):
                 ("exits", "<Exits object: repr failed: SystemExit: 7>"),
                 ("sleeps", "<Sleeps object: repr takes too long>")):
             self.assertEqual(self.settled(found, name)["value"], text)
-        self.assertRegex(self.settled(found, "mixed")["value"], "^\\[1, <.*Endless object.*>, 2\\]$")
+        self.assertRegex(self.settled(found, "mixed")["value"],
+                         "^\\[1, <.*Endless object.*>, 2\\]$")
         self.assertIn("repr failed: ", self.settled(found, "recurses")["value"])
         self.assertIn("TypeError", self.settled(found, "odd")["value"])
         self.assertIn("50000000", found["long_text"]["value"])
@@ -508,18 +534,22 @@ class Slow(DapTest):
             self.assertEqual(self.client.wait_exit(), 0)
 
     def test_many_bad_values(self):
-        self.start(SLOW, "many", arguments={"valueLimits": {"timeMs": 50, "items": 10, "string": 50}})
+        self.start(SLOW, "many",
+                   arguments={"valueLimits": {"timeMs": 50, "items": 10, "string": 50}})
         found = self.scope()
         rows = self.quick(self.rows, found["objects"]["variablesReference"])
-        self.assertEqual(set(row["value"] for row in rows), set(["<Raises object: repr failed: RuntimeError: never>"]))
+        self.assertEqual(set(row["value"] for row in rows),
+                         set(["<Raises object: repr failed: RuntimeError: never>"]))
         rows = self.quick(self.rows, found["slow"]["variablesReference"])
         self.assertEqual(len(rows), 100)
-        self.assertEqual(set(row["value"] for row in rows), set(["<Endless object: repr takes too long>"]))
+        self.assertEqual(set(row["value"] for row in rows),
+                         set(["<Endless object: repr takes too long>"]))
         lazy = [row for row in rows if row.get("presentationHint", {}).get("lazy")]
         self.assertGreater(len(lazy), 50)
         again = self.quick(self.rows, lazy[0]["variablesReference"])
         self.assertEqual([row["value"] for row in again], ["<Endless object: repr takes too long>"])
-        self.assertEqual(self.result("'y' * 60"), "'" + "y" * 50 + "...' (60 {})".format("bytes" if PY2 else "characters"))
+        self.assertEqual(self.result("'y' * 60"),
+                         "'" + "y" * 50 + "...' (60 {})".format("bytes" if PY2 else "characters"))
         self.assertEqual(self.result("list(range(20))"), "[0, 1, 2, 3, 4, 5, 6, 7, 8, 9, ...]")
 
 
@@ -538,13 +568,15 @@ class Slow(DapTest):
     def test_console_can_be_interrupted(self):
         self.start(SLOW, "stop", stdout=subprocess.PIPE)
         for text in ("while True:\n    pass", "time.sleep(60)"):
-            number = self.client.send("evaluate", {"expression": text, "context": "repl", "frameId": self.frame})
+            number = self.client.send("evaluate", {"expression": text, "context": "repl",
+                                                   "frameId": self.frame})
             self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")  # by another thread
             self.client.request("cancel", {"requestId": number})
             answer = self.client.response_to(number)
             self.assertEqual((answer["success"], answer["message"]), (False, "cancelled"))
         self.assertEqual(self.result("zero"), "0")
-        number = self.client.send("evaluate", {"expression": "while True: pass", "context": "repl", "frameId": self.frame})
+        number = self.client.send("evaluate", {"expression": "while True: pass", "context": "repl",
+                                               "frameId": self.frame})
         self.assertEqual(self.quick(self.result, "1 + 1", "watch"), "2")  # it has begun
         self.client.resume(self.thread)
         self.assertFalse(self.client.response_to(number)["success"])

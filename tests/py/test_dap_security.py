@@ -113,7 +113,8 @@ class Tokens(TestCase):
                 endpoint.read_token(path)
         os.chmod(path, 0o600)
         self.assertEqual(endpoint.read_token(path), "abc")
-        for bad in (self.make_file("empty", ""), self.make_file("bytes", b"\xff\xfe"), "/nowhere/token"):
+        for bad in (self.make_file("empty", ""), self.make_file("bytes", b"\xff\xfe"),
+                    "/nowhere/token"):
             if os.path.exists(bad):
                 os.chmod(bad, 0o600)
             with self.assertRaises(endpoint.tRefused):
@@ -189,9 +190,11 @@ class Door(TestCase):
         inside = self.clients[0]
         self.assertEqual(inside.read()["command"], "initialize")
         attach = inside.read()
-        self.assertEqual((attach["command"], attach["arguments"]), ("attach", {}))  # without the token
+        # without the token
+        self.assertEqual((attach["command"], attach["arguments"]), ("attach", {}))
         # The second answer to `initialize` is the session's; the client has had its first.
-        inside.write({"type": "response", "request_seq": 1, "success": True, "command": "initialize"})
+        inside.write({"type": "response", "request_seq": 1, "success": True,
+                      "command": "initialize"})
         inside.write({"type": "event", "event": "initialized"})
         client.wait_event("initialized")
         self.assertEqual(len([m for m in client.messages if m["type"] == "response"]), 1)
@@ -271,8 +274,8 @@ class AdapterPort(TestCase):
     def start(self, *arguments, **environment):
         env = dict(os.environ, **environment)
         process = subprocess.Popen(
-            dapclient.adapter_argv(*arguments), stderr=subprocess.PIPE, stdin=subprocess.PIPE, env=env,
-            universal_newlines=True)
+            dapclient.adapter_argv(*arguments), stderr=subprocess.PIPE,
+            stdin=subprocess.PIPE, env=env, universal_newlines=True)
         self.addCleanup(dapclient.end_process, process)
         lines = []
         while not lines or "listening" not in lines[-1]:
@@ -322,7 +325,8 @@ class AdapterPort(TestCase):
             self.assertIn("0100007F:{:04X}".format(port), rows)
 
     def test_other_addresses_are_refused(self):
-        for arguments in (["--host", "0.0.0.0"], ["--host", "0.0.0.0", "--allow-remote", "--no-token"]):
+        for arguments in (["--host", "0.0.0.0"],
+                          ["--host", "0.0.0.0", "--allow-remote", "--no-token"]):
             done = run_program(dapclient.adapter_argv("--port", "0", *arguments))
             self.assertEqual(done.status, 2, done)
             self.assertEqual(len(done.err.strip().splitlines()), 1, done)
@@ -368,7 +372,8 @@ class AdapterPort(TestCase):
         client = dapclient.client_of_socket(self.connect_when_open(address))
         client.initialize()
         self.assertIn("token", client.refused("launch", {"program": program, "token": "x"}))
-        self.assertEqual(dapclient.wait_for_process(self.process), 2)  # the third one closes the port
+        # the third one closes the port
+        self.assertEqual(dapclient.wait_for_process(self.process), 2)
 
     def test_secret_is_not_the_programs(self):
         address = self.address_in(self.start("--port", "0", TDBG_TOKEN="topsecret"))
@@ -404,5 +409,6 @@ def listening_inodes():
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         if os.path.exists(table):
             with open(table) as source:
-                found.update(line.split()[9] for line in list(source)[1:] if line.split()[3] == "0A")
+                found.update(line.split()[9] for line in list(source)[1:]
+                             if line.split()[3] == "0A")
     return found

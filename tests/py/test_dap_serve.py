@@ -28,7 +28,8 @@ sys.exit(4)
 
 
 def serve_argv(*arguments):
-    return [sys.executable, dapclient.PACKAGE, "--library", library_path(), "serve"] + list(arguments)
+    return [sys.executable, dapclient.PACKAGE, "--library", library_path(), "serve"] + list(
+        arguments)
 
 
 class Case(TestCase):
@@ -44,7 +45,8 @@ class Case(TestCase):
 
     def start(self, argv, **more):
         env = dict(os.environ, **more.pop("env", {}))
-        process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env, **more)
+        process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                   env=env, **more)
         self.addCleanup(dapclient.end_process, process)
         return process
 
@@ -93,7 +95,8 @@ class Serving(Case):
         client.request("disconnect")
         client = dapclient.start_adapter(self)
         client.initialize()
-        self.assertIn("token", client.refused("attach", {"connect": {"port": address[1]}, "token": "wrong"}))
+        self.assertIn("token",
+                      client.refused("attach", {"connect": {"port": address[1]}, "token": "wrong"}))
         client.start_session({"connect": {"port": address[1]}, "token": token}, "attach")
         client.request("disconnect")
         self.assertEqual(client.wait_exit(), 0)
@@ -114,8 +117,9 @@ class Serving(Case):
         thread = self.attach_and_stop(client, path, redirectOutput=True)
         client.resume(thread)
         client.wait_stopped("breakpoint")
-        self.assertEqual([(body["category"], body["output"]) for body in client.seen_events("output")], [
-            ("stdout", "turn 0\n"), ("stderr", "xy\n")])
+        self.assertEqual(
+            [(body["category"], body["output"]) for body in client.seen_events("output")], [
+                ("stdout", "turn 0\n"), ("stderr", "xy\n")])
         client.request("disconnect")
         self.assertEqual(self.end_of(process), (0, "turn 0\nturn 1\nend True\n", "xy\nxy\n"))
 
@@ -127,10 +131,12 @@ class Serving(Case):
             "import array, io, os, sys\n"
             "n = 0  #@ count\n"
             "out = getattr(sys.stdout, 'buffer', sys.stdout)\n"
-            "state = [sys.stdout.isatty(), sys.stdout.fileno(), sys.stdout.encoding, out.closed, out.fileno()]\n"
+            "state = [sys.stdout.isatty(), sys.stdout.fileno(), sys.stdout.encoding, out.closed, "
+            "out.fileno()]\n"
             "sys.stdout.write('a ')\n"
             "sys.stdout.flush()\n"
-            "kinds = (bytes, bytes, bytes) if out is sys.stdout else (bytes, bytearray, memoryview)\n"
+            "kinds = (bytes, bytes, bytes) if out is sys.stdout else (bytes, bytearray, "
+            "memoryview)\n"
             "parts = (b'b \\xe2', b'\\x82', b'\\xac c\\n')\n"
             "wrote = [out.write(kind(part)) for kind, part in zip(kinds, parts)]\n"
             "out.flush()\n"
@@ -180,18 +186,20 @@ class Serving(Case):
             "out.flush()\n"
             "os.write(1, b'\\xac\\n')\n"
             "subprocess.call([sys.executable, '-c', 'print(3)'])\n"
-            "print(sys.stdout is sys.__stdout__, sys.stdout.isatty(), sys.stdout.fileno(), type(sys.stdout).__name__)\n"))
+            "print(sys.stdout is sys.__stdout__, sys.stdout.isatty(), sys.stdout.fileno(), "
+            "type(sys.stdout).__name__)\n"))
         client, _ = dapclient.launch_through_adapter(
             self, path, {"console": "integratedTerminal", "redirectOutput": True})
         client.wait_event("terminated")
         shown = "".join(
-            body["output"] for body in client.seen_events("output") if body.get("category") == "stdout")
+            body["output"] for body in client.seen_events("output")
+            if body.get("category") == "stdout")
         kind = "TextIOWrapper" if sys.version_info[0] == 3 else "file"
         self.assertEqual(shown, u"a\nb \u20ac\n3\nTrue False 1 {}\n".format(kind))
 
     def test_nothing_slows_the_program_between_two_sessions(self):
-        """No hook is left in the interpreter, nor the trace function of threads that have ended in the
-        first session; the second one sees what the first did."""
+        """No hook is left in the interpreter, nor the trace function of threads that have ended in
+        the first session; the second one sees what the first did."""
         path = self.make_file("prog.py", (
             "from __future__ import print_function\n"
             "import os, sys, threading, time\n"
@@ -219,7 +227,8 @@ class Serving(Case):
             "while sys.gettrace() is not None:\n"
             "    time.sleep(0.001)\n"
             "states.append(hooked())\n"
-            "print(untraced[:sys.version_info < (3,)], states)\n"  # version 3 may adopt what ends once more
+            # version 3 may adopt what ends once more
+            "print(untraced[:sys.version_info < (3,)], states)\n"
             "sys.stdout.flush()\n"
             "while not os.path.exists({!r}):\n"
             "    time.sleep(0.001)\n"
@@ -251,7 +260,8 @@ class Serving(Case):
             "from __future__ import print_function\nimport os, sys, threading, time\n"
             "def state():\n"
             "    import threading as module\n"
-            "    return [str(sys.gettrace()), str(module._trace_hook), __import__.__name__, 'TDBG_CHILD' in os.environ]\n"
+            "    return [str(sys.gettrace()), str(module._trace_hook), __import__.__name__, "
+            "'TDBG_CHILD' in os.environ]\n"
             "def work():\n"
             "    while not os.path.exists({!r}):\n"
             "        time.sleep(0.001)  #@ count\n"
@@ -293,10 +303,13 @@ class Serving(Case):
 
     def test_secrets_leave_the_environment(self):
         path = self.make_file("prog.py", (
-            "import os\nprint(sorted(name for name in os.environ if 'TDBG_TO' in name or 'TDBG_ST' in name))\n"
+            "import os\n"
+            "print(sorted(name for name in os.environ if 'TDBG_TO' in name or 'TDBG_ST' in name))\n"
             "for name in 'environ', 'cmdline':\n"
-            "    with open('/proc/self/' + name, 'rb') as file: print(b'topsecret' in file.read())\n"
-            "print(sorted(int(n) for n in os.listdir('/proc/self/fd') if os.path.exists('/proc/self/fd/' + n)\n"
+            "    with open('/proc/self/' + name, 'rb') as file: print(b'topsecret' in "
+            "file.read())\n"
+            "print(sorted(int(n) for n in os.listdir('/proc/self/fd') if "
+            "os.path.exists('/proc/self/fd/' + n)\n"
             "      and int(n) < 100))\n"))
         plain = run_program([sys.executable, path])
         done = run_program(serve_argv("--listen", "0", path), env={"TDBG_TOKEN": "topsecret"})
@@ -309,12 +322,14 @@ class Serving(Case):
         port = str(listener.getsockname()[1])
         listener.close()
         path = self.make_file("prog.py", (
-            "import sys\nsys.stderr.write('err')\nsys.stdout.write('out %r' % sys.argv[1:])\nsys.exit(7)\n"))
+            "import sys\nsys.stderr.write('err')\nsys.stdout.write('out %r' % sys.argv[1:])\n"
+            "sys.exit(7)\n"))
         token = self.make_file("token", "abc")
         os.chmod(token, 0o600)
         for arguments in (["--no-token"], ["--token-file", token]):
             done = run_program(serve_argv("--listen", port, *arguments + [path, "--listen", "x"]))
-            self.assertEqual((done.status, done.out, done.err), (7, "out ['--listen', 'x']", "err"), done)
+            self.assertEqual((done.status, done.out, done.err),
+                             (7, "out ['--listen', 'x']", "err"), done)
 
     def test_no_client_no_tracing(self):
         path = self.make_file("prog.py", "import sys\nx = 1\nprint(sys.gettrace())\n")
@@ -335,7 +350,8 @@ class Serving(Case):
         seq = client.send("attach", {"listen": {"port": 0}})
         note = client.wait_event("output")["output"]
         port = re.search(r"waiting for a program at 127.0.0.1:(\d+)", note).group(1)
-        process = self.start(serve_argv("--connect", "127.0.0.1:" + port, "--wait-for-client", path))
+        process = self.start(serve_argv("--connect", "127.0.0.1:" + port,
+                                        "--wait-for-client", path))
         client.wait_event("initialized")
         client.set_breakpoints(path, ["count"])
         client.request("configurationDone")
@@ -350,12 +366,13 @@ class Serving(Case):
         unprotected = self.make_file("token", "abc")
         os.chmod(unprotected, 0o644)
         for arguments in (
-                [], ["--nonsense", path], ["--listen"], ["--listen", "x", path], ["--listen", "1:2:3", path],
-                ["--listen", "0", "--connect", "1", path], ["-x", path], ["--listen", "0.0.0.0:0", path],
+                [], ["--nonsense", path], ["--listen"], ["--listen", "x", path],
+                ["--listen", "1:2:3", path], ["--listen", "0", "--connect", "1", path],
+                ["-x", path], ["--listen", "0.0.0.0:0", path],
                 ["--no-token", "--allow-remote", path], ["--no-token", "--token-file", "x", path],
                 ["--token-file", "/nowhere", path], ["--token-file", unprotected, path],
-                ["--connect", "127.0.0.1:1", path], ["--connect", "192.0.2.1:1", path], ["/nowhere/prog.py"],
-                ["-m", "nowhere_at_all"], ["--wait-for-client"]):
+                ["--connect", "127.0.0.1:1", path], ["--connect", "192.0.2.1:1", path],
+                ["/nowhere/prog.py"], ["-m", "nowhere_at_all"], ["--wait-for-client"]):
             done = run_program(serve_argv(*arguments))
             self.assertEqual((done.status, done.out, len(done.err.splitlines())), (2, "", 1), done)
             self.assertRegex(done.err, "^tdbg: ")
@@ -380,7 +397,8 @@ class InCode(Case):
         client.send("attach", {"listen": {"port": 0}})
         port = re.search(r":(\d+)\n", client.wait_event("output")["output"]).group(1)
         path = self.make_file("prog.py", (
-            "import tdbgtracer, tdbg\ntdbg.connect(('127.0.0.1', %s))\ntdbg.wait_for_client()\nx = 1  #@ count\n" % port))
+            "import tdbgtracer, tdbg\ntdbg.connect(('127.0.0.1', %s))\ntdbg.wait_for_client()\n"
+            "x = 1  #@ count\n" % port))
         process = self.start([sys.executable, path], env=self.environment())
         client.wait_event("initialized")
         client.set_breakpoints(path, ["count"])
@@ -390,14 +408,16 @@ class InCode(Case):
         client.wait_event("terminated")
 
     def test_under_an_adapter_they_do_nothing(self):
-        path = self.make_file("prog.py", "import tdbg\nprint(tdbg.listen())\nprint(tdbg.wait_for_client())\n")
+        path = self.make_file("prog.py",
+                              "import tdbg\nprint(tdbg.listen())\nprint(tdbg.wait_for_client())\n")
         client, _ = dapclient.launch_through_adapter(self, path)
         client.wait_event("terminated")
         text = "".join(body["output"] for body in client.seen_events("output"))
         self.assertEqual(text, "None\nTrue\n")
 
     def test_without_listening_nobody_is_waited_for(self):
-        done = run_program([sys.executable, "-c", "import tdbg\ntdbg.wait_for_client()"], env=self.environment())
+        done = run_program([sys.executable, "-c", "import tdbg\ntdbg.wait_for_client()"],
+                           env=self.environment())
         self.assertIn("RuntimeError: nobody can attach", done.err)
 
     def environment(self):

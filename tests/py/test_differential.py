@@ -89,8 +89,9 @@ class Model(unittest.TestCase):
                   event("line", 5)]
         plan = differential.Plan(1, [1])
         plan.breaks_at_begin, plan.exception_mode = [(3, True, False, None, 0)], 1
-        plan.steps = [("step_over_line_range", None, None, 2), ("step_over_line_range", None, None, 1),
-                      ("step_into", None, None, 0), ("continue_run", None, None, 0)]
+        plan.steps = [("step_over_line_range", None, None, 2),
+                      ("step_over_line_range", None, None, 1), ("step_into", None, None, 0),
+                      ("continue_run", None, None, 0)]
         observed = [("line", "all", line, 0, None) for line in (2, 3, 3, 5)]
         self.assertEqual(differential.run_model(plan, events, observed, 1).stops, observed)
 

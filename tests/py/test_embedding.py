@@ -41,7 +41,8 @@ class Embedding(TestCase):
     def run_host(self, how, scripts, **environment):
         library_path()
         host = os.path.join(self.make_dir(), "host")
-        subprocess.check_call(["gcc", "-o", host, os.path.join(TESTS, "embedding", "host.c"), "-ldl"])
+        subprocess.check_call(["gcc", "-o", host,
+                               os.path.join(TESTS, "embedding", "host.c"), "-ldl"])
         return run_program(
             [host, _find_libpython(), sys.executable, how] + scripts * [debuggee("embedded.py")],
             env=dict({"PYTHONPATH": python_path(), "PYTHON_GIL": "1"}, **environment))

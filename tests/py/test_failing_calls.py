@@ -1,4 +1,5 @@
-"""Every call that the library makes into the interpreter and every allocation, made to fail in turn.
+"""Every call that the library makes into the interpreter and every allocation, made to fail in
+turn.
 
 The session is tests/support/faults/scenario.py; what must hold is told there.  All calls are tried
 under one interpreter, elsewhere a share of them, another one under each; TDBG_FAULT_SHARE=1 in the
@@ -48,7 +49,8 @@ def find_troubles(outcome, expected):
     troubles = report["troubles"] + report["again"]
     if report["after"] != expected["after"]:
         troubles.append("stops afterwards: {}".format(report["after"]))
-    # Who tells of an exception, a log or a thread that ends, runs modules that then have names, too.
+    # Who tells of an exception, a log or a thread that ends, runs modules that then have names,
+    # too.
     told = report["log"] or "work_in_thread" in " ".join(report["raised"])
     if not told and report["blocks"] > expected["blocks"] + kBlocksMore:
         troubles.append("{} blocks, not {}".format(report["blocks"], expected["blocks"]))
@@ -156,13 +158,14 @@ def clear_type_cache():
 
 @needs("fork", "!python2", "module:_testcapi")
 class InterpreterWithoutMemory(FailingCase):
-    """The interpreter's n-th allocation in each call of the tracer fails, or in each part of the program.
+    """The interpreter's n-th allocation in each call of the tracer fails, or in each part of the
+    program.
 
-    There it may be the program's, a callback's or one on the tracer's behalf, so any of them may raise
-    MemoryError; a crash, another exception, blocks that are left and a later session that is not like
-    any other are the tracer's fault, and so are references that are left by its own calls.  (3.11
-    itself leaves some.)  Nothing is compiled, no function is made and no thread begins meanwhile, for
-    some interpreters crash or hang then.
+    There it may be the program's, a callback's or one on the tracer's behalf, so any of them may
+    raise MemoryError; a crash, another exception, blocks that are left and a later session that is
+    not like any other are the tracer's fault, and so are references that are left by its own calls.
+    (3.11 itself leaves some.)  Nothing is compiled, no function is made and no thread begins
+    meanwhile, for some interpreters crash or hang then.
     """
 
     def setUp(self):
@@ -232,7 +235,8 @@ class InterpreterWithoutMemory(FailingCase):
 
 
 def undo_tracing(tracer):
-    """3.11 leaves its own count raised when it has no memory for the lines of the code it traces."""
+    """3.11 leaves its own count raised when it has no memory for the lines of the code it
+    traces."""
     if sys.version_info[:2] == (3, 11):
         tracer.add_to_tstate_tracing(-tracer.get_tstate_tracing())
 

@@ -13,7 +13,8 @@ from support.terminal import run_commands
 from support.tracing import Session, ThreadSession, import_debuggee
 
 steps = import_debuggee("steps")
-kStress = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support", "threadstress.py")
+kStress = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "support",
+                       "threadstress.py")
 kRounds = 60
 
 LOCK = """\
@@ -168,7 +169,8 @@ class FrontEnds(TestCase):
     def test_adapter_hands_on_how_the_lock_is(self):
         path = self.make_file("prog.py", LOCK)
         for more, lock in (
-                ({"env": {"PYTHON_GIL": "0"}}, 0), ({"pythonArgs": ["-X", "gil=0"], "env": {"PYTHON_GIL": None}}, 0),
+                ({"env": {"PYTHON_GIL": "0"}}, 0),
+                ({"pythonArgs": ["-X", "gil=0"], "env": {"PYTHON_GIL": None}}, 0),
                 ({"pythonArgs": ["-X", "gil=1"], "env": {"PYTHON_GIL": None}}, 1)):
             client, _ = launch_through_adapter(self, path, more, breakpoints={path: ["asked"]})
             thread = client.wait_stopped("breakpoint")["threadId"]
@@ -194,10 +196,12 @@ class FrontEnds(TestCase):
             frame = client.stack(stop["threadId"])[0]
             values = client.locals_of(frame["id"])
             seen.append((values["number"], values["turn"]))
-            self.assertEqual(len(client.seen_events("stopped")), number + 1)  # no second one meanwhile
+            # no second one meanwhile
+            self.assertEqual(len(client.seen_events("stopped")), number + 1)
             client.resume(stop["threadId"])
         self.assertEqual(client.wait_exit(), 0)
-        self.assertEqual(sorted(seen), [(str(number), str(turn)) for number in range(8) for turn in range(3)])
+        self.assertEqual(sorted(seen),
+                         [(str(number), str(turn)) for number in range(8) for turn in range(3)])
 
 
 if __name__ == "__main__":

@@ -63,7 +63,8 @@ class FrontEnd(tFrontEnd):
             self.begin(self.server.breakpoints)
             return self.server.continue_run()
         name = stop.frame.f_code.co_name
-        self.seen.append((stop.reason, name, stop.frame.f_lineno, [hit.breakpoint.number for hit in stop.hits]))
+        self.seen.append((stop.reason, name, stop.frame.f_lineno,
+                          [hit.breakpoint.number for hit in stop.hits]))
         command = self.commands.pop(0) if self.commands else "continue_run"
         if callable(command):
             if not command(self.server, stop):  # a true result: it has given one
@@ -146,8 +147,8 @@ class Lines(BreakTest):
 
     def test_line_without_code_moves_to_the_next_of_the_function(self):
         table = self.make_table()
-        for line, mark in ((5, "loop-first"), (6, "loop-first"), (7, "loop-first"), (24, "other-return"),
-                           (9, "loop-body"), (16, "method-end")):
+        for line, mark in ((5, "loop-first"), (6, "loop-first"), (7, "loop-first"),
+                           (24, "other-return"), (9, "loop-body"), (16, "method-end")):
             found = table.add(self.path, line).line
             self.assertIn(found, (self.line(mark), self.line(mark) - 1), (line, mark))
 
@@ -203,16 +204,20 @@ class Lines(BreakTest):
 
     def test_functions_by_name(self):
         table = self.make_table()
-        for name, mark in (("loop", "loop-first"), ("Thing.other.inner", "inner"), ("call", "call-first"),
-                           ("Thing.other.<locals>.inner", "inner")):
-            self.assertEqual(table.find_function(name, None, self.path), (self.path, self.line(mark)))
+        for name, mark in (("loop", "loop-first"), ("Thing.other.inner", "inner"),
+                           ("call", "call-first"), ("Thing.other.<locals>.inner", "inner")):
+            self.assertEqual(table.find_function(name, None, self.path),
+                             (self.path, self.line(mark)))
             if name != "Thing.other.<locals>.inner":
                 found = table.find_function(self.name + "." + name)
                 self.assertEqual(found, (self.path, self.line(mark)))
-        self.assertIn("no function nothing", self.refusal(table.find_function, "nothing", None, self.path))
+        self.assertIn("no function nothing",
+                      self.refusal(table.find_function, "nothing", None, self.path))
         self.assertIn("no function", self.refusal(table.find_function, self.name + ".Thing"))
-        self.assertEqual(table.find_function("inner", None, self.path), (self.path, self.line("inner")))
-        path = self.make_file("two.py", "class A:\n  def m(self): pass\nclass B:\n  def m(self): pass\n")
+        self.assertEqual(table.find_function("inner", None, self.path),
+                         (self.path, self.line("inner")))
+        path = self.make_file("two.py",
+                              "class A:\n  def m(self): pass\nclass B:\n  def m(self): pass\n")
         self.assertEqual(self.refusal(table.find_function, "m", None, path), "which one: A.m, B.m?")
         self.assertNotIn(self.name, sys.modules)
 
@@ -245,14 +250,17 @@ class Lines(BreakTest):
         os.chdir("/")
         self.addCleanup(os.chdir, before)
         name = os.path.basename(self.path)
-        for text in (self.path, link, name, self.name, self.path + "c", os.path.join(self.folder, ".", name),
+        for text in (self.path, link, name, self.name, self.path + "c",
+                     os.path.join(self.folder, ".", name),
                      os.path.join("..", self.folder.lstrip("/"), name)):
             self.assertEqual(table.find_file(text), self.path, text)
 
     def test_package_and_module_names(self):
         table = self.make_table()
-        init = self.make_file("pack_{}/__init__.py".format(self.name), "def f():\n    return 1\n", self.folder)
-        sub = self.make_file("pack_{}/sub.py".format(self.name), "def g():\n    return 1\n", self.folder)
+        init = self.make_file("pack_{}/__init__.py".format(self.name), "def f():\n    return 1\n",
+                              self.folder)
+        sub = self.make_file("pack_{}/sub.py".format(self.name), "def g():\n    return 1\n",
+                             self.folder)
         self.assertEqual(table.find_file("pack_" + self.name), init)
         self.assertEqual(table.find_file("pack_{}.sub".format(self.name)), sub)
         self.assertEqual(table.find_function("pack_{}.sub.g".format(self.name)), (sub, 2))
@@ -282,20 +290,25 @@ class Lines(BreakTest):
         from tdbg import breakpoints
 
         for text, expected in (
-                ("3", [3]), ("==3", [3]), (" == 3 ", [3]), (">=3", [3, 4, 5, 6]), (">3", [4, 5, 6]), ("<3", [1, 2]),
-                ("<=3", [1, 2, 3]), ("%3", [3, 6]), ("%1", [1, 2, 3, 4, 5, 6]), (">0", [1, 2, 3, 4, 5, 6])):
+                ("3", [3]), ("==3", [3]), (" == 3 ", [3]), (">=3", [3, 4, 5, 6]), (">3", [4, 5, 6]),
+                ("<3", [1, 2]), ("<=3", [1, 2, 3]), ("%3", [3, 6]), ("%1", [1, 2, 3, 4, 5, 6]),
+                (">0", [1, 2, 3, 4, 5, 6])):
             condition = breakpoints.tHitCondition(text)
-            self.assertEqual([count for count in range(1, 7) if condition.stops_at(count)], expected, text)
-        for text in ("", "x", "-1", "1.5", ">", "=>3", "!=3", "3 4", "%0", "0", "<1", "<=0", "9" * 30):
+            self.assertEqual([count for count in range(1, 7) if condition.stops_at(count)],
+                             expected, text)
+        for text in ("", "x", "-1", "1.5", ">", "=>3", "!=3", "3 4", "%0", "0", "<1",
+                     "<=0", "9" * 30):
             self.assertNotEqual(self.refusal(breakpoints.tHitCondition, text), "", text)
 
     def test_conditions_that_may_be_evaluated_twice(self):
         from tdbg import breakpoints
 
         for text, expected in (
-                ("x", True), ("x > 1 and not y.z", True), ("len(x) == 3", True), ("d['a'][1:2] is None", True),
-                ("-x in (1, 'a', True)", True), ("a if b else c", True), ("f(x)", False), ("x.pop()", False),
-                ("[i for i in x]", False), ("(lambda: 1)", False), ("len(f(x))", False), ("x =", False)):
+                ("x", True), ("x > 1 and not y.z", True), ("len(x) == 3", True),
+                ("d['a'][1:2] is None", True), ("-x in (1, 'a', True)", True),
+                ("a if b else c", True), ("f(x)", False), ("x.pop()", False),
+                ("[i for i in x]", False), ("(lambda: 1)", False), ("len(f(x))", False),
+                ("x =", False)):
             self.assertEqual(breakpoints.is_plain(text), expected, text)
 
     def test_function_in_one_line(self):
@@ -310,7 +323,8 @@ class Lines(BreakTest):
         from tdbg import codelines
 
         source = codelines.read(path)
-        names = [sorted(name for name, _ in source.one_line_functions(line)) for line in range(1, 8)]
+        names = [sorted(name for name, _ in source.one_line_functions(line))
+                 for line in range(1, 8)]
         self.assertEqual(names[0], ["f"])
         self.assertEqual(names[3:], [[], ["inner"], [], []])
         self.assertEqual(source.lines_with_code(5), [5, 6, 7])
@@ -319,11 +333,13 @@ class Lines(BreakTest):
 
 class Running(BreakTest):
     def test_line_of_a_whole_function_stops_when_it_is_called(self):
-        path = self.make_file("one_{}.py".format(self.name), "def f(x): return x  #@ f\ny = f(1) + f(2)\n", self.folder)
+        path = self.make_file("one_{}.py".format(self.name),
+                              "def f(x): return x  #@ f\ny = f(1) + f(2)\n", self.folder)
         front_end = self.debug(
             lambda table: [table.add(path, 1), table.add(path, 1, "x == 2")],
             work=lambda: __import__("one_" + self.name))
-        self.assertEqual(front_end.seen, [("breakpoint", "f", 1, [1]), ("breakpoint", "f", 1, [1, 2])])
+        self.assertEqual(front_end.seen,
+                         [("breakpoint", "f", 1, [1]), ("breakpoint", "f", 1, [1, 2])])
         self.assertEqual(self.counts(), [(1, 2), (2, 2)])
 
     def test_function_that_begins_with_a_loop(self):
@@ -347,7 +363,8 @@ class Running(BreakTest):
             for name in names:
                 table.add(*table.find_function(name, None, path), function=name)
 
-        front_end = self.debug(begin, work=lambda: [__import__("loops_" + self.name).all(3) for _ in "12"])
+        front_end = self.debug(begin,
+                               work=lambda: [__import__("loops_" + self.name).all(3) for _ in "12"])
         self.assertEqual([row[1] for row in front_end.seen], list(names) * 2)
         self.assertEqual([count for _, count in self.counts()], [2] * 5)
 
@@ -356,13 +373,15 @@ class Running(BreakTest):
         values = []
         look = lambda server, stop: values.append(stop.frame.f_locals["i"])  # noqa: E731
         self.debug(
-            lambda table: table.add(self.path, self.line("loop-body"), condition, hit_condition=hit_condition),
+            lambda table: table.add(self.path, self.line("loop-body"), condition,
+                                    hit_condition=hit_condition),
             [look] * 8, lambda: self.load().loop(8))
         return values
 
     def test_hit_condition_in_the_core_and_in_the_server(self):
         for condition in (None, "i >= 0", "str(i) >= ''"):
-            for text, expected in (("3", [2]), (">=7", [6, 7]), (">6", [6, 7]), ("<3", [0, 1]), ("%3", [2, 5])):
+            for text, expected in (("3", [2]), (">=7", [6, 7]), (">6", [6, 7]), ("<3", [0, 1]),
+                                   ("%3", [2, 5])):
                 self.assertEqual(self.run_hits(text, condition), expected, (text, condition))
         for condition in ("i % 2", "int(str(i)) % 2"):
             self.assertEqual(self.run_hits("%2", condition), [3, 7], condition)
@@ -371,7 +390,8 @@ class Running(BreakTest):
         seen = []
         sys.modules["seen_" + self.name] = seen
         condition = "__import__('sys').modules['seen_{}'].append(i) or i == 1".format(self.name)
-        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-body"), condition))
+        front_end = self.debug(lambda table: table.add(self.path,
+                                                       self.line("loop-body"), condition))
         self.assertEqual((seen, len(front_end.seen)), ([0, 1, 2], 1))
         self.assertEqual(self.counts(), [(1, 3)])
 
@@ -382,13 +402,15 @@ class Running(BreakTest):
 
         values = []
         self.debug(
-            begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])], lambda: self.load().loop(5))
+            begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])],
+            lambda: self.load().loop(5))
         self.assertEqual((values, self.counts()), ([2], []))
 
     def test_such_a_condition_that_fails_stops(self):
         errors = []
         look = lambda server, stop: errors.append(stop.hits[0].error)  # noqa: E731
-        self.debug(lambda table: table.add(self.path, self.line("loop-body"), "int('x')", hit_condition="100"), [look])
+        self.debug(lambda table: table.add(self.path, self.line("loop-body"), "int('x')",
+                                           hit_condition="100"), [look])
         self.assertEqual(len(errors), 1)
         self.assertIn("ValueError: invalid literal", errors[0])
 
@@ -406,7 +428,8 @@ class Running(BreakTest):
         front_end = self.debug(begin, ["step_over", "step_over", "step_over"])
         self.assertEqual([row[:2] for row in front_end.seen], [
             ("breakpoint", "call"), ("step", "call"), ("return", "call"), ("return", "<lambda>")])
-        self.assertEqual(seen, [(4, self.line("call-return"))] + [(2, body)] * 3 + [(3, self.line("inner"))])
+        self.assertEqual(seen, [(4, self.line("call-return"))] + [(2, body)] * 3
+                         + [(3, self.line("inner"))])
 
     def test_step_over_a_line_that_is_entered_again(self):
         path = self.make_file("turn_{}.py".format(self.name), (
@@ -421,7 +444,8 @@ class Running(BreakTest):
 
         front_end = self.debug(
             begin, ["step_over", "continue_run"], lambda: __import__("turn_" + self.name).turn(3))
-        self.assertEqual([row[:3] for row in front_end.seen], [("breakpoint", "turn", 2), ("step", "turn", 3)])
+        self.assertEqual([row[:3] for row in front_end.seen],
+                         [("breakpoint", "turn", 2), ("step", "turn", 3)])
         self.assertGreater(len(seen), 1)
 
     def test_copy_with_the_same_contents(self):
@@ -433,19 +457,22 @@ class Running(BreakTest):
         line = self.line("loop-first")
 
         self.assertEqual(
-            self.hits(lambda table: table.add(os.path.realpath(other), line, checksum=breakpoints.kSameAs + other)),
+            self.hits(lambda table: table.add(os.path.realpath(other), line,
+                                              checksum=breakpoints.kSameAs + other)),
             [("loop", line)])
         for checksum, expected in ((digest, [("loop", line)]), ("sha256:0", []), ("none:0", [])):
             del sys.modules[self.name]
             self.assertEqual(
-                self.hits(lambda table: table.add(missing, line, checksum=checksum, exactly=True)), expected)
+                self.hits(lambda table: table.add(missing, line, checksum=checksum, exactly=True)),
+                expected)
 
     def test_equal_files_of_other_names_are_not_the_same(self):
         from tdbg import breakpoints
 
         other = self.make_file("other.py", SOURCE, self.make_dir())
         self.assertEqual(self.hits(lambda table: table.add(
-            os.path.realpath(other), self.line("loop-first"), checksum=breakpoints.kSameAs + other)), [])
+            os.path.realpath(other), self.line("loop-first"),
+            checksum=breakpoints.kSameAs + other)), [])
 
     def test_set_before_the_import(self):
         self.assertNotIn(self.name, sys.modules)
@@ -487,12 +514,14 @@ class Running(BreakTest):
             server.breakpoints.add(path, line)
 
         first = self.line("inner") - 1
-        self.assertEqual(self.hits(begin, [add_the_other]), [("other", first), ("inner", self.line("inner"))])
+        self.assertEqual(self.hits(begin, [add_the_other]),
+                         [("other", first), ("inner", self.line("inner"))])
 
     def test_condition(self):
         begin = lambda table: table.add(self.path, self.line("loop-body"), "i == 2")  # noqa: E731
         values = []
-        front_end = self.debug(begin, [lambda server, stop: values.append(stop.frame.f_locals["i"])])
+        front_end = self.debug(begin,
+                               [lambda server, stop: values.append(stop.frame.f_locals["i"])])
         self.assertEqual((values, len(front_end.seen)), ([2], 1))
         self.assertEqual(self.counts(), [(1, 3)])  # a false condition counts
 
@@ -537,7 +566,8 @@ class Running(BreakTest):
         self.assertEqual(values, [2])
 
     def test_temporary_vanishes(self):
-        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-body"), temporary=True))
+        front_end = self.debug(lambda table: table.add(self.path, self.line("loop-body"),
+                                                       temporary=True))
         self.assertEqual(front_end.seen, [("breakpoint", "loop", self.line("loop-body"), [1])])
         self.assertEqual(self.counts(), [])
 
@@ -557,7 +587,8 @@ class Running(BreakTest):
             table.add(self.path, self.line("loop-return"))
 
         def switch(enabled):
-            return lambda server, stop: server.breakpoints.set_enabled(server.breakpoints.get(1), enabled)
+            return lambda server, stop: server.breakpoints.set_enabled(
+                server.breakpoints.get(1), enabled)
 
         work = lambda: self.load().loop(2) + self.load().loop(2)  # noqa: E731
         back = ("loop", self.line("loop-return"))
@@ -567,7 +598,8 @@ class Running(BreakTest):
         self.assertEqual(self.counts(), [(1, 3), (2, 2)])
 
     def test_removed_while_running(self):
-        remove = lambda server, stop: server.breakpoints.remove(server.breakpoints.get(1))  # noqa: E731
+        remove = lambda server, stop: server.breakpoints.remove(
+            server.breakpoints.get(1))  # noqa: E731
         begin = lambda table: table.add(self.path, self.line("loop-body"))  # noqa: E731
         self.assertEqual(self.hits(begin, [remove]), [("loop", self.line("loop-body"))])
         self.assertEqual(self.counts(), [])
@@ -644,7 +676,8 @@ class Running(BreakTest):
             table.add(path, line_of(path, "raise"))
             table.add(path, line_of(path, "try"))
 
-        front_end = self.debug(begin, ["step_into"] * 9, lambda: __import__("raise_" + self.name).careful())
+        front_end = self.debug(begin, ["step_into"] * 9,
+                               lambda: __import__("raise_" + self.name).careful())
         self.assertIn("exception", [row[0] for row in front_end.seen])
         self.assertEqual(self.counts(), [(1, 1), (2, 1)])
 
@@ -654,7 +687,8 @@ class Running(BreakTest):
             table.add(self.path, self.line("call-return"))
 
         front_end = self.debug(begin, ["step_over", "continue_run"])
-        self.assertEqual([(row[0], row[3]) for row in front_end.seen], [("breakpoint", [1]), ("breakpoint", [2])])
+        self.assertEqual([(row[0], row[3]) for row in front_end.seen],
+                         [("breakpoint", [1]), ("breakpoint", [2])])
         self.assertEqual(self.counts(), [(1, 1), (2, 1)])
 
     def test_temporary_survives_the_return_of_a_step_on_its_line(self):
@@ -765,7 +799,8 @@ class Running(BreakTest):
             table.add(path, line_of(path, "item"))
 
         seen = self.debug(begin, work=lambda: __import__("gen_" + self.name).use()).seen
-        # How often a comprehension of several lines comes to one of them is the compiler's business.
+        # How often a comprehension of several lines comes to one of them is the compiler's
+        # business.
         self.assertEqual([row[3] for row in seen].count([1]), 1)
         self.assertIn([2], [row[3] for row in seen])
 

@@ -1,4 +1,5 @@
-"""tools/fetch-interpreters and tools/interpreters.py, with an apt that is played here; tools/matrix.py."""
+"""tools/fetch-interpreters and tools/interpreters.py, with an apt that is played here;
+tools/matrix.py."""
 from __future__ import absolute_import, division, print_function
 
 import io
@@ -73,7 +74,8 @@ class FetchInterpreters(TestCase):
             self.assertEqual(source.read(), "update\n")
         reasons = {reason for _, reason in self.states().values()}
         self.assertEqual(reasons, {
-            "the archive does not answer: apt-get: E: Failed to fetch it  Could not connect to 127.0.0.1:9",
+            "the archive does not answer: apt-get: E: Failed to fetch it  Could not connect to "
+            "127.0.0.1:9",
         })
 
     def test_package_that_is_not_in_the_archive_is_not_asked_for_again_soon(self):
@@ -93,7 +95,8 @@ class FetchInterpreters(TestCase):
             "forky: no package python3.15 for amd64; sid: no package python3.15 for amd64",
         ))
         with io.open(log) as source:
-            self.assertEqual(source.read(), "update\nupdate\n")  # one for each suite, in the first run
+            # one for each suite, in the first run
+            self.assertEqual(source.read(), "update\nupdate\n")
 
     def test_unknown_name_is_an_error(self):
         done = self.fetch("debian-1.5")
@@ -158,7 +161,8 @@ class Matrix(TestCase):
         return self.matrix.tKept(self.tree, os.path.join(self.folder, "build"), [self.library])
 
     def store(self, kept, item, *statuses):
-        self.make_file(item.name + ".json", json.dumps({"results": results(*statuses)}), kept.folder)
+        self.make_file(item.name + ".json", json.dumps({"results": results(*statuses)}),
+                       kept.folder)
 
     def test_rows_are_good_while_nothing_changes(self):
         item = tPlayed("a", "3.9")
@@ -201,9 +205,11 @@ class Matrix(TestCase):
 
     def test_page_has_no_empty_cell(self):
         items = [tPlayed("a", "3.9"), tPlayed("b", "2.7", 32, "trace_refs")]
-        page = self.page(items, {"a": results("passed", "failed", "passed", "skipped")}, [("3.14", "trace_refs")])
+        page = self.page(items, {"a": results("passed", "failed", "passed", "skipped")},
+                         [("3.14", "trace_refs")])
         cells = {tuple(line.split(" | ")[:2]): line.strip("|\n").split(" | ")[2:]
-                 for line in page.split("## C libraries")[0].splitlines() if line.startswith(("| 2.", "| 3."))}
+                 for line in page.split("## C libraries")[0].splitlines()
+                 if line.startswith(("| 2.", "| 3."))}
         self.assertEqual(len(cells), 2 * len(self.matrix.kVersions))
         for row in cells.values():
             self.assertEqual(len(row), len(self.matrix.kVariants))
@@ -213,7 +219,8 @@ class Matrix(TestCase):
         self.assertEqual(place, "(glibc 2.31)")
         self.assertIn("- **{}**: {}".format(letter, self.matrix.kNotFinished), page)
         self.assertEqual(cells["| 3.9", "64"][3].strip(), self.matrix.kDash)
-        for letter in {cell.strip() for row in cells.values() for cell in row if len(cell.strip()) == 1}:
+        for letter in {cell.strip() for row in cells.values() for cell in row
+                       if len(cell.strip()) == 1}:
             if letter != self.matrix.kDash:
                 self.assertIn("- **{}**: ".format(letter), page)
         self.assertIn("| 2 | 1 | 1 | 4 | a |", page)
@@ -227,6 +234,7 @@ class Matrix(TestCase):
         self.assertIn("neighbour", why("3.12", 32, "release", set(), set()))
         self.assertNotIn("offsets", why("3.12", 32, "release", set(), set()))
         self.assertIn("offsets", why("3.12", 32, "release", {("3.12", 32, "release")}, set()))
-        lock_off = why("3.14", 64, "free_threaded_no_lock", {("3.14", 64, "free_threaded")}, {("3.14", "free_threaded")})
+        lock_off = why("3.14", 64, "free_threaded_no_lock", {("3.14", 64, "free_threaded")},
+                       {("3.14", "free_threaded")})
         self.assertIn("source package", lock_off)
         self.assertIn("offsets", lock_off)

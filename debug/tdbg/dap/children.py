@@ -39,8 +39,8 @@ class tChild(object):
 
     __slots__ = ("name", "value", "get", "access", "set", "kind", "visibility", "note")
 
-    def __init__(self, name, value=None, access=None, set=None, kind=None, get=None, visibility=None,
-                 note=u""):
+    def __init__(self, name, value=None, access=None, set=None, kind=None, get=None,
+                 visibility=None, note=u""):
         self.name, self.value, self.get = name, value, get
         self.access, self.set = access, set
         self.kind = kind or _kind_of_value(value)
@@ -228,9 +228,11 @@ def _range_children(value):
     except OverflowError:
         return tChildren(value)
     if compat.PY2:  # xrange has no slices
-        get = lambda found, start, stop: [found[index] for index in range(start, stop)]  # noqa: E731
+        get = lambda found, start, stop: [  # noqa: E731
+            found[index] for index in range(start, stop)]
     else:
-        get = lambda found, start, stop: list(base.__getitem__(found, slice(start, stop)))  # noqa: E731
+        get = lambda found, start, stop: list(  # noqa: E731
+            base.__getitem__(found, slice(start, stop)))
     return tItems(value, base, length, get, False)
 
 
@@ -323,7 +325,8 @@ class tEntry(tChild):
 
 
 _dict_bases = tuple(
-    kind for kind in (dict, statics.kOrderedDict, values.collections.defaultdict) if kind is not None)
+    kind for kind in (dict, statics.kOrderedDict, values.collections.defaultdict)
+    if kind is not None)
 
 
 def literal_of(key):

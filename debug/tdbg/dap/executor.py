@@ -103,8 +103,8 @@ class tService(object):
 
 
 class tExecutor(object):
-    """on_waiting(): called when there is a task for which nobody serves; on_left(): when nobody serves
-    any more.
+    """on_waiting(): called when there is a task for which nobody serves; on_left(): when nobody
+    serves any more.
 
     lender              lending.tLender; without one, whoever is stuck holds the program up
     on_left_behind(ident, label)    the program goes on without the thread

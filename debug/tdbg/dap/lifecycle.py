@@ -86,7 +86,8 @@ def terminate(session, arguments):
         if wanted == "KeyboardInterrupt":
             _interrupt(session)
         else:
-            _kill(_getpid(), compat.signal.SIGTERM if wanted == "SIGTERM" else compat.signal.SIGKILL)
+            _kill(_getpid(),
+                  compat.signal.SIGTERM if wanted == "SIGTERM" else compat.signal.SIGKILL)
             if session.is_stopped:
                 session.go_on()
     session.then(end)
@@ -117,7 +118,8 @@ def _interrupt(session):
 def _raise_in(ident):
     """For a program that ignores the signal: at its next line of Python."""
     if evaluate._set_async_exc is not None:
-        evaluate._set_async_exc(evaluate._thread_number(ident), evaluate._py_object(KeyboardInterrupt))
+        evaluate._set_async_exc(evaluate._thread_number(ident),
+                                evaluate._py_object(KeyboardInterrupt))
 
 
 def cancel(session, arguments):

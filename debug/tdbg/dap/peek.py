@@ -101,7 +101,8 @@ class _tPeek(object):
             if not all(type(part) in _plain for part in (key.start, key.stop, key.step)):
                 raise tUnsafe("this slice is not evaluated here")
         else:
-            key = self.visit(getattr(place, "value", place) if type(place).__name__ == "Index" else place)
+            key = self.visit(getattr(place, "value", place)
+                             if type(place).__name__ == "Index" else place)
             if not _is_plain_key(key):
                 raise tUnsafe("this key is not looked up here")
         try:

@@ -14,9 +14,9 @@ from tdbg.dap import endpoint, wire
 kPolicyNone, kPolicyAll = "none", "all"
 # Settings that hold for the children, too.
 kInherited = (
-    "justMyCode", "rules", "pathMappings", "subProcess", "childAttachTimeout", "exceptions", "threads",
-    "stopAllThreads", "stepGranularity", "valueLimits", "templates", "jinja", "flask", "django",
-    "showReturnValue")
+    "justMyCode", "rules", "pathMappings", "subProcess", "childAttachTimeout",
+    "exceptions", "threads", "stopAllThreads", "stepGranularity", "valueLimits", "templates",
+    "jinja", "flask", "django", "showReturnValue")
 
 _environ = os.environ
 _rmtree = shutil.rmtree
@@ -32,7 +32,8 @@ kRequests = {}
 
 
 def _begin(session):
-    if session.config.sub_process == kPolicyNone or not session.client.get("supportsStartDebuggingRequest"):
+    if session.config.sub_process == kPolicyNone or not session.client.get(
+            "supportsStartDebuggingRequest"):
         return
     nursery = session.nursery = tNursery(session)
     nursery.open()
@@ -59,8 +60,9 @@ class tNursery(object):
         self._listener = endpoint.listen_unix(path)
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
-            "socket": path, "seconds": self._session.config.child_attach_timeout, "library": library,
-            "pid": self._pid, "all": self._session.config.sub_process == kPolicyAll,
+            "socket": path, "seconds": self._session.config.child_attach_timeout,
+            "library": library, "pid": self._pid,
+            "all": self._session.config.sub_process == kPolicyAll,
             "startup": children.kStartupFolder, "pythonpath": _environ.get(_path_variable)}
         self._set(children.kVariable, compat.to_literal(settings))
         self._set(_path_variable, os.pathsep.join(
@@ -117,7 +119,8 @@ class tNursery(object):
             connection.close()
 
         configuration = dict(
-            (name, self._session.config.raw[name]) for name in kInherited if name in self._session.config.raw)
+            (name, self._session.config.raw[name]) for name in kInherited
+            if name in self._session.config.raw)
         configuration.update({
             "type": self._session.client.get("adapterID") or "tdbg", "request": "attach",
             "name": u"child {}".format(child.get("pid")), "socket": child.get("socket"),

@@ -73,8 +73,8 @@ def is_identifier(name):
 class tRenderer(object):
     """Makes texts of values, each at most about limits.string characters long.
 
-    limiter   evaluate.tLimiter for calls of the program's code; None: none of it is run, and objects
-              are shown by their type and address
+    limiter   evaluate.tLimiter for calls of the program's code; None: none of it is run, and
+              objects are shown by their type and address
     in_hex    whole numbers in hexadecimal
     """
 
@@ -417,7 +417,8 @@ def _writer_of_generated(kind, found):
     if _is_enum(kind):
         return _write_enum
     if _is_generated(found, "namedtuple") and find_in_class(kind, "_fields")[0] is not kMissing:
-        return lambda renderer, value, room: renderer._write_fields(value, _fields_of_tuple(value), room)
+        return lambda renderer, value, room: renderer._write_fields(value,
+                                                                    _fields_of_tuple(value), room)
     fields, owner = find_in_class(kind, "__dataclass_fields__")
     if type(fields) is dict and _is_generated(found, "dataclass"):
         return lambda renderer, value, room: renderer._write_fields(

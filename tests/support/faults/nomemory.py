@@ -1,4 +1,5 @@
-"""The interpreter's own allocations, made to fail in turn by _testcapi (3.6 and later, where it is there)."""
+"""The interpreter's own allocations, made to fail in turn by _testcapi (3.6 and later,
+where it is there)."""
 from __future__ import absolute_import, division, print_function
 
 

@@ -22,7 +22,8 @@ steps = import_debuggee("steps")
 kLines = steps.calls.__code__.co_firstlineno
 kRelative = "relative_of_scenario.py"
 kTemplate = "/templates/page.html"
-kModuleCode = compile("first = 1\ndef inner():\n    return first\nsecond = inner()\n", kRelative, "exec")
+kModuleCode = compile("first = 1\ndef inner():\n    return first\nsecond = inner()\n",
+                      kRelative, "exec")
 
 
 class Trouble(Exception):
@@ -134,8 +135,9 @@ def is_answer_to_failure(error):
 
 
 def is_interpreters_failure(error):
-    """What an interpreter that is out of memory raises instead: 3.12 and later for a frame whose object
-    cannot be made, importlib for its locks, the parser up to 3.8, and who forgets to raise."""
+    """What an interpreter that is out of memory raises instead: 3.12 and later for a frame whose
+    object cannot be made, importlib for its locks, the parser up to 3.8, and who forgets to
+    raise."""
     return (isinstance(error, SyntaxError) and error.msg == "unexpected EOF while parsing" or
             isinstance(error, (RuntimeError, SystemError)) and str(error) in (
                 "Missing frame when calling trace function.", "can't allocate lock",
@@ -164,7 +166,8 @@ class Server(object):
         except MemoryError:
             self.raised.append(name)
         except Exception as why:
-            if not (is_answer_to_failure(why) or is_interpreters_failure(why) or has_ended_meanwhile(why)):
+            if not (is_answer_to_failure(why) or is_interpreters_failure(why)
+                    or has_ended_meanwhile(why)):
                 self.troubles.append("{}: {!r}".format(name, why))
             self.raised.append(name)
 
@@ -183,9 +186,9 @@ class Server(object):
         cb = {name: self.guarded(getattr(self, name)) for name in (
             "hooks", "checksum", "idle", "line", "returns", "exception", "quit", "imported")}
         self.attempt(
-            "init", self.idle_period, mode, cb["hooks"], cb["checksum"], cb["idle"], cb["line"], cb["returns"],
-            cb["exception"], cb["quit"], cb["imported"] if import_cb else None, kDefaultImport,
-            {os.path.abspath(__file__.replace(".pyc", ".py")) + "x": 1})
+            "init", self.idle_period, mode, cb["hooks"], cb["checksum"], cb["idle"], cb["line"],
+            cb["returns"], cb["exception"], cb["quit"], cb["imported"] if import_cb else None,
+            kDefaultImport, {os.path.abspath(__file__.replace(".pyc", ".py")) + "x": 1})
 
     def hooks(self, install):
         threading.settrace(self.tracer.bootstrap_new_thread if install else None)
@@ -230,7 +233,8 @@ class Server(object):
             self.attempt(command)
 
     def start(self):
-        """Start tracing while few modules are loaded: all are looked at, and one is like another."""
+        """Start tracing while few modules are loaded:
+        all are looked at, and one is like another."""
         kept = ("sys", "os", "steps", "threading", "builtins", "__builtin__", "__main__", __name__)
         hidden = {name: sys.modules.pop(name) for name in list(sys.modules) if name not in kept}
         try:
@@ -294,11 +298,12 @@ def query_all(server):
         server.attempt("get_frame_file", frame)
         server.attempt("is_internal_frame", frame)
         server.attempt("PyFrame_LocalsToFast", frame, 0)
-        for name in ("get_tracing", "get_exception_mode", "exiting_on_exception", "get_dprintf_mask",
-                     "get_always_stop_excepts", "get_never_stop_excepts", "get_new_imports",
-                     "get_registered_module_count", "get_tstate_tracing", "get_use_eval_frame",
-                     "get_tstate_use_tracing", "get_use_canonical_pathnames", "getpid",
-                     "get_changed_bps_lists", "is_dbgserver_mutex_held"):
+        for name in ("get_tracing", "get_exception_mode", "exiting_on_exception",
+                     "get_dprintf_mask", "get_always_stop_excepts", "get_never_stop_excepts",
+                     "get_new_imports", "get_registered_module_count", "get_tstate_tracing",
+                     "get_use_eval_frame", "get_tstate_use_tracing",
+                     "get_use_canonical_pathnames", "getpid", "get_changed_bps_lists",
+                     "is_dbgserver_mutex_held"):
             server.attempt(name)
         if server.around_part is do:
             hold_mutex(server)
@@ -309,7 +314,8 @@ def query_all(server):
 
 
 def set_breaks(server, conditions):
-    for line, condition, ignore in ((1, None, 0), (2, "first == 1", 0), (3, "1 // 0", 0), (9, None, 2)):
+    for line, condition, ignore in ((1, None, 0), (2, "first == 1", 0), (3, "1 // 0", 0),
+                                    (9, None, 2)):
         condition = condition if conditions else None
         server.attempt("set_break", steps.__file__, "", kLines + line, 1, 0, condition, ignore)
     server.attempt("set_break", "nowhere/scenario.py", "sum of scenario.py", 30, 1, 1, None, 0)
@@ -379,7 +385,8 @@ def program(server, imports, threads, conditions):
     stop = server.stop_there
     server.part(steps.calls, stop([query_all(server), into, into, over, out, over]), gives=10)
     server.part(steps.calls_passes_on, stop([over, out, over]), gives=4)
-    server.part(steps.loops, stop(["step_over_line", ("step_over_line_range", 1, 400), over]), gives=1)
+    server.part(steps.loops,
+                stop(["step_over_line", ("step_over_line_range", 1, 400), over]), gives=1)
     server.part(steps.consumes, stop([over] * 6), gives=3)
     if imports:
         server.part(run_module_code, gives=1)
@@ -395,7 +402,8 @@ def program(server, imports, threads, conditions):
     server.attempt("register_sub_language_hook", Hook(server))
     server.attempt("set_break", kTemplate, "", key.__code__.co_firstlineno + 2, 1, 0,
                    "first == 3" if conditions else None, 0)
-    server.part(marker, [(key, 1), (raising_key, 2), (key, 3)], stop([into, into, out, over]), gives=14)
+    server.part(marker, [(key, 1), (raising_key, 2), (key, 3)],
+                stop([into, into, out, over]), gives=14)
     server.part(steps.factorial, stop([into, into, out, out]), gives=6)
     server.attempt("set_break", steps.__file__, "", kLines + 40, 1, 0, None, 0)
     server.attempt("register_module", steps)
