@@ -90,8 +90,8 @@ def returns(value):
 def start_thread(server, arguments):
     """A thread that does not need the mutex, for its starter waits.
 
-    Nor does it later: on 2.7 join() does not wait for its last events, in which it may hold the lock
-    of `threading` that the next one's starter wants.
+    Nor does it later: on 2.7 join() does not wait for its last events, in which it may hold the
+    lock of `threading` that the next one's starter wants.
     """
     lock = _thread.allocate_lock()
     lock.acquire()
