@@ -3,7 +3,7 @@ turn.
 
 The session is tests/support/faults/scenario.py; what must hold is told there.  All calls are tried
 under one interpreter, elsewhere a share of them, another one under each; TDBG_FAULT_SHARE=1 in the
-environment tries everything.
+environment tries everything, TDBG_FAULT_SHARE=6 a sixth of what is tried otherwise.
 """
 from __future__ import absolute_import, division, print_function
 
@@ -16,9 +16,10 @@ from support import TestCase, has, import_tracer, needs, once, time_limit
 from support.faults import Faults, in_child, nomemory, scenario
 
 kWhole = os.environ.get("TDBG_FAULT_SHARE") == "1"
-kShare = 1 if kWhole else 16  # one of so many calls is tried
-kShareWhileLogging = 1 if kWhole else 48
-kShareOfAllocations = 1 if kWhole else 4
+kThinner = int(os.environ.get("TDBG_FAULT_SHARE") or 1)
+kShare = 1 if kWhole else 16 * kThinner  # one of so many calls is tried
+kShareWhileLogging = 1 if kWhole else 48 * kThinner
+kShareOfAllocations = 1 if kWhole else 4 * kThinner
 kDense = 1 << 30 if kWhole else 20  # up to that one each of the interpreter's allocations fails
 kLimit = 7200 if kWhole else 150
 kRounds = 6  # until one leaves nothing: the first ones fill caches
@@ -247,7 +248,7 @@ class AllCalls(FailingCase):
     kParts = 6
 
     def fail_part(self, number):
-        self.fail_calls(False, number, self.kParts)
+        self.fail_calls(False, number, self.kParts * kThinner)
 
 
 def _add_parts():
