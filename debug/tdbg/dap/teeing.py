@@ -161,12 +161,48 @@ def _make_decoder(encoding):
         return _find_decoder("utf-8")("replace")
 
 
-class tTee(object):
-    """A stream in the place of the program's, which does all but tell what is written."""
+class tListening(object):
+    """A stream in the place of another, which does all but tell what is written."""
+
+    def __init__(self, stream, heard):
+        self._stream, self._heard = stream, heard
+
+    def writelines(self, lines):
+        for line in lines:
+            self.write(line)
+
+    def flush(self):
+        result = self._stream.flush()
+        self._heard.tell()
+        return result
+
+    def detach(self):
+        return tByteTee(self._stream.detach(), self._heard)
+
+    def __getattr__(self, name):
+        return getattr(self._stream, name)
+
+    def __iter__(self):
+        return iter(self._stream)
+
+    def __enter__(self):
+        self._stream.__enter__()
+        return self
+
+    def __exit__(self, *exc_info):
+        self._heard.tell()
+        return self._stream.__exit__(*exc_info)
+
+    def __repr__(self):
+        return repr(self._stream)
+
+
+class tTee(tListening):
+    """In the place of one of the program's text streams."""
 
     def __init__(self, stream, category, mouth):
-        self._stream = stream
-        self._heard = tHeard(category, mouth, getattr(stream, "encoding", None))
+        encoding = getattr(stream, "encoding", None)
+        tListening.__init__(self, stream, tHeard(category, mouth, encoding))
 
     def write(self, text):
         if compat.PY2 and isinstance(text, compat.text_type):
@@ -179,48 +215,16 @@ class tTee(object):
             self._heard.hear_text(text)
         return result
 
-    def writelines(self, lines):
-        for line in lines:
-            self.write(line)
-
-    def flush(self):
-        result = self._stream.flush()
-        self._heard.tell()
-        return result
-
     def let_go(self):
         self._heard.end()
-
-    def detach(self):
-        return tByteTee(self._stream.detach(), self._heard)
 
     @property
     def buffer(self):
         return tByteTee(self._stream.buffer, self._heard)
 
-    def __getattr__(self, name):
-        return getattr(self._stream, name)
 
-    def __iter__(self):
-        return iter(self._stream)
-
-    def __enter__(self):
-        self._stream.__enter__()
-        return self
-
-    def __exit__(self, *exc_info):
-        self._heard.tell()
-        return self._stream.__exit__(*exc_info)
-
-    def __repr__(self):
-        return repr(self._stream)
-
-
-class tByteTee(object):
-    """The same for the binary stream below."""
-
-    def __init__(self, stream, heard):
-        self._stream, self._heard = stream, heard
+class tByteTee(tListening):
+    """In the place of the binary stream below, or of the one without a buffer below that."""
 
     def write(self, data):
         result = self._stream.write(data)
@@ -230,35 +234,6 @@ class tByteTee(object):
             self._heard.hear_bytes(data[:result or 0])
         return result
 
-    def writelines(self, lines):
-        for line in lines:
-            self.write(line)
-
-    def flush(self):
-        result = self._stream.flush()
-        self._heard.tell()
-        return result
-
-    def detach(self):
-        return tByteTee(self._stream.detach(), self._heard)
-
     @property
     def raw(self):
         return tByteTee(self._stream.raw, self._heard)
-
-    def __getattr__(self, name):
-        return getattr(self._stream, name)
-
-    def __iter__(self):
-        return iter(self._stream)
-
-    def __enter__(self):
-        self._stream.__enter__()
-        return self
-
-    def __exit__(self, *exc_info):
-        self._heard.tell()
-        return self._stream.__exit__(*exc_info)
-
-    def __repr__(self):
-        return repr(self._stream)
