@@ -20,7 +20,8 @@ kThinner = int(os.environ.get("TDBG_FAULT_SHARE") or 1)
 kShare = 1 if kWhole else 16 * kThinner  # one of so many calls is tried
 kShareWhileLogging = 1 if kWhole else 48 * kThinner
 kShareOfAllocations = 1 if kWhole else 4 * kThinner
-kDense = 1 << 30 if kWhole else 20  # up to that one each of the interpreter's allocations fails
+# Up to that one each of the interpreter's allocations fails.
+kDense = 1 << 30 if kWhole else 20 if kThinner == 1 else 8
 kLimit = 7200 if kWhole else 150
 kRounds = 6  # until one leaves nothing: the first ones fill caches
 kGrowth = 8  # of what one round may leave
@@ -232,7 +233,7 @@ class InterpreterWithoutMemory(FailingCase):
 
     @time_limit(kLimit)
     def test_in_calls_of_the_tracer_while_logging(self):
-        self.fail_in("around_call", nomemory.numbers_up_to(100, kDense - 10), log=True)
+        self.fail_in("around_call", nomemory.numbers_up_to(100, kDense // 2), log=True)
 
     @time_limit(kLimit)
     def test_in_parts_of_the_program(self):
