@@ -571,7 +571,14 @@ class Model(object):
         if command == "step_over_line":
             self.range = (event.line or 0, event.line or 0)
         elif command == "step_over_line_range":
-            self.range = (event.line or 0, (event.line or 0) + length)
+            line = self.line_shown(number) or 0
+            self.range = (line, line + length)
+
+    def line_shown(self, number):
+        """Of a stop: the range begins at the line that the tracer was shown."""
+        own = self.stops[number]
+        seen = self.observed[number] if number < len(self.observed) else own
+        return (seen if without_lines([seen]) == without_lines([own]) else own)[2]
 
 
 # --- comparing ------------------------------------------------------------------------------
