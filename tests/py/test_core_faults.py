@@ -9,6 +9,7 @@ import threading
 import unittest
 import weakref
 import warnings
+from time import sleep
 
 try:
     import _thread
@@ -541,9 +542,12 @@ class LateExceptionTest(TestCase):
         session.exception_cb = exception_cb
         session.init()
         session.tracer.set_autoquit(0)
+        threads = _thread._count()
         _thread.start_new_thread(bottom, ())
         self.assertTrue(told.wait(kWait))
         session.tracer.stop_trace()
+        while _thread._count() > threads:  # it prints; at exit that is fatal to the interpreter
+            sleep(0.001)
         # The interpreter has put the exception aside for the event, so what it was is not known.
         self.assertEqual(session.stops, [("bottom", (None, None, None))])
 

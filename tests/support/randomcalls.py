@@ -301,8 +301,10 @@ class Caller(object):
                             u"\xe9", "x" * 5000, 1])
 
     def exception(self):
+        # A trace function that raises StopIteration as a generator is left is too much for the
+        # assertions of 3.14.
         return self.choice([None, ValueError, ValueError("y"), KeyError(), object(), 1,
-                            StopIteration])
+                            KeyError if hasattr(sys, "gettotalrefcount") else StopIteration])
 
     def module(self):
         return self.choice([types, os, types.ModuleType("made"), None, self.named_module()])
