@@ -103,5 +103,7 @@ TDBG_API void add_to_thread_state_tracing(PyThreadState* tstate, int n);
 // C trace function of the caller's own thread or, on 3.10 - 3.12, any other. Null func removes it.
 // 0 = done, -1 = this version cannot, other = what the interpreter answered (logged, cleared).
 TDBG_API int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc func, PyObject* obj);
+// The same for another thread before 3.10, past the interpreter's functions. Whether it was done.
+bool move_trace_cfunc_into_thread(PyThreadState* other, Py_tracefunc func, PyObject* obj);
 // Number of the event being dispatched; -1 before 3.12.
 TDBG_API int get_thread_state_what_event(PyThreadState* tstate);

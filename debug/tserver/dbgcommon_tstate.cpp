@@ -119,6 +119,56 @@ TDBG_API int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc fu
     return result;
 }
 
+// ---- Another thread's trace function before 3.10 ----
+
+// What PyEval_SetTrace reads and writes of a thread state. c_profilefunc is the field before
+// c_tracefunc in every version.
+struct tTraceFields {
+    void* c_profilefunc;
+    Py_tracefunc c_tracefunc;
+    PyObject* c_traceobj;  // owned by whatever holds the fields
+    int use_tracing;
+};
+
+static tTraceFields read_trace_fields(PyThreadState* tstate) {
+    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
+    return {read_field<void*>(tstate, offsets.c_tracefunc - Py_ssize_t{sizeof(void*)}),
+            read_field<Py_tracefunc>(tstate, offsets.c_tracefunc),
+            read_field<PyObject*>(tstate, offsets.c_traceobj),
+            read_field<int>(tstate, offsets.use_tracing)};
+}
+
+static void write_trace_fields(PyThreadState* tstate, const tTraceFields& fields) {
+    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
+    write_field(tstate, offsets.c_tracefunc - Py_ssize_t{sizeof(void*)}, fields.c_profilefunc);
+    write_field(tstate, offsets.c_tracefunc, fields.c_tracefunc);
+    write_field(tstate, offsets.c_traceobj, fields.c_traceobj);
+    write_field(tstate, offsets.use_tracing, fields.use_tracing);
+}
+
+// These interpreters count the threads that have a trace function, and every thread is slower as
+// long as one has. Only PyEval_SetTrace counts, and it works on the calling thread: so that takes
+// the other's place for the moment, and the other has none when its old object goes away, which may
+// let it run.
+bool move_trace_cfunc_into_thread(PyThreadState* other, Py_tracefunc func, PyObject* obj) {
+    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
+    PyThreadState* const own = gPy.PyThreadState_Get();
+    if (version_at_least(3, 10) || other == own || offsets.use_tracing == -1 ||
+        offsets.c_tracefunc == -1 || offsets.c_traceobj == -1) {
+        return false;
+    }
+    const tTraceFields ours = read_trace_fields(own);
+    const tTraceFields theirs = read_trace_fields(other);
+    const bool is_profiled = theirs.c_profilefunc != nullptr;
+    write_trace_fields(other, {theirs.c_profilefunc, nullptr, nullptr, is_profiled});
+    write_trace_fields(own, theirs);
+    gPy.PyEval_SetTrace(func, obj);
+    const tTraceFields set = read_trace_fields(own);  // as before where an audit hook refuses
+    write_trace_fields(own, ours);
+    write_trace_fields(other, set);
+    return set.c_tracefunc == func;
+}
+
 TDBG_API int get_thread_state_what_event(PyThreadState* tstate) {
     const Py_ssize_t offset = gPy.tstate_offsets.what_event;
     return offset != -1 ? read_field<int>(tstate, offset) : -1;

@@ -369,7 +369,10 @@ static void start_tracing_thread(PyThreadState* tstate) {
         log_failure("Failure in start_tracing_thread()\n");
         return;
     }
-    set_tstate_trace_function(tstate, thread_data);
+    if (set_tstate_trace_function(tstate, thread_data) != 0 && is_thread_state_alive(tstate)) {
+        thread_data->tstate_trace_function_set =
+            move_trace_cfunc_into_thread(tstate, dispatch_function(), gSelf.trace_function);
+    }
     if (is_thread_state_alive(tstate)) {
         install_tracer_into_frames(tstate);
     }
@@ -486,10 +489,20 @@ static void forget_tracing_of_others() {
     }
 }
 
+// Before 3.10 every thread is slower as long as one that runs no Python code keeps our function.
+static void take_tracer_off_waiting_thread(PyThreadState* tstate) {
+    tThreadData* const thread_data = find_thread_data(&gSelf.thread_data, tstate);
+    if (thread_data != nullptr && thread_data->tstate_trace_function_set &&
+        has_our_trace_object(tstate) && move_trace_cfunc_into_thread(tstate, nullptr, nullptr)) {
+        thread_data->tstate_trace_function_set = 0;
+    }
+}
+
 static void stop_tracing_all_threads() {
     const bool was_tracing = gSelf.tracing != 0;
     gSelf.tracing = 0;
     if (!was_tracing) {
+        for_each_thread_state(take_tracer_off_waiting_thread);
         return;
     }
     if (has_function_for_all_threads()) {

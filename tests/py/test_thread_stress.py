@@ -6,8 +6,9 @@ import os
 import sys
 import threading
 import unittest
+import weakref
 
-from support import TestCase, needs, time_limit
+from support import TestCase, load_native, needs, time_limit
 from support.tracing import ThreadSession, import_debuggee
 
 steps = import_debuggee("steps")
@@ -21,9 +22,9 @@ try:
 except ImportError:
     from thread import get_ident
 
-# Earlier ones cannot be told from outside, nor can any that runs without an interpreter lock.
 def traces_running_threads():
-    return sys.version_info >= (3, 10) and getattr(sys, "_is_gil_enabled", lambda: True)()
+    """Not where a thread may run, and end, while it is told."""
+    return getattr(sys, "_is_gil_enabled", lambda: True)()
 
 
 def start_native_thread(function):
@@ -171,6 +172,106 @@ class Running(TestCase):
 
     def test_many_of_them(self):
         self.assertEqual(self.run_before(20), [traces_running_threads()] * 20)
+
+    def test_one_that_waits_keeps_a_function_that_the_program_has_set(self):
+        """Until the tracer's replaces it; nothing of it is left behind or lost."""
+        class Function(object):
+            def __call__(self, frame, event, arg):
+                return None
+
+        function, ready, go = Function(), threading.Event(), threading.Event()
+        gone = weakref.ref(function)
+
+        def target(functions):
+            sys.settrace(functions.pop())
+            ready.set()
+            go.wait()
+
+        thread = threading.Thread(target=target, args=([function],))
+        thread.start()
+        ready.wait()
+        del function
+        self.assertIsNotNone(gone())
+        session = ThreadSession()
+        session.run(lambda stop: None)
+        session.tracer.stop_trace()
+        is_replaced = gone() is None
+        go.set()
+        thread.join()
+        self.assertEqual(is_replaced, traces_running_threads())
+        self.assertIsNone(gone())
+
+    @needs("interpreter_lock")
+    def test_one_that_waits_is_left_alone_when_tracing_is_stopped_twice(self):
+        native, session = load_native(), ThreadSession()
+        states, ready, go, found = [], threading.Event(), threading.Event(), []
+
+        def target():
+            states.append(session.tracer.get_current_tstate_id())
+            ready.set()
+            go.wait()
+            found.append(sys.gettrace())
+
+        def trace_object():
+            return native.borrow_thread_state_traceobj(states[0])
+
+        def target_of_own_function():
+            sys.settrace(own)
+            session.tracer.stop_trace()
+            found.append(sys.gettrace())
+
+        def own(frame, event, arg):
+            return None
+
+        native.borrow_thread_state_traceobj.restype = ctypes.c_void_p
+        native.borrow_thread_state_traceobj.argtypes = [ctypes.c_void_p]
+        threads = [threading.Thread(target=target)]
+        threads[0].start()
+        ready.wait()
+        session.init()
+        session.tracer.start_trace()
+        with_tracer = trace_object()
+        session.tracer.stop_trace()
+        threads.append(threading.Thread(target=target_of_own_function))
+        threads[1].start()
+        threads[1].join()
+        after_second = trace_object()
+        go.set()
+        threads[0].join()
+        self.assertEqual(with_tracer, id(session.tracer.trace_dispatch))
+        if sys.version_info < (3, 10) or sys.version_info >= (3, 12):
+            self.assertIsNone(after_second)
+        self.assertEqual(found, [own, None])
+
+    @unittest.skipUnless(hasattr(sys, "addaudithook"), "no audit hooks")
+    def test_one_that_waits_is_not_traced_where_an_audit_hook_refuses(self):
+        session, ready, go, found = ThreadSession(), threading.Event(), threading.Event(), []
+
+        def refuse(event, args):
+            if event == "sys.settrace" and refusing:
+                raise RuntimeError("refused")
+
+        def target():
+            ready.set()
+            go.wait()
+            found.append(sys.gettrace())
+
+        thread, refusing = threading.Thread(target=target), []
+        thread.start()
+        ready.wait()
+        session.init()
+        sys.addaudithook(refuse)
+        refusing.append(True)
+        sys.unraisablehook = lambda *_: None
+        try:
+            session.tracer.start_trace()
+        except RuntimeError:
+            pass
+        del refusing[:]
+        go.set()
+        thread.join()
+        session.tracer.stop_trace()
+        self.assertEqual((found, sys.gettrace()), ([None], None))
 
     def test_one_stops_at_a_breakpoint(self):
         session = ThreadSession()

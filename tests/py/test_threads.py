@@ -66,9 +66,8 @@ class BootstrapTest(TestCase):
         thread.join()
         session.tracer.stop_trace()
         function = session.tracer.trace_dispatch
-        # Earlier versions give no thread a way to set the trace function of another, nor can it be
-        # done without an interpreter lock.
-        at_once = sys.version_info >= (3, 10) and getattr(sys, "_is_gil_enabled", lambda: True)()
+        # Without an interpreter lock no thread can set the trace function of another.
+        at_once = getattr(sys, "_is_gil_enabled", lambda: True)()
         self.assertEqual(traced, [function if at_once else None, function])
         self.assertEqual(session.stops[:2], [("line", "calls", "calls-add"),
                                              ("line", "calls", "calls-again")])
