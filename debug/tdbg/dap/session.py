@@ -94,7 +94,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
     def attach(self, server):
         self.server = server
         self.holder = pausing.tHolder(
-            server, self.executor, self._on_hold, lambda where: server._tell_internal_error(where))
+            server, self.executor, self._on_hold, lambda where: server.tell_internal_error(where))
         self.thread_ids.id_of(server.main_ident)
 
     def begin(self, connection):

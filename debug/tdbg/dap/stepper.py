@@ -1,18 +1,16 @@
 """Where a step ends: after whole statements, in code that is the user's.
 
 A stepper is asked by the server at each event at which the core would end the step (see
-dbgserver.tServer.steer).
+tServer.steer).
 """
 from __future__ import absolute_import, division, print_function
 
-from tdbg import dbgserver, statements
+from tdbg import statements
+from tdbg.servercommands import kAnywhere, kAskedNext, kAskedStep
 
 kStatement, kLine = "statement", "line"
 kForeignEvents = 3000  # so many of foreign code are looked through for code that it calls back
 kInPlace = frozenset(("<listcomp>", "<setcomp>", "<dictcomp>", "<genexpr>"))
-
-kAnywhere = dbgserver.kAnywhere
-kAskedStep, kAskedNext = dbgserver.kAskedStep, dbgserver.kAskedNext
 
 
 class tStepper(object):
