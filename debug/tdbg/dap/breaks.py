@@ -12,23 +12,18 @@ import sys
 
 from tdbg import breakpoints, codelines, compat, private
 from tdbg.dap import logpoints, rules, sources
+from tdbg.dap.functionnames import code_below, find_new_code, look_up, plain_name
 from tdbg.dap.paths import base_name, is_of_windows, paths_of
-from tdbg.dap.requests import (
-    get, get_optional, kAnytime, tRequest, tRequestError)
 
 _real_path = os.path.realpath
 _is_file = os.path.isfile
 _stat = os.stat
 _isabs = os.path.isabs
 _join = os.path.join
-_get_frame = sys._getframe
 
 _module_type = type(os)
-_function_type = type(lambda: 0)
 
 kPending, kFailed = "pending", "failed"
-kMaxWrapped = 100
-_kAlgorithms = {"MD5": "md5", "SHA1": "sha1", "SHA256": "sha256"}
 
 
 class tWish(object):
@@ -238,7 +233,7 @@ class tBreaks(object):
 
     def _find_function(self, wish, modules):
         """Add the places of the function in these modules; whether there were any."""
-        name = _plain_name(wish.name)
+        name = plain_name(wish.name)
         before = len(wish.sites)
         loaded = False
         for module_name, module in modules:
@@ -256,7 +251,7 @@ class tBreaks(object):
 
     def _find_in_module(self, wish, module, name, ending):
         """ending: the name may be the end of a longer one."""
-        code = _code_below(_look_up(module, name))
+        code = code_below(look_up(module, name))
         if code is not None:
             path = code.co_filename
             path = path if _isabs(path) else _join(self._table.folder, path)
@@ -319,7 +314,7 @@ class tBreaks(object):
             if path.endswith(breakpoints.kSuffixes):
                 path = path[:-1]
             if not rules.is_own_file(path):
-                code = _find_new_code(path, self._table)
+                code = find_new_code(path, self._table)
                 for wish in self._all():
                     self._see_file_of(wish, name, path, code)
         finally:
@@ -352,7 +347,7 @@ class tBreaks(object):
 
     def _see_functions(self, wish, code):
         """Whether some of the new code's functions have the name."""
-        name = _plain_name(wish.name)
+        name = plain_name(wish.name)
         before = len(wish.sites)
         for module in code.modules:
             if name.startswith(module + "."):
@@ -484,59 +479,6 @@ class tBreaks(object):
         return body
 
 
-class tNewCode(object):
-    """What of the file at the path is about to run, for the first time.
-
-    frame    of its code
-    modules  names that the module is known by
-    """
-
-    def __init__(self, path, frame, table):
-        self.path = path
-        self._frame, self._table = frame, table
-        self._functions = None
-        name = frame.f_globals.get("__name__")
-        self.modules = [name] if isinstance(name, str) and name else []
-        if "__main__" in self.modules:
-            self.modules.append(base_name(path).rpartition(".")[0])
-
-    def functions(self):
-        """{qualified name: first line}"""
-        if self._functions is None:
-            self._functions = self._find_functions()
-        return self._functions
-
-    def _find_functions(self):
-        code = self._frame.f_code
-        if code.co_name == "<module>":
-            return codelines.functions_of(code)
-        try:
-            return self._table.source(self.path).functions()
-        except breakpoints.tRefused:
-            return {}
-
-
-def _find_new_code(path, table):
-    """The tNewCode of the file, if it is what the calling thread is about to run; else None."""
-    frame = _frame_of(path, table.folder)
-    return None if frame is None else tNewCode(path, frame, table)
-
-
-def _frame_of(path, folder):
-    """The program's innermost frame, if it is of this file; else None."""
-    frame = _get_frame()
-    while frame is not None and rules.is_own_file(frame.f_code.co_filename):
-        frame = frame.f_back
-    if frame is None:
-        return None
-    for name in (frame.f_code.co_filename, frame.f_globals.get("__file__")):
-        if isinstance(name, str):
-            name = _real_path(name if _isabs(name) else _join(folder, name))
-            if name == path or name[:-1] == path and name.endswith(breakpoints.kSuffixes):
-                return frame
-    return None
-
-
 def _mark_of(path):
     """What changes when the file does; None without a file."""
     try:
@@ -546,151 +488,9 @@ def _mark_of(path):
     return status.st_mtime, status.st_size, status.st_ino
 
 
-def _plain_name(name):
-    """Of a function, as in codelines.tSource.functions(), perhaps behind that of a module."""
-    name = compat.to_native(name).strip()
-    if name.endswith("()"):
-        name = name[:-2]
-    return name.replace(codelines.kLocals + ".", "").replace(":", ".")
-
-
-def _look_up(module, name):
-    """What a qualified name means in a module; nothing of the program runs.  None: nothing."""
-    value = module
-    for part in name.split("."):
-        space = sources._own_dict(value) if value is module else getattr(value, "__dict__", None)
-        if not isinstance(value, (_module_type, type)) or space is None or part not in space:
-            return None
-        value = space[part]
-        if isinstance(value, (staticmethod, classmethod)):
-            value = value.__func__
-        elif isinstance(value, property):
-            value = value.fget
-    return value
-
-
-def _code_below(value):
-    """Code object of a function, below its decorators; None for anything else.  Asks no object of
-    the program for anything that it would compute."""
-    for _ in range(kMaxWrapped):
-        try:
-            inner = object.__getattribute__(value, "__dict__").get("__wrapped__")
-        except Exception:
-            break
-        if inner is None:
-            break
-        value = inner
-    return value.__code__ if isinstance(value, _function_type) else None
-
-
-# --- requests ---------------------------------------------------------------------------------
-
-
 def breaks_of(session):
     """The session's tBreaks."""
     found = getattr(session, "breaks", None)
     if found is None:
         found = session.breaks = tBreaks(session)
     return found
-
-
-def attach(session):
-    breaks = breaks_of(session)
-    session.on_stop(breaks.tell_stop)
-    session.on_import(breaks.see_import)
-    session.on_end(breaks.clear)
-
-
-def _optional_text(row, name):
-    text = get_optional(row, name, str)
-    return text if text is not None and text.strip() else None
-
-
-def _rows(arguments, name):
-    rows = get_optional(arguments, name, list, [])
-    if not all(isinstance(row, dict) for row in rows):
-        raise tRequestError("the argument `{}` must be a list of objects".format(name))
-    return rows
-
-
-def _checksum_in(source):
-    """Text for breakpoints.has_checksum(): the best checksum that the client has sent, or ''."""
-    best = ""
-    for row in _rows(source, "checksums"):
-        kind = _kAlgorithms.get(row.get("algorithm"))
-        digest = row.get("checksum")
-        if kind is not None and isinstance(digest, compat.string_types) and kind > best:
-            best = "{}:{}".format(kind, compat.to_native(digest).strip().lower())
-    return best
-
-
-def _file_in(session, source, remember=True):
-    """(path or name of code, reference) that a Source of the protocol means."""
-    reference = sources.reference_in(source, {})
-    if reference:
-        return sources.sources_of(session).path_of(reference), reference
-    text = get_optional(source, "path", str)
-    if not text:
-        raise tRequestError("the source has neither a path nor a number")
-    paths = paths_of(session)
-    path = paths.from_client(text, remember)
-    if remember:
-        checksum = _checksum_in(source) or (breakpoints.kSameAs + path if _is_file(path) else "")
-        paths.remember(text, path, checksum)
-    return path, 0
-
-
-def set_breakpoints(session, arguments):
-    source = get(arguments, "source", dict)
-    paths = paths_of(session)
-    if "breakpoints" in arguments and arguments["breakpoints"] is not None:
-        rows = [
-            (paths.line_from_client(get(row, "line", int)), _optional_text(row, "condition"),
-             _optional_text(row, "hitCondition"), _optional_text(row, "logMessage"))
-            for row in _rows(arguments, "breakpoints")]
-    else:
-        lines = get_optional(arguments, "lines", list, [])
-        rows = [(paths.line_from_client(get({"line": line}, "line", int)), None, None, None)
-                for line in lines]
-    is_modified = get_optional(arguments, "sourceModified", bool, False)
-    checksum = _checksum_in(source)
-    path, reference = _file_in(session, source)
-    found = session.run_in_core(
-        lambda: breaks_of(session).set_source(path, reference, checksum, rows, is_modified))
-    return {"breakpoints": found}
-
-
-def set_function_breakpoints(session, arguments):
-    rows = [
-        (get(row, "name", str), _optional_text(row, "condition"),
-         _optional_text(row, "hitCondition"))
-        for row in _rows(arguments, "breakpoints")]
-    return {"breakpoints": session.run_in_core(lambda: breaks_of(session).set_functions(rows))}
-
-
-def breakpoint_locations(session, arguments):
-    paths = paths_of(session)
-    path, reference = _file_in(session, get(arguments, "source", dict), remember=False)
-    first = paths.line_from_client(get(arguments, "line", int))
-    last = get_optional(arguments, "endLine", int)
-    last = first if last is None else paths.line_from_client(last)
-
-    def find():
-        try:
-            if reference:
-                source = sources.sources_of(session).tree_of(reference)
-            else:
-                source = session.server.breakpoints.source(path)
-            return source.lines_with_code(first, last)
-        except breakpoints.tRefused:
-            return []
-
-    lines = session.run_in_core(find)
-    return {"breakpoints": [{"line": paths.line_to_client(line)} for line in lines]}
-
-
-kRequests = {
-    "setBreakpoints": tRequest(set_breakpoints, kAnytime),
-    "setFunctionBreakpoints": tRequest(set_function_breakpoints, kAnytime),
-    "breakpointLocations": tRequest(breakpoint_locations, kAnytime),
-}

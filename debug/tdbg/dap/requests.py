@@ -30,7 +30,7 @@ kStopped = "stopped"  # on the stopped thread, or a worker in its place; refused
 kSeconds = 0.9
 
 kModules = (
-    "lifecycle", "runcontrol", "threadview", "breaks", "exceptions", "sources", "rules",
+    "lifecycle", "runcontrol", "threadview", "breakrequests", "exceptions", "sources", "rules",
     "variables", "evaluation", "completion",
     "subprocesses", "teeing")
 
