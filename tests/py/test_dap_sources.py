@@ -152,6 +152,29 @@ class Sources(SourceTest):
 
 
 class Modules(SourceTest):
+    def test_module_that_gets_its_file_late(self):
+        """As __main__ does where the client is ready before the program."""
+        late = self.make_file("late.py", u"", self.folder)
+        program = self.make_file("program.py", (
+            "import sys, types\n"
+            "late = sys.modules['late'] = types.ModuleType('late')\n"
+            "x = 1  #@ begin\n"
+            "late.__file__ = {!r}\n"
+            "x = 2  #@ end\n").format(late), self.folder)
+        client = self.start(program=program, breakpoints={program: ["begin", "end"]})
+        stop = next_stop(client)
+        modules = client.request("modules")["modules"]
+        self.assertEqual([row.get("path") for row in modules if row["name"] == "late"], [None])
+        client.resume(stop.thread_id)
+        stop = next_stop(client)
+        sources = [source["path"] for source in client.request("loadedSources")["sources"]]
+        self.assertIn(late, sources)
+        self.assertEqual(
+            [event["source"]["path"] for event in client.seen_events("loadedSource")
+             if event["reason"] == "changed"], [late])
+        client.resume(stop.thread_id)
+        self.assertEqual(run_to_end(client), [])
+
     def test_modules_and_their_events(self):
         helper = self.make_file("helper.py", u"__version__ = '1.2'\n", self.folder)
         self.make_file("pack/__init__.py", u"", self.folder)

@@ -126,9 +126,9 @@ class tSources(object):
             module = modules.get(name)
             known = self._modules.get(name)
             if module is None or is_loading(module) or (
-                    known is not None and known[1] == id(module)):
+                    known is not None and known[1] == id(module) and known[2] is not None):
                 continue
-            path = file_of_module(module)
+            path = file_of_module(module)  # __main__ is there before it gets one
             if known is not None and known[2] == path:
                 self._modules[name] = (known[0], id(module), path)
                 continue
