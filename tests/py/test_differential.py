@@ -11,7 +11,7 @@ import re
 import unittest
 
 from support import TestCase, library_path, run_script, time_limit
-from support import differential
+from support import diffmodel
 from support.programs import TESTS, python_path
 
 kProgram = os.path.join(TESTS, "support", "differential.py")
@@ -52,18 +52,18 @@ class Model(unittest.TestCase):
 
     def run_model(self, steps, breaks=()):
         events = [
-            differential.tEvent("call", 1, 0, "outer", 1, 0, None, False, False, None),
-            differential.tEvent("line", 1, 0, "outer", 2, 2, None, False, False, None),
-            differential.tEvent("call", 2, 1, "inner", 5, 0, None, False, False, None),
-            differential.tEvent("line", 2, 1, "inner", 6, 2, None, False, False, None),
-            differential.tEvent("return", 2, 1, "inner", 6, 4, "7", False, False, None),
-            differential.tEvent("line", 1, 0, "outer", 3, 8, None, False, False, None),
-            differential.tEvent("return", 1, 0, "outer", 3, 9, "8", False, False, None),
+            diffmodel.tEvent("call", 1, 0, "outer", 1, 0, None, False, False, None),
+            diffmodel.tEvent("line", 1, 0, "outer", 2, 2, None, False, False, None),
+            diffmodel.tEvent("call", 2, 1, "inner", 5, 0, None, False, False, None),
+            diffmodel.tEvent("line", 2, 1, "inner", 6, 2, None, False, False, None),
+            diffmodel.tEvent("return", 2, 1, "inner", 6, 4, "7", False, False, None),
+            diffmodel.tEvent("line", 1, 0, "outer", 3, 8, None, False, False, None),
+            diffmodel.tEvent("return", 1, 0, "outer", 3, 9, "8", False, False, None),
         ]
-        plan = differential.Plan(1, [1])
+        plan = diffmodel.Plan(1, [1])
         plan.breaks_at_begin, plan.exception_mode = list(breaks), 0
         plan.steps = [(step, None, None, 0) for step in steps] + [("continue_run", None, None, 0)] * 9
-        model = differential.Model(plan, events, [], 1)
+        model = diffmodel.Model(plan, events, [], 1)
         model.run()
         return [(stop[0], stop[1], stop[2]) for stop in model.stops], model.counts()
 
@@ -81,19 +81,19 @@ class Model(unittest.TestCase):
     def test_what_may_be_a_stop_is_taken_back_where_it_is_none(self):
         """The exception looks like the line that stops behind it."""
         def event(what, line, value=None):
-            return differential.tEvent(
+            return diffmodel.tEvent(
                 what, 1, 0, "all", line, 0, value, value is not None, False, None)
 
         events = [event("call", 1), event("line", 2), event("line", 3),
                   event("exception", 3, "StopIteration"), event("line", 4), event("line", 3),
                   event("line", 5)]
-        plan = differential.Plan(1, [1])
+        plan = diffmodel.Plan(1, [1])
         plan.breaks_at_begin, plan.exception_mode = [(3, True, False, None, 0)], 1
         plan.steps = [("step_over_line_range", None, None, 2),
                       ("step_over_line_range", None, None, 1), ("step_into", None, None, 0),
                       ("continue_run", None, None, 0)]
         observed = [("line", "all", line, 0, None) for line in (2, 3, 3, 5)]
-        self.assertEqual(differential.run_model(plan, events, observed, 1).stops, observed)
+        self.assertEqual(diffmodel.run_model(plan, events, observed, 1).stops, observed)
 
 
 if __name__ == "__main__":
