@@ -160,10 +160,9 @@ class tServer(
     def leave_alone(self):
         """End tracing; the program runs on as if there had been no debugger."""
         self.core.stop_trace()
+        self.core.stop_trace()  # once more: of threads that wait in native code or loop, too
         # while its hook is there, calls of 3.11 take half as long again
         self.core.set_use_eval_frame(0)
-        if sys.version_info < (3, 12):
-            _wake_leaf_frames()
         tdbg.current_server = None
 
     def start_again(self):
@@ -171,13 +170,12 @@ class tServer(
         Where the core may be called."""
         self.forget_all_commands()
         self.core.set_use_eval_frame(1)
-        can_trace_others = sys.version_info >= (3, 10) and compat.is_gil_enabled()
-        if can_trace_others or not threads.call_in_main_thread(self._start_here):
+        if compat.is_gil_enabled() or not threads.call_in_main_thread(self._start_here):
             self.core.start_trace()
         self.ask_policies()
 
     def _start_here(self):
-        """Before 3.10, and without an interpreter lock, a thread can only be traced from within."""
+        """Without an interpreter lock a thread can only be traced from within."""
         try:
             if self.core.acquire_dbgserver_mutex():
                 try:
@@ -249,12 +247,3 @@ class tServer(
             pass
         finally:
             tb = None
-
-
-def _wake_leaf_frames():
-    """The core leaves a thread at its next event of any kind, but for lines of frames that have no
-    trace object: in a loop without calls, never."""
-    own = _get_ident()
-    for ident, frame in _current_frames().items():
-        if ident != own and not threads.is_own_thread(ident) and frame.f_trace is None:
-            frame.f_trace = max  # anything; it is never called

@@ -489,11 +489,17 @@ static void forget_tracing_of_others() {
     }
 }
 
-// Before 3.10 every thread is slower as long as one that runs no Python code keeps our function.
-static void take_tracer_off_waiting_thread(PyThreadState* tstate) {
+static bool set_trace_of_other_thread(PyThreadState* tstate, Py_tracefunc func, PyObject* obj) {
+    return set_thread_state_trace_cfunc(tstate, func, obj) == 0 ||
+           move_trace_cfunc_into_thread(tstate, func, obj);
+}
+
+// A thread that runs no Python code, or a loop without calls, would keep our function for long, and
+// before 3.10 every thread is slower as long as one has it.
+static void take_tracer_off_running_thread(PyThreadState* tstate) {
     tThreadData* const thread_data = find_thread_data(&gSelf.thread_data, tstate);
     if (thread_data != nullptr && thread_data->tstate_trace_function_set &&
-        has_our_trace_object(tstate) && move_trace_cfunc_into_thread(tstate, nullptr, nullptr)) {
+        has_our_trace_object(tstate) && set_trace_of_other_thread(tstate, nullptr, nullptr)) {
         thread_data->tstate_trace_function_set = 0;
     }
 }
@@ -502,7 +508,7 @@ static void stop_tracing_all_threads() {
     const bool was_tracing = gSelf.tracing != 0;
     gSelf.tracing = 0;
     if (!was_tracing) {
-        for_each_thread_state(take_tracer_off_waiting_thread);
+        for_each_thread_state(take_tracer_off_running_thread);
         return;
     }
     if (has_function_for_all_threads()) {

@@ -290,6 +290,35 @@ class Serving(Case):
         self.assertEqual(self.end_of(process), (
             0, "{}\n".format([["None", "None", "__import__", False]] * 4), ""))
 
+    def test_what_runs_when_the_debugger_goes_is_as_fast_as_before(self):
+        """Threads that wait have no trace function, the loop has no instructions of a tracer."""
+        path = self.make_file("prog.py", (
+            "import dis, os, sys, threading\n"
+            "def wait():\n"
+            "    ready.set()\n"
+            "    found.append((go.acquire(), sys.gettrace())[1])\n"
+            "found, ready, go = [], threading.Event(), threading.Lock()\n"
+            "go.acquire()\n"
+            "thread = threading.Thread(target=wait)\n"
+            "thread.start()\nready.wait()\n"
+            "code = sys._getframe().f_code\n"
+            "def names():\n"
+            "    if sys.version_info < (3, 11): return []\n"
+            "    return [i.opname for i in dis.get_instructions(code, adaptive=True)]\n"
+            "while not os.path.exists({!r}):\n"
+            "    n = 0  #@ count\n"
+            "found += [name for name in names() if 'INSTRUMENTED' in name]\n"
+            "go.release()\nthread.join()\n"
+            "sys.stdout.write(str(found))\n").format(self.end_file))
+        process = self.start(serve_argv("--wait-for-client", path))
+        address, token = self.address_and_token(process)
+        client = self.client_at(address, process)
+        self.attach_and_stop(client, path, token=token)
+        client.request("disconnect")
+        client.wait_end()
+        self.let_end()
+        self.assertEqual(self.end_of(process), (0, "[None]", ""))
+
     def test_adapter_that_is_killed_leaves_the_program(self):
         path = self.loop()
         process = self.start(serve_argv("--wait-for-client", path))
