@@ -26,7 +26,7 @@ import os
 import re
 import sys
 
-from tdbg import codelines, compat, evaluate, private, statements, sublanguages
+from tdbg import codelines, compat, evaluate, framecode, private, statements, sublanguages
 
 _exists = os.path.isfile
 _real_path = os.path.realpath
@@ -159,10 +159,11 @@ class tHit(object):
 
 class tBreakpoints(object):
     """core: the native module; folder: that the program was started in; languages: the
-    sublanguages.tLanguages of the session, if there are any."""
+    sublanguages.tLanguages of the session, if there are any; on_conditions(exist): whether there
+    are conditions that the core evaluates, from now on."""
 
-    def __init__(self, core, folder=None, languages=None):
-        self._core = core
+    def __init__(self, core, folder=None, languages=None, on_conditions=lambda exist: None):
+        self._core, self._on_conditions = core, on_conditions
         self._languages = languages
         if languages is not None:
             languages.on_change = self._move_to_code
@@ -171,6 +172,7 @@ class tBreakpoints(object):
         self._by_place = {}    # (path, line) -> {number: breakpoint}
         self._by_core_id = {}
         self._core_ids = {}    # (path, line) -> ids that the core has there
+        self._conditions = {}  # line -> {core id: breakpoint whose condition the core evaluates}
         self._next = 1
         self._live = False  # the core keeps breakpoints from its start on
         self._real_paths = {}  # file of code -> real path
@@ -367,6 +369,7 @@ class tBreakpoints(object):
         on_line = self._by_place.get((path, line), {})
         for core_id in self._core_ids.pop((path, line), ()):
             self._by_core_id.pop(core_id, None)
+            self._forget_condition(line, core_id)
         self._core.clear_breaks(name, line)
         for _, bp in sorted(on_line.items()):
             bp.core_id, bp.counted = None, 0
@@ -374,6 +377,15 @@ class tBreakpoints(object):
                 bp.core_id = self._set_break(bp, name)
                 self._by_core_id[bp.core_id] = bp
                 self._core_ids.setdefault((path, line), []).append(bp.core_id)
+                if bp.condition is not None and not bp.by_server:
+                    self._conditions.setdefault(line, {})[bp.core_id] = bp
+                    self._on_conditions(True)
+
+    def _forget_condition(self, line, core_id):
+        on_line = self._conditions.get(line, {})
+        if on_line.pop(core_id, None) is not None and not on_line:
+            del self._conditions[line]
+            self._on_conditions(bool(self._conditions))
 
     def _set_break(self, bp, name):
         condition, temporary, ignore = bp.condition, int(bp.temporary), bp.ignore
@@ -421,10 +433,20 @@ class tBreakpoints(object):
             bp.hits += 1
             bp.ignore = 0
             bp.core_id = None
+            self._forget_condition(bp.line, core_id)
             self._take_out(bp)
             news.append((bp, 1, 0, True))
         news.sort(key=lambda row: row[0].number)
         return news
+
+    def condition_at(self, frame):
+        """((file, line), what the core has counted there) where it evaluates a condition when a
+        frame stands at it; else None.  On any thread."""
+        for bp in list(self._conditions.get(frame.f_lineno, {}).values()):
+            if self._is_at(bp, frame):
+                counts = self._core.get_breaks(compat.to_native(bp.path), bp.line)
+                return (frame.f_code.co_filename, bp.line), counts
+        return None
 
     # --- at a stop ---
 
@@ -839,6 +861,11 @@ class tExpression(object):
             code = _compile(self.text, "<condition>", "eval", flags, True)
         self._codes[flags] = code
         return code
+
+
+#: Code of the debugger that calls, for this purpose alone, code of the program.
+kEvaluators = frozenset(function.__code__ for function in (
+    tExpression.value, framecode.run, framecode.run_as_function, framecode.run_in_snapshot))
 
 
 # --- checksums --------------------------------------------------------------------------------

@@ -90,9 +90,11 @@ class tServer(
         self.core = core
         self.front_end = front_end
         self.languages = sublanguages.tLanguages(core, self._tell_language_error)
-        self.breakpoints = breakpoints.tBreakpoints(core, languages=self.languages)
+        self.lender = lending.tLender(
+            core, self._tell_lent, self._condition_of, self._runs_program)
+        self.breakpoints = breakpoints.tBreakpoints(
+            core, languages=self.languages, on_conditions=self.lender.watch_conditions)
         self.exceptions = exceptions.tExceptions(core, self.tell_notice, self.is_hidden)
-        self.lender = lending.tLender(core, self._tell_lent, self._may_free)
         self._hooks = threads.tThreadHooks(core, self._thread_end_cb)
         self._told_places = set()  # (file, line) of conditions that have waited for something
         # What a front end need not have.
@@ -206,27 +208,37 @@ class tServer(
                 name = self.core.get_thread_name(tstate_id)
         return "{} ({})".format(name, ident) if name else str(ident)
 
-    def _may_free(self, ident):
+    def _condition_of(self, ident):
         frame = _current_frames().get(ident)
-        while frame is not None and not self._is_own(frame):
+        while frame is not None and frame.f_code.co_filename not in self._own_files:
+            condition = self.breakpoints.condition_at(frame)
+            if condition is not None:
+                return condition
             frame = frame.f_back
-        return frame is None
+        return None
+
+    def _runs_program(self, ident):
+        frame = inner = _current_frames().get(ident)
+        while frame is not None and frame.f_code.co_filename not in self._own_files:
+            frame = frame.f_back
+        return frame not in (None, inner) and frame.f_code in breakpoints.kEvaluators
 
     # --- to the user ---
 
-    def _tell_lent(self, ident):
+    def _tell_lent(self, ident, place):
+        place = place or self._place_of_callback(ident)
+        if place is not None and place not in self._told_places:
+            self._told_places.add(place)
+            self.tell_notice("tdbg: what is evaluated at {}:{} takes long; the other threads run on "
+                             "meanwhile".format(*place))
+
+    def _place_of_callback(self, ident):
         frame = _current_frames().get(ident)
         while frame is not None and not self._is_own(frame):
             frame = frame.f_back  # of what is evaluated
         while frame is not None and self._is_own(frame):
             frame = frame.f_back
-        if frame is None:
-            return
-        place = (frame.f_code.co_filename, frame.f_lineno)
-        if place not in self._told_places:
-            self._told_places.add(place)
-            self.tell_notice("tdbg: what is evaluated at {}:{} waits; the other threads run on "
-                             "meanwhile".format(*place))
+        return None if frame is None else (frame.f_code.co_filename, frame.f_lineno)
 
     def tell_notice(self, text):
         """To the user; on any thread."""

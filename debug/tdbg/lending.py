@@ -6,6 +6,9 @@ in turn for the mutex, at its next event.  Then a thread of the debugger's own g
 in the name of the one that is stuck.  When whatever that has called returns at last, it takes the
 mutex again before it touches the debugger's state: so it waits while another thread is stopped.
 
+What the server evaluates is told to the lender, for it is in a callback then.  Conditions that the
+core itself evaluates are not: as long as there are such, the watch looks by and by who has the mutex.
+
 The core's functions for Python act on the calling thread; the ones below them do not, and the
 library publishes those, too.
 """
@@ -23,10 +26,10 @@ except Exception:  # a build without ctypes: what is stuck keeps the others from
     ctypes = None
 
 kRestSeconds = 0.05
-kPatience = 0.45  # seconds; between one and two of them, then a callback that waits counts as stuck
+kPatience = 0.45  # seconds; between one and two of them, then what is evaluated counts as stuck
+kPatienceAfter = 0.05  # the next time; twice as long after each look that finds nothing
 
 _get_ident = compat.get_ident
-_current_frames = sys._current_frames
 _native_id = threads.native_id
 _getpid = os.getpid  # in the system's eyes the main thread's number, too
 _sleep = time.sleep
@@ -36,13 +39,18 @@ kNoLoad = 4  # of dlopen(): only what is loaded already
 
 
 class tLender(object):
-    """on_lent(ident): the mutex was given back for a thread that is stuck in a callback.
+    """on_lent(ident, place): the mutex was given back for a thread that is stuck.  place: (file,
+    line) of a condition that the core evaluates; None: a callback is where it is
 
-    may_free(ident)     whether a thread, if it holds the mutex, runs none of the debugger's code
+    condition_of(ident)  what the core evaluates on the thread, as (place, what tells one evaluation
+                         from the next); None: nothing
+    runs_program(ident)  whether the thread, in a callback, runs code of the program
     """
 
-    def __init__(self, core, on_lent=lambda ident: None, may_free=lambda ident: False):
-        self._core, self._on_lent, self._may_free = core, on_lent, may_free
+    def __init__(self, core, on_lent=lambda ident, place: None, condition_of=lambda ident: None,
+                 runs_program=lambda ident: False):
+        self._core, self._on_lent = core, on_lent
+        self._condition_of, self._runs_program = condition_of, runs_program
         self._native = None
         self.is_on = False   # whether callbacks are watched
         self._is_held = core.is_dbgserver_mutex_held
@@ -52,6 +60,7 @@ class tLender(object):
         self._gate = compat.allocate_lock()
         self._away = {}     # ident -> the system's number of a thread whose mutex was given back
         self._wanted = 0    # how often acquire() was begun that has not ended; else 0
+        self._has_conditions = False  # the core may evaluate one at any time
         self._count = 0
         self._is_watching = False
         self._signal = signals.tSignal()
@@ -62,6 +71,12 @@ class tLender(object):
             self._native = _tNative.of(self._core)
             self.is_on = self._native is not None and threads.start_own_thread(self._watch)
         return self._native is not None
+
+    def watch_conditions(self, exist):
+        """Whether there are conditions that the core evaluates, from now on."""
+        if exist != self._has_conditions:
+            self._has_conditions = exist
+            self._wake()
 
     # --- callbacks of the core ---
 
@@ -129,30 +144,43 @@ class tLender(object):
                 self._signal.set()  # they have come meanwhile, and relied on this thread
 
     def _watch_while_busy(self):
-        count = -1
+        count, patience = -1, kPatience
         while self._is_busy() or count != self._count:
             count, before, wanted = self._count, dict(self._calls), self._wanted
-            _sleep(kPatience)
+            condition = self._condition()
+            _sleep(patience)
+            patience = min(2 * patience, kPatience)
             if wanted and wanted == self._wanted:
                 self._free()
+            if condition is not None and condition == self._condition() and self._free():
+                patience = kPatienceAfter
+                self._on_lent(*condition[:2])
             for ident, call in before.items():
-                number = self._numbers.get(ident)
-                if call != kStopped and self._calls.get(ident) == call and (
-                        threads.is_at_rest(number, kRestSeconds)):
-                    self._lend(ident, number)
+                if call != kStopped and self._calls.get(ident) == call and self._is_stuck(ident):
+                    patience = kPatienceAfter
+                    self._lend(ident, self._numbers.get(ident))
             for ident, number in list(self._away.items()):
                 self._leave_alone(ident, number)
 
     def _is_busy(self):
-        return self._away or self._wanted or any(list(self._calls.values()))
+        return self._away or self._wanted or self._has_conditions or any(list(self._calls.values()))
+
+    def _condition(self):
+        """(ident, place, ...) of the condition that the core evaluates at this moment."""
+        ident = self._native.holder() if self._has_conditions else None
+        condition = None if ident is None or ident in self._calls else self._condition_of(ident)
+        return None if condition is None else (ident,) + condition
 
     def _free(self):
-        """Whoever has the mutex is stuck, unless it is stopped or in a callback."""
-        for ident in _current_frames():
-            with self._gate:
-                if not (threads.is_own_thread(ident) or ident in self._calls) and (
-                        self._may_free(ident)):
-                    self._release(ident)
+        """Take the mutex from a thread that has it for a condition; whether there was one."""
+        with self._gate:
+            condition = self._condition()
+            return condition is not None and self._release(condition[0])
+
+    def _is_stuck(self, ident):
+        """A thread in a callback.  Code of the debugger may take its time."""
+        number = self._numbers.get(ident)
+        return self._runs_program(ident) or threads.is_at_rest(number, kRestSeconds)
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()
@@ -164,7 +192,7 @@ class tLender(object):
             self.give_back_for(ident, number)
         finally:
             done.set()
-        self._on_lent(ident)
+        self._on_lent(ident, None)
 
     # --- at any time ---
 
@@ -223,8 +251,8 @@ class _tNative(object):
             return None
 
     def __init__(self, library):
-        state = _tState.in_dll(library, "gSelf")
-        self._table = ctypes.addressof(state) + _tState.thread_data.offset
+        self._state = _tState.in_dll(library, "gSelf")
+        self._table = ctypes.addressof(self._state.thread_data)
         pointer = ctypes.c_void_p
         self._find = library["find_thread_data"]
         self._find.argtypes, self._find.restype = (pointer, pointer), pointer
@@ -232,6 +260,11 @@ class _tNative(object):
         self._is_held.argtypes, self._is_held.restype = (pointer,), ctypes.c_int
         self._release = library["release_dbgserver_mutex"]
         self._release.argtypes, self._release.restype = (pointer,), None
+
+    def holder(self):
+        """Ident of the thread that has the mutex, or None."""
+        ident = self._state.mutex_thread_id
+        return None if ident == kNobody else ident
 
     def release(self, tstate_id):
         record = self._find(self._table, tstate_id % kAddresses)
@@ -242,6 +275,17 @@ class _tNative(object):
 
 
 if ctypes is not None:
+    class _tHashTable(ctypes.Structure):
+        _fields_ = [
+            ("buckets", ctypes.c_void_p), ("staticBuckets", ctypes.c_void_p * 4),
+            ("numBuckets", ctypes.c_uint), ("numEntries", ctypes.c_uint),
+            ("rebuildSize", ctypes.c_uint), ("downShift", ctypes.c_int), ("mask", ctypes.c_int),
+            ("keyType", ctypes.c_uint), ("findProc", ctypes.c_void_p),
+            ("createProc", ctypes.c_void_p)]
+
+    _ident_type = ctypes.c_ulong if sys.version_info >= (3, 7) else ctypes.c_long  # as in Python
+    kNobody = _ident_type(-1).value
+
     class _tState(ctypes.Structure):
         """The beginning of the core's state."""
 
@@ -249,6 +293,7 @@ if ctypes is not None:
             ("tracing", ctypes.c_int), ("idle_period", ctypes.c_uint64), ("idling", ctypes.c_int),
             ("exception_mode", ctypes.c_int), ("autoquit", ctypes.c_int),
             ("debug_all_threads", ctypes.c_int), ("debug_thread_cb", ctypes.c_void_p),
-            ("thread_data", ctypes.c_void_p)]  # a hash table, of which only the place counts
+            ("thread_data", _tHashTable), ("mutex", ctypes.c_void_p),
+            ("mutex_thread_id", _ident_type)]
 
     kAddresses = 1 << (8 * ctypes.sizeof(ctypes.c_void_p))
