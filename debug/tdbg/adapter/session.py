@@ -4,14 +4,14 @@ client (editor) <-> tSession <-> tDebuggee, the debugger inside the program
 
 The debuggee speaks the protocol itself.  Between the two, this side starts and ends the program
 (program.py, ending.py), shows its output, and keeps the breakpoints, so that they live through a
-restart (memory.py); all else is passed on, with new sequence numbers.  No message waits for another
-one: the client's requests are read on one thread, what the program's side sends on a second, and
-what the program writes on a third.
+restart (memory.py); while there is no debugger, it answers itself (standin.py); all else is passed
+on, with new sequence numbers.  No message waits for another one: the client's requests are read on
+one thread, what the program's side sends on a second, and what the program writes on a third.
 """
 import threading
 
 from tdbg.adapter import debuggee as debuggees
-from tdbg.adapter import ending, memory, program, schema
+from tdbg.adapter import clientside, ending, memory, program, schema, standin
 from tdbg.dap import capabilities, config, endpoint, wire
 
 kNew, kInitialized, kStarting = "new", "initialized", "starting"
@@ -29,9 +29,9 @@ class tSession:
     """options: main.tOptions; desk: main.tDesk."""
 
     def __init__(self, client, options, desk):
-        self._client, self._options, self._desk = client, options, desk
+        self._client = clientside.tClient(client, options.schema)
+        self._options, self._desk = options, desk
         self._admitted = False
-        self._schema = options.schema
         self._lock = threading.RLock()
         self._state = kNew
         self._client_arguments = {}
@@ -43,12 +43,11 @@ class tSession:
         self._connecting = None     # what an attach waits for; to be closed
         self._waiting = []          # requests for a program that is being started
         self._memory = memory.tMemory()
-        self._configured = False    # configurationDone came before there was a program
+        self._stand_in = standin.tStandIn(self._client, self._memory)
         self._replays = False       # the client is not asked for breakpoints again
         self._restarting = None
         self._refusal = None
         self._threads = set()
-        self._reverse = {}          # seq of a request to the client -> function(response)
         self._ending = None         # the ending.tEnding of the program that is being ended
         self._is_leaving = False
         self._done = threading.Event()
@@ -64,7 +63,7 @@ class tSession:
                 try:
                     message = self._client.read()
                 except wire.tBadMessage as why:
-                    self._fail({}, "not understood: {}".format(why))
+                    self._client.fail({}, "not understood: {}".format(why))
                     continue
                 except wire.tBadHeader:
                     break
@@ -79,84 +78,29 @@ class tSession:
 
     def _handle(self, message):
         if message.get("type") == "response":
-            return self._take_response(message)
+            return self._client.take_response(message)
         try:
-            self._check(message)
+            self._client.check(message, is_first=self._state == kNew)
         except schema.tWrong as why:
-            return self._fail(message, str(why))
+            return self._client.fail(message, str(why))
         handler = kHandlers.get(message["command"], tSession._relay)
         try:
             handler(self, message)
         except program.tCannotStart as why:
-            self._fail(message, str(why), show_user=True)
+            self._client.fail(message, str(why), show_user=True)
         except (config.tConfigError, endpoint.tRefused) as why:
-            self._fail(message, str(why), show_user=True)
+            self._client.fail(message, str(why), show_user=True)
         except Exception as why:  # ours: the session goes on
-            self._fail(message, "internal error: {}: {}".format(type(why).__name__, why))
-
-    def _check(self, message):
-        seq = message.get("seq")
-        if not isinstance(seq, int) or isinstance(seq, bool):
-            if isinstance(seq, float) and seq.is_integer():
-                message["seq"] = int(seq)
-            else:
-                raise schema.tWrong("`seq` must be a whole number")
-        self._schema.check(message)
-        command = message["command"]
-        if self._state == kNew and command not in ("initialize", "disconnect"):
-            raise schema.tWrong(
-                "`{}` comes too early: `initialize` is the first request".format(command))
-        if not self._schema.knows(command):
-            raise schema.tWrong("there is no request `{}`".format(command))
-
-    def _take_response(self, message):
-        with self._lock:
-            on_response = self._reverse.pop(message.get("request_seq"), None) if isinstance(
-                message.get("request_seq"), int) else None
-        if on_response is not None:
-            on_response(message)
-
-    def _ask_client(self, command, arguments, on_response):
-        seq = self._client.next_seq()
-        with self._lock:
-            self._reverse[seq] = on_response
-        self._client.write({"seq": seq, "type": "request", "command": command,
-                            "arguments": arguments})
-
-    # --- to the client ---
-
-    def _respond(self, request, body=None):
-        message = {"type": "response", "request_seq": request["seq"], "success": True,
-                   "command": request["command"]}
-        if body is not None:
-            message["body"] = body
-        self._client.write(message)
-
-    def _fail(self, request, text, show_user=False):
-        seq, command = request.get("seq"), request.get("command")
-        self._client.write({
-            "type": "response", "success": False, "message": text,
-            "request_seq": seq if isinstance(seq, int) else 0,
-            "command": command if isinstance(command, str) else "",
-            "body": {"error": {"id": 1, "format": text, "showUser": show_user}}})
-
-    def _send_event(self, name, body=None):
-        message = {"type": "event", "event": name}
-        if body is not None:
-            message["body"] = body
-        self._client.write(message)
-
-    def _tell(self, text):
-        self._send_event("output", {"category": "console", "output": text + "\n"})
+            self._client.fail(message, "internal error: {}: {}".format(type(why).__name__, why))
 
     # --- initialize, launch, attach ---
 
     def _initialize(self, request):
         if self._state != kNew:
-            return self._fail(request, "`initialize` was there already")
+            return self._client.fail(request, "`initialize` was there already")
         self._client_arguments = request.get("arguments", {})
         self._state = kInitialized
-        self._respond(request, capabilities.kCapabilities)
+        self._client.respond(request, capabilities.kCapabilities)
 
     def _begin(self, request, kind):
         """Check what launch and attach have in common."""
@@ -165,7 +109,7 @@ class tSession:
         arguments = request.get("arguments", {})
         if self._desk.needs_token and not endpoint.same_token(
                 self._options.token or "", arguments.get("token")):
-            self._fail(request, "the token is missing or wrong", show_user=True)
+            self._client.fail(request, "the token is missing or wrong", show_user=True)
             self._desk.count_failure()
             self._done.set()
             self._client.close()
@@ -179,7 +123,7 @@ class tSession:
                 raise config.tConfigError(refused)
             self._admitted = True
         if self._config.warnings:
-            self._tell("\n".join("tdbg: " + text for text in self._config.warnings))
+            self._client.tell("\n".join("tdbg: " + text for text in self._config.warnings))
         self._start_request = request
         self._state = kStarting
         return True
@@ -192,8 +136,8 @@ class tSession:
         kind = self._config.console
         in_terminal = kind != config.kConsoles[0]
         if in_terminal and not self._client_arguments.get("supportsRunInTerminalRequest"):
-            self._tell("tdbg: this editor has no terminal to run programs in; they have no "
-                       "input here")
+            self._client.tell("tdbg: this editor has no terminal to run programs in; they have no "
+                              "input here")
             self._config.console, in_terminal = config.kConsoles[0], False
             if self._config.raw.get("redirectOutput") is None:
                 self._config.redirect_output = True
@@ -201,7 +145,7 @@ class tSession:
         self._refusal, self._stderr_tail = None, ""
         try:
             self._program.start(
-                (lambda arguments, answered: self._ask_client("runInTerminal", arguments, answered))
+                (lambda arguments, answered: self._client.ask("runInTerminal", arguments, answered))
                 if in_terminal else None,
                 self._client_arguments.get("supportsArgsCanBeInterpretedByShell", False))
         except program.tCannotStart:
@@ -219,7 +163,7 @@ class tSession:
             self._state, self._start_request = kInitialized, None
             raise
         if self._connecting.note:
-            self._tell("tdbg: " + self._connecting.note)
+            self._client.tell("tdbg: " + self._connecting.note)
         threading.Thread(target=self._connect, args=(self._connecting,), daemon=True).start()
 
     def _connect(self, connecting):
@@ -245,21 +189,21 @@ class tSession:
                 self._state = kInitialized if is_first else kEnded
             self._program = None
         if request is not None:
-            self._fail(request, text, show_user=True)
+            self._client.fail(request, text, show_user=True)
         for message in waiting:
-            self._fail(message, "there is no program")
+            self._client.fail(message, "there is no program")
 
     # --- calls of tProgram ---
 
     def on_output(self, category, text):
         if category is not None:
-            self._send_event("output", {"category": category, "output": text})
+            self._client.send_event("output", {"category": category, "output": text})
         if self._debuggee is None:
             self._stderr_tail = (self._stderr_tail + text)[-1000:]
 
     def on_started(self, pid):
         if self._config.no_debug:
-            self._send_event("process", {
+            self._client.send_event("process", {
                 "name": self._config.program or self._config.module or "-c", "systemProcessId": pid,
                 "isLocalProcess": True, "startMethod": "launch"})
 
@@ -302,7 +246,7 @@ class tSession:
         if request is None:
             return
         if response.get("success"):
-            self._respond(request, response.get("body"))
+            self._client.respond(request, response.get("body"))
         else:
             if self._program is None:  # the client may try again, with another token for one
                 with self._lock:
@@ -341,8 +285,8 @@ class tSession:
                 return
             self._state = kEnded
         if status is not None:
-            self._send_event("exited", {"exitCode": status})
-        self._send_event("terminated", {})
+            self._client.send_event("exited", {"exitCode": status})
+        self._client.send_event("terminated", {})
         self._ended_event.set()
 
     # --- what the program's side sends ---
@@ -389,7 +333,7 @@ class tSession:
             return answer(False, message="the client does not know this request")
         child = (message.get("arguments") or {}).get("configuration") or {}
         self._desk.announce(child)
-        self._ask_client("startDebugging", message.get("arguments"), lambda response: answer(
+        self._client.ask("startDebugging", message.get("arguments"), lambda response: answer(
             bool(response.get("success")), body=response.get("body") or {}))
 
     def _lose_debuggee(self, debuggee):
@@ -410,8 +354,8 @@ class tSession:
         Nobody else sends requests at this time, but a client that does not wait for `initialized`.
         """
         with self._lock:
-            alone = self._replays or self._configured
-            self._replays, self._configured = False, False
+            alone = self._replays or self._stand_in.is_configured
+            self._replays = self._stand_in.is_configured = False
         for kept in self._memory.all():
             self._debuggee.request(
                 kept.command, kept.arguments,
@@ -422,7 +366,7 @@ class tSession:
 
     def _take_replay(self, kept, response):
         for row in self._memory.adopt(kept, response):
-            self._send_event("breakpoint", {"reason": "changed", "breakpoint": row})
+            self._client.send_event("breakpoint", {"reason": "changed", "breakpoint": row})
 
     # --- all other requests ---
 
@@ -434,13 +378,13 @@ class tSession:
                 self._waiting.append(request)
                 return
         if state == kInitialized:
-            return self._answer_early(request)
+            return self._stand_in.answer_early(request)
         if self._config.no_debug:
-            return self._answer_undebugged(request)
+            return self._stand_in.answer_undebugged(request, has_ended=state == kEnded)
         if command == "configurationDone" and state == kEnded:
-            return self._respond(request)  # it was too quick
+            return self._client.respond(request)  # it was too quick
         if state == kEnded or debuggee is None:
-            return self._fail(request, "the program has ended")
+            return self._client.fail(request, "the program has ended")
 
         def answered(response):
             if command in memory.kKeptRequests and response.get("success"):
@@ -451,52 +395,22 @@ class tSession:
 
     def _pass_response(self, request, response):
         if response.get("lost"):
-            return self._fail(request, response["message"])
+            return self._client.fail(request, response["message"])
         response.pop("seq", None)
         response["request_seq"] = request["seq"]
         response["command"] = request["command"]
         self._client.write(response)
-
-    def _answer_early(self, request):
-        command = request["command"]
-        if command in memory.kBreakpointRequests:
-            self._respond(request, {"breakpoints": self._memory.keep_early(request)})
-        elif command in memory.kKeptRequests:
-            self._memory.keep_unnumbered(request)
-            self._respond(request)
-        elif command == "configurationDone":
-            self._configured = True
-            self._respond(request)
-        else:
-            self._fail(request, "`{}` comes too early: there is no program yet".format(command))
 
     def _start_undebugged(self):
         with self._lock:
             request, self._start_request = self._start_request, None
             waiting, self._waiting = self._waiting, []
             self._state = kRunning
-        self._send_event("initialized")
+        self._client.send_event("initialized")
         if request is not None:
-            self._respond(request)
+            self._client.respond(request)
         for message in waiting:
             self._relay(message)
-
-    def _answer_undebugged(self, request):
-        command = request["command"]
-        if command in memory.kBreakpointRequests:
-            rows = request.get("arguments", {}).get("breakpoints") or ()
-            self._memory.keep_unnumbered(request)
-            self._respond(request, {"breakpoints": [
-                {"verified": False, "message": "the program runs without a debugger"}
-                for _ in rows]})
-        elif command == "threads":
-            self._respond(request, {"threads": []})
-        elif command == "configurationDone":
-            self._respond(request)  # it may even have ended
-        elif self._state == kEnded:
-            self._fail(request, "the program has ended")
-        else:
-            self._fail(request, "the program runs without a debugger")
 
     def _cancel(self, request):
         arguments = request.get("arguments", {})
@@ -506,13 +420,14 @@ class tSession:
             if seq:
                 arguments["requestId"] = seq
                 return self._relay(request)
-        self._respond(request)  # it has been answered, or is none of ours
+        self._client.respond(request)  # it has been answered, or is none of ours
 
     # --- restart, terminate, disconnect ---
 
     def _restart(self, request):
         if self._config is None or self._config.kind != config.kLaunch:
-            return self._fail(request, "only a program that was launched can be started again")
+            return self._client.fail(
+                request, "only a program that was launched can be started again")
         with self._lock:
             if self._start_request is not None or self._restarting is not None or self._is_leaving:
                 busy = True
@@ -524,14 +439,14 @@ class tSession:
                 if not ended:
                     self._restarting = request
         if busy:
-            return self._fail(request, "the program is just being started or ended")
+            return self._client.fail(request, "the program is just being started or ended")
         if ended:
             return self._start_again(request)
         self._program.kill()
 
     def _start_again(self, request):
         for thread in sorted(self._threads):
-            self._send_event("thread", {"reason": "exited", "threadId": thread})
+            self._client.send_event("thread", {"reason": "exited", "threadId": thread})
         with self._lock:
             self._threads.clear()
             self._memory.begin_next_run()
@@ -542,17 +457,18 @@ class tSession:
         try:
             self._start_program(request)
         except program.tCannotStart as why:
-            self._fail(request, str(why), show_user=True)
+            self._client.fail(request, str(why), show_user=True)
             self._finish(None)
 
     def _terminate(self, request):
         if self._state == kEnded:
-            return self._respond(request)  # some clients ask when they are told that it has ended
+            # some clients ask when they are told that it has ended
+            return self._client.respond(request)
         if self._state == kInitialized or self._program is None and self._debuggee is None:
-            return self._fail(request, "there is no program")
+            return self._client.fail(request, "there is no program")
         if self._program is None:
             return self._relay(request)
-        self._respond(request)
+        self._client.respond(request)
         self._end_program(self._config.kill_timeout)
 
     def _end_program(self, seconds):
@@ -566,13 +482,13 @@ class tSession:
 
     def _disconnect(self, request):
         if self._state == kNew:
-            self._respond(request)
+            self._client.respond(request)
             self._done.set()
             return
         arguments = request.get("arguments") or {}
         terminates = arguments.get("terminateDebuggee")
         if self._leave(terminates, arguments, request):
-            self._respond(request)
+            self._client.respond(request)
 
     def _see_to_program(self):
         """The client has gone."""
