@@ -62,8 +62,10 @@ class tHolder(object):
     def wake(self):
         """There is something to do where the core may be called, and nobody is stopped."""
         with self._start_lock:
-            if self._thread is None and threads.start_own_thread(self._run):
-                self._thread = True
+            if self._thread is None:
+                self._thread = True  # before it starts, for it puts its own number there
+                if not threads.start_own_thread(self._run):
+                    self._thread = None
         self._signal.set()
 
     def pause(self, ident):
@@ -148,11 +150,10 @@ class tHolder(object):
                 self._thread = None  # another one holds from now on
         text = "what was asked for" if label is None else "`{}`".format(compat.to_native(label))
         if is_own:
-            server.tell_notice("tdbg: {} is still being evaluated".format(text))
+            server.tell_notice("{} is still being evaluated".format(text))
         else:
             server.tell_notice(
-                "tdbg: {} is still being evaluated in the thread {}, which goes on when that has "
-                "ended".format(text, server.thread_name(ident)))
+                "{} is still being evaluated in the thread {}, which goes on when that has ended".format(text, server.thread_name(ident)))
 
     def _run(self):
         own = self._thread = compat.get_ident()

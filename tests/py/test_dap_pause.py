@@ -19,6 +19,15 @@ def release(fifo):
         pass
 
 
+def wait_until(holds):
+    """Whether that comes to be."""
+    for _ in range(2000):
+        if holds():
+            return True
+        time.sleep(0.005)
+    return False
+
+
 class Pausing(TestCase):
     def make_fifo(self):
         """Path of a pipe: opening it waits for the other side."""
@@ -282,3 +291,49 @@ while go:
         self.assertEqual(len(client.stack(1)), 1)
         client.request("disconnect", {"terminateDebuggee": True})
         self.assertNotEqual(client.wait_exit(), 0)
+
+
+class HoldingThread(TestCase):
+    """The thread that holds the program, without a program."""
+
+    class Lender(object):
+        def __init__(self, acquired):
+            self.acquired = acquired
+
+        def switch_on(self):
+            pass
+
+        def acquire(self):
+            self.acquired.release()
+            return False  # as where the interpreter ends
+
+    class Executor(object):
+        is_serving = False
+
+        def has_waiting(self):
+            return True
+
+    class Server(object):
+        core = None
+
+    def test_it_lasts_however_early_it_begins(self):
+        """It is under way before the one that has started it takes its next step."""
+        import threading
+
+        from tdbg import pausing, threads
+
+        acquired, original = threading.Semaphore(0), threads.start_own_thread
+        server, executor = self.Server(), self.Executor()
+        server.lender = self.Lender(acquired)
+        holder = pausing.tHolder(server, executor, self.fail, self.fail)
+
+        def start_and_let_run(function):
+            self.assertTrue(original(function))
+            self.assertTrue(wait_until(lambda: holder._thread not in (None, True)))
+            return True
+
+        threads.start_own_thread = start_and_let_run
+        self.addCleanup(setattr, threads, "start_own_thread", original)
+        for _ in range(3):
+            holder.wake()
+            self.assertTrue(wait_until(lambda: acquired.acquire(False)))
