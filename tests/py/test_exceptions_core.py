@@ -611,11 +611,17 @@ raise ValueError(1)
             self.assertEqual([stop[:3] for stop in stops], [self.kBottom[:3], self.kQuit], parent)
 
 
-def wait_and_run(event):
-    """Whether the event comes; this thread goes on running meanwhile: in free-threaded builds what
-    it made and another thread lets go of dies in this one."""
+def start_and_wait(event, function, kind):
+    """Start function(kind()) in a thread; whether the event comes and the thread ends: else what
+    that still runs would be told to the session that follows.
+
+    This thread goes on running meanwhile: in free-threaded builds what it made and another thread
+    lets go of dies in this one.
+    """
+    before = _thread._count()
+    _thread.start_new_thread(function, (kind(),))
     for _ in range(3000):
-        if event.is_set():
+        if event.is_set() and _thread._count() <= before:
             return True
         time.sleep(0.01)  # not wait(), which raises exceptions in itself
     return False
@@ -645,8 +651,7 @@ class StopTraceTest(TestCase):
         session.exception_cb = end
         session.init()
         session.tracer.start_trace()
-        _thread.start_new_thread(bottom, (tLast(),))
-        self.assertTrue(wait_and_run(ended))
+        self.assertTrue(start_and_wait(ended, bottom, tLast))
         self.assertIn(seen, ([], ["bottom"]))  # where nothing adopts the thread nothing is seen
 
 
@@ -655,10 +660,6 @@ class ThreadBottomTest(TestCase):
 
     def run_thread(self, session, raises):
         import_tracer()
-        try:
-            from _thread import start_new_thread
-        except ImportError:
-            from thread import start_new_thread
         ended = threading.Event()
 
         class Last(object):
@@ -678,8 +679,7 @@ class ThreadBottomTest(TestCase):
         if hook:
             sys.unraisablehook = lambda *_: None
         try:
-            start_new_thread(bottom, (Last(),))
-            self.assertTrue(wait_and_run(ended))
+            self.assertTrue(start_and_wait(ended, bottom, Last))
         finally:
             sys.stderr = stderr
             session.tracer.stop_trace()
