@@ -2,6 +2,7 @@
 import threading
 
 from tdbg.adapter import schema
+from tdbg.dap import wire
 
 
 class tClient:
@@ -30,19 +31,10 @@ class tClient:
             raise schema.tWrong("there is no request `{}`".format(command))
 
     def respond(self, request, body=None):
-        message = {"type": "response", "request_seq": request["seq"], "success": True,
-                   "command": request["command"]}
-        if body is not None:
-            message["body"] = body
-        self.write(message)
+        self.write(wire.answer(request, body))
 
     def fail(self, request, text, show_user=False):
-        seq, command = request.get("seq"), request.get("command")
-        self.write({
-            "type": "response", "success": False, "message": text,
-            "request_seq": seq if isinstance(seq, int) else 0,
-            "command": command if isinstance(command, str) else "",
-            "body": {"error": {"id": 1, "format": text, "showUser": show_user}}})
+        self.write(wire.refusal(request, text, show_user))
 
     def send_event(self, name, body=None):
         message = {"type": "event", "event": name}

@@ -406,20 +406,11 @@ def handshake(connection, is_right):
 
 
 def respond(connection, request, body=None):
-    message = {"type": "response", "request_seq": request["seq"], "success": True,
-               "command": request["command"]}
-    if body is not None:
-        message["body"] = body
-    connection.write(message)
+    connection.write(wire.answer(request, body))
 
 
 def refuse(connection, request, text):
-    seq, command = request.get("seq"), request.get("command")
-    connection.write({
-        "type": "response", "success": False, "message": text,
-        "request_seq": seq if isinstance(seq, int) else 0,
-        "command": command if isinstance(command, compat.string_types) else "",
-        "body": {"error": {"id": 1, "format": text, "showUser": True}}})
+    connection.write(wire.refusal(request, text, show_user=True))
 
 
 class tAdmitted(object):

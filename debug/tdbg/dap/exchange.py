@@ -187,11 +187,7 @@ class tExchange(object):
                 self.tell_failure("after " + compat.to_native(message["command"]))
 
     def respond(self, message, body=None):
-        response = {"type": "response", "request_seq": message.get("seq", 0), "success": True,
-                    "command": message["command"]}
-        if body is not None:
-            response["body"] = body
-        self._send(response)
+        self._send(wire.answer(message, body))
 
     def _refuse_with_exception(self, message):
         kind, why = sys.exc_info()[:2]
@@ -205,14 +201,7 @@ class tExchange(object):
 
     def _refuse(self, message, text, show_user=False):
         text = compat.to_text(text)
-        number = message.get("seq", 0)
-        command = message.get("command")
-        self._send({
-            "type": "response", "success": False, "message": text,
-            "request_seq": number if isinstance(number, int) else 0,
-            "command": command if isinstance(command, compat.string_types) else "",
-            "body": {"error": {"id": 1, "format": text.replace(u"{", u"(").replace(u"}", u")"),
-                               "showUser": show_user}}})
+        self._send(wire.refusal(message, text, show_user))
 
     # --- requests for the stopped thread, one after the other ---
 

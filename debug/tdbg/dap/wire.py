@@ -264,3 +264,28 @@ def connection_of_stdio():
     os.close(nothing)
     sys.stdout = sys.stderr
     return tConnection(tFiles(reading, writing))
+
+
+# --- responses --------------------------------------------------------------------------------
+
+
+def answer(request, body=None):
+    """The response to a request that was granted."""
+    message = {"type": "response", "request_seq": request.get("seq", 0), "success": True,
+               "command": request["command"]}
+    if body is not None:
+        message["body"] = body
+    return message
+
+
+def refusal(request, text, show_user):
+    """The response to one that was not, which may lack anything; show_user: whether the editor
+    should put the text before the user (it may show it anyhow)."""
+    seq, command = request.get("seq"), request.get("command")
+    # `format` is a pattern, in which braces mean variables.
+    return {
+        "type": "response", "success": False, "message": text,
+        "request_seq": seq if isinstance(seq, int) else 0,
+        "command": command if isinstance(command, compat.string_types) else "",
+        "body": {"error": {"id": 1, "format": text.replace("{", "(").replace("}", ")"),
+                           "showUser": show_user}}}
