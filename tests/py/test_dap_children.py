@@ -2,7 +2,6 @@
 from __future__ import absolute_import, division, print_function
 
 import os
-
 import sys
 import threading
 import unittest
@@ -42,13 +41,23 @@ class Case(TestCase):
         other.start_session(configuration, "attach", {path: ["in-child"]})
         return other
 
+    def requests_of(self, client):
+        """Each child that the client is told of, until the program ends."""
+        while True:
+            try:
+                yield client.wait_request("startDebugging")
+            except dapclient.NoAnswer:
+                return
+
     def finish(self, client):
         client.wait_event("terminated")
         text = "".join(body["output"] for body in client.seen_events("output")
                        if body["category"] == "stdout")
         return client.seen_events("exited")[0]["exitCode"], text
 
+
 kCall = "import subprocess, sys\nsys.exit(subprocess.call([sys.executable, sys.argv[1], 'a']) + 5)\n"
+
 
 class Interpreters(Case):
 
@@ -100,6 +109,7 @@ class Interpreters(Case):
         with open(result) as source:
             self.assertEqual(source.read(), "0 False")
 
+
 class Descendants(Case):
     """Who is asked for, of the processes that the program starts by way of others."""
 
@@ -129,11 +139,7 @@ class Descendants(Case):
     def serve(self, client):
         """Debug all children but forks, until the program ends; what their breakpoint sees."""
         seen = []
-        while True:
-            try:
-                request = client.wait_request("startDebugging")
-            except dapclient.NoAnswer:
-                return seen
+        for request in self.requests_of(client):
             pid = request["arguments"]["configuration"]["subProcessId"]
             with open("/proc/{}/cmdline".format(pid)) as source:
                 program = [word for word in source.read().split("\0") if word.endswith(".py")][0]
@@ -154,6 +160,7 @@ class Descendants(Case):
             other.wait_event("terminated")
             other.request("disconnect")
             server.join()
+        return seen
 
     def check(self, wanted, **arguments):
         self.folder = self.make_dir()
@@ -174,6 +181,7 @@ class Descendants(Case):
     @time_limit(120)
     def test_all(self):
         self.check(["system", "fork", "script", "inner"], subProcess="all")
+
 
 class WithoutTheClientsHelp(Case):
     """Clients that do not announce startDebugging."""
@@ -198,6 +206,7 @@ class WithoutTheClientsHelp(Case):
             "    os._exit(3)\n"
             "os._exit(os.waitpid(pid, 0)[1] >> 8)\n")
         self.assertEqual(self.finish(client), (3, "forked\n"))
+
 
 class Forks(Case):
 
@@ -246,11 +255,7 @@ class Multiprocessing(Case):
     def serve_children(self, client):
         """Debug every child, and every child's children, until all have ended."""
         threads = []
-        while True:
-            try:
-                request = client.wait_request("startDebugging")
-            except dapclient.NoAnswer:
-                break
+        for request in self.requests_of(client):
             threads.append(threading.Thread(target=self.debug_child, args=(client, request)))
             threads[-1].start()
         for thread in threads:

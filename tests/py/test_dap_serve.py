@@ -50,6 +50,11 @@ class Case(TestCase):
         self.addCleanup(dapclient.end_process, process)
         return process
 
+    def serve(self, path):
+        """A program that waits for its client; (process, address, token)."""
+        process = self.start(serve_argv("--wait-for-client", path))
+        return (process,) + self.address_and_token(process)
+
     def address_and_token(self, process):
         line = process.stderr.readline().decode("utf-8")
         found = re.match(r"tdbg: listening on 127\.0\.0\.1:(\d+); the token is in (\S+)\n", line)
@@ -87,8 +92,7 @@ class Serving(Case):
 
     def test_client_and_adapter_reach_the_same_port(self):
         path = self.loop()
-        process = self.start(serve_argv("--wait-for-client", path))
-        address, token = self.address_and_token(process)
+        process, address, token = self.serve(path)
         client = self.client_at(address, process)
         thread = self.attach_and_stop(client, path, token=token)
         self.assertEqual(client.evaluate("n", client.stack(thread)[0]["id"]), "0")
@@ -234,8 +238,7 @@ class Serving(Case):
             "    time.sleep(0.001)\n"
             "start_threads()\n"
             "print(len(untraced), hooked())\n").format(self.end_file))
-        process = self.start(serve_argv("--wait-for-client", path))
-        address, token = self.address_and_token(process)
+        process, address, token = self.serve(path)
         client = self.client_at(address, process)
         client.start_session({"token": token}, "attach", {path: ["raw", "count"]})
         for mark in ("raw", "count"):
@@ -274,8 +277,7 @@ class Serving(Case):
             "new = threading.Thread(target=lambda: states.append(state()))\n"
             "new.start()\nnew.join()\n"
             "print(states)\n").format(self.end_file))
-        process = self.start(serve_argv("--wait-for-client", path))
-        address, token = self.address_and_token(process)
+        process, address, token = self.serve(path)
         for stopped in (True, False):
             client = self.client_at(address, process)
             client.initialize(supportsStartDebuggingRequest=True)
@@ -310,8 +312,7 @@ class Serving(Case):
             "found += [name for name in names() if 'INSTRUMENTED' in name]\n"
             "go.release()\nthread.join()\n"
             "sys.stdout.write(str(found))\n").format(self.end_file))
-        process = self.start(serve_argv("--wait-for-client", path))
-        address, token = self.address_and_token(process)
+        process, address, token = self.serve(path)
         client = self.client_at(address, process)
         self.attach_and_stop(client, path, token=token)
         client.request("disconnect")
@@ -321,8 +322,7 @@ class Serving(Case):
 
     def test_adapter_that_is_killed_leaves_the_program(self):
         path = self.loop()
-        process = self.start(serve_argv("--wait-for-client", path))
-        address, token = self.address_and_token(process)
+        process, address, token = self.serve(path)
         client = dapclient.start_adapter(self)
         client.initialize()
         self.attach_and_stop(client, path, connect={"port": address[1]}, token=token)
