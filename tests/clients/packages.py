@@ -1,5 +1,6 @@
 """Packages for node, as a lock file has them."""
 import hashlib
+import json
 import os
 import re
 import shutil
@@ -9,10 +10,26 @@ kFiles = ("package.json", "package-lock.json", ".npmrc")
 kInstallSeconds = 240
 kAskSeconds = 30
 kOldestNode = (18, 15)  # has reporters of test results
+kFetch = ["npm", "ci"]
+kRepository = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
 def install(source, folder):
-    """None when what the files in `source` ask for is in the folder, else why not."""
+    """None when what the files in `source` ask for is in the folder; else what is missing, why, and
+    how to come by it."""
+    why_not = try_to_install(source, folder)
+    if why_not is None:
+        return None
+    with open(os.path.join(source, "package.json")) as manifest:
+        names = sorted(json.load(manifest)["devDependencies"])
+    text = "no {}: {}; where node {}.{} or later, npm and a network are, it is fetched ({} in {})"
+    return text.format(
+        ", ".join(names), why_not, kOldestNode[0], kOldestNode[1], " ".join(kFetch),
+        os.path.relpath(folder, kRepository))
+
+
+def try_to_install(source, folder):
+    """None or why not."""
     for program in ("node", "npm"):
         if not shutil.which(program):
             return "{} is not installed".format(program)
@@ -38,7 +55,7 @@ def install(source, folder):
 def run_npm(folder):
     try:
         done = subprocess.run(
-            ["npm", "ci", "--loglevel=error"], cwd=folder, stdin=subprocess.DEVNULL,
+            kFetch + ["--loglevel=error"], cwd=folder, stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=kInstallSeconds)
     except subprocess.TimeoutExpired:
         return "npm ci took longer than {} s".format(kInstallSeconds)
