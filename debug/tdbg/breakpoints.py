@@ -159,8 +159,8 @@ class tHit(object):
 
 class tBreakpoints(object):
     """core: the native module; folder: that the program was started in; languages: the
-    sublanguages.tLanguages of the session, if there are any; on_conditions(exist): whether there
-    are conditions that the core evaluates, from now on."""
+    sublanguages.tLanguages of the session, if there are any; on_conditions(exist): there are
+    conditions from now on, and whether the core evaluates some of them."""
 
     def __init__(self, core, folder=None, languages=None, on_conditions=lambda exist: None):
         self._core, self._on_conditions = core, on_conditions
@@ -377,9 +377,10 @@ class tBreakpoints(object):
                 bp.core_id = self._set_break(bp, name)
                 self._by_core_id[bp.core_id] = bp
                 self._core_ids.setdefault((path, line), []).append(bp.core_id)
-                if bp.condition is not None and not bp.by_server:
-                    self._conditions.setdefault(line, {})[bp.core_id] = bp
-                    self._on_conditions(True)
+                if bp.condition is not None:
+                    if not bp.by_server:
+                        self._conditions.setdefault(line, {})[bp.core_id] = bp
+                    self._on_conditions(bool(self._conditions))
 
     def _forget_condition(self, line, core_id):
         on_line = self._conditions.get(line, {})

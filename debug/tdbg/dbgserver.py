@@ -229,8 +229,9 @@ class tServer(
         place = place or self._place_of_callback(ident)
         if place is not None and place not in self._told_places:
             self._told_places.add(place)
-            self.tell_notice("tdbg: what is evaluated at {}:{} takes long; the other threads run on "
-                             "meanwhile".format(*place))
+            self.tell_notice(
+                "what is evaluated at {}:{} takes long; the other threads run on meanwhile".format(
+                    *place))
 
     def _place_of_callback(self, ident):
         frame = _current_frames().get(ident)

@@ -7,7 +7,8 @@ in the name of the one that is stuck.  When whatever that has called returns at 
 mutex again before it touches the debugger's state: so it waits while another thread is stopped.
 
 What the server evaluates is told to the lender, for it is in a callback then.  Conditions that the
-core itself evaluates are not: as long as there are such, the watch looks by and by who has the mutex.
+core itself evaluates are not: as long as there are such, that thread looks now and then who has the
+mutex.
 
 The core's functions for Python act on the calling thread; the ones below them do not, and the
 library publishes those, too.
@@ -52,7 +53,6 @@ class tLender(object):
         self._core, self._on_lent = core, on_lent
         self._condition_of, self._runs_program = condition_of, runs_program
         self._native = None
-        self.is_on = False   # whether callbacks are watched
         self._is_held = core.is_dbgserver_mutex_held
         self._calls = {}    # ident -> number of the callback that the thread is in, or kStopped
         self._numbers = {}  # ident -> the system's number of the thread
@@ -66,14 +66,16 @@ class tLender(object):
         self._signal = signals.tSignal()
 
     def switch_on(self):
-        """Watch callbacks from now on.  Whether that is possible."""
+        """Watch what is evaluated from now on.  Whether that is possible."""
         if self._native is None:
             self._native = _tNative.of(self._core)
-            self.is_on = self._native is not None and threads.start_own_thread(self._watch)
+            if self._native is not None:
+                threads.start_own_thread(self._watch)
         return self._native is not None
 
     def watch_conditions(self, exist):
-        """Whether there are conditions that the core evaluates, from now on."""
+        """There are conditions now.  exist: among them some that the core evaluates"""
+        self.switch_on()
         if exist != self._has_conditions:
             self._has_conditions = exist
             self._wake()
@@ -99,17 +101,14 @@ class tLender(object):
         if self._calls.pop(ident, None) is None:
             self._come_back(ident)
 
-    def begin(self):
-        """In a stop: what comes now may call code of the program."""
-        if self.is_on:
-            self.enter()
+    #: In a stop: what comes now may call code of the program.
+    begin = enter
 
     def end(self):
         """From now on the callback may last as long as the user likes, who sees a stop.  The thread
         holds the mutex."""
-        if self.is_on:
-            self.leave()
-            self._calls[_get_ident()] = kStopped
+        self.leave()
+        self._calls[_get_ident()] = kStopped
 
     def _come_back(self, ident):
         done = self._lent.get(ident)

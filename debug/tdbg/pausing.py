@@ -153,7 +153,8 @@ class tHolder(object):
             server.tell_notice("{} is still being evaluated".format(text))
         else:
             server.tell_notice(
-                "{} is still being evaluated in the thread {}, which goes on when that has ended".format(text, server.thread_name(ident)))
+                "{} is still being evaluated in the thread {}, which goes on when that has "
+                "ended".format(text, server.thread_name(ident)))
 
     def _run(self):
         own = self._thread = compat.get_ident()

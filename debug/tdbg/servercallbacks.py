@@ -32,14 +32,11 @@ def event_callback(method):
     @functools.wraps(method)
     def guarded(self, *args):
         try:
-            lender = self.lender
-            if not lender.is_on:
-                return method(self, *args)
-            lender.enter()
+            self.lender.enter()
             try:
                 return method(self, *args)
             finally:
-                lender.leave()
+                self.lender.leave()
         except BaseException:
             self.tell_internal_error(method.__name__)
     return guarded

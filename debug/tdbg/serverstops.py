@@ -59,6 +59,7 @@ class tStopping(object):
                 self._main_frame = None
                 self.front_end.on_program_end()
             self._stops.pop(ident, None)
+            self.lender.leave()
 
     def _make_stop(self, reason, frame, value=None, exc_info=None, hits=(), verdict=None):
         traceback = exc_info[2] if exc_info else None

@@ -167,7 +167,7 @@ class tDapFrontEnd(dbgserver.tFrontEnd):
 
     def on_notice(self, text):
         if self.session is not None:
-            self.session.output("console", text + "\n")
+            self.session.output("console", "tdbg: " + text + "\n")
 
     def on_internal_error(self, text):
         if self.session is not None:

@@ -1,13 +1,13 @@
-"""Conditions that need another thread of the program, which the debugger holds while it asks them."""
+"""Conditions that wait for another thread of the program, which the debugger holds meanwhile."""
 from __future__ import absolute_import, division, print_function
 
-import os
 import subprocess
 
 from support import TestCase
 from support.dapclient import debug_directly
 from support.dapstops import next_stop, output_of, run_to_end, value_at
 from support.marks import line_of
+from support.terminal import run_commands
 
 kOncePerVersion = True
 kTurns = 5
@@ -103,9 +103,11 @@ print("ended")
 
 
 class Held(TestCase):
+    def setUp(self):
+        self.path = self.make_file("main.py", PROGRAM)
+
     def start(self, thread, conditions, turns=0):
         """thread: "main" or "worker", which comes to the conditions."""
-        self.path = self.make_file("main.py", PROGRAM, os.path.realpath(self.make_dir()))
         self.client = debug_directly(
             self, self.path, [thread, str(turns)], stdout=subprocess.PIPE)
         self.client.start_session({}, breakpoints={self.path: [
@@ -123,7 +125,8 @@ class Held(TestCase):
             ("spins", form.format("job.spins == 'yes'")),
             ("truth", form.format("job")),
             ("lost", form.format("job.waits == 'no'")),
-            ("turn", form.format("job.naps == 'no' or job.count == {}".format(kTurns - 1)))], kTurns)
+            ("turn", form.format("job.naps == 'no' or job.count == {}".format(kTurns - 1)))],
+            kTurns)
         stops = run_to_end(self.client)
         self.assertEqual([(stop.reason, stop.name, stop.mark) for stop in stops], [
             ("breakpoint", "work", mark) for mark in ("waits", "naps", "spins", "truth", "turn")])
@@ -165,3 +168,20 @@ class Held(TestCase):
         self.client.resume(stop.thread_id)
         self.assertEqual(run_to_end(self.client), [])
         self.check_end()
+
+    def test_terminal(self):
+        """Conditions of both kinds."""
+        def at(mark):
+            return line_of(self.path, mark)
+        done = run_commands([
+            "break {}, job.waits == 'yes'".format(at("waits")), "continue",
+            "break {}, str(job.spins) == 'yes'".format(at("spins")), "continue",
+            "break {}, job.naps == 'no'".format(at("turn")), "continue"],
+            self.path, "main", "2")
+        self.assertEqual(done.status, 0, done)
+        for number, mark in ((1, "waits"), (2, "spins")):
+            self.assertEqual(done.out.count("--Breakpoint {}--\n> {}({})work()".format(
+                number, self.path, at(mark))), 1, done)
+            self.assertEqual(done.out.count("tdbg: what is evaluated at {}:{} ".format(
+                self.path, at(mark))), 1, done)
+        self.assertIn("ended\n", done.out)
