@@ -7,6 +7,7 @@ import threading
 import unittest
 
 from support import TestCase, import_tracer, line_of, needs
+from support.serving import run_under_server
 
 kOncePerVersion = True
 
@@ -56,16 +57,9 @@ class ServerTest(TestCase):
     def debug(self, function, commands, *arguments):
         """Call the function with the server at work; the first stop is at its first line.  Returns
         the front end."""
-        from tdbg import dbgserver
-
         front_end = FrontEnd(commands)
         front_end.first_code = function.__code__
-        server = front_end.server = dbgserver.tServer(import_tracer(), front_end)
-        server.start()
-        try:
-            front_end.result = function(*arguments)
-        finally:
-            server.leave_alone()
+        run_under_server(front_end, lambda: function(*arguments))
         self.assertEqual(front_end.errors, [])
         return front_end
 

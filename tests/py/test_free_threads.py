@@ -55,20 +55,21 @@ class Lock(TestCase):
         self.assertEqual(is_lock_on(), os.environ.get("PYTHON_GIL") != "0")
 
 
+def reach(session, reached):
+    """Some events of a traced thread."""
+    steps.add(1, 2)
+    reached.append(1)
+    sys.settrace(None)
+    session.tracer.thread_exiting()
+
+
 class Threads(TestCase):
     def test_a_call_of_the_server_does_not_keep_others_from_their_events(self):
         """A callback that waits for another thread without ever leaving Python code to wait in."""
         session = ThreadSession()
         session.tracer.set_debug_all_threads(0)
         reached = []
-
-        def target():
-            steps.add(1, 2)
-            reached.append(1)
-            sys.settrace(None)
-            session.tracer.thread_exiting()
-
-        thread = threading.Thread(target=target)
+        thread = threading.Thread(target=reach, args=(session, reached))
 
         def in_stop(frame):
             thread.start()
@@ -87,19 +88,13 @@ class Threads(TestCase):
         session = ThreadSession()
         reached = []
 
-        def target():
-            steps.add(1, 2)
-            reached.append(1)
-            sys.settrace(None)
-            session.tracer.thread_exiting()
-
         def imports(*_, **__):
             thread.start()
             while not reached:
                 pass
             return sys
 
-        thread = threading.Thread(target=target)
+        thread = threading.Thread(target=reach, args=(session, reached))
         tracer = session.tracer
         builtins = sys.modules.get("builtins") or sys.modules["__builtin__"]
         real = builtins.__import__

@@ -241,8 +241,8 @@ class RegisterTest(HookCase):
 
 
 class AdoptionTest(TestCase):
-    def test_the_first_import_of_an_unknown_thread_adopts_it(self):
-        session = ThreadSession()
+    def trace_functions_around_an_import(self, session):
+        """Of a thread that the tracer has not seen begin."""
         session.tracer.set_use_eval_frame(0)
         done = threading.Event()
         traced = []
@@ -260,29 +260,18 @@ class AdoptionTest(TestCase):
             done.wait()
 
         session.run(program)
-        self.assertEqual(traced, [None, session.tracer.trace_dispatch])
+        return traced
+
+    def test_the_first_import_of_an_unknown_thread_adopts_it(self):
+        session = ThreadSession()
+        self.assertEqual(self.trace_functions_around_an_import(session),
+                         [None, session.tracer.trace_dispatch])
 
     def test_a_thread_that_is_not_to_be_debugged_is_not_adopted(self):
         session = ThreadSession()
-        session.tracer.set_use_eval_frame(0)
         session.tracer.set_debug_thread_cb(lambda tstate_id: tstate_id == main)
         main = session.tracer.get_current_tstate_id()
-        done = threading.Event()
-        traced = []
-
-        def target():
-            try:
-                __import__("sys")
-                traced.append(sys.gettrace())
-            finally:
-                done.set()
-
-        def program(stop):
-            _thread.start_new_thread(target, ())
-            done.wait()
-
-        session.run(program)
-        self.assertEqual(traced, [None])
+        self.assertEqual(self.trace_functions_around_an_import(session), [None, None])
 
     def test_after_the_end_nobody_is_adopted(self):
         session = ThreadSession()

@@ -6,6 +6,7 @@ import sys
 import unittest
 
 from support import TestCase, import_tracer, line_of
+from support.serving import run_under_server
 from tdbg.dbgserver import tFrontEnd
 
 kOncePerVersion = True
@@ -105,22 +106,14 @@ class BreakTest(TestCase):
     def debug(self, begin, commands=(), work=None, idle=None):
         """Run `work` (call() of the imported module) with breakpoints set by begin(table) before
         the import; the front end."""
-        from tdbg import dbgserver
-
         def enter():
             return work()
 
         work = work or (lambda: self.load().call())
         front_end = FrontEnd(enter.__code__, begin, commands)
         front_end.idle = idle
-        server = front_end.server = dbgserver.tServer(import_tracer(), front_end)
-        server.start()
-        try:
-            front_end.result = enter()
-        finally:
-            server.leave_alone()
+        self.table = run_under_server(front_end, enter).breakpoints
         self.assertEqual(front_end.errors, [])
-        self.table = server.breakpoints
         return front_end
 
     def hits(self, begin, commands=(), work=None):

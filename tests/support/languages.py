@@ -8,8 +8,8 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 
-from .library import import_tracer
 from .programs import REPOSITORY
+from .serving import run_under_server
 
 EXAMPLES = os.path.join(REPOSITORY, "examples")
 
@@ -59,18 +59,11 @@ def debug(work, begin, commands=(), errors=()):
 
     errors: beginnings of what the debugger shall have complained of
     """
-    from tdbg import dbgserver
-
     def enter():
         return work()
 
     front_end = make_front_end(enter.__code__, begin, commands)
-    server = front_end.server = dbgserver.tServer(import_tracer(), front_end)
-    server.start()
-    try:
-        front_end.result = enter()
-    finally:
-        server.leave_alone()
+    run_under_server(front_end, enter)
     told = [text[:len(start)] for text, start in zip(front_end.errors, errors)]
     if told != list(errors) or len(front_end.errors) != len(errors):
         raise AssertionError(front_end.errors)
