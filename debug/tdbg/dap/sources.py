@@ -156,10 +156,13 @@ class tSources(object):
         return found
 
     def tell_news(self, *_):
-        """Events for what was imported since the last time."""
+        """Events for what was imported since the last time, once the program runs for this client."""
         if not self._configured or private.is_borrowing():
             return
-        for reason, name, number, path in self.scan():
+        news = self.scan()
+        if not self._session.is_configured:
+            return
+        for reason, name, number, path in news:
             self._session.send_event("module", {
                 "reason": reason, "module": self.describe(name, number, path)})
             if path is not None and path.endswith(".py"):
@@ -167,7 +170,7 @@ class tSources(object):
                     "reason": reason, "source": self.of_module(name, path)})
 
     def configure(self, _=None):
-        """From now on there are events; what was there before can be asked for."""
+        """What was there before the program runs for this client can be asked for."""
         config = self._session.config
         if config.program:
             self._paths.remember(
