@@ -183,7 +183,8 @@ def main_for_adapter(argv, package_folder):
             return launch.execute(argv, dict(os.environ))
         argv = launch.command_line_of(options)
         library = library or find_or_build_library(package_folder)
-        settings = {"front_end": "dap", "socket": path, "session": {"launched": True}}
+        settings = {"front_end": "dap", "socket": path,
+                    "session": {"launched": True, "folder": os.path.dirname(path)}}
         if captured:
             settings["captured"] = {kEncodingVariable: os.environ.get(kEncodingVariable)}
             os.environ.setdefault(kEncodingVariable, "utf-8")
@@ -232,17 +233,17 @@ def make_server(core, settings):
     listener    descriptor of a listening socket; allow_remote
     family      of connected and listener
     secret      descriptor to read the token from, or None
-    session     see session.tDapFrontEnd
+    session     see frontend.tDapFrontEnd
     captured    {variable: text or None} to be put back, where the adapter reads the output
     """
     from tdbg import api, dbgserver
-    from tdbg.dap import endpoint, requests, session, wire
+    from tdbg.dap import endpoint, frontend, requests, wire
 
     # A thread of ours could not import while another one is stopped.
     requests.load_modules()
     if "captured" in settings:
         undo_capture(settings["captured"])
-    front_end = session.tDapFrontEnd(settings.get("session"))
+    front_end = frontend.tDapFrontEnd(settings.get("session"))
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     api.take_over(front_end)

@@ -10,6 +10,8 @@ adapter has gone without a word, the program is asked to end, and killed after a
 PIPES: descriptors of the program's output that the adapter reads, separated by commas, or "-".
 When the program is released, they are emptied here so that it can go on writing.
 
+The adapter removes the folder of its socket; when it has gone before, this program does.
+
 A small program of its own, without imports that take time: it starts with every session.
 """
 import errno
@@ -22,12 +24,14 @@ import _socket
 
 kEndSeconds = 1.0
 kStartFailed = 127
+kSockets = ("launcher", "debuggee", "children")  # all that there may be in the adapter's folder
 
 
 class tLauncher:
     def __init__(self, path, mode, pipes):
         self.own_group = mode == "new-session"
         self.pipes = [int(pipe) for pipe in pipes.split(",")] if pipes != "-" else []
+        self.folder = os.path.dirname(path)
         self.adapter = _socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM)
         self.adapter.connect(path)
         self.lines = b""
@@ -122,6 +126,7 @@ class tLauncher:
         if not data:
             self.adapter.close()
             self.adapter = None
+            self.remove_folder()
             if not self.released:
                 self.left_alone = True
                 self.send_signal(signal.SIGTERM)
@@ -131,6 +136,18 @@ class tLauncher:
         while b"\n" in self.lines:
             line, _, self.lines = self.lines.partition(b"\n")
             self.obey(line.decode("ascii").split())
+
+    def remove_folder(self):
+        """Nobody listens there any more."""
+        for name in kSockets:
+            try:
+                os.unlink(os.path.join(self.folder, name))
+            except OSError:
+                pass
+        try:
+            os.rmdir(self.folder)
+        except OSError:
+            pass
 
     def obey(self, words):
         if words[0] == "signal":

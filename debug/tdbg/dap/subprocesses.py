@@ -8,6 +8,8 @@ from __future__ import absolute_import, division, print_function
 import os
 import shutil
 
+import _socket
+
 from tdbg import children, compat, threads
 from tdbg.dap import endpoint, wire
 
@@ -19,7 +21,8 @@ kInherited = (
     "jinja", "flask", "django", "showReturnValue")
 
 _environ = os.environ
-_rmtree = shutil.rmtree
+_rmtree, _unlink = shutil.rmtree, os.unlink
+kSocketName = "children"
 _path_variable = "PYTHONPATH"
 
 
@@ -50,14 +53,12 @@ class tNursery(object):
 
     def __init__(self, session):
         self._session = session
-        self._folder = self._listener = None
+        self._folder = self._path = self._listener = None
         self._pid = os.getpid()
         self._before = {}
 
     def open(self):
-        self._folder = endpoint.make_private_folder()
-        path = os.path.join(self._folder, "children")
-        self._listener = endpoint.listen_unix(path)
+        self._path = path = self._listen()
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
             "socket": path, "seconds": self._session.config.child_attach_timeout,
@@ -69,6 +70,22 @@ class tNursery(object):
             part for part in (children.kStartupFolder, _environ.get(_path_variable)) if part))
         children.see_forks(settings)
         threads.start_own_thread(self._serve)
+
+    def _listen(self):
+        """Path of the socket: in the folder of the adapter that has started the program, so that it
+        is removed even if the program is killed; else in one of our own."""
+        shared = self._session.front_end.settings.get("folder")
+        if shared is not None:
+            try:
+                path = os.path.join(shared, kSocketName)
+                self._listener = endpoint.listen_unix(path)
+                return path
+            except (IOError, OSError, _socket.error):  # the adapter has gone and another one come
+                pass
+        self._folder = endpoint.make_private_folder()
+        path = os.path.join(self._folder, kSocketName)
+        self._listener = endpoint.listen_unix(path)
+        return path
 
     def close(self):
         """Children run on alone from here on."""
@@ -88,7 +105,16 @@ class tNursery(object):
             except (IOError, OSError):
                 pass
             listener.close()
-            _rmtree(self._folder, True)
+            self._remove_socket()
+
+    def _remove_socket(self):
+        try:
+            if self._folder is not None:
+                _rmtree(self._folder, True)
+            else:
+                _unlink(self._path)
+        except (IOError, OSError):
+            pass
 
     def _set(self, name, value):
         self._before[name] = _environ.get(name)
