@@ -8,7 +8,7 @@ import os
 import sys
 
 from tdbg import attach, dbgserver, launch, nativelib, serve
-from tdbg.dap import endpoint, requests, session, wire
+from tdbg.dap import endpoint, frontend, requests, wire
 
 _front_end = None  # of this process
 _door = None
@@ -82,7 +82,7 @@ def start(library=None):
     else:
         core = nativelib.find_and_load(os.path.dirname(os.path.abspath(__file__)))
     requests.load_modules()  # before tracing: a thread of ours could not import during a stop
-    _front_end = front_end = session.tDapFrontEnd({"launched": False})
+    _front_end = front_end = frontend.tDapFrontEnd({"launched": False})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     server.start_unnoticed()

@@ -148,10 +148,10 @@ def _library_for(path, nativelib):
 
 def _make_server(core, connection):
     from tdbg import api, dbgserver
-    from tdbg.dap import requests, session
+    from tdbg.dap import frontend, requests
 
     requests.load_modules()
-    front_end = session.tDapFrontEnd({"launched": False, "wait": True})
+    front_end = frontend.tDapFrontEnd({"launched": False, "wait": True})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     api.take_over(front_end)
@@ -213,12 +213,12 @@ def _after_fork():
 def _debug_forked(connection):
     """The process is a copy of its parent in the middle of being debugged: begin anew."""
     from tdbg import api, dbgserver, nativelib, threads
-    from tdbg.dap import session
+    from tdbg.dap import frontend
 
     core = sys.modules[nativelib.kModule]
     threads.forget_own_threads()
     core.fork_ok()
-    front_end = session.tDapFrontEnd({"launched": False})
+    front_end = frontend.tDapFrontEnd({"launched": False})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     server.start_unnoticed()
