@@ -864,9 +864,9 @@ class tExpression(object):
         return code
 
 
-#: Code of the debugger that calls, for this purpose alone, code of the program.
+#: Code of the debugger that only evaluates what the user has written.
 kEvaluators = frozenset(function.__code__ for function in (
-    tExpression.value, framecode.run, framecode.run_as_function, framecode.run_in_snapshot))
+    tExpression.value, framecode.run, sublanguages.tHook.evaluate))
 
 
 # --- checksums --------------------------------------------------------------------------------

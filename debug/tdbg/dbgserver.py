@@ -89,9 +89,9 @@ class tServer(
         serverframes.tFrames.__init__(self)
         self.core = core
         self.front_end = front_end
-        self.languages = sublanguages.tLanguages(core, self._tell_language_error)
         self.lender = lending.tLender(
             core, self._tell_lent, self._condition_of, self._runs_program)
+        self.languages = sublanguages.tLanguages(core, self._tell_language_error, self.lender)
         self.breakpoints = breakpoints.tBreakpoints(
             core, languages=self.languages, on_conditions=self.lender.watch_conditions)
         self.exceptions = exceptions.tExceptions(core, self.tell_notice, self.is_hidden)
@@ -219,9 +219,9 @@ class tServer(
 
     def _runs_program(self, ident):
         frame = inner = _current_frames().get(ident)
-        while frame is not None and frame.f_code.co_filename not in self._own_files:
+        while frame is not None and frame.f_code not in breakpoints.kEvaluators:
             frame = frame.f_back
-        return frame not in (None, inner) and frame.f_code in breakpoints.kEvaluators
+        return frame is not None and inner.f_code.co_filename not in self._own_files
 
     # --- to the user ---
 

@@ -120,9 +120,9 @@ def run(tree, frame, core=None, extra=None):
         (names is not frame.f_globals or extra) and _functions_need(code, tree, names, extra))
     try:
         if needs_function and not compat.PY2:
-            return run_as_function(tree, frame, names, extra, waits)
+            return _run_as_function(tree, frame, names, extra, waits)
         if needs_function:
-            return run_in_snapshot(code, frame, names, extra)
+            return _run_in_snapshot(code, frame, names, extra)
         if compat.kNoLocalsToFast and names is not frame.f_globals or (
                 extra and set(code.co_names) & set(extra)):
             known = _tNames(names, extra)
@@ -252,7 +252,7 @@ class _tSnapshot(dict):
         self._snapshot.pop(name, None)
 
 
-def run_in_snapshot(code, frame, names, extra):
+def _run_in_snapshot(code, frame, names, extra):
     snapshot = dict(frame.f_globals)
     snapshot.update(extra or {})
     snapshot.update(names)
@@ -270,7 +270,7 @@ def run_in_snapshot(code, frame, names, extra):
 # --- code as the body of a function (version 3) -------------------------------------------------
 
 
-def run_as_function(tree, frame, names, extra, waits):
+def _run_as_function(tree, frame, names, extra, waits):
     is_module = names is frame.f_globals
     assigned = _assigned_names(tree)
     used = set(node.id for node in statements.walk(tree) if isinstance(node, ast.Name)) | assigned

@@ -219,7 +219,14 @@ class tHook(object):
         return self.place_of(frame, frame.f_lineno)[:2]
 
     def _Eval(self, text, frame):
-        return self.evaluate(compat.to_text(text), frame)
+        lender = self._session.lender
+        if lender is None:
+            return self.evaluate(compat.to_text(text), frame)
+        lender.enter()  # a condition must not hold others up for ever
+        try:
+            return self.evaluate(compat.to_text(text), frame)
+        finally:
+            lender.leave()
 
 
 def _is_yielding(frame):

@@ -54,12 +54,14 @@ def register(language):
 class tLanguages(object):
     """The languages of a debug session.
 
-    core: the native module; tell_error: function (text), for languages that fail
+    core: the native module; tell_error: function (text), for languages that fail; lender
+    (lending.tLender): to be told of what the core has them evaluate
     """
 
-    def __init__(self, core, tell_error):
+    def __init__(self, core, tell_error, lender=None):
         self._core = core
         self._tell_error = tell_error
+        self.lender = lender
         self._hooks = []
         self._hook_by_code = {}      # of key functions
         self._entry_codes = {}       # code object -> tHook

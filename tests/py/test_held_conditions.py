@@ -1,12 +1,14 @@
 """Conditions that wait for another thread of the program, which the debugger holds meanwhile."""
 from __future__ import absolute_import, division, print_function
 
+import os
 import subprocess
 
 from support import TestCase
 from support.dapclient import debug_directly
 from support.dapstops import next_stop, output_of, run_to_end, value_at
 from support.marks import line_of
+from support.programs import REPOSITORY
 from support.terminal import run_commands
 
 kOncePerVersion = True
@@ -91,6 +93,10 @@ helper.start()
 try:
     if sys.argv[1] == "main":
         work(Job())
+    elif sys.argv[1] == "template":
+        sys.path.insert(0, sys.argv[2])
+        import template
+        template.Template(sys.argv[3]).render(job=Job())
     else:
         worker = threading.Thread(target=work, args=(Job(),), name="worker")
         worker.start()
@@ -184,4 +190,20 @@ class Held(TestCase):
                 number, self.path, at(mark))), 1, done)
             self.assertEqual(done.out.count("tdbg: what is evaluated at {}:{} ".format(
                 self.path, at(mark))), 1, done)
+        self.assertIn("ended\n", done.out)
+
+    def test_template(self):
+        """The core asks the language for the value of the one, the server of the other."""
+        page = self.make_file("page.tmpl", "{{ 1 }}\n{{ 2 }}\n{{ 3 }}\n{{ 4 }}\n")
+        done = run_commands([
+            "break {}:1, job.waits == 'yes'".format(page), "continue",
+            "break {}:2, str(job.spins) == 'yes'".format(page), "continue",
+            "break {}:3, job.naps == 'yes'".format(page), "continue",
+            "break {}:4, job.waits == 'no'".format(page), "continue"],
+            self.path, "template", os.path.join(REPOSITORY, "examples", "templates"), page)
+        self.assertEqual(done.status, 0, done)
+        for number in (1, 2, 3):
+            shown = "--Breakpoint {0}--\n> {1}({0})page.tmpl".format(number, page)
+            self.assertEqual(done.out.count(shown), 1, done)
+        self.assertNotIn("--Breakpoint 4--", done.out)
         self.assertIn("ended\n", done.out)
