@@ -244,7 +244,8 @@ class Asks(object):
     def loud(self):
         print("loud")
         sys.stdout.flush()
-        return ask()
+        open(sys.argv[0] + ".fifo").close()
+        return "fed"
 
 
 def work(asks):
@@ -278,6 +279,7 @@ class Waiting(DapFrameTest):
     def start_in(self, thread, mark="stop", place=None, **options):
         """Stop in `work`, in the thread "main" or "worker"."""
         self.path = self.make_file("main.py", WAITING, os.path.realpath(self.make_dir()))
+        os.mkfifo(self.path + ".fifo")
         self.client = debug_directly(self, self.path, [thread], stdout=subprocess.PIPE, **options)
         self.client.start_session({}, breakpoints={self.path: [place or mark]})
         return self.stop_here() if place is None else None
@@ -397,6 +399,8 @@ class Waiting(DapFrameTest):
         self.assertEqual(self.client.stack(1)[-1]["name"], "<module>")
         self.assertEqual(self.result("1 + 1", "watch"), "2")
         self.client.resume(1)
+        for _ in range(2):
+            open(self.path + ".fifo", "w").close()
         self.stop_here()
         self.assertEqual(self.client.place(self.thread), ("work", "stop"))
         self.client.resume(self.thread)
