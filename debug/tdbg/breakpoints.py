@@ -317,8 +317,10 @@ class tBreakpoints(object):
 
     def _arm(self, bp):
         """Who judges its hits, and how many of them need not be looked at."""
+        # Without an interpreter lock nobody can look what the core evaluates on another thread.
         bp.by_server = bool(
-            bp.inside or bp.function is not None or bp.condition and not is_plain(bp.condition))
+            bp.inside or bp.function is not None or bp.condition and not (
+                is_plain(bp.condition) and compat.is_gil_enabled()))
         if bp.hit_condition is not None:
             following = bp.hit_condition.next_after(bp.passes)
             bp.ignore = 0 if following is None else min(following - bp.passes - 1, kMaxIgnored)

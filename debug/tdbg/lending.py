@@ -179,7 +179,9 @@ class tLender(object):
     def _is_stuck(self, ident):
         """A thread in a callback.  Code of the debugger may take its time."""
         number = self._numbers.get(ident)
-        return self._runs_program(ident) or threads.is_at_rest(number, kRestSeconds)
+        # Without an interpreter lock the frames of a thread that runs cannot be looked at.
+        return compat.is_gil_enabled() and self._runs_program(ident) or (
+            threads.is_at_rest(number, kRestSeconds))
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()

@@ -10,6 +10,7 @@ from support.dapstops import next_stop, output_of, run_to_end, value_at
 from support.marks import line_of
 from support.programs import REPOSITORY
 from support.terminal import run_commands
+from tdbg import breakpoints, compat
 
 kOncePerVersion = True
 kTurns = 5
@@ -174,6 +175,15 @@ class Held(TestCase):
         self.client.resume(stop.thread_id)
         self.assertEqual(run_to_end(self.client), [])
         self.check_end()
+
+    def test_without_an_interpreter_lock_the_server_evaluates(self):
+        """For then nobody can look what another thread does."""
+        self.addCleanup(setattr, compat, "is_gil_enabled", compat.is_gil_enabled)
+        table = breakpoints.tBreakpoints(None)
+        for is_enabled in (True, False):
+            compat.is_gil_enabled = lambda: is_enabled
+            bp = table.add(self.path, line_of(self.path, "waits"), condition="job")
+            self.assertEqual(bp.by_server, not is_enabled)
 
     def test_terminal(self):
         """Conditions of both kinds."""
