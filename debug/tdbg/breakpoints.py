@@ -18,156 +18,29 @@ each hit, and judge() says that there was nothing to stop for.
 """
 from __future__ import absolute_import, division, print_function
 
-import __future__
-import ast
-import functools
-import io
 import os
-import re
-import sys
 
-from tdbg import codelines, compat, evaluate, framecode, private, statements, sublanguages
+from tdbg import codelines, codeplaces, compat, evaluate, sublanguages
+from tdbg.breakrecords import tBreakpoint, tHit, tHitCondition, tRefused
+from tdbg.checksums import has_checksum, tail_of
+from tdbg.conditions import check_condition, is_plain, tExpression
 
-_exists = os.path.isfile
-_real_path = os.path.realpath
-_isabs = os.path.isabs
-_join = os.path.join
-_folder_of = os.path.dirname
-_split_path = os.path.split
-_expand_user = os.path.expanduser
 _same_file = os.path.samefile
-_get_folder = os.getcwd
-_get_size = os.path.getsize
-_open = io.open
-_compile = compile
-_code_type = type((lambda: 0).__code__)
 
-kSuffixes = (".pyc", ".pyo")
-kPythonSuffixes = (".py", ".pyw")
 kMaxIgnored = 0x7fffffff  # the core counts in a C int
-
-# Whatever they are given, they change nothing and always answer the same.
-kPlainCalls = frozenset((
-    "abs", "bool", "callable", "float", "hasattr", "id", "int", "isinstance", "issubclass", "len",
-    "max", "min", "ord", "round", "type"))
-_kPlainNodes = (
-    ast.Expression, ast.Name, ast.expr_context, ast.BoolOp, ast.boolop, ast.UnaryOp, ast.unaryop,
-    ast.BinOp, ast.operator, ast.Compare, ast.cmpop, ast.IfExp, ast.Attribute, ast.Subscript,
-    ast.Slice, ast.Tuple, ast.List)
-if sys.version_info < (3, 9):
-    _kPlainNodes += (ast.slice,)
-if sys.version_info >= (3, 6):
-    _kPlainNodes += (ast.Constant,)
-if sys.version_info < (3, 8):  # later versions warn of these names
-    _kPlainNodes += (ast.Num, ast.Str)
-if (3,) <= sys.version_info < (3, 8):
-    _kPlainNodes += (ast.Bytes, ast.NameConstant, ast.Ellipsis)
-
-# Bits of co_flags that `from __future__ import` leaves behind; kNested has another meaning in them.
-kNested = 0x10
-kFutureFlags = ~kNested & functools.reduce(
-    lambda flags, name: flags | getattr(__future__, name).compiler_flag,
-    __future__.all_feature_names, 0)
-
-kSameAs = "same as "  # a checksum that is no number: the contents of this file
 # A breakpoint that the core looks for in every file that it comes to, and never finds.
 kWatch = ("/dev/null/any", "any", kMaxIgnored)  # file, checksum, line
 
 
-class tRefused(Exception):
-    """The breakpoint cannot be set or changed so; the text is one line for the user."""
-
-
-class tHitCondition(object):
-    """At which hits to stop: the text is N or ==N, >=N, >N, <=N, <N, %N."""
-
-    kPattern = re.compile(r"\s*(==|>=|<=|>|<|%)?\s*([0-9]{1,18})\s*$")
-
-    def __init__(self, text):
-        found = self.kPattern.match(text)
-        if found is None:
-            raise tRefused("the hit condition is none of N, ==N, >=N, >N, <=N, <N, %N: {}".format(
-                compat.to_native(text.strip())))
-        self.text = text
-        self._sign, self._number = found.group(1) or "==", int(found.group(2))
-        if self._number == 0 and self._sign == "%" or self.next_after(0) is None:
-            raise tRefused("no hit can be {}".format(compat.to_native(text.strip())))
-
-    def next_after(self, count):
-        """Number of the first hit to stop at after so many, from 1 on; None: there is none."""
-        number, following = self._number, count + 1
-        if self._sign == "%":
-            return count - count % number + number
-        if self._sign in (">=", ">"):
-            return max(following, number + (self._sign == ">"))
-        if self._sign == "==":
-            return number if number >= following else None
-        return following if following < number + (self._sign == "<=") else None
-
-    def stops_at(self, count):
-        return self.next_after(count - 1) == count
-
-
-class tBreakpoint(object):
-    """One breakpoint.  To be read; changed by the methods of tBreakpoints only.
-
-    number     from 1 on, never used twice
-    path       real path of the file; line: the one that stops
-    function   name of the function whose calls it stops at, or None
-    condition  text of an expression, or None
-    hit_condition  tHitCondition, or None
-    on_hit     function (breakpoint, frame) to call instead of stopping, or None
-    checksum   of the contents, for files that are not where `path` says; or ""
-    inside     {(name, first line)} of the only code objects to stop in; empty: any
-    ignore     number of hits that will still not stop
-    hits       how often its line was reached while it was enabled
-    passes     how often, of these, its condition held
-    """
-
-    __slots__ = ("number", "path", "line", "function", "condition", "ignore", "hits",
-                 "enabled", "temporary", "hit_condition", "on_hit", "checksum", "inside", "passes",
-                 "core_id", "counted", "by_server", "code")
-
-    def __init__(self, number, path, line):
-        self.number, self.path, self.line = number, path, line
-        self.function = self.condition = self.hit_condition = self.on_hit = None
-        self.ignore = self.hits = self.passes = 0
-        self.enabled, self.temporary = True, False
-        self.checksum = ""
-        self.inside = frozenset()
-        self.core_id = None  # None: the core does not have it
-        self.counted = 0     # hits of the core's record that are in `hits` already
-        self.by_server = False  # judge() evaluates the condition
-        self.code = None     # then: the condition's tExpression
-
-    def as_settings(self):
-        """What a new run needs, as plain values."""
-        return {
-            "number": self.number, "path": self.path, "line": self.line,
-            "function": self.function, "condition": self.condition, "ignore": self.ignore,
-            "enabled": self.enabled, "temporary": self.temporary}
-
-
-class tHit(object):
-    """A breakpoint that made a stop.  error: why its condition could not be told, or None."""
-
-    __slots__ = ("breakpoint", "error")
-
-    def __init__(self, breakpoint, error=None):
-        self.breakpoint, self.error = breakpoint, error
-
-
-class tBreakpoints(object):
-    """core: the native module; folder: that the program was started in; languages: the
-    sublanguages.tLanguages of the session, if there are any; on_conditions(exist): there are
-    conditions from now on, and whether the core evaluates some of them."""
+class tBreakpoints(codeplaces.tCodePlaces):
+    """core, folder, languages: see tCodePlaces; on_conditions(exist): there are conditions from now
+    on, and whether the core evaluates some of them."""
 
     def __init__(self, core, folder=None, languages=None, on_conditions=lambda exist: None):
-        self._core, self._on_conditions = core, on_conditions
-        self._languages = languages
+        codeplaces.tCodePlaces.__init__(self, core, folder, languages)
+        self._on_conditions = on_conditions
         if languages is not None:
             languages.on_change = self._move_to_code
-        self._folder = folder or _get_folder()
         self._by_number = {}
         self._by_place = {}    # (path, line) -> {number: breakpoint}
         self._by_core_id = {}
@@ -175,17 +48,11 @@ class tBreakpoints(object):
         self._conditions = {}  # line -> {core id: breakpoint whose condition the core evaluates}
         self._next = 1
         self._live = False  # the core keeps breakpoints from its start on
-        self._real_paths = {}  # file of code -> real path
         self._entries = {}  # id of code, offset, line -> (whether a call begins there, the code)
         self._checksums = {}  # last part of a path -> {(path, checksum): how many breakpoints}
         self._searched = {}   # path -> how many files the core knew when it looked for copies of it
         self._is_same = {}  # (path, path and checksum of a breakpoint) -> whether they are one file
         self._on_new_file = None  # see watch_files()
-
-    @property
-    def folder(self):
-        """That the program was started in."""
-        return self._folder
 
     def go_live(self):
         """The core has been started: give it what was set before."""
@@ -248,7 +115,7 @@ class tBreakpoints(object):
             if function is None:
                 raise
             return line, frozenset()
-        return place_in(source, line)
+        return codeplaces.place_in(source, line)
 
     def remove(self, bp):
         self._collect()
@@ -295,7 +162,7 @@ class tBreakpoints(object):
         self._by_number[bp.number] = bp
         self._by_place.setdefault((bp.path, bp.line), {})[bp.number] = bp
         if bp.checksum:
-            found = self._checksums.setdefault(_tail_of(bp.path), {})
+            found = self._checksums.setdefault(tail_of(bp.path), {})
             key = (bp.path, bp.checksum)
             found[key] = found.get(key, 0) + 1
 
@@ -308,7 +175,7 @@ class tBreakpoints(object):
         if self._by_number.pop(bp.number, None) is None:
             return False
         if bp.checksum:
-            found = self._checksums[_tail_of(bp.path)]
+            found = self._checksums[tail_of(bp.path)]
             key = (bp.path, bp.checksum)
             found[key] -= 1
             if not found[key]:
@@ -604,102 +471,10 @@ class tBreakpoints(object):
         has the contents of the breakpoint's."""
         if self._on_new_file is not None:
             self._on_new_file(name)
-        for path, checksum in sorted(self._checksums.get(_tail_of(name), ())):
+        for path, checksum in sorted(self._checksums.get(tail_of(name), ())):
             if has_checksum(name, path, checksum):
                 return compat.to_native(checksum)
         return ""
-
-    # --- files and functions ---
-
-    def path_of(self, frame):
-        """The file of a frame in this table's spelling; as it is for code that is in no file."""
-        name = frame.f_code.co_filename
-        if sublanguages.is_view(frame):
-            return name
-        path = self._real_paths.get(name)
-        if path is None:
-            full = name
-            if not _isabs(full) and not full.startswith("<"):
-                full = self._core.get_frame_file(frame) or name
-                if not _isabs(full):
-                    full = _join(self._folder, full)
-            path = _real_path(full) if _isabs(full) else full
-            if path.endswith(kSuffixes):
-                path = path[:-1]
-            self._real_paths[name] = path
-        return path
-
-    def find_file(self, name, frame=None):
-        """Real path of a file that the user names: by path, by module, or in part; tRefused.
-
-        A relative name is looked for in the current folder, the one that the program was started
-        in, beside the frame's file and on the module path.
-        """
-        text = compat.to_native(_expand_user(name))
-        if text.endswith(kSuffixes):
-            text = text[:-1]
-        if frame is not None and text in (frame.f_code.co_filename, self.path_of(frame)):
-            return self.path_of(frame)
-        candidates = [text] if text.endswith(".py") else [text, text + ".py"]
-        for candidate in candidates:
-            for folder in self._folders(frame):
-                path = _join(folder, candidate)
-                if _exists(path):
-                    return _real_path(path)
-        path = self.find_module(text, frame)
-        if path is None and self._languages is not None:
-            path = self._languages.find_file(text)
-        if path is None:
-            raise tRefused("no file {}".format(name))
-        return path
-
-    def find_module(self, name, frame=None):
-        """Real path of a module's source, whether it has been imported or not; else None."""
-        parts = name.split(".")
-        if not all(parts) or "/" in name:
-            return None
-        loaded = getattr(sys.modules.get(name), "__file__", None)
-        if isinstance(loaded, compat.string_types) and loaded:
-            loaded = loaded[:-1] if loaded.endswith(kSuffixes) else loaded
-            if loaded.endswith(".py") and _exists(loaded):
-                return _real_path(loaded)
-        for folder in self._folders(frame):
-            path = _join(folder, *parts)
-            for candidate in (path + ".py", _join(path, "__init__.py")):
-                if _exists(candidate):
-                    return _real_path(candidate)
-        return None
-
-    def _folders(self, frame):
-        try:
-            yield _get_folder()
-        except OSError:  # removed meanwhile
-            pass
-        yield self._folder
-        if frame is not None:
-            yield _folder_of(self.path_of(frame))
-        for folder in list(sys.path):
-            if isinstance(folder, compat.string_types):
-                yield folder or self._folder
-
-    def source(self, path, frame=None):
-        """codelines.tSource of a file; tRefused with the reason."""
-        known = None if self._languages is None else self._languages.source_of(path)
-        if known is not None:
-            return known
-        try:
-            if not _exists(path) and frame is not None and path == self.path_of(frame):
-                lines = codelines.lines_without_file(frame.f_code.co_filename, frame.f_globals)
-                if lines:
-                    return codelines.tSource(path, lines)
-                raise tRefused("no source for {}".format(path))
-            return codelines.read(path)
-        except codelines.tNoSource as why:
-            # It may be of a language that the program has not told of yet.
-            text = None if path.endswith(kPythonSuffixes) else sublanguages.read(path)
-            if text is None:
-                raise tRefused(str(why))
-            return sublanguages.tSource(path, text)
 
     def _move_to_code(self):
         """A language can tell which lines of its files stop."""
@@ -713,195 +488,7 @@ class tBreakpoints(object):
                 self._put_in(bp)
                 self._write(bp.path, line)
 
-    def find_function(self, name, frame=None, path=None):
-        """(path, line) where a function begins; tRefused.
-
-        name   a name or an expression in the frame; where that gives nothing, the name of a
-               function of the frame's file (`f`, `Class.method`, `outer.inner`) or of a module
-               (`package.module.f`), which need not have been imported
-        path   look only in this file
-        """
-        if path is None:
-            found = self._function_value(name, frame) or self._function_in_frame_file(name, frame)
-            found = found or self._function_in_module(name, frame)
-            if found is None:
-                raise tRefused("no function {}".format(name))
-            return found
-        line = _only_function(self.source(path, frame), name)
-        if line is None:
-            raise tRefused("no function {} in {}".format(name, path))
-        return path, line
-
-    def _function_value(self, name, frame):
-        if frame is None:
-            return None
-        result = evaluate.evaluate_limited(name, frame)
-        code = code_of(result.value) if result.ok else None
-        if code is None:
-            return None
-        path = code.co_filename
-        path = _real_path(path if _isabs(path) else _join(self._folder, path))
-        if not _exists(path) and code.co_filename == frame.f_code.co_filename:
-            path = self.path_of(frame)
-        return path, codelines.first_line_of(code)
-
-    def _function_in_frame_file(self, name, frame):
-        if frame is None:
-            return None
-        path = self.path_of(frame)
-        try:
-            source = self.source(path, frame)
-        except tRefused:
-            return None
-        line = _only_function(source, name)
-        return None if line is None else (path, line)
-
-    def _function_in_module(self, name, frame):
-        parts = name.split(".")
-        for count in range(len(parts) - 1, 0, -1):
-            path = self.find_module(".".join(parts[:count]), frame)
-            if path is not None:
-                line = _only_function(self.source(path), ".".join(parts[count:]))
-                if line is not None:
-                    return path, line
-        return None
-
-
-def place_in(source, line):
-    """(line with code from `line` on, tBreakpoint.inside); tRefused when there is none."""
-    path = source.path
-    if not 1 <= line <= source.count:
-        raise tRefused("{} has no line {}: it ends with line {}".format(path, line, source.count))
-    found = source.line_with_code(line)
-    if found is None:
-        raise tRefused(
-            "no code at line {} of {} or after it in the same function".format(line, path))
-    return found, frozenset(source.one_line_functions(found))
-
 
 def _is_over(bp):
     """Whether no hit to come will stop."""
     return bp.hit_condition is not None and bp.hit_condition.next_after(bp.passes) is None
-
-
-def _only_function(source, name):
-    """First line of the function of that name, or None; tRefused when several are meant."""
-    found = source.find_functions(name)
-    if len(found) > 1:
-        raise tRefused("which one: {}?".format(", ".join(sorted(found))))
-    return list(found.values())[0] if found else None
-
-
-def code_of(value):
-    """Code object of a function or method, below its decorators; None for anything else."""
-    seen = 0
-    try:
-        while getattr(value, "__wrapped__", None) is not None and seen < 100:
-            value, seen = value.__wrapped__, seen + 1
-        value = getattr(value, "__func__", value)
-        code = getattr(value, "__code__", None)
-    except Exception:  # attributes are code of the program
-        return None
-    return code if isinstance(code, type(code_of.__code__)) else None
-
-
-def check_condition(text):
-    """tRefused unless the text, if any, is an expression."""
-    if not text:
-        return
-    try:
-        tExpression(text).check()
-    except (SyntaxError, TypeError, ValueError) as why:
-        reason = why.msg if isinstance(why, SyntaxError) else why
-        raise tRefused("the condition is no expression: {}".format(reason))
-
-
-def is_plain(text):
-    """Whether it does not matter how often the expression is evaluated, as far as can be seen."""
-    try:
-        with private.quiet():
-            text = compat.to_native(text).strip()
-            tree = _compile(text, "<condition>", "eval", ast.PyCF_ONLY_AST)
-    except Exception:  # check_condition() says what is wrong
-        return False
-    for node in statements.walk(tree):
-        if isinstance(node, ast.Call):
-            if not isinstance(node.func, ast.Name) or node.func.id not in kPlainCalls:
-                return False
-        elif not isinstance(node, _kPlainNodes):
-            return False
-    return True
-
-
-class tExpression(object):
-    """An expression that is evaluated often, in frames of one function or of many."""
-
-    def __init__(self, text):
-        self.text = compat.to_native(text).strip()
-        self._codes = {}  # flags of the compiler -> code object
-
-    def check(self):
-        """SyntaxError, ValueError or TypeError unless it is an expression."""
-        self._compile(0)
-
-    def value(self, frame):
-        """Its value in the frame, or the exception."""
-        if sublanguages.is_view(frame):
-            return frame.evaluate(self.text)
-        flags = frame.f_code.co_flags & kFutureFlags
-        code = self._codes.get(flags) or self._compile(flags)
-        names = frame.f_locals
-        has_functions = any(isinstance(item, _code_type) for item in code.co_consts)
-        if has_functions and names is not frame.f_globals:
-            # Comprehensions and lambdas look names up as globals.
-            both = dict(frame.f_globals)
-            both.update(names)
-            return eval(code, both)
-        return eval(code, frame.f_globals, names)
-
-    def _compile(self, flags):
-        with private.quiet():
-            code = _compile(self.text, "<condition>", "eval", flags, True)
-        self._codes[flags] = code
-        return code
-
-
-#: Code of the debugger that only evaluates what the user has written.
-kEvaluators = frozenset(function.__code__ for function in (
-    tExpression.value, framecode.run, sublanguages.tHook.evaluate))
-
-
-# --- checksums --------------------------------------------------------------------------------
-
-
-def has_checksum(path, other, checksum):
-    """Whether a file has the checksum, which was given for the file `other`.
-
-    Files of other names are never the same: many are equal by chance, __init__.py most of all.
-    """
-    if not checksum or _tail_of(path) != _tail_of(other):
-        return False
-    kind, _, digest = checksum.partition(":")
-    try:
-        if checksum.startswith(kSameAs):
-            original = checksum[len(kSameAs):]
-            size = _get_size(path)
-            return size > 0 and size == _get_size(original) and _read(path) == _read(original)
-        with private.borrowed():
-            import hashlib
-
-            return hashlib.new(kind, _read(path)).hexdigest() == digest
-    except (IOError, OSError, ValueError):
-        return False
-
-
-def _tail_of(path):
-    folder, name = _split_path(path.replace("\\", "/"))
-    if name.endswith(kSuffixes):
-        name = name[:-1]
-    return (_split_path(folder)[1], name) if name.startswith("__") else name
-
-
-def _read(path):
-    with _open(path, "rb") as file:
-        return file.read()

@@ -19,8 +19,8 @@ import sys
 
 import tdbg
 from tdbg import (
-    breakpoints, compat, exceptions, lending, servercallbacks, servercommands, serverframes,
-    serverstops, sublanguages, threads)
+    breakpoints, compat, conditions, exceptions, lending, servercallbacks, servercommands,
+    serverframes, serverstops, sublanguages, threads)
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
 
@@ -219,7 +219,7 @@ class tServer(
 
     def _runs_program(self, ident):
         frame = inner = _current_frames().get(ident)
-        while frame is not None and frame.f_code not in breakpoints.kEvaluators:
+        while frame is not None and frame.f_code not in conditions.kEvaluators:
             frame = frame.f_back
         return frame is not None and inner.f_code.co_filename not in self._own_files
 

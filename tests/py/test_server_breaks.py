@@ -294,7 +294,7 @@ class Lines(BreakTest):
             self.assertNotEqual(self.refusal(breakpoints.tHitCondition, text), "", text)
 
     def test_conditions_that_may_be_evaluated_twice(self):
-        from tdbg import breakpoints
+        from tdbg import conditions
 
         for text, expected in (
                 ("x", True), ("x > 1 and not y.z", True), ("len(x) == 3", True),
@@ -302,7 +302,7 @@ class Lines(BreakTest):
                 ("a if b else c", True), ("f(x)", False), ("x.pop()", False),
                 ("[i for i in x]", False), ("(lambda: 1)", False), ("len(f(x))", False),
                 ("x =", False)):
-            self.assertEqual(breakpoints.is_plain(text), expected, text)
+            self.assertEqual(conditions.is_plain(text), expected, text)
 
     def test_function_in_one_line(self):
         path = self.make_file("one.py", (
@@ -442,7 +442,7 @@ class Running(BreakTest):
         self.assertGreater(len(seen), 1)
 
     def test_copy_with_the_same_contents(self):
-        from tdbg import breakpoints
+        from tdbg import checksums
 
         other = self.make_file(self.name + ".py", SOURCE, self.make_dir())
         missing = os.path.join(self.make_dir(), self.name + ".py")
@@ -451,7 +451,7 @@ class Running(BreakTest):
 
         self.assertEqual(
             self.hits(lambda table: table.add(os.path.realpath(other), line,
-                                              checksum=breakpoints.kSameAs + other)),
+                                              checksum=checksums.kSameAs + other)),
             [("loop", line)])
         for checksum, expected in ((digest, [("loop", line)]), ("sha256:0", []), ("none:0", [])):
             del sys.modules[self.name]
@@ -460,12 +460,12 @@ class Running(BreakTest):
                 expected)
 
     def test_equal_files_of_other_names_are_not_the_same(self):
-        from tdbg import breakpoints
+        from tdbg import checksums
 
         other = self.make_file("other.py", SOURCE, self.make_dir())
         self.assertEqual(self.hits(lambda table: table.add(
             os.path.realpath(other), self.line("loop-first"),
-            checksum=breakpoints.kSameAs + other)), [])
+            checksum=checksums.kSameAs + other)), [])
 
     def test_set_before_the_import(self):
         self.assertNotIn(self.name, sys.modules)

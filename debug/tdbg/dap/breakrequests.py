@@ -3,7 +3,7 @@ from __future__ import absolute_import, division, print_function
 
 import os
 
-from tdbg import breakpoints, compat
+from tdbg import breakpoints, checksums, compat
 from tdbg.dap import sources
 from tdbg.dap.breaks import breaks_of
 from tdbg.dap.paths import paths_of
@@ -34,7 +34,7 @@ def _rows(arguments, name):
 
 
 def _checksum_in(source):
-    """Text for breakpoints.has_checksum(): the best checksum that the client has sent, or ''."""
+    """Text for checksums.has_checksum(): the best checksum that the client has sent, or ''."""
     best = ""
     for row in _rows(source, "checksums"):
         kind = _kAlgorithms.get(row.get("algorithm"))
@@ -55,7 +55,7 @@ def _file_in(session, source, remember=True):
     paths = paths_of(session)
     path = paths.from_client(text, remember)
     if remember:
-        checksum = _checksum_in(source) or (breakpoints.kSameAs + path if _is_file(path) else "")
+        checksum = _checksum_in(source) or (checksums.kSameAs + path if _is_file(path) else "")
         paths.remember(text, path, checksum)
     return path, 0
 

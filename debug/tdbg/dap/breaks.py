@@ -10,7 +10,7 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 
-from tdbg import breakpoints, codelines, compat, private
+from tdbg import breakpoints, checksums, codelines, compat, conditions, private
 from tdbg.dap import logpoints, rules, sources
 from tdbg.dap.functionnames import code_below, find_new_code, look_up, plain_name
 from tdbg.dap.paths import base_name, is_of_windows, paths_of
@@ -160,7 +160,7 @@ class tBreaks(object):
                 on_hit = self._make_writer(logpoints.tLogMessage(wish.log))
             if wish.hits:
                 breakpoints.tHitCondition(wish.hits)
-            breakpoints.check_condition(wish.condition)
+            conditions.check_condition(wish.condition)
             wish.mark = None
             if wish.name is not None:
                 self._place_function(wish)
@@ -176,7 +176,7 @@ class tBreaks(object):
 
     def _place_line(self, wish, on_hit):
         if _is_file(wish.path):
-            checksum = wish.checksum or breakpoints.kSameAs + wish.path
+            checksum = wish.checksum or checksums.kSameAs + wish.path
             self._add(wish, _real_path(wish.path), wish.line, on_hit, checksum=checksum)
             wish.is_bound = True
             return
@@ -311,7 +311,7 @@ class tBreaks(object):
         self._is_busy = True
         try:
             path = _real_path(name)
-            if path.endswith(breakpoints.kSuffixes):
+            if path.endswith(checksums.kSuffixes):
                 path = path[:-1]
             if not rules.is_own_file(path):
                 code = find_new_code(path, self._table)
@@ -414,7 +414,7 @@ class tBreaks(object):
         for path in paths:
             if not wish.checksum or wish.is_bound:
                 continue
-            if breakpoints.has_checksum(path, wish.path, wish.checksum):
+            if checksums.has_checksum(path, wish.path, wish.checksum):
                 self._drop_sites(wish)
                 self._paths.remember(self._paths.to_client(wish.path), path)
                 wish.path, wish.message, wish.reason = path, None, None

@@ -6,7 +6,7 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 
-from tdbg import breakpoints, codelines, compat
+from tdbg import breakpoints, checksums, codelines, compat
 from tdbg.dap import rules, sources
 from tdbg.dap.paths import base_name
 
@@ -106,6 +106,6 @@ def _frame_of(path, folder):
     for name in (frame.f_code.co_filename, frame.f_globals.get("__file__")):
         if isinstance(name, str):
             name = _real_path(name if _isabs(name) else _join(folder, name))
-            if name == path or name[:-1] == path and name.endswith(breakpoints.kSuffixes):
+            if name == path or name[:-1] == path and name.endswith(checksums.kSuffixes):
                 return frame
     return None

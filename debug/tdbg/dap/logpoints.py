@@ -6,7 +6,7 @@ place.
 """
 from __future__ import absolute_import, division, print_function
 
-from tdbg import breakpoints, compat, evaluate
+from tdbg import breakpoints, compat, conditions, evaluate
 
 kMaxText = 10000  # characters of one value
 
@@ -31,7 +31,7 @@ class tLogMessage(object):
 
 
 class tField(object):
-    """expression: breakpoints.tExpression; conversion: r, s, a or nothing; form: the format"""
+    """expression: conditions.tExpression; conversion: r, s, a or nothing; form: the format"""
 
     def __init__(self, expression, conversion="", form=""):
         self.expression, self.conversion, self.form = expression, conversion, form
@@ -114,6 +114,6 @@ def _make_field(text):
 
 
 def _checked(text, conversion="", form=""):
-    expression = breakpoints.tExpression(text)
+    expression = conditions.tExpression(text)
     expression.check()
     return tField(expression, conversion, form)

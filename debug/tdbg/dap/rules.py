@@ -11,7 +11,7 @@ import os
 import re
 import sys
 
-from tdbg import breakpoints, compat
+from tdbg import checksums, compat
 from tdbg.dap import paths
 from tdbg.dap.config import _rules as _read_rules
 from tdbg.dap.config import tConfigError
@@ -140,7 +140,7 @@ def _file_of(name):
     path = _files.get(name)
     if path is None:
         path = name
-        if path.endswith(breakpoints.kSuffixes):
+        if path.endswith(checksums.kSuffixes):
             path = path[:-1]
         if not _isabs(path) and not path.startswith("<"):
             path = os.path.abspath(path)

@@ -11,7 +11,7 @@ import os
 import re
 import sys
 
-from tdbg import breakpoints, codelines, compat, private, sublanguages
+from tdbg import breakpoints, checksums, codelines, compat, private, sublanguages
 from tdbg.dap import rules
 from tdbg.dap.paths import base_name, paths_of
 from tdbg.dap.requests import get_optional, kAnytime, tRequest, tRequestError
@@ -51,7 +51,7 @@ class tSources(object):
 
     def of_path(self, path, name=None, space=None, module=None):
         """path: of the source or, as it is called by code objects, `name`; space: globals there."""
-        if path.endswith(breakpoints.kSuffixes):
+        if path.endswith(checksums.kSuffixes):
             path = path[:-1]
         found = self._is_file.get(path)
         if found is None:
@@ -216,7 +216,7 @@ def file_of_module(module):
     path = _own_dict(module).get("__file__")
     if not isinstance(path, compat.string_types) or not path:
         return None
-    if path.endswith(breakpoints.kSuffixes):
+    if path.endswith(checksums.kSuffixes):
         path = path[:-1]
     return compat.to_native(path if _isabs(path) else os.path.abspath(path))
 
