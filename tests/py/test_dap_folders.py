@@ -83,3 +83,25 @@ class Folders(TestCase):
         self.check_empty()
         os.kill(self.pid, 0)
         self.let_it_end()
+
+    def test_program_that_cannot_be_started(self):
+        self.folder = self.make_dir()
+        client = dapclient.start_adapter(
+            self, env=dapclient.environment_with({"TMPDIR": self.folder}))
+        client.initialize()
+        client.refused("launch", {"program": "x.py", "args": "'", "python": sys.executable})
+        self.check_empty()
+
+    def test_program_without_an_adapter(self):
+        self.folder = self.make_dir()
+        path = self.make_file("program.py", "import os\nif os.fork(): os.wait()  #@ fork\n")
+        client = dapclient.debug_directly(self, path, env={"TMPDIR": self.folder})
+        client.start_session(
+            breakpoints={path: ["fork"]}, initialize={"supportsStartDebuggingRequest": True})
+        thread = client.wait_stopped()["threadId"]
+        folder, = os.listdir(self.folder)
+        self.assertEqual(os.listdir(os.path.join(self.folder, folder)), ["children"])
+        client.resume(thread)
+        client.respond(client.wait_request("startDebugging"), success=False)
+        self.assertEqual(client.wait_exit(), 0)
+        self.assertEqual(os.listdir(self.folder), [])

@@ -12,6 +12,7 @@ import os
 import re
 import shutil
 import subprocess
+import threading
 import time
 
 from tdbg import nativelib
@@ -78,8 +79,17 @@ class tProcess:
         refuse_kernel_rules(pid)
         self._listener = self._visit = None
         self._is_closed = False
+        self._connecting = None  # the thread that does
+        self._over = threading.Event()
 
     def connect(self):
+        self._connecting = threading.current_thread()
+        try:
+            return self._connect()
+        finally:
+            self._over.set()
+
+    def _connect(self):
         if self._library is None:
             self._library = build_library()
         folder = endpoint.make_private_folder()
@@ -114,6 +124,8 @@ class tProcess:
             except OSError:
                 pass
             listener.close()
+        if self._connecting not in (None, threading.current_thread()):
+            self._over.wait(gdb.kHurrySeconds)  # the adapter is not to end before it has cleaned up
 
     def _write_script(self, folder, path):
         self._text = kScript.format(
@@ -143,7 +155,7 @@ class tProcess:
         """
         before = turns_of_main_thread(self.pid)
         end = time.monotonic() + kBlockedSeconds
-        while time.monotonic() < end:
+        while time.monotonic() < end and not self._is_closed:
             if is_running(self.pid) or turns_of_main_thread(self.pid) != before:
                 return False
             time.sleep(kPollSeconds)

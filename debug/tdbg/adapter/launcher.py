@@ -4,8 +4,9 @@
 
 Runs in the terminal of the editor (runInTerminal) or below the adapter.  SOCKET is the adapter's:
 lines go to it, `started PID`, `exited STATUS` (128+n for a signal), `failed TEXT`, and come from
-it: `signal N`, `kill` (the whole group), `release` (the program outlives its adapter).  When the
-adapter has gone without a word, the program is asked to end, and killed after a moment.
+it: `signal N`, `kill` (the whole group), `release` (the program outlives its adapter), and at the
+end `heard`.  When the adapter has gone without a word, the program is asked to end, and killed
+after a moment.
 
 PIPES: descriptors of the program's output that the adapter reads, separated by commas, or "-".
 When the program is released, they are emptied here so that it can go on writing.
@@ -23,6 +24,7 @@ import sys
 import _socket
 
 kEndSeconds = 1.0
+kHeard = b"heard\n"
 kStartFailed = 127
 kSockets = ("launcher", "debuggee", "children")  # all that there may be in the adapter's folder
 
@@ -52,6 +54,25 @@ class tLauncher:
         status = self.wait()
         self.tell("exited {}".format(status))
         return status
+
+    def part(self):
+        """The adapter has heard how it ended, and tells so; or it has gone."""
+        if self.adapter is None:
+            return
+        data = None
+        try:
+            self.adapter.shutdown(_socket.SHUT_WR)
+            self.adapter.settimeout(kEndSeconds)  # it may be stopped
+            while data != b"" and kHeard not in self.lines:
+                data = self.adapter.recv(4096)
+                self.lines += data
+        except _socket.timeout:
+            pass
+        except OSError:
+            data = b""
+        if data == b"":
+            self.remove_folder()
+        self.adapter.close()  # a debugging build of the interpreter tells of forgotten ones
 
     def start(self, argv):
         """Whether the program runs; the reason comes through a pipe that its start closes."""
@@ -179,8 +200,7 @@ class tLauncher:
 def main(argv):
     launcher = tLauncher(*argv[:3])
     status = launcher.run(argv[3:])
-    if launcher.adapter is not None:
-        launcher.adapter.close()  # a debugging build of the interpreter tells of forgotten ones
+    launcher.part()
     return status
 
 

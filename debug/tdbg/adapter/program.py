@@ -63,11 +63,15 @@ class tProgram:
             self._clean_up()
             raise tCannotStart("cannot make a socket in {}: {}".format(self.folder, why.strerror))
         in_shell = run_in_terminal and shell_reads_arguments and isinstance(config.args, str)
-        command = self._command(cwd, in_shell)
-        if run_in_terminal is None:
-            self._start_below(command, changes, cwd)
-        else:
-            self._start_in_terminal(run_in_terminal, command, changes, cwd, in_shell)
+        try:
+            command = self._command(cwd, in_shell)
+            if run_in_terminal is None:
+                self._start_below(command, changes, cwd)
+            else:
+                self._start_in_terminal(run_in_terminal, command, changes, cwd, in_shell)
+        except tCannotStart:
+            self._clean_up()
+            raise
 
     def _environment_changes(self):
         """{name: text or None}"""
@@ -230,6 +234,7 @@ class tProgram:
                     status = int(rest)
                 elif word == "failed":
                     status, why = None, rest
+        self._tell("heard")
         self._end(status, why)
 
     def _serve_debuggee(self, listener):

@@ -5,6 +5,7 @@ Only for clients that announce it.  What a child needs to know is in one environ
 """
 from __future__ import absolute_import, division, print_function
 
+import atexit
 import os
 import shutil
 
@@ -21,7 +22,9 @@ kInherited = (
     "jinja", "flask", "django", "showReturnValue")
 
 _environ = os.environ
-_rmtree, _unlink = shutil.rmtree, os.unlink
+_rmtree, _unlink, _getpid = shutil.rmtree, os.unlink, os.getpid
+_at_exit = atexit.register
+_not_at_exit = getattr(atexit, "unregister", lambda function: None)  # version 3
 kSocketName = "children"
 _path_variable = "PYTHONPATH"
 
@@ -59,6 +62,7 @@ class tNursery(object):
 
     def open(self):
         self._path = path = self._listen()
+        _at_exit(self._remove_socket)
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
             "socket": path, "seconds": self._session.config.child_attach_timeout,
@@ -105,9 +109,13 @@ class tNursery(object):
             except (IOError, OSError):
                 pass
             listener.close()
+            _not_at_exit(self._remove_socket)
             self._remove_socket()
 
     def _remove_socket(self):
+        """Also at the program's end; a fork leaves it to its parent."""
+        if _getpid() != self._pid:
+            return
         try:
             if self._folder is not None:
                 _rmtree(self._folder, True)
