@@ -13,9 +13,6 @@
 #include "guards.h"
 #include "xpy_c_api.h"
 
-// The interpreter runs its threads at the same time.
-__attribute__((visibility("hidden"))) extern bool gNoInterpreterLock;
-
 // Asks the interpreter. Importing this library switches the lock on, unless the user has forbidden
 // that, so the answer is final once it was imported.
 void update_interpreter_lock();

@@ -8,6 +8,9 @@
 
 #include "xpy_c_api.h"
 
+// The interpreter runs its threads at the same time (see corelock.h).
+__attribute__((visibility("hidden"))) extern bool gNoInterpreterLock;
+
 class tNoCopy {
 public:
     tNoCopy() = default;
@@ -65,22 +68,40 @@ inline constexpr int kRecursionHeadroom = 50;
 
 // Room for the debugger's own calls when the program is at its recursion limit. Restores the old
 // limit unless somebody set another one meanwhile (a user at the prompt), which then stays.
+//
+// The limit is that of all threads. Where they run at the same time they would undo each other's
+// changes of it, and each change makes the interpreter stop all of them: there the thread gets its
+// levels alone, in its own count of what is left.
 class tRecursionHeadroom : tNoCopy {
 public:
     explicit tRecursionHeadroom(int extra) {
+        if (gNoInterpreterLock && kept_levels() != -1) [[unlikely]] {
+            tstate_ = gPy.PyThreadState_Get();
+            raised_ = extra;
+            change_levels(raised_);
+            return;
+        }
         old_ = gPy.Py_GetRecursionLimit();
         raised_ = old_ + extra;
         gPy.Py_SetRecursionLimit(raised_);
     }
     ~tRecursionHeadroom() {
-        if (gPy.Py_GetRecursionLimit() == raised_) {
+        if (tstate_ != nullptr) [[unlikely]] {
+            change_levels(-raised_);
+        } else if (gPy.Py_GetRecursionLimit() == raised_) {
             gPy.Py_SetRecursionLimit(old_);
         }
     }
 
 private:
-    int old_;
-    int raised_;
+    static Py_ssize_t kept_levels() { return gPy.tstate_offsets.py_recursion_remaining; }
+    void change_levels(int change) const {
+        write_field<int>(tstate_, kept_levels(), read_field<int>(tstate_, kept_levels()) + change);
+    }
+
+    PyThreadState* tstate_ = nullptr;  // borrowed, the running thread's; null: it is the limit
+    int old_ = 0;
+    int raised_ = 0;
 };
 
 // The debuggee's pending exception, put back at the end; an exception of ours is dropped.

@@ -55,6 +55,34 @@ class Lock(TestCase):
         self.assertEqual(is_lock_on(), os.environ.get("PYTHON_GIL") != "0")
 
 
+class RecursionLimit(TestCase):
+    @needs("free_threaded")
+    def test_without_the_lock_no_other_thread_sees_the_debuggers_headroom(self):
+        limit, inside, depths = sys.getrecursionlimit(), [], []
+
+        def depth_reached(depth=0):
+            try:
+                return depth_reached(depth + 1)
+            except RecursionError:
+                return depth
+
+        def look(frame):
+            inside.append(sys.getrecursionlimit())
+            depths.append(depth_reached())
+            session.tracer.step_into()
+
+        def program(stop):
+            depths.append(depth_reached())
+            stop()
+            return depth_reached()
+
+        session = Session()
+        after = session.run(program, look)
+        self.assertEqual(inside, [limit + (50 if is_lock_on() else 0)])
+        self.assertGreater(depths[1], depths[0] + 20)
+        self.assertEqual((after, sys.getrecursionlimit()), (depths[0], limit))
+
+
 def reach(session, reached):
     """Some events of a traced thread."""
     steps.add(1, 2)
