@@ -485,6 +485,13 @@ tracer.start_trace()
 """
     kBottom = ("exception", "<module>", "ValueError", 1)
     kQuit = ("quit",)
+    kOneCaughtOneNot = """
+try:
+    raise KeyError(1)
+except KeyError:
+    pass
+raise ValueError(1)
+"""
 
     def run_program(self, text, mode=kUnhandled, settings="", status=1):
         path = self.make_file("bottom.py", self.kHead.format(mode=mode, settings=settings) + text)
@@ -550,23 +557,11 @@ raise ValueError(1)
             self.assertEqual([stop[:3] for stop in stops], [self.kBottom[:3], self.kQuit], mode)
 
     def test_caught_and_another_one_raised(self):
-        stops = self.run_program("""
-try:
-    raise KeyError(1)
-except KeyError:
-    pass
-raise ValueError(1)
-""")
+        stops = self.run_program(self.kOneCaughtOneNot)
         self.assertEqual(stops, [self.kBottom, self.kQuit])
 
     def test_reported_caught_and_another_one_raised(self):
-        stops = self.run_program("""
-try:
-    raise KeyError(1)
-except KeyError:
-    pass
-raise ValueError(1)
-""", kAlways)
+        stops = self.run_program(self.kOneCaughtOneNot, kAlways)
         self.assertEqual([stop[:3] for stop in stops],
                          [("exception", "<module>", "KeyError"), self.kBottom[:3], self.kQuit])
 

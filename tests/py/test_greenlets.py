@@ -9,7 +9,7 @@ import threading
 import unittest
 
 from support import TestCase
-from support.tracing import Session, ThreadSession, import_debuggee
+from support.tracing import Session, ThreadSession, import_debuggee, run_all
 
 
 def find_greenlet():
@@ -168,10 +168,7 @@ class Others(GreenletCase):
 
         def program(stop):
             threads = [threading.Thread(target=target) for _ in range(6)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            run_all(threads)
 
         session.run(program)
         self.assertEqual(answers, [6] * 6)

@@ -10,7 +10,7 @@ import threading
 import unittest
 
 from support import TestCase, import_tracer, needs, run_code, time_limit
-from support.tracing import Session, import_debuggee
+from support.tracing import Session, import_debuggee, run_all
 
 try:
     import builtins
@@ -545,10 +545,7 @@ del module
 
         threads = [threading.Thread(target=run, args=(name, source))
                    for name, (source, _) in wanted.items()]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+        run_all(threads)
         for name, (_, expected) in sorted(wanted.items()):
             done = results[name]
             self.assertEqual((done.out.strip(), done.err, done.status), (expected, "", 0),

@@ -9,7 +9,7 @@ import unittest
 import weakref
 
 from support import TestCase, load_native, needs, time_limit
-from support.tracing import ThreadSession, import_debuggee
+from support.tracing import ThreadSession, import_debuggee, run_all
 
 steps = import_debuggee("steps")
 
@@ -476,7 +476,7 @@ class Stops(TestCase):
             stop()
             for _ in range(10):
                 threads = [threading.Thread(target=target) for _ in range(20)]
-                for thread in threads:
+                for thread in threads:  # here, for these lines stop
                     thread.start()
                 for thread in threads:
                     thread.join()
@@ -513,10 +513,7 @@ class Stops(TestCase):
 
         def program(stop):
             threads = [threading.Thread(target=target) for _ in range(12)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            run_all(threads)
 
         session.run(program)
         self.assertEqual(set(overlaps), set([1]))  # one at a time is in the debug server
@@ -587,10 +584,7 @@ class Mutex(TestCase):
 
         def program(stop):
             threads = [threading.Thread(target=target) for target in (acquire, run) * 8]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            run_all(threads)
 
         session.run(program)
         self.assertEqual(len(done), 16)
@@ -614,10 +608,7 @@ class Mutex(TestCase):
                 done.append(1)
 
             threads = [threading.Thread(target=target) for _ in range(8)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            run_all(threads)
             self.assertEqual(done, [1] * 8)
         finally:
             session.tracer.stop_trace()

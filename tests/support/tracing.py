@@ -138,6 +138,14 @@ class Session(object):
                 raise self.failures[0]
 
 
+def run_all(threads):
+    """From their beginnings to their ends."""
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+
+
 class ThreadSession(Session):
     """Brings the threads of the module `threading` under the tracer, as a debug server does."""
 
