@@ -25,19 +25,23 @@ class Threads(TestCase):
     kWorkers = """\
 import sys, threading
 ready = threading.Event()
-go = threading.Event()
+go = threading.Condition()
 def work(n):
     local = n
-    ready.set()
-    go.wait()  #@ wait
+    with go:
+        ready.set()
+        go.wait()  #@ wait
     done = local
 worker = threading.Thread(target=work, args=(7,), name="worker")
 worker.start()
 ready.wait()
+with go:
+    pass  # it waits
 here = 1  #@ main
 names = sorted(thread.name for thread in threading.enumerate())
 count = threading.active_count()
-go.set()  #@ go
+with go:
+    go.notify()  #@ go
 worker.join()
 print(names, count)  #@ end
 sys.stdin.read()

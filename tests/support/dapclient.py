@@ -400,9 +400,14 @@ def adapter_python():
         return sys.executable
     for folder in os.environ.get("PATH", "").split(os.pathsep) + ["/usr/bin"]:
         path = os.path.join(folder, "python3")
-        if os.path.exists(path):
+        if os.path.exists(path) and not is_script(path):  # it may need more than it is given
             return path
     raise LookupError("no python3 for the adapter")
+
+
+def is_script(path):
+    with open(path, "rb") as source:
+        return source.read(2) == b"#!"
 
 
 def adapter_argv(*arguments):
