@@ -75,7 +75,7 @@ inline constexpr int kRecursionHeadroom = 50;
 class tRecursionHeadroom : tNoCopy {
 public:
     explicit tRecursionHeadroom(int extra) {
-        if (gNoInterpreterLock && kept_levels() != -1) [[unlikely]] {
+        if (gNoInterpreterLock && gRecursionRemainingOffset != -1) [[unlikely]] {
             tstate_ = gPy.PyThreadState_Get();
             raised_ = extra;
             change_levels(raised_);
@@ -94,9 +94,9 @@ public:
     }
 
 private:
-    static Py_ssize_t kept_levels() { return gPy.tstate_offsets.py_recursion_remaining; }
     void change_levels(int change) const {
-        write_field<int>(tstate_, kept_levels(), read_field<int>(tstate_, kept_levels()) + change);
+        const Py_ssize_t offset = gRecursionRemainingOffset;
+        write_field<int>(tstate_, offset, read_field<int>(tstate_, offset) + change);
     }
 
     PyThreadState* tstate_ = nullptr;  // borrowed, the running thread's; null: it is the limit

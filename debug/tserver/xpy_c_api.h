@@ -28,7 +28,6 @@ struct XPyThreadStateOffsets {
     Py_ssize_t use_tracing;  // up to 3.9
     Py_ssize_t cframe;       // 3.11, 3.12: pointer to the C frame record; 3.13 on: current_frame
     Py_ssize_t what_event;   // 3.12 on
-    Py_ssize_t py_recursion_remaining;  // 3.12 on: levels of Python code that are left
 };
 
 struct XPyFrameOffsets {  // all -1 from 3.11 on
@@ -106,6 +105,10 @@ struct tProbedOffsets {
     Py_ssize_t code_flags;         // int co_flags in the code object
 };
 extern tProbedOffsets gProbed;
+
+// Of the thread state's int py_recursion_remaining (3.12 on, else -1): the levels of Python code
+// that are left.
+extern Py_ssize_t gRecursionRemainingOffset;
 
 // Version-neutral module description, handed in by a module's own entry code.
 struct XPyModuleDef {

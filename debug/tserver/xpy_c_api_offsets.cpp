@@ -190,9 +190,12 @@ static void read_frame_link(const XPy_FieldWithSize* fields) {
     }
 }
 
+constinit Py_ssize_t gRecursionRemainingOffset = -1;
+
 void discover_thread_state_layout() {
     XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
-    offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+    gRecursionRemainingOffset = -1;
     const XPy_FieldWithSize* const fields = choose_thread_state_table();
     if (fields == nullptr) {
         fputs("Cannot find tstate fields for this python version\n", stderr);
@@ -206,7 +209,7 @@ void discover_thread_state_layout() {
     offsets.use_tracing = FindFieldOffsetMissingOk("use_tracing", fields);
     offsets.thread_id = FindFieldOffset("thread_id", fields);
     offsets.what_event = FindFieldOffsetMissingOk("what_event", fields);
-    offsets.py_recursion_remaining = FindFieldOffsetMissingOk("py_recursion_remaining", fields);
+    gRecursionRemainingOffset = FindFieldOffsetMissingOk("py_recursion_remaining", fields);
     read_frame_link(fields);
 }
 

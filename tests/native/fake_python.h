@@ -372,8 +372,7 @@ inline void bind_fake_threads() {
                           .tracing = fake_ts_offset(&tFakeThreadState::tracing),
                           .use_tracing = -1,
                           .cframe = -1,
-                          .what_event = -1,
-                          .py_recursion_remaining = -1};
+                          .what_event = -1};
     fake->current = reinterpret_cast<PyThreadState*>(&fake->thread_state);
     gPy.PyThreadState_Get = [] { return fake->current; };
     gPy.PyThreadState_GetFrame = [](PyThreadState* tstate) {
