@@ -106,7 +106,9 @@ def runs(python):
     import subprocess
 
     with open(os.devnull, "r+") as nothing:
-        return subprocess.call([python, "-c", ""], stdin=nothing, stdout=nothing, stderr=nothing) == 0
+        status = subprocess.call(
+            [python, "-c", ""], stdin=nothing, stdout=nothing, stderr=nothing)
+        return status == 0
 
 
 def command_of(argv):

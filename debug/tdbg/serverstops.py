@@ -74,7 +74,8 @@ class tStopping(object):
         catcher = None
         if verdict is not None and verdict.frame is not None:
             catcher = (verdict.frame, verdict.line)
-        return stops.tStop(self._thread(), reason, frame, stack, index, value, exc_info, hits, catcher)
+        return stops.tStop(
+            self._thread(), reason, frame, stack, index, value, exc_info, hits, catcher)
 
     def _thread(self):
         ident = _get_ident()

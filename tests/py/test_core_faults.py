@@ -556,7 +556,8 @@ class EvalFrameTest(TestCase):
     @needs("api:_PyInterpreterState_SetEvalFrameFunc")
     def test_another_tool_may_put_the_hook_back_later(self):
         api = ctypes.pythonapi
-        get, put = api._PyInterpreterState_GetEvalFrameFunc, api._PyInterpreterState_SetEvalFrameFunc
+        get = api._PyInterpreterState_GetEvalFrameFunc
+        put = api._PyInterpreterState_SetEvalFrameFunc
         state = api.PyInterpreterState_Get
         state.restype = get.restype = ctypes.c_void_p
         get.argtypes, put.argtypes = [ctypes.c_void_p], [ctypes.c_void_p] * 2

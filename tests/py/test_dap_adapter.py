@@ -345,7 +345,8 @@ class Debugging(Case):
             self.assertIn(status, (1, 130))
 
     def test_terminate_a_program_that_refuses(self):
-        text = "import signal\nsignal.signal(signal.SIGINT, lambda *a: None)\nopen({!r})\nwhile True:\n    x = 1\n"
+        text = ("import signal\nsignal.signal(signal.SIGINT, lambda *a: None)\nopen({!r})\n"
+                "while True:\n    x = 1\n")
         gate = os.path.join(self.make_dir(), "gate")
         os.mkfifo(gate)
         client = self.start(text.format(gate), [], killTimeout=0.05)
@@ -431,7 +432,9 @@ class RandomRequests(object):
             "source": choose(({"path": self.path}, {"path": "/nowhere.py"}, {"sourceReference": 5},
                               {}, None, "x")),
             "breakpoints": choose(([], [{"line": 2}], [{"line": -5}], [{"line": "x"}], [{}], None,
-                                   [{"name": "f"}], [{"line": 2, "condition": "a ==", "hitCondition": "%2", "logMessage": "{a"}])),
+                                   [{"name": "f"}], [
+                                       {"line": 2, "condition": "a ==", "hitCondition": "%2",
+                                        "logMessage": "{a"}])),
             "filters": choose(([], ["raised"], ["nonsense"], None, 4)),
             "line": choose((1, 2, 0, -1, 10 ** 9, "x", None)), "column": choose((1, 0, -3, None)),
             "text": choose(("a", "", "b.", None, 4)), "name": choose(("a", "b", "", None, 5)),

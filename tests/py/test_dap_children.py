@@ -56,7 +56,8 @@ class Case(TestCase):
         return client.seen_events("exited")[0]["exitCode"], text
 
 
-kCall = "import subprocess, sys\nsys.exit(subprocess.call([sys.executable, sys.argv[1], 'a']) + 5)\n"
+kCall = ("import subprocess, sys\n"
+         "sys.exit(subprocess.call([sys.executable, sys.argv[1], 'a']) + 5)\n")
 
 
 class Interpreters(Case):

@@ -92,7 +92,8 @@ class Tokens(TestCase):
 
     def test_comes_from_the_system(self):
         asked = []
-        original, endpoint.os.urandom = os.urandom, lambda count: asked.append(count) or b"\1" * count
+        original = os.urandom
+        endpoint.os.urandom = lambda count: asked.append(count) or b"\1" * count
         try:
             endpoint.make_token()
         finally:

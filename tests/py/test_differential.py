@@ -62,7 +62,7 @@ class Model(unittest.TestCase):
         ]
         plan = diffmodel.Plan(1, [1])
         plan.breaks_at_begin, plan.exception_mode = list(breaks), 0
-        plan.steps = [(step, None, None, 0) for step in steps] + [("continue_run", None, None, 0)] * 9
+        plan.steps = [(step, None, None, 0) for step in steps + ["continue_run"] * 9]
         model = diffmodel.Model(plan, events, [], 1)
         model.run()
         return [(stop[0], stop[1], stop[2]) for stop in model.stops], model.counts()

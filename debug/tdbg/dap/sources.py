@@ -156,7 +156,7 @@ class tSources(object):
         return found
 
     def tell_news(self, *_):
-        """Events for what was imported since the last time, once the program runs for this client."""
+        """Events for what was imported since the last time, once the program runs for the client."""
         if not self._configured or private.is_borrowing():
             return
         news = self.scan()
