@@ -218,7 +218,10 @@ class InterpreterWithoutMemory(FailingCase):
         for number in numbers:
             around = {where: nomemory.failing(number)}
             answer, why = in_child(lambda: self.rounds(around, log))
-            troubles = [why or answer["raised"]] if why or "troubles" not in answer else answer["troubles"]
+            if why or "troubles" not in answer:
+                troubles = [why or answer["raised"]]
+            else:
+                troubles = answer["troubles"]
             if not troubles and answer["after"] != expected["after"]:
                 troubles = ["stops afterwards: {}".format(answer["after"])]
             if troubles:
