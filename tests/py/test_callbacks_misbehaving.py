@@ -219,8 +219,17 @@ def fork(server, arguments):
     wait_for_children(server)
 
 
+def waits_for_a_thread():
+    frame = sys._getframe()
+    while frame is not None and frame.f_code.co_name != "work_in_thread":
+        frame = frame.f_back
+    return frame is not None
+
+
 def fork_and_go_on(server, arguments):
-    """Both run the rest of the program."""
+    """Both run the rest of the program.  A child would wait in vain for what is another thread's."""
+    if waits_for_a_thread():
+        return
     child = os.fork()
     if child == 0:
         server.is_child, server.times, server.children = True, 0, []
