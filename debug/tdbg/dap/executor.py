@@ -406,19 +406,19 @@ class tWorker(object):
     def __init__(self, executor):
         self._executor = executor
         self._signal = signals.tSignal()
-        self._task = None
+        self._given = []
 
     def give(self, task):
-        self._task = task
+        self._given.append(task)
         self._signal.set()
 
     def run(self):
         self._executor.worker_begins()
         while True:
             self._signal.wait()
-            task, self._task = self._task, None
-            if task is None:
+            if not self._given:  # a signal that comes late
                 continue
+            task = self._given.pop()
             task.execute()
             task = None
             self._executor.worker_is_free(self)
