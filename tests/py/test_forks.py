@@ -331,11 +331,20 @@ def work():
     @needs("interpreter_lock")
     def test_with_daemon_threads_that_are_stepped(self):
         self.run_lines("""
+class Ready(object):  # an Event's own lock may be in the hands of a thread that is held
+    lock, is_set = threading.Lock(), False
+    lock.acquire()
+    def set(self):
+        if not self.is_set:
+            self.is_set = True
+            self.lock.release()
+    def wait(self):
+        self.lock.acquire()
 def in_stop(*_):
     ready.set()
     session.tracer.step_into()
 session = ThreadSession(line_cb=in_stop, return_cb=in_stop, quit_cb=lambda: None)
-ready = threading.Event()
+ready = Ready()
 def work():
     session.tracer.stop()
     while True:
