@@ -9,6 +9,7 @@ import subprocess
 import sys
 
 from support import dapclient
+from support.capabilities import needs
 from support.case import TestCase
 from support.library import library_path
 from support.programs import python_path, run_program
@@ -292,6 +293,7 @@ class Serving(Case):
         self.assertEqual(self.end_of(process), (
             0, "{}\n".format([["None", "None", "__import__", False]] * 4), ""))
 
+    @needs("interpreter_lock")
     def test_what_runs_when_the_debugger_goes_is_as_fast_as_before(self):
         """Threads that wait have no trace function, the loop has no instructions of a tracer."""
         path = self.make_file("prog.py", (
