@@ -400,7 +400,8 @@ def is_wanted(test, item, host, hosts, arguments):
     if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
         return False
     is_variant = item.is_built or item.variant != "release"
-    return (not test["per_version"] or item is hosts.get(item.minor)
+    per_version = test["per_version"] or arguments.front_end_once and test["front_end"]
+    return (not per_version or item is hosts.get(item.minor)
             or (arguments.everywhere and is_variant))
 
 
