@@ -212,11 +212,12 @@ def _after_fork():
 
 def _debug_forked(connection):
     """The process is a copy of its parent in the middle of being debugged: begin anew."""
-    from tdbg import api, dbgserver, nativelib, threads
+    from tdbg import api, dbgserver, nativelib, threads, usercode
     from tdbg.dap import frontend
 
     core = sys.modules[nativelib.kModule]
     threads.forget_own_threads()
+    usercode.forget_other_threads()
     core.fork_ok()
     front_end = frontend.tDapFrontEnd({"launched": False})
     server = dbgserver.tServer(core, front_end)

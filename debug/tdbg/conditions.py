@@ -8,7 +8,7 @@ import ast
 import functools
 import sys
 
-from tdbg import compat, framecode, private, statements, sublanguages
+from tdbg import compat, private, statements, sublanguages, usercode
 from tdbg.breakrecords import tRefused
 
 _compile = compile
@@ -89,16 +89,11 @@ class tExpression(object):
             # Comprehensions and lambdas look names up as globals.
             both = dict(frame.f_globals)
             both.update(names)
-            return eval(code, both)
-        return eval(code, frame.f_globals, names)
+            return usercode.call(eval, code, both)
+        return usercode.call(eval, code, frame.f_globals, names)
 
     def _compile(self, flags):
         with private.quiet():
             code = _compile(self.text, "<condition>", "eval", flags, True)
         self._codes[flags] = code
         return code
-
-
-#: Code of the debugger that only evaluates what the user has written.
-kEvaluators = frozenset(function.__code__ for function in (
-    tExpression.value, framecode.run, sublanguages.tHook.evaluate))

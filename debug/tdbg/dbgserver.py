@@ -19,7 +19,7 @@ import sys
 
 import tdbg
 from tdbg import (
-    breakpoints, compat, conditions, exceptions, lending, servercallbacks, servercommands,
+    breakpoints, compat, exceptions, lending, servercallbacks, servercommands,
     serverframes, serverstops, sublanguages, threads)
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
@@ -89,8 +89,7 @@ class tServer(
         serverframes.tFrames.__init__(self)
         self.core = core
         self.front_end = front_end
-        self.lender = lending.tLender(
-            core, self._tell_lent, self._condition_of, self._runs_program)
+        self.lender = lending.tLender(core, self._tell_lent, self._condition_of)
         self.languages = sublanguages.tLanguages(core, self._tell_language_error, self.lender)
         self.breakpoints = breakpoints.tBreakpoints(
             core, languages=self.languages, on_conditions=self.lender.watch_conditions)
@@ -216,12 +215,6 @@ class tServer(
                 return condition
             frame = frame.f_back
         return None
-
-    def _runs_program(self, ident):
-        frame = inner = _current_frames().get(ident)
-        while frame is not None and frame.f_code not in conditions.kEvaluators:
-            frame = frame.f_back
-        return frame is not None and inner.f_code.co_filename not in self._own_files
 
     # --- to the user ---
 

@@ -13,7 +13,7 @@ import sys
 import textwrap
 import types
 
-from tdbg import compat, private, statements, sublanguages
+from tdbg import compat, private, statements, sublanguages, usercode
 
 kFileName = "<debugger>"
 kNested = 0x10  # of version 2: every function sees those around it
@@ -127,10 +127,10 @@ def run(tree, frame, core=None, extra=None):
                 extra and set(code.co_names) & set(extra)):
             known = _tNames(names, extra)
             try:
-                return eval(code, frame.f_globals, known)
+                return usercode.call(eval, code, frame.f_globals, known)
             finally:
                 known.give_new_names()
-        return eval(code, frame.f_globals, names)
+        return usercode.call(eval, code, frame.f_globals, names)
     finally:
         if core is not None:
             keep_locals(frame, names, core)
@@ -258,7 +258,7 @@ def _run_in_snapshot(code, frame, names, extra):
     snapshot.update(names)
     before = dict(frame.f_globals)
     try:
-        return eval(code, snapshot, _tSnapshot(names, snapshot))
+        return usercode.call(eval, code, snapshot, _tSnapshot(names, snapshot))
     finally:
         for name in _all_names(code):  # `global x` assigns to the snapshot
             if name not in snapshot or snapshot[name] is before.get(name, code):
@@ -293,7 +293,7 @@ def _run_as_function(tree, frame, names, extra, waits):
         inner, frame.f_globals, kFunctionName, None,
         tuple(cells[name] for name in inner.co_freevars))
     try:
-        return _wait_for(function()) if waits else function()
+        return usercode.call(_wait_for, function()) if waits else usercode.call(function)
     finally:
         for name in sorted(kept & set(cells)):
             _take_back(names, name, cells[name])

@@ -9,7 +9,7 @@ from __future__ import absolute_import, division, print_function
 import dis
 import os
 
-from tdbg import compat
+from tdbg import compat, usercode
 from tdbg.languageviews import full_path, read, spellings, tSource
 
 # Events and step modes, as the core tells them.
@@ -96,14 +96,14 @@ class tHook(object):
     def evaluate(self, text, frame):
         function = getattr(self.language, "evaluate", None)
         if function is not None:
-            return function(text, frame)
+            return usercode.call(function, text, frame)
         code = compile(text, "<debugger>", "eval", 0, True)
         space, names = self.globals_of(frame), self.variables_of(frame)
         if any(isinstance(item, _code_type) for item in code.co_consts):
             # Comprehensions and lambdas look names up as globals.
             space = dict(space)
             space.update(names)
-        return eval(code, space, names)
+        return usercode.call(eval, code, space, names)
 
     def hides(self, frame):
         return bool(self._ask("hides", False, frame))

@@ -19,7 +19,7 @@ import os
 import sys
 import time
 
-from tdbg import compat, evaluate, signals, threads
+from tdbg import compat, evaluate, signals, threads, usercode
 
 try:
     import ctypes
@@ -45,13 +45,11 @@ class tLender(object):
 
     condition_of(ident)  what the core evaluates on the thread, as (place, what tells one evaluation
                          from the next); None: nothing
-    runs_program(ident)  whether the thread, in a callback, runs code of the program
     """
 
-    def __init__(self, core, on_lent=lambda ident, place: None, condition_of=lambda ident: None,
-                 runs_program=lambda ident: False):
+    def __init__(self, core, on_lent=lambda ident, place: None, condition_of=lambda ident: None):
         self._core, self._on_lent = core, on_lent
-        self._condition_of, self._runs_program = condition_of, runs_program
+        self._condition_of = condition_of
         self._native = None
         self._is_held = core.is_dbgserver_mutex_held
         self._calls = {}    # ident -> number of the callback that the thread is in, or kStopped
@@ -179,9 +177,7 @@ class tLender(object):
     def _is_stuck(self, ident):
         """A thread in a callback.  Code of the debugger may take its time."""
         number = self._numbers.get(ident)
-        # Without an interpreter lock the frames of a thread that runs cannot be looked at.
-        return compat.is_gil_enabled() and self._runs_program(ident) or (
-            threads.is_at_rest(number, kRestSeconds))
+        return usercode.is_running(ident) or threads.is_at_rest(number, kRestSeconds)
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()
@@ -229,6 +225,7 @@ class tLender(object):
     def forget_thread(self, ident):
         for table in (self._calls, self._numbers, self._lent, self._away):
             table.pop(ident, None)
+        usercode.forget_thread(ident)
 
     def _leave_alone(self, ident, number):
         """What waits cannot be interrupted, and is not to be when it goes on,

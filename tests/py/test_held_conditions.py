@@ -5,7 +5,7 @@ import os
 import re
 import subprocess
 
-from support import TestCase, has
+from support import TestCase
 from support.dapclient import debug_directly
 from support.dapstops import next_stop, output_of, run_to_end, value_at
 from support.marks import line_of
@@ -14,8 +14,6 @@ from support.terminal import run_commands
 from tdbg import breakpoints, compat
 
 kOncePerVersion = True
-# Without an interpreter lock a getter that never rests cannot be told from the debugger's code.
-kNaps, kSpins = ("naps", "spins") if has("interpreter_lock") else ("waits", "waits")
 kTurns = 5
 
 PROGRAM = '''\
@@ -131,11 +129,11 @@ class Held(TestCase):
         """Each ends by itself, in a stop or not as it says, and nobody has paused the program."""
         self.start(thread, [
             ("waits", form.format("job.waits == 'yes'")),
-            ("naps", form.format("job.{} == 'yes'".format(kNaps))),
-            ("spins", form.format("job.{} == 'yes'".format(kSpins))),
+            ("naps", form.format("job.naps == 'yes'")),
+            ("spins", form.format("job.spins == 'yes'")),
             ("truth", form.format("job")),
             ("lost", form.format("job.waits == 'no'")),
-            ("turn", form.format("job.{} == 'no' or job.count == {}".format(kNaps, kTurns - 1)))],
+            ("turn", form.format("job.naps == 'no' or job.count == {}".format(kTurns - 1)))],
             kTurns)
         stops = run_to_end(self.client)
         self.assertEqual([(stop.reason, stop.name, stop.mark) for stop in stops], [
@@ -194,8 +192,8 @@ class Held(TestCase):
             return line_of(self.path, mark)
         done = run_commands([
             "break {}, job.waits == 'yes'".format(at("waits")), "continue",
-            "break {}, str(job.{}) == 'yes'".format(at("spins"), kSpins), "continue",
-            "break {}, job.{} == 'no'".format(at("turn"), kNaps), "continue"],
+            "break {}, str(job.spins) == 'yes'".format(at("spins")), "continue",
+            "break {}, job.naps == 'no'".format(at("turn")), "continue"],
             self.path, "main", "2")
         self.assertEqual(done.status, 0, done)
         # A notice may come at any time: by the debugger's own thread.
@@ -212,8 +210,8 @@ class Held(TestCase):
         page = self.make_file("page.tmpl", "{{ 1 }}\n{{ 2 }}\n{{ 3 }}\n{{ 4 }}\n")
         done = run_commands([
             "break {}:1, job.waits == 'yes'".format(page), "continue",
-            "break {}:2, str(job.{}) == 'yes'".format(page, kSpins), "continue",
-            "break {}:3, job.{} == 'yes'".format(page, kNaps), "continue",
+            "break {}:2, str(job.spins) == 'yes'".format(page), "continue",
+            "break {}:3, job.naps == 'yes'".format(page), "continue",
             "break {}:4, job.waits == 'no'".format(page), "continue"],
             self.path, "template", os.path.join(REPOSITORY, "examples", "templates"), page)
         self.assertEqual(done.status, 0, done)
