@@ -10,13 +10,20 @@ import sys
 import warnings  # noqa: F401  must be among the debugger's modules, for quiet()
 
 _modules = {}  # name -> module
+_left = set()  # names of those that the program is to find
 _borrowing = [0]  # how many blocks are running
 
 
 def take_out(names):
     """Remove modules from the program's sight."""
     for name in names:
-        _modules[name] = sys.modules.pop(name)
+        if name not in _left:
+            _modules[name] = sys.modules.pop(name)
+
+
+def leave_in(name):
+    """The program is to find this module, which the debugger has loaded, from now on."""
+    _left.add(name)
 
 
 def is_borrowing():

@@ -94,7 +94,8 @@ class Folders(TestCase):
 
     def test_program_without_an_adapter(self):
         self.folder = self.make_dir()
-        path = self.make_file("program.py", "import os\nif os.fork(): os.wait()  #@ fork\n")
+        path = self.make_file(
+            "program.py", "import atexit, os\nif os.fork(): os.wait()  #@ fork\n")
         client = dapclient.debug_directly(self, path, env={"TMPDIR": self.folder})
         client.start_session(
             breakpoints={path: ["fork"]}, initialize={"supportsStartDebuggingRequest": True})

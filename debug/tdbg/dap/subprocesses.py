@@ -5,13 +5,12 @@ Only for clients that announce it.  What a child needs to know is in one environ
 """
 from __future__ import absolute_import, division, print_function
 
-import atexit
 import os
 import shutil
 
 import _socket
 
-from tdbg import children, compat, threads
+from tdbg import atend, children, compat, threads
 from tdbg.dap import endpoint, wire
 
 kPolicyNone, kPolicyAll = "none", "all"
@@ -23,8 +22,6 @@ kInherited = (
 
 _environ = os.environ
 _rmtree, _unlink, _getpid = shutil.rmtree, os.unlink, os.getpid
-_at_exit = atexit.register
-_not_at_exit = getattr(atexit, "unregister", lambda function: None)  # version 3
 kSocketName = "children"
 _path_variable = "PYTHONPATH"
 
@@ -62,7 +59,7 @@ class tNursery(object):
 
     def open(self):
         self._path = path = self._listen()
-        _at_exit(self._remove_socket)
+        atend.call_at_end(self._remove_socket)
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
             "socket": path, "seconds": self._session.config.child_attach_timeout,
@@ -109,7 +106,7 @@ class tNursery(object):
             except (IOError, OSError):
                 pass
             listener.close()
-            _not_at_exit(self._remove_socket)
+            atend.do_not_call(self._remove_socket)
             self._remove_socket()
 
     def _remove_socket(self):

@@ -7,13 +7,12 @@ before) goes where it went.
 """
 from __future__ import absolute_import, division, print_function
 
-import atexit
 import codecs
 import collections
 import os
 import sys
 
-from tdbg import compat, signals, threads
+from tdbg import atend, compat, signals, threads
 from tdbg.dap import config as configs
 
 kNames = ("stdout", "stderr")
@@ -22,9 +21,7 @@ kLargest = 4096     # characters of an unfinished line that are kept back
 
 kRequests = {}
 _getpid = os.getpid
-_at_exit = atexit.register
 _find_decoder = codecs.getincrementaldecoder
-_not_at_exit = getattr(atexit, "unregister", lambda function: None)  # version 3
 
 
 def attach(session):
@@ -73,7 +70,7 @@ class tMouth(object):
                 tee = tTee(stream, name, self)
                 self._tees.append((name, tee, stream))
                 setattr(sys, name, tee)
-        _at_exit(self.finish)
+        atend.call_at_end(self.finish)
 
     def finish(self):
         """The program ends, and soon our thread cannot run any more."""
@@ -81,7 +78,7 @@ class tMouth(object):
             tee.let_go()
 
     def take_out(self):
-        _not_at_exit(self.finish)
+        atend.do_not_call(self.finish)
         for name, tee, stream in self._tees:
             if getattr(sys, name, None) is tee:  # else the program has put in another since
                 setattr(sys, name, stream)
