@@ -352,18 +352,24 @@ def work():
 """ + self.kWork, status=4)
 
     def test_with_a_thread_that_waits_in_a_stop(self):
+        """Python 2 lets a daemon thread run while it ends, and may abort then: there the thread
+        has to wait before anybody else runs."""
         self.run_lines("""
-stopped = threading.Event()
+stopped, never = threading.Lock(), threading.Lock()
+stopped.acquire()
+never.acquire()
+if sys.version_info < (3,):
+    sys.setcheckinterval(1 << 30)
 def in_stop(frame):
-    stopped.set()
-    threading.Event().wait()
+    stopped.release()
+    never.acquire()
 session = ThreadSession(line_cb=in_stop)
 session.tracer.set_debug_all_threads(0)
 session.tracer.start_trace()
 thread = threading.Thread(target=steps.calls, args=(session.tracer.stop,))
 thread.daemon = True
 thread.start()
-stopped.wait()
+stopped.acquire()
 sys.exit(4)
 """, status=4)
 
