@@ -39,12 +39,7 @@ PyObject* _tracer_set_debug_thread_cb(PyObject* /*self*/, PyObject* args) {
     if (!gPy.PyArg_ParseTuple(args, "O:set_debug_thread_cb", &callback)) {
         return nullptr;
     }
-    CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search); entry != nullptr;
-         entry = CU_NextHashEntry(&search)) {
-        static_cast<tThreadData*>(entry->clientData)->debug_thread_policy = -1;
-    }
-    set_owned(&gSelf.debug_thread_cb, new_ref(callback));
+    set_debug_thread_cb(callback);
     return new_none();
 }
 

@@ -174,6 +174,8 @@ TDBG_API PyObject* call_get_checksum_cb(const char* file_name);
 // ---- Threads, imports, modules (tracercore_threads.cpp, tracercore_imports.cpp) ----
 
 TDBG_API int __should_debug_thread(tThreadData* thread_data);
+// From now on the callback, any object, decides on each thread; the earlier answers are forgotten.
+void set_debug_thread_cb(PyObject* callback);
 // Brings the calling thread under the tracer if it is not; true when it is traced afterwards.
 bool adopt_current_thread(PyThreadState* tstate);
 // Full path, borrowed; null when there is none. What import_cb raised stays set.

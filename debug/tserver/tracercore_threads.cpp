@@ -8,11 +8,6 @@
 
 // ---- All thread states ----
 
-static PyThreadState* borrow_first_thread_state() {
-    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
-    return interp != nullptr ? gPy.PyInterpreterState_ThreadHead(interp) : nullptr;
-}
-
 static bool is_state_of_idle_thread(const PyThreadState* tstate) {
     const tSingleIdleThreadData* const idle = gSelf.global_idle_thread_data.active_single_data_ptr;
     return idle != nullptr && idle->interrupt_tstate == tstate;
@@ -34,25 +29,42 @@ static tThreadStates list_current_thread_state() {
     return list;
 }
 
-tThreadStates list_thread_states() {
-    if (gNoInterpreterLock) {
-        return list_current_thread_state();
-    }
-    PyThreadState* const first = borrow_first_thread_state();
-    size_t count = 0;
-    for (PyThreadState* tstate = first; tstate != nullptr;
+static void count_thread_states(void* arg) {
+    size_t* const count = static_cast<size_t*>(arg);
+    for (PyThreadState* tstate = borrow_first_thread_state(); tstate != nullptr;
          tstate = gPy.PyThreadState_Next(tstate)) {
-        count++;
+        ++*count;
     }
-    tThreadStates list = new_list(count + 1);
-    for (PyThreadState* tstate = first;
-         list.states != nullptr && tstate != nullptr && list.count < count;
+}
+
+struct tStateReader {
+    tThreadStates list;
+    size_t room;
+};
+
+static void read_thread_states(void* arg) {
+    tStateReader* const reader = static_cast<tStateReader*>(arg);
+    for (PyThreadState* tstate = borrow_first_thread_state();
+         tstate != nullptr && reader->list.count < reader->room;
          tstate = gPy.PyThreadState_Next(tstate)) {
         if (!is_state_of_idle_thread(tstate)) {
-            list.states[list.count++] = tstate;
+            reader->list.states[reader->list.count++] = tstate;
         }
     }
-    return list;
+}
+
+tThreadStates list_all_thread_states() {
+    size_t count = 0;
+    call_while_others_halt(count_thread_states, &count);
+    tStateReader reader = {new_list(count + 1), count};
+    if (reader.list.states != nullptr) {
+        call_while_others_halt(read_thread_states, &reader);
+    }
+    return reader.list;
+}
+
+tThreadStates list_thread_states() {
+    return gNoInterpreterLock ? list_current_thread_state() : list_all_thread_states();
 }
 
 // Without an interpreter lock the list of states may change under the reader. The interpreter has a
@@ -100,23 +112,42 @@ bool is_thread_state_alive(PyThreadState* wanted) {
 
 // ---- Policy ----
 
+// Counts the callbacks: the answer of one that was replaced while it was thinking is not kept.
+static constinit unsigned gPolicyCallbacks = 0;
+
+void set_debug_thread_cb(PyObject* callback) {
+    gPolicyCallbacks++;
+    CUt_HashSearch search;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&gSelf.thread_data, &search); entry != nullptr;
+         entry = CU_NextHashEntry(&search)) {
+        static_cast<tThreadData*>(entry->clientData)->debug_thread_policy = -1;
+    }
+    set_owned(&gSelf.debug_thread_cb, new_ref(callback));
+}
+
+static int keep_policy(tThreadData* thread_data, unsigned asked_callback, Py_ssize_t policy) {
+    if (asked_callback == gPolicyCallbacks) {
+        thread_data->debug_thread_policy = policy != 0;
+    }
+    return static_cast<int>(policy);
+}
+
 static int ask_policy_callback(tThreadData* thread_data, PyThreadState* tstate) {
     tMaybeSavedErrno keep_errno;
     tHeldThreadData held(thread_data);
     tRecursionHeadroom room(kRecursionHeadroom);
     tTracingOff quiet(tstate);
     tSavedError saved;
+    const unsigned asked_callback = gPolicyCallbacks;
     tOwnedRef callback(new_ref(gSelf.debug_thread_cb));
     tOwnedRef id(id_for_tstate_ptr(tstate));
     tOwnedRef answer(id ? do_one_arg_call(callback.borrow(), id.borrow()) : nullptr);
     const Py_ssize_t policy = answer ? int_from_object(answer.borrow()) : -1;
     if (!answer || gPy.PyErr_Occurred() != nullptr) {
         log_failure("ignoring failure to call debug_thread_cb");
-        thread_data->debug_thread_policy = 1;
-        return 1;
+        return keep_policy(thread_data, asked_callback, 1);
     }
-    thread_data->debug_thread_policy = policy != 0;
-    return static_cast<int>(policy);
+    return keep_policy(thread_data, asked_callback, policy);
 }
 
 int __should_debug_thread(tThreadData* thread_data) {

@@ -66,9 +66,7 @@ class BootstrapTest(TestCase):
         thread.join()
         session.tracer.stop_trace()
         function = session.tracer.trace_dispatch
-        # Without an interpreter lock no thread can set the trace function of another.
-        at_once = getattr(sys, "_is_gil_enabled", lambda: True)()
-        self.assertEqual(traced, [function if at_once else None, function])
+        self.assertEqual(traced, [function, function])
         self.assertEqual(session.stops[:2], [("line", "calls", "calls-add"),
                                              ("line", "calls", "calls-again")])
 
@@ -180,6 +178,37 @@ class PolicyTest(TestCase):
         self.assertEqual(self.stops_in_thread(), 0)
         self.answer(1)
         self.assertEqual(self.stops_in_thread(), 2)
+
+    def test_one_that_the_callback_sets_is_asked_next(self):
+        def replace_myself(tstate_id):
+            self.answer(1)
+            return 0
+
+        self.answer(replace_myself)
+        self.assert_the_answer_of_another_counts()
+
+    def assert_the_answer_of_another_counts(self):
+        self.session.run(steps.calls, "step_over")
+        self.assertEqual(self.session.stops[0], ("line", "calls", "calls-add"))
+        self.assertEqual(self.asked.count(self.tracer.get_current_tstate_id()), 2)
+
+    def test_one_set_by_another_thread_meanwhile_is_asked_next(self):
+        done = _thread.allocate_lock()
+        done.acquire()
+        main = self.tracer.get_current_tstate_id()
+
+        def set_another():
+            self.answer(1)
+            done.release()
+
+        def wait_for_another(tstate_id):
+            if tstate_id == main:
+                _thread.start_new_thread(set_another, ())
+                done.acquire()
+            return 0
+
+        self.answer(wait_for_another)
+        self.assert_the_answer_of_another_counts()
 
     def test_set_in_a_stop_it_counts_at_once(self):
         self.session.run(steps.calls, lambda frame: (self.tracer.step_over(), self.answer(0)))
