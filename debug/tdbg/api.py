@@ -36,12 +36,14 @@ def listen(address=("127.0.0.1", 0), token=None, token_file=None, no_token=False
         return None
     front_end = start()
     listener = endpoint.listen(host, port, allow_remote)
+    made = None
     if token is None and not no_token:
         token = endpoint.make_token()
+        made = endpoint.write_token(token)
         sys.stderr.write("tdbg: listening on {}:{}; the token is in {}\n".format(
-            listener.getsockname()[0], listener.getsockname()[1], endpoint.write_token(token)))
+            listener.getsockname()[0], listener.getsockname()[1], made))
         sys.stderr.flush()  # before 3.9 it is buffered where it is no terminal
-    _door = serve.open_door_in(front_end, listener, token, allow_remote)
+    _door = serve.open_door_in(front_end, listener, token, allow_remote, made)
     return _door.address
 
 

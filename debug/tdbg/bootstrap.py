@@ -137,5 +137,9 @@ def _give_up(text, settings):
 
         serve.tell_refusal(settings["socket"], text)
         _exit_process(2)
+    if "listener" in settings:
+        from tdbg import serve
+
+        serve.remove_token_file(settings)
     os.write(2, "tdbg: cannot debug here: {}\n".format(text).encode("utf-8", "replace"))
     _exit_process(2)

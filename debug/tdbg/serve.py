@@ -47,6 +47,7 @@ def main(argv, package_folder):
     try:
         launch.become(argv, library, package_folder, settings)
     except launch.tRefused as why:
+        remove_token_file(settings)
         return refuse(str(why))
 
 
@@ -101,17 +102,24 @@ def open_door(options):
         return dict(settings, **connect_to_client(options, token))
     host, port = endpoint.parse_address(options["listen"] or "0")
     listener = endpoint.listen(host, port, options["allow_remote"])
-    notes = []
+    notes, made = [], None
     if token is None and not options["no_token"]:
         token = endpoint.make_token()
-        notes.append("the token is in " + endpoint.write_token(token))
+        made = endpoint.write_token(token)
+        notes.append("the token is in " + made)
     if port == 0 or notes:
         notes.insert(0, "listening on {}:{}".format(*listener.getsockname()[:2]))
         sys.stderr.write("tdbg: {}\n".format("; ".join(notes)))
         sys.stderr.flush()
     return dict(
         settings, family=int(listener.family), listener=hand_over(listener),
-        allow_remote=options["allow_remote"], secret=secret_pipe(token))
+        allow_remote=options["allow_remote"], secret=secret_pipe(token), token_file=made)
+
+
+def remove_token_file(settings):
+    """The program could not be started."""
+    if settings.get("token_file") is not None:
+        os.remove(settings["token_file"])
 
 
 def connect_to_client(options, token):
@@ -230,7 +238,7 @@ def make_server(core, settings):
 
     socket      path of the adapter's socket
     connected   descriptor of a connection to the client
-    listener    descriptor of a listening socket; allow_remote
+    listener    descriptor of a listening socket; allow_remote; token_file: see open_door_in()
     family      of connected and listener
     secret      descriptor to read the token from, or None
     session     see frontend.tDapFrontEnd
@@ -255,7 +263,8 @@ def make_server(core, settings):
         begin_with_token(front_end, endpoint.without_delay(connected), token)
     elif "listener" in settings:
         listener = endpoint.socket_of_descriptor(settings["listener"], settings["family"])
-        open_door_in(front_end, listener, token, settings["allow_remote"])
+        open_door_in(
+            front_end, listener, token, settings["allow_remote"], settings["token_file"])
     return server
 
 
@@ -266,14 +275,25 @@ def attach_running(path, library):
     api.serve_socket(path, library)
 
 
-def open_door_in(front_end, listener, token, allow_remote):
-    """Serve clients from a thread of the debugger's own; returns the tDoor."""
-    from tdbg import threads
+def open_door_in(front_end, listener, token, allow_remote, token_file=None):
+    """Serve clients from a thread of the debugger's own; returns the tDoor.
+
+    token_file: path of a file that was made for clients to read the token, or None; it is removed
+    when no more of them are let in, and at the program's end.
+    """
+    from tdbg import atend, threads
     from tdbg.dap import endpoint
 
     close_at_exec(listener)
     door = endpoint.tDoor(listener, token, front_end.begin, allow_remote)
-    threads.start_own_thread(door.serve)
+    if token_file is not None:
+        atend.remove_at_end(token_file)
+
+    def serve():
+        door.serve()
+        atend.remove_now(token_file)
+
+    threads.start_own_thread(serve)
     return door
 
 

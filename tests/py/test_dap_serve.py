@@ -3,6 +3,7 @@ from __future__ import absolute_import, division, print_function
 
 import os
 import re
+import signal
 import socket
 import stat
 import subprocess
@@ -37,6 +38,7 @@ class Case(TestCase):
 
     def setUp(self):
         self.end_file = os.path.join(self.make_dir(), "end")
+        self.token_folder = self.make_dir()
 
     def loop(self):
         return self.make_file("prog.py", kLoop.format(self.end_file))
@@ -45,7 +47,7 @@ class Case(TestCase):
         open(self.end_file, "w").close()
 
     def start(self, argv, **more):
-        env = dict(os.environ, **more.pop("env", {}))
+        env = dict(os.environ, XDG_RUNTIME_DIR=self.token_folder, **more.pop("env", {}))
         process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    env=env, **more)
         self.addCleanup(dapclient.end_process, process)
@@ -53,7 +55,11 @@ class Case(TestCase):
 
     def serve(self, path):
         """A program that waits for its client; (process, address, token)."""
-        process = self.start(serve_argv("--wait-for-client", path))
+        return self.serve_at_once(path, "--wait-for-client")
+
+    def serve_at_once(self, path, *options):
+        """The same, of one that does not wait."""
+        process = self.start(serve_argv(*(options + (path,))))
         return (process,) + self.address_and_token(process)
 
     def address_and_token(self, process):
@@ -61,7 +67,7 @@ class Case(TestCase):
         found = re.match(r"tdbg: listening on 127\.0\.0\.1:(\d+); the token is in (\S+)\n", line)
         self.assertTrue(found, line)
         path = found.group(2)
-        self.addCleanup(os.remove, path)
+        self.assertEqual(os.path.dirname(path), self.token_folder)
         self.assertEqual(stat.S_IMODE(os.stat(path).st_mode), 0o600)
         with open(path) as source:
             return ("127.0.0.1", int(found.group(1))), source.read().strip()
@@ -84,8 +90,9 @@ class Case(TestCase):
         return stop["threadId"]
 
     def end_of(self, process):
-        """(status, stdout, stderr)"""
+        """(status, stdout, stderr); no file is left."""
         out, err = process.communicate()
+        self.assertEqual(os.listdir(self.token_folder), [])
         return process.returncode, out.decode("utf-8"), err.decode("utf-8")
 
 
@@ -293,7 +300,6 @@ class Serving(Case):
         self.assertEqual(self.end_of(process), (
             0, "{}\n".format([["None", "None", "__import__", False]] * 4), ""))
 
-    @needs("interpreter_lock")
     def test_what_runs_when_the_debugger_goes_is_as_fast_as_before(self):
         """Threads that wait have no trace function, the loop has no instructions of a tracer."""
         path = self.make_file("prog.py", (
@@ -368,11 +374,50 @@ class Serving(Case):
 
     def test_module_code_and_status(self):
         folder = self.make_dir()
+        env = {"XDG_RUNTIME_DIR": self.token_folder}
         self.make_file("mod.py", "import sys\nprint(sys.argv[1:])\nsys.exit(5)\n", folder)
-        done = run_program(serve_argv("-m", "mod", "a"), cwd=folder)
+        done = run_program(serve_argv("-m", "mod", "a"), cwd=folder, env=env)
         self.assertEqual((done.status, done.out), (5, "['a']\n"), done)
-        done = run_program(serve_argv("-c", "import sys; print(sys.argv)", "a"))
+        done = run_program(serve_argv("-c", "import sys; print(sys.argv)", "a"), env=env)
         self.assertEqual((done.status, done.out), (0, "['-c', 'a']\n"), done)
+        self.assertEqual(os.listdir(self.token_folder), [])
+
+    def test_token_file_outlives_forks(self):
+        """Whose end is like the program's; which imports the module of the functions itself."""
+        path = self.make_file("prog.py", (
+            "import atexit, os, sys\n"
+            "if not os.fork(): sys.exit()\n"
+            "os.wait()\n"
+            "print(len(os.listdir(os.environ['XDG_RUNTIME_DIR'])))\n"))
+        process = self.start(serve_argv(path))
+        self.address_and_token(process)
+        self.assertEqual(self.end_of(process)[:2], (0, "1\n"))
+
+    def test_token_file_goes_with_the_port(self):
+        path = self.make_file("prog.py", (
+            "import os, time\n"
+            "while os.listdir(os.environ['XDG_RUNTIME_DIR']): time.sleep(0.001)\n"
+            "print('removed')\n"))
+        process, address, _ = self.serve_at_once(path)
+        for _ in range(3):
+            client = self.client_at(address, process)
+            client.initialize()
+            self.assertIn("token", client.refused("attach", {"token": "wrong"}))
+        self.assertEqual(self.end_of(process), (0, "removed\n", ""))
+
+    def test_token_file_of_a_program_that_is_ended_or_does_not_begin(self):
+        path = self.loop()
+        process, address, token = self.serve(path)
+        client = self.client_at(address, process)
+        self.attach_and_stop(client, path, token=token)
+        client.request("disconnect", {"terminateDebuggee": True})
+        self.assertEqual(self.end_of(process), (-signal.SIGTERM, "", ""))
+        process = self.start(
+            [sys.executable, dapclient.PACKAGE, "--library", path, "serve", path])
+        self.address_and_token(process)
+        status, out, err = self.end_of(process)
+        self.assertEqual((status, out), (2, ""))
+        self.assertRegex(err, "^tdbg: cannot debug here: .*\n$")
 
     def test_connecting_to_an_adapter_that_listens(self):
         path = self.loop()

@@ -3,7 +3,7 @@ from __future__ import absolute_import, division, print_function
 
 import os
 
-from tdbg import compat, evaluate
+from tdbg import atend, compat, evaluate
 from tdbg.dap import capabilities
 from tdbg.dap import config as configs
 from tdbg.dap.requests import get_optional, tRequest, tRequestError
@@ -86,8 +86,10 @@ def terminate(session, arguments):
         if wanted == "KeyboardInterrupt":
             _interrupt(session)
         else:
-            _kill(_getpid(),
-                  compat.signal.SIGTERM if wanted == "SIGTERM" else compat.signal.SIGKILL)
+            number = compat.signal.SIGTERM if wanted == "SIGTERM" else compat.signal.SIGKILL
+            if _get_signal(number) == compat.signal.SIG_DFL:  # it has no end of its own
+                atend.remove_files()
+            _kill(_getpid(), number)
             if session.is_stopped:
                 session.go_on()
     session.then(end)

@@ -47,7 +47,7 @@ import fnmatch
 import os
 import sys
 
-from tdbg import compat, signals, stops
+from tdbg import atend, compat, signals, stops
 from tdbg.dap import exchange, numbers, requests
 
 _getpid = os.getpid
@@ -326,6 +326,7 @@ class tSession(exchange.tExchange):
             self.run_in_core(undo)
 
     def _end_program(self):
+        atend.remove_files()
         _kill(_getpid(), compat.signal.SIGTERM)
         if self.executor.is_serving:
             self.executor.finish(self.front_end.leave_alone)

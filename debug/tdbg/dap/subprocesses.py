@@ -6,7 +6,6 @@ Only for clients that announce it.  What a child needs to know is in one environ
 from __future__ import absolute_import, division, print_function
 
 import os
-import shutil
 
 import _socket
 
@@ -21,7 +20,6 @@ kInherited = (
     "jinja", "flask", "django", "showReturnValue")
 
 _environ = os.environ
-_rmtree, _unlink, _getpid = shutil.rmtree, os.unlink, os.getpid
 kSocketName = "children"
 _path_variable = "PYTHONPATH"
 
@@ -53,13 +51,12 @@ class tNursery(object):
 
     def __init__(self, session):
         self._session = session
-        self._folder = self._path = self._listener = None
+        self._made = self._listener = None
         self._pid = os.getpid()
         self._before = {}
 
     def open(self):
-        self._path = path = self._listen()
-        atend.call_at_end(self._remove_socket)
+        path = self._listen()
         library = getattr(self._session.server.core, "__file__", None)
         settings = {
             "socket": path, "seconds": self._session.config.child_attach_timeout,
@@ -80,12 +77,17 @@ class tNursery(object):
             try:
                 path = os.path.join(shared, kSocketName)
                 self._listener = endpoint.listen_unix(path)
-                return path
+                return self._is_made(path, path)
             except (IOError, OSError, _socket.error):  # the adapter has gone and another one come
                 pass
-        self._folder = endpoint.make_private_folder()
-        path = os.path.join(self._folder, kSocketName)
+        folder = endpoint.make_private_folder()
+        path = os.path.join(folder, kSocketName)
         self._listener = endpoint.listen_unix(path)
+        return self._is_made(folder, path)
+
+    def _is_made(self, made, path):
+        self._made = made
+        atend.remove_at_end(made)
         return path
 
     def close(self):
@@ -106,20 +108,7 @@ class tNursery(object):
             except (IOError, OSError):
                 pass
             listener.close()
-            atend.do_not_call(self._remove_socket)
-            self._remove_socket()
-
-    def _remove_socket(self):
-        """Also at the program's end; a fork leaves it to its parent."""
-        if _getpid() != self._pid:
-            return
-        try:
-            if self._folder is not None:
-                _rmtree(self._folder, True)
-            else:
-                _unlink(self._path)
-        except (IOError, OSError):
-            pass
+            atend.remove_now(self._made)
 
     def _set(self, name, value):
         self._before[name] = _environ.get(name)
