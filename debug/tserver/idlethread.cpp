@@ -349,8 +349,8 @@ void stop_idle_thread_mutex_held(tIdleThreadPerInterpData* per_interp_data,
 
 // The server's switch.
 
-static int start_for_server(tIdleThreadPerInterpData* data) {
-    data->use_idle_thread = 1;
+static int start_for_server(tIdleThreadPerInterpData* data, boolean flag) {
+    data->use_idle_thread = flag;
     if (!gSelf.tracing) {
         return 0;  // start_trace starts it
     }
@@ -376,11 +376,11 @@ int tracer_set_use_idle_thread(int flag) {
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
     const bool possible =
         gPy.major_version == 3 && gPy.minor_version > 6 && !data->initialization_failed;
-    const bool wanted = flag != 0 && possible;
-    if (wanted == (data->use_idle_thread != 0)) {
+    const boolean wanted = static_cast<boolean>(possible ? flag : 0);  // kept as it was given
+    if (wanted == data->use_idle_thread) {
         return 0;
     }
-    const int result = wanted ? start_for_server(data) : stop_for_server(data);
+    const int result = wanted != 0 ? start_for_server(data, wanted) : stop_for_server(data);
     if (result != 0) {
         DPRINTF(kLogCore, "tracer_set_use_idle_thread() failed\n");
     }

@@ -720,6 +720,20 @@ TEST_F(Switch, NeedsPython37) {
     }
 }
 
+TEST_F(Switch, FlagIsKeptAsGivenIn16Bits) {
+    start_idle_thread(data());
+    gSelf.tracing = 0;
+    for (const int flag : {5, 1, -1, 65536 + 7}) {
+        EXPECT_EQ(0, tracer_set_use_idle_thread(flag));
+        EXPECT_EQ(static_cast<boolean>(flag), data()->use_idle_thread);
+        EXPECT_NE(nullptr, data()->active_single_data_ptr);
+    }
+    EXPECT_EQ(0, tracer_set_use_idle_thread(65536));
+    EXPECT_EQ(0, data()->use_idle_thread);
+    EXPECT_EQ(nullptr, data()->active_single_data_ptr);
+    run_body();
+}
+
 TEST_F(Switch, OffStopsTheThread) {
     start_idle_thread(data());
     gSelf.tracing = 0;
