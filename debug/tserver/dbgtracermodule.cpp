@@ -18,6 +18,10 @@ constinit PyTypeObject* gListType = nullptr;
 
 static constinit bool gInitialized = false;  // init() has succeeded
 
+bool is_initialized() {
+    return gInitialized;
+}
+
 bool check_initialized() {
     if (!gInitialized) {
         gPy.PyErr_SetString(gPy.PyExc_RuntimeError,
@@ -143,14 +147,12 @@ static bool make_sure_of_core() {
     return false;
 }
 
-// A subinterpreter that imports the module gets one of its own, without a call of ours.
+// A subinterpreter that imports the module gets one of its own, without a call of ours. Looked up,
+// not imported: an import may be a function of the program's.
 static PyObject* get_own_module() {  // new ref
-    PyObject* const module = gPy.PyImport_ImportModule("tdbgtracer");
-    if (module != nullptr) {
-        return module;
-    }
-    gPy.PyErr_Clear();  // loaded under another name
-    return new_ref(gModuleSelf);
+    tOwnedRef module(get_imported_module("tdbgtracer"));
+    const bool is_module = is_instance_of(module.borrow(), gPy.PyModule_Type_ptr);
+    return is_module ? module.give_away() : new_ref(gModuleSelf);  // loaded under another name
 }
 
 static int init_core(float idle_period, int exception_mode, PyObject* const* o) {
@@ -271,11 +273,11 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      " Set trace function to start tracing and set the trace in all frames."},
     {"stop_trace",
-     after_init<_tracer_stop_trace>,
+     after_init<_tracer_stop_trace, ":tracer_stop_trace">,
      kMethVarArgs,
      "Remove trace function and stop debugging."},
     {"step_into",
-     after_init<_tracer_step_into>,
+     after_init<_tracer_step_into, ":step_into">,
      kMethVarArgs,
      "Set up to step into next function or to next instruction"},
     {"step_over",
@@ -287,7 +289,7 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      "Set up to step over the next line of code"},
     {"step_over_line_range",
-     after_init<_tracer_step_over_line_range>,
+     after_init<_tracer_step_over_line_range, "ii">,
      kMethVarArgs,
      "Set up to step over the given range of lines"},
     {"step_out",
@@ -295,7 +297,7 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      "Set up to step out of the current stack frame"},
     {"step_out_to_frame",
-     after_init<_tracer_step_out_to_frame>,
+     after_init<_tracer_step_out_to_frame, "O:step_out_to_frame">,
      kMethVarArgs,
      "Set up to step out to the given stack frame; single argument is a frame object"},
     {"continue_run",
@@ -304,28 +306,28 @@ PyMethodDef TracerMethods[] = {
      "Set up to continue running freely until next breakpoint"},
     {"stop", after_init<_tracer_stop>, kMethVarArgs, "Set up to stop at next reached run location"},
     {"get_threads",
-     after_init<_tracer_get_threads>,
+     _tracer_get_threads,
      kMethVarArgs,
      "Get the a list of all threads' thread ids.  These can be passed to get_curr_frame\n"
      "for access to the thread's stack, although some thread ids returned here may still\n"
      "be running if in C code and thus have no obtainable stack."},
     {"get_curr_frame",
-     after_init<_tracer_get_curr_frame>,
+     _tracer_get_curr_frame,
      kMethVarArgs,
      "Get the current frame for the given thread id -- this is the frame where\n"
      "the thread stopped, so the innermost aka top frame.  This may raise IndexError\n"
      "if the given thread is still running (which may happen if it's stuck in C code)."},
     {"get_thread_name",
-     after_init<_tracer_get_thread_name>,
+     _tracer_get_thread_name,
      kMethVarArgs,
      "Get the name of the main function for the given thread."},
     {"is_botframe",
-     after_init<_tracer_is_botframe>,
+     _tracer_is_botframe,
      kMethVarArgs,
      "Returns whether given frame to see if it is the bottom (outermost) frame for the "
      "current thread."},
     {"get_tracing",
-     after_init<_tracer_get_tracing>,
+     _tracer_get_tracing,
      kMethVarArgs,
      "Returns whether tracing is active in any thread"},
     {"set_break",
@@ -418,13 +420,13 @@ PyMethodDef TracerMethods[] = {
      "module_name, prints, ignore, & parent attributes.  Class for these instances is "
      "defined in dbgserver.py."},
     {"get_new_imports",
-     after_init<_tracer_get_new_imports>,
+     _tracer_get_new_imports,
      kMethVarArgs,
      "Used to obtain list of full path names for modules that have been\n"
      "loaded or reloaded since the last call to this function.  Also clears\n"
      "the table of new loaded/reloaded modules to blank."},
     {"register_module",
-     after_init<_tracer_register_module>,
+     after_init<_tracer_register_module, "O:register_module">,
      kMethVarArgs,
      "Register module with the debugger"},
     {"get_registered_module_count",
@@ -432,16 +434,16 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      "Get registered module count"},
     {"register_sub_language_hook",
-     after_init<_tracer_register_sub_language_hook>,
+     after_init<_tracer_register_sub_language_hook, "O:register_sub_language_hook">,
      kMethVarArgs,
      "Register a sub-language extension with the debugger"},
     {"sub_language_get_active_hook",
-     after_init<_tracer_sub_language_get_active_hook>,
+     _tracer_sub_language_get_active_hook,
      kMethVarArgs,
      "Get the active sub language hook in the given thread.  Returns None\n"
      "when no sub-language implementation is active on the thread's stack."},
     {"sub_language_get_frame_category",
-     after_init<_tracer_sub_language_get_frame_category>,
+     _tracer_sub_language_get_frame_category,
      kMethVarArgs,
      "Get the type of the given frame:  Returns 1 if it's a key frame in the active\n"
      "sub-language implementation, 0 if it's a frame that should be hidden because it\n"
@@ -506,15 +508,15 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      "Get the use_canonical_pathnames flag."},
     {"acquire_dbgserver_mutex",
-     after_init<_tracer_acquire_dbgserver_mutex>,
+     after_init<_tracer_acquire_dbgserver_mutex, ":acquire_dbgserver_mutex">,
      kMethVarArgs,
      "Acquire the mutex used to ensure only one thread calls into the debug server."},
     {"release_dbgserver_mutex",
-     after_init<_tracer_release_dbgserver_mutex>,
+     after_init<_tracer_release_dbgserver_mutex, ":release_dbgserver_mutex">,
      kMethVarArgs,
      "Release the mutex used to ensure only one thread calls into the debug server."},
     {"is_dbgserver_mutex_held",
-     after_init<_tracer_is_dbgserver_mutex_held>,
+     after_init<_tracer_is_dbgserver_mutex_held, ":is_dbgserver_mutex_held">,
      kMethVarArgs,
      "Returns whether the dbgserver mutex is held by the calling thread."},
     {"raise_exception",
@@ -534,7 +536,7 @@ PyMethodDef TracerMethods[] = {
      kMethVarArgs,
      "Returns id returned by thread.get_ident for given tstate_id"},
     {"is_internal_frame",
-     after_init<_tracer_is_internal_frame>,
+     _tracer_is_internal_frame,
      kMethVarArgs,
      "Returns id returned by thread.get_ident for given tstate_id"},
     {"fork_ok",
@@ -584,9 +586,9 @@ PyMethodDef TracerMethods[] = {
      _tracer_atexit_func,
      kMethVarArgs,
      "Function to be called when atexit functions are called"},
-    {"trace_dispatch", after_init<_tracer_trace_dispatch>, kMethVarArgs, nullptr},
+    {"trace_dispatch", after_init<_tracer_trace_dispatch, "OsO">, kMethVarArgs, nullptr},
     {"bootstrap_new_thread", after_init<_tracer_bootstrap_new_thread>, kMethVarArgs, nullptr},
-    {"thread_exiting", after_init<_tracer_thread_exiting>, kMethVarArgs, nullptr},
+    {"thread_exiting", _tracer_thread_exiting, kMethVarArgs, nullptr},
     {"__import__", AS_CFUNCTION(import_hook_after_init), kMethVarArgs | kMethKeywords, nullptr},
     {"lookup_canonical_pathname",
      _tracer_lookup_canonical_pathname,

@@ -27,13 +27,29 @@ inline PyObject* none_unless_error() {
     return gPy.PyErr_Occurred() == nullptr ? new_none() : nullptr;
 }
 
-// The tables are set up by init(): true, or false with RuntimeError set.
+// init() has succeeded.
+bool is_initialized();
+// The same, with RuntimeError set if it has not.
 bool check_initialized();
 
-// The function, which works on those tables, as it goes into the method table.
-template <PyCFunction kFunction>
+// Wrong arguments are told of first, as everywhere. Room for what any format here leaves.
+inline bool check_arguments(PyObject* args, const char* format) {
+    void* values[4] = {};
+    return *format == '\0' ||
+           gPy.PyArg_ParseTuple(args, format, &values[0], &values[1], &values[2], &values[3]) != 0;
+}
+
+// The function, which needs what init() is given, as it goes into the method table. An empty
+// format: the arguments are not looked at.
+template <PyCFunction kFunction, tFormat kFormat = "">
 PyObject* after_init(PyObject* self, PyObject* args) {
-    return check_initialized() ? kFunction(self, args) : nullptr;
+    if (is_initialized()) {
+        return kFunction(self, args);
+    }
+    if (check_arguments(args, kFormat.text)) {
+        check_initialized();
+    }
+    return nullptr;
 }
 
 // One int into a field of the state, cut to the field's width.

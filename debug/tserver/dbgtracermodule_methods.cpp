@@ -377,10 +377,9 @@ PyObject* _tracer_get_frame_file(PyObject* /*self*/, PyObject* args) {
 // ---- Process, hooks, names ----
 
 PyObject* _tracer_fork_ok(PyObject* /*self*/, PyObject* /*args*/) {
-    if (!check_initialized()) {
-        return nullptr;
+    if (is_initialized()) {  // otherwise the process that calls init() is the one to debug
+        __tracer_fork_ok();
     }
-    __tracer_fork_ok();
     return none_unless_error();
 }
 

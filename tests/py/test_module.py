@@ -164,6 +164,46 @@ class Table(TestCase):
                     pass
         self.assertIsNone(sys.gettrace())
 
+    def test_before_init_argument_errors_are_those_of_afterwards(self):
+        tracer = import_tracer()
+        before = [self.messages_of_argument_errors(tracer, row) for row in read_table()]
+        tracer.init(*init_arguments())
+        after = [self.messages_of_argument_errors(tracer, row) for row in read_table()]
+        self.assertEqual(before, after)
+        self.assertGreater(len([messages for messages in after if messages]), 60)
+
+    def messages_of_argument_errors(self, tracer, row):
+        """For no argument, too many and such of a wrong type; of functions that parse their own."""
+        function, messages = getattr(tracer, row["name"]), []
+        by_position = ("get_curr_frame", "is_botframe", "sub_language_get_active_hook",
+                       "sub_language_get_frame_category")
+        if row["format"] is None and row["name"] not in by_position:
+            return messages
+        letters = (row["format"] or "O").partition(":")[0]
+        calls = [tuple(range(20))] if row["format"] else []
+        calls += [()] if letters else []
+        calls += [(object(),) * len(letters)] if "i" in letters else []
+        for arguments in calls:
+            try:
+                self.fail((row["name"], function(*arguments)))
+            except (TypeError, IndexError) as error:
+                messages.append(str(error))
+        return messages
+
+    def test_before_init_queries_find_nothing(self):
+        tracer = import_tracer()
+        frame, own = sys._getframe(), tracer.get_current_tstate_id()
+        for name, arguments, answer in (
+                ("get_tracing", (), 0), ("get_threads", (), []), ("get_thread_name", (own,), None),
+                ("is_botframe", (frame,), 0), ("is_internal_frame", (frame,), 0),
+                ("get_new_imports", (), []), ("sub_language_get_active_hook", (own,), None),
+                ("sub_language_get_frame_category", (own, frame), -1),
+                ("thread_exiting", (), None), ("fork_ok", (), None)):
+            self.assertEqual(getattr(tracer, name)(*arguments), answer, name)
+        with self.assertRaisesRegex(IndexError, "unknown or terminated thread"):
+            tracer.get_curr_frame(own)
+        make_tracer()
+
     def test_before_init_the_tables_are_refused(self):
         tracer = import_tracer()
         for name, arguments in (("start_trace", ()), ("set_break", ("a", "", 1, 1, 0, None, 0)),
@@ -276,6 +316,22 @@ class Init(TestCase):
         finally:
             os.dup2(kept, 1)
 
+    def test_imports_nothing(self):
+        tracer = import_tracer()
+        imported = []
+
+        def ours(name, *arguments, **keywords):
+            imported.append(name)
+            return kDefaultImport(name, *arguments, **keywords)
+
+        builtins.__import__ = ours
+        try:
+            tracer.init(*init_arguments(default_import=ours))
+            tracer.init(*init_arguments(default_import=ours))
+        finally:
+            builtins.__import__ = kDefaultImport
+        self.assertEqual(imported, [])
+
     def test_second_init_brings_the_defaults_back(self):
         tracer = make_tracer()
         tracer.set_save_and_restore_errno(0)
@@ -315,10 +371,10 @@ class Settings(TestCase):
     def test_use_idle_thread_needs_3_7(self):
         tracer = make_tracer()
         self.assertEqual(tracer.get_use_idle_thread(), 0)
-        self.assertIsNone(tracer.set_use_idle_thread(5))
-        self.assertEqual(tracer.get_use_idle_thread(), 1 if sys.version_info >= (3, 7) else 0)
-        self.assertIsNone(tracer.set_use_idle_thread(0))
-        self.assertEqual(tracer.get_use_idle_thread(), 0)
+        for flag, kept in ((1, 1), (5, 5), (65537, 1), (65536, 0), (-1, 65535), (0, 0)):
+            self.assertIsNone(tracer.set_use_idle_thread(flag))
+            self.assertEqual(tracer.get_use_idle_thread(),
+                             kept if sys.version_info >= (3, 7) else 0)
 
     def test_dprintf_mask(self):
         tracer = import_tracer()
