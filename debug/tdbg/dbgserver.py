@@ -171,20 +171,8 @@ class tServer(
         Where the core may be called."""
         self.forget_all_commands()
         self.core.set_use_eval_frame(1)
-        if compat.is_gil_enabled() or not threads.call_in_main_thread(self._start_here):
-            self.core.start_trace()
+        self.core.start_trace()
         self.ask_policies()
-
-    def _start_here(self):
-        """Without an interpreter lock a thread can only be traced from within."""
-        try:
-            if self.core.acquire_dbgserver_mutex():
-                try:
-                    self.core.start_trace()
-                finally:
-                    self.core.release_dbgserver_mutex()
-        except BaseException:
-            self.tell_internal_error("start_again")
 
     # --- threads ---
 

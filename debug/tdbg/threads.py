@@ -216,30 +216,6 @@ def start_own_thread(function):
     return True
 
 
-def call_in_main_thread(function):
-    """Have function() called in the main thread as soon as that runs Python; False where that
-    cannot be done.  The function must not fail."""
-    if _add_pending_call is None:
-        return False
-
-    def call(argument):
-        _pending.remove(callback)
-        function()
-        return 0
-    callback = _callback_type(call)
-    _pending.append(callback)
-    return _add_pending_call(callback, None) == 0
-
-
-try:
-    _add_pending_call = ctypes.pythonapi["Py_AddPendingCall"]
-    _callback_type = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p)
-    _add_pending_call.argtypes = [_callback_type, ctypes.c_void_p]
-except Exception:  # a build without ctypes
-    _add_pending_call = None
-_pending = []  # callbacks that must live until they are called
-
-
 def is_own_thread(ident):
     return ident in _own
 

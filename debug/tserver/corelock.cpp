@@ -6,10 +6,13 @@ constinit bool gNoInterpreterLock = false;
 
 using tSectionBegin = void (*)(void* section, PyObject* object);
 using tSectionEnd = void (*)(void* section);
+using tVisitObject = int (*)(PyObject* object, void* arg);
+using tVisitObjects = void (*)(tVisitObject visit, void* arg);
 
 // Not among the functions that the system needs to run: 3.13 and later have them. Null until found.
 static constinit tSectionBegin gSectionBegin = nullptr;
 static constinit tSectionEnd gSectionEnd = nullptr;
+static constinit tVisitObjects gVisitObjects = nullptr;
 
 // Sections are those of an object, by the mutex in its header. This one is nothing but a header: it
 // outlives interpreters, and no failure to make it has to be thought of.
@@ -26,6 +29,8 @@ static bool find_functions() {
     gSectionBegin =
         reinterpret_cast<tSectionBegin>(XPy_LookupPythonFunction("PyCriticalSection_Begin"));
     gSectionEnd = reinterpret_cast<tSectionEnd>(XPy_LookupPythonFunction("PyCriticalSection_End"));
+    gVisitObjects = reinterpret_cast<tVisitObjects>(
+        XPy_LookupPythonFunction("PyUnstable_GC_VisitObjects"));
     gPy.PyErr_Clear();
     return gSectionBegin != nullptr && gSectionEnd != nullptr;
 }
@@ -116,4 +121,33 @@ tCoreSection* suspend_core_section() {
 void resume_core_section(tCoreSection* section) {
     tSavedErrno keep_errno;
     enter(section);
+}
+
+// ---- All threads ----
+
+struct tHaltedAction {
+    void (*action)(void* arg);
+    void* arg;
+    bool is_done;
+};
+
+// The interpreter has no function that only halts all threads, but visits its objects while they
+// do: the first one will do.
+static int act_at_first_object(PyObject* /*object*/, void* arg) {
+    tHaltedAction* const halted = static_cast<tHaltedAction*>(arg);
+    if (!halted->is_done) {
+        halted->is_done = true;
+        halted->action(halted->arg);
+    }
+    return 0;
+}
+
+bool call_while_others_halt(void (*action)(void* arg), void* arg) {
+    tHaltedAction halted = {action, arg, false};
+    if (!gNoInterpreterLock) {
+        act_at_first_object(nullptr, &halted);
+    } else if (gVisitObjects != nullptr) {
+        gVisitObjects(act_at_first_object, &halted);
+    }
+    return halted.is_done;
 }

@@ -54,6 +54,11 @@ private:
     tCoreSection section_;
 };
 
+// Calls `action` while no other thread runs Python code, begins or ends: thread states that it finds
+// then are those of living threads. It must neither wait nor touch the interpreter's allocator or
+// reference counts. With the interpreter lock on that is so anyway. False = it was not called.
+bool call_while_others_halt(void (*action)(void* arg), void* arg);
+
 // Around a call of Python code; nothing where the thread has no section.
 class tCoreUnlock : tNoCopy {
 public:

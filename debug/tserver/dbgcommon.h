@@ -103,7 +103,14 @@ TDBG_API void add_to_thread_state_tracing(PyThreadState* tstate, int n);
 // C trace function of the caller's own thread or, on 3.10 - 3.12, any other. Null func removes it.
 // 0 = done, -1 = this version cannot, other = what the interpreter answered (logged, cleared).
 TDBG_API int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc func, PyObject* obj);
-// The same for another thread before 3.10, past the interpreter's functions. Whether it was done.
-bool move_trace_cfunc_into_thread(PyThreadState* other, Py_tracefunc func, PyObject* obj);
+// The same for another thread before 3.10 or where there is no interpreter lock, past the
+// interpreter's functions. Whether it was done: not where an audit hook refuses, the thread has
+// ended, or `from` is given and not its trace object.
+bool move_trace_cfunc_into_thread(PyThreadState* other,
+                                  Py_tracefunc func,
+                                  PyObject* obj,
+                                  const PyObject* from = nullptr);
+// The head of the interpreter's list. Without an interpreter lock: only while the others halt.
+PyThreadState* borrow_first_thread_state();
 // Number of the event being dispatched; -1 before 3.12.
 TDBG_API int get_thread_state_what_event(PyThreadState* tstate);

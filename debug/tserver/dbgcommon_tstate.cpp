@@ -1,4 +1,5 @@
 // Thread states and the installation of a C trace function.
+#include "corelock.h"
 #include "dbgcommon.h"
 #include "dprintf.h"
 #include "guards.h"
@@ -119,54 +120,108 @@ TDBG_API int set_thread_state_trace_cfunc(PyThreadState* tstate, Py_tracefunc fu
     return result;
 }
 
-// ---- Another thread's trace function before 3.10 ----
+// ---- Into another thread, past the interpreter's functions ----
 
-// What PyEval_SetTrace reads and writes of a thread state. c_profilefunc is the field before
-// c_tracefunc in every version.
+// What the interpreter's function reads and writes of a thread state.
 struct tTraceFields {
-    void* c_profilefunc;
     Py_tracefunc c_tracefunc;
     PyObject* c_traceobj;  // owned by whatever holds the fields
-    int use_tracing;
 };
+
+struct tTraceMove {
+    PyThreadState* own;
+    PyThreadState* other;
+    const PyObject* from;
+    tTraceFields ours;   // the calling thread's while it stands for the other
+    tTraceFields moved;  // of the other
+    bool is_under_way;
+};
+
+static constinit bool gIsTraceMoving = false;  // one at a time: each lends its own state to another
+
+static bool has_trace_fields() {
+    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
+    return offsets.c_tracefunc != -1 && offsets.c_traceobj != -1 &&
+           (version_at_least(3, 10) || offsets.use_tracing != -1);
+}
 
 static tTraceFields read_trace_fields(PyThreadState* tstate) {
     const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
-    return {read_field<void*>(tstate, offsets.c_tracefunc - Py_ssize_t{sizeof(void*)}),
-            read_field<Py_tracefunc>(tstate, offsets.c_tracefunc),
-            read_field<PyObject*>(tstate, offsets.c_traceobj),
-            read_field<int>(tstate, offsets.use_tracing)};
+    return {read_field<Py_tracefunc>(tstate, offsets.c_tracefunc),
+            read_field<PyObject*>(tstate, offsets.c_traceobj)};
+}
+
+static bool is_profiled(PyThreadState* tstate) {
+    // c_profilefunc is the field before c_tracefunc in every version.
+    return read_field<void*>(tstate, gPy.tstate_offsets.c_tracefunc - Py_ssize_t{sizeof(void*)}) !=
+           nullptr;
 }
 
 static void write_trace_fields(PyThreadState* tstate, const tTraceFields& fields) {
-    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
-    write_field(tstate, offsets.c_tracefunc - Py_ssize_t{sizeof(void*)}, fields.c_profilefunc);
-    write_field(tstate, offsets.c_tracefunc, fields.c_tracefunc);
-    write_field(tstate, offsets.c_traceobj, fields.c_traceobj);
-    write_field(tstate, offsets.use_tracing, fields.use_tracing);
+    write_field(tstate, gPy.tstate_offsets.c_tracefunc, fields.c_tracefunc);
+    write_field(tstate, gPy.tstate_offsets.c_traceobj, fields.c_traceobj);
+    set_thread_state_use_tracing(tstate, fields.c_tracefunc != nullptr || is_profiled(tstate));
 }
 
-// These interpreters count the threads that have a trace function, and every thread is slower as
-// long as one has. Only PyEval_SetTrace counts, and it works on the calling thread: so that takes
-// the other's place for the moment, and the other has none when its old object goes away, which may
-// let it run.
-bool move_trace_cfunc_into_thread(PyThreadState* other, Py_tracefunc func, PyObject* obj) {
-    const XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
-    PyThreadState* const own = gPy.PyThreadState_Get();
-    if (version_at_least(3, 10) || other == own || offsets.use_tracing == -1 ||
-        offsets.c_tracefunc == -1 || offsets.c_traceobj == -1) {
+PyThreadState* borrow_first_thread_state() {
+    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
+    return interp != nullptr ? gPy.PyInterpreterState_ThreadHead(interp) : nullptr;
+}
+
+static bool is_in_list(PyThreadState* wanted) {
+    PyThreadState* tstate = borrow_first_thread_state();
+    while (tstate != nullptr && tstate != wanted) {
+        tstate = gPy.PyThreadState_Next(tstate);
+    }
+    return tstate != nullptr;
+}
+
+static void take_trace_fields(void* arg) {
+    tTraceMove* const move = static_cast<tTraceMove*>(arg);
+    if (gIsTraceMoving || !is_in_list(move->other)) {
+        return;
+    }
+    const tTraceFields theirs = read_trace_fields(move->other);
+    if (move->from != nullptr && theirs.c_traceobj != move->from) {
+        return;
+    }
+    move->is_under_way = gIsTraceMoving = true;
+    move->ours = read_trace_fields(move->own);
+    write_trace_fields(move->other, {});
+    write_trace_fields(move->own, theirs);
+}
+
+static void give_trace_fields(void* arg) {
+    tTraceMove* const move = static_cast<tTraceMove*>(arg);
+    if (is_in_list(move->other) && read_trace_fields(move->other).c_tracefunc == nullptr) {
+        write_trace_fields(move->other, move->moved);
+        move->moved = {};
+    }
+}
+
+// Only PyEval_SetTrace counts the threads that have a trace function and, in later versions,
+// switches the events on, and it works on the calling thread: so that takes the other's place for
+// the moment, and the other has none when its old object goes away, which may let it run.
+bool move_trace_cfunc_into_thread(PyThreadState* other,
+                                  Py_tracefunc func,
+                                  PyObject* obj,
+                                  const PyObject* from) {
+    tTraceMove move = {gPy.PyThreadState_Get(), other, from, {}, {}, false};
+    const bool can_move = gNoInterpreterLock || !version_at_least(3, 10);
+    if (!can_move || other == move.own || !has_trace_fields() ||
+        !call_while_others_halt(take_trace_fields, &move) || !move.is_under_way) {
         return false;
     }
-    const tTraceFields ours = read_trace_fields(own);
-    const tTraceFields theirs = read_trace_fields(other);
-    const bool is_profiled = theirs.c_profilefunc != nullptr;
-    write_trace_fields(other, {theirs.c_profilefunc, nullptr, nullptr, is_profiled});
-    write_trace_fields(own, theirs);
     gPy.PyEval_SetTrace(func, obj);
-    const tTraceFields set = read_trace_fields(own);  // as before where an audit hook refuses
-    write_trace_fields(own, ours);
-    write_trace_fields(other, set);
-    return set.c_tracefunc == func;
+    move.moved = read_trace_fields(move.own);  // as before where an audit hook refuses
+    const bool is_set = move.moved.c_tracefunc == func;
+    call_while_others_halt(give_trace_fields, &move);
+    if (move.moved.c_tracefunc != nullptr) {  // the thread has ended, or has a new one of its own
+        gPy.PyEval_SetTrace(nullptr, nullptr);
+    }
+    write_trace_fields(move.own, move.ours);
+    gIsTraceMoving = false;
+    return is_set;
 }
 
 TDBG_API int get_thread_state_what_event(PyThreadState* tstate) {

@@ -299,21 +299,27 @@ int c_dispatch(PyObject* /*obj*/, PyFrameObject* frame, int what, PyObject* arg)
     return full_dispatch(frame, what, arg);
 }
 
-// Without an interpreter lock start_trace leaves the others' stacks to themselves.
+// Without an interpreter lock start_trace leaves the others' records and stacks to themselves.
 static void install_tracer_into_own_frames() {
     tThreadData* const thread_data = current_thread_data();
-    if (thread_data == nullptr || thread_data->tracing || !gSelf.tracing ||
-        gPy.cached_pid != gSelf.pid) {
+    PyThreadState* const tstate = gPy.PyThreadState_Get();
+    if (thread_data == nullptr || thread_data->tracing || gPy.cached_pid != gSelf.pid ||
+        !has_our_trace_object(tstate)) {
         return;
     }
-    PyThreadState* const tstate = gPy.PyThreadState_Get();
+    if (!gSelf.tracing) {
+        thread_data->tstate_trace_function_set = 1;  // so that it is taken out, whoever has set it
+        return;
+    }
+    if (!thread_data->tstate_trace_function_set) {
+        return;  // the thread is exiting
+    }
     tMaybeSavedErrno keep_errno;
     tHeldThreadData held(thread_data);
     tSavedError saved;
-    if (!has_our_trace_object(tstate) || !__should_debug_thread(thread_data) || !gSelf.tracing) {
+    if (!__should_debug_thread(thread_data) || !gSelf.tracing) {
         return;
     }
-    thread_data->tstate_trace_function_set = 1;
     initial_frame_scan();
     install_tracer_into_frames(tstate);
 }

@@ -379,13 +379,40 @@ static void start_tracing_thread(PyThreadState* tstate) {
 }
 
 // 3.12 and later have a function for all threads at once, and offer no other for foreign ones.
-// Without an interpreter lock a thread may end while that walks over it, which crashes: the threads
-// that run already then come under the tracer like those of 3.9, by the hooks.
+// Without an interpreter lock a thread may end while that walks over it, which crashes.
 static bool has_function_for_all_threads() {
     return version_at_least(3, 12) && !gNoInterpreterLock;
 }
 
+static void enter_all_threads(void* /*arg*/) {
+    for (PyThreadState* tstate = borrow_first_thread_state(); tstate != nullptr;
+         tstate = gPy.PyThreadState_Next(tstate)) {
+        get_other_thread_data(&gSelf.thread_data, tstate);
+    }
+}
+
+// Each looks after its own frames in its next event.
+static void set_trace_of_others_without_lock(Py_tracefunc func,
+                                             PyObject* obj,
+                                             const PyObject* from) {
+    const tThreadStates list = list_all_thread_states();
+    for (size_t i = 0; i < list.count && gSelf.tracing == (func != nullptr); i++) {
+        if (!move_trace_cfunc_into_thread(list.states[i], func, obj, from)) {
+            continue;
+        }
+        tThreadData* const thread_data = find_thread_data(&gSelf.thread_data, list.states[i]);
+        if (thread_data != nullptr) {
+            thread_data->tstate_trace_function_set = func != nullptr;
+        }
+    }
+    free(list.states);
+}
+
 static void start_tracing_all_threads() {
+    if (gNoInterpreterLock) {
+        call_while_others_halt(enter_all_threads, nullptr);
+        set_trace_of_others_without_lock(dispatch_function(), gSelf.trace_function, nullptr);
+    }
     if (has_function_for_all_threads()) {
         gPy.PyEval_SetTraceAllThreads(c_dispatch, gSelf.trace_function);
         for_each_thread_state([](PyThreadState* tstate) {
@@ -507,6 +534,9 @@ static void take_tracer_off_running_thread(PyThreadState* tstate) {
 static void stop_tracing_all_threads() {
     const bool was_tracing = gSelf.tracing != 0;
     gSelf.tracing = 0;
+    if (!was_tracing && gNoInterpreterLock) {
+        set_trace_of_others_without_lock(nullptr, nullptr, gSelf.trace_function);
+    }
     if (!was_tracing) {
         for_each_thread_state(take_tracer_off_running_thread);
         return;

@@ -81,6 +81,9 @@ struct tThreadStates {
     size_t count;
 };
 tThreadStates list_thread_states();
+// Of all threads; without an interpreter lock no state may be looked into: its thread may have
+// ended.
+tThreadStates list_all_thread_states();
 // The thread has not ended meanwhile.
 bool is_thread_state_alive(PyThreadState* tstate);
 

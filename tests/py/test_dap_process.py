@@ -8,7 +8,7 @@ import subprocess
 import sys
 import unittest
 
-from support import dapclient, has
+from support import dapclient
 from support.case import TestCase
 from support.library import library_path
 from support.programs import run_program
@@ -239,13 +239,8 @@ class Running(Case):
     def test_program_that_sleeps_and_one_that_waits_for_a_lock(self):
         process, path = self.start(kBlocked, "sleep\n")
         client = self.attach(process, {path: ["step"]})
-        # Without an interpreter lock a thread that is older than the session runs no breakpoint.
-        if not has("interpreter_lock"):
-            client.request("pause", {"threadId": 1})
-            client.wait_stopped("pause")
-        else:
-            first = client.wait_stopped("breakpoint")["threadId"]
-            self.assertEqual(client.place(first), ("step", "step"))
+        first = client.wait_stopped("breakpoint")["threadId"]
+        self.assertEqual(client.place(first), ("step", "step"))
         threads = client.request("threads")["threads"]
         self.assertEqual(sorted(row["name"] for row in threads), ["MainThread", "worker", "worker"])
         self.assertEqual(client.place(main_thread(client)), ("<module>", "sleep"))
