@@ -4,10 +4,11 @@ Until a client attaches, and after it has gone, the program is not traced.
 """
 from __future__ import absolute_import, division, print_function
 
+import errno
 import os
 import sys
 
-from tdbg import attach, dbgserver, launch, nativelib, serve
+from tdbg import atend, attach, dbgserver, launch, nativelib, serve
 from tdbg.dap import endpoint, frontend, requests, wire
 
 _front_end = None  # of this process
@@ -95,7 +96,13 @@ def start(library=None):
 
 def serve_socket(path, library):
     """Serve the adapter that has brought the debugger into this process."""
-    connection = wire.tConnection(endpoint.connect_unix(path))
+    try:
+        connected = endpoint.connect_unix(path)
+    except EnvironmentError as why:
+        if why.errno != errno.ECONNREFUSED:
+            raise
+        return atend.remove(os.path.dirname(path))  # the adapter has been killed
+    connection = wire.tConnection(connected)
     try:
         front_end = start(library)
         if front_end.session is not None:

@@ -51,7 +51,7 @@ def remove_at_end(path):
 def remove_now(path):
     """The same before the end."""
     if _files.pop(path, None) == _getpid():
-        _remove(path)
+        remove(path)
 
 
 def remove_files():
@@ -60,7 +60,8 @@ def remove_files():
         remove_now(path)
 
 
-def _remove(path):
+def remove(path):
+    """A file or folder, if it is there."""
     try:
         if _is_folder(path):
             _rmtree(path, True)

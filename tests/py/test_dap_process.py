@@ -12,6 +12,8 @@ from support import dapclient
 from support.case import TestCase
 from support.library import library_path
 from support.programs import run_program
+from tdbg import api
+from tdbg.dap import endpoint
 
 kOncePerVersion = True
 
@@ -388,6 +390,40 @@ class Refused(Case):
         client.wait_exit()
         self.assertEqual(tracer_of(process.pid), "0")
         self.assertEqual(self.end_of(process, b"x"), (4, "1 False\n", ""))
+
+    def test_adapter_that_is_killed_meanwhile(self):
+        """Its folder is removed; that of gdb when gdb has ended."""
+        process, _ = self.start(kStuck)
+        while state_of(process.pid) != "S":
+            pass
+        folder, fifo = self.make_dir(), os.path.join(self.make_dir(), "fifo")
+        os.mkfifo(fifo)
+        gdb = self.make_file("gdb", "#!/bin/sh\npwd > {0}\nread line < {0}\n".format(fifo))
+        os.chmod(gdb, 0o755)
+        client = self.adapter(TDBG_GDB=gdb, TMPDIR=folder)
+        client.send("attach", {"processId": process.pid})
+        with open(fifo) as source:
+            of_gdb = os.path.basename(source.read().rstrip())
+        names = os.listdir(folder)
+        self.assertEqual((len(names), of_gdb in names), (2, True))
+        client.process.kill()
+        while os.listdir(folder) != [of_gdb]:
+            pass
+        with open(fifo, "w"):
+            pass
+        while os.listdir(folder):
+            pass
+        self.assertEqual(self.end_of(process, b"x"), (4, "1 False\n", ""))
+
+    def test_script_that_comes_after_its_adapter(self):
+        """It removes what that has left; anything else that is in the way is told."""
+        folder = self.make_dir()
+        path = os.path.join(folder, "debuggee")
+        with self.assertRaises(EnvironmentError):
+            api.serve_socket(path, None)
+        endpoint.listen_unix(path).close()
+        api.serve_socket(path, None)
+        self.assertFalse(os.path.exists(folder))
 
     @unittest.skipUnless(has_gdb() or kHasRemoteExec, "gdb is not installed")
     def test_debugger_that_cannot_be_loaded(self):

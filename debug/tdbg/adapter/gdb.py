@@ -128,11 +128,14 @@ class tVisit:
         self._log = ""
 
     def run(self, code, folder):
-        """Whether the code has been executed; endpoint.tRefused.  The folder is for our files."""
+        """Whether the code has been executed; endpoint.tRefused.
+
+        folder: a folders.tFolder for our files, which gdb needs to its end.
+        """
         try:
             if self._is_hurried:
                 return False
-            self._write_files(code, folder)
+            self._write_files(code, folder.path)
             self._run_gdb(folder, [kQuickOption])
             if "unrecognized option" in self._log:
                 self._run_gdb(folder, [])
@@ -175,14 +178,14 @@ class tVisit:
         gdb = find()
         environment = {name: value for name, value in os.environ.items()
                        if not name.startswith(("DEBUGINFOD", "LC_", "LANG", "PYTHON"))}
-        log = os.path.join(folder, "log")
+        log = os.path.join(folder.path, "log")
         with open(log, "wb") as out:
             try:
                 # A file, and a session of its own: what ends us must not stop gdb half way.
                 process = subprocess.Popen(
                     [gdb] + options + kOptions + ["-p", str(self._pid), "-x", "commands"],
-                    cwd=folder, stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=environment,
-                    start_new_session=True)
+                    cwd=folder.path, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                    env=environment, start_new_session=True, pass_fds=[folder.lifeline])
             except OSError as why:
                 raise endpoint.tRefused("cannot run {}: {}; {} can name another gdb".format(
                     gdb, os.strerror(why.errno), kVariable))

@@ -10,13 +10,12 @@ the process; the script begins only while its adapter waits, and no exception le
 import _socket
 import os
 import re
-import shutil
 import subprocess
 import threading
 import time
 
 from tdbg import nativelib
-from tdbg.adapter import gdb, symbols
+from tdbg.adapter import folders, gdb, symbols
 from tdbg.dap import endpoint
 
 kPackage = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -92,24 +91,26 @@ class tProcess:
     def _connect(self):
         if self._library is None:
             self._library = build_library()
-        folder = endpoint.make_private_folder()
-        path = os.path.join(folder, "debuggee")
         try:
-            self._listener = listener = endpoint.listen_unix(path)
-            script = self._write_script(folder, path)
-            owner = user_of(self.pid)
-            if owner != os.geteuid():  # we are root; nothing is written there any more
-                for name in (script, path, folder):
-                    os.chown(name, owner, -1)
-            connected = None
-            if not self._needs_gdb and not self._is_blocked():
-                connected = self._through_interpreter(listener, script, folder)
-            if connected is None and not self._is_closed:
-                connected = self._through_gdb(listener, folder)
-            return connected
+            with folders.tFolder() as folder:
+                return self._connect_in(folder)
         finally:
             self.close()
-            shutil.rmtree(folder, ignore_errors=True)
+
+    def _connect_in(self, folder):
+        path = os.path.join(folder.path, "debuggee")
+        self._listener = listener = endpoint.listen_unix(path)
+        script = self._write_script(folder.path, path)
+        owner = user_of(self.pid)
+        if owner != os.geteuid():  # we are root; nothing is written there any more
+            for name in (script, path, folder.path):
+                os.chown(name, owner, -1)
+        connected = None
+        if not self._needs_gdb and not self._is_blocked():
+            connected = self._through_interpreter(listener, script, folder)
+        if connected is None and not self._is_closed:
+            connected = self._through_gdb(listener, folder.path)
+        return connected
 
     def close(self):
         self._is_closed = True
@@ -138,12 +139,15 @@ class tProcess:
 
     def _through_interpreter(self, listener, script, folder):
         """The connection; None when the script has not run, and will not."""
+        # The path is left in the process: nobody may put a file there that it then runs.  If we are
+        # killed meanwhile, the script removes the folder (see api.serve_socket()).
+        folder.leave_to_another()
         self._remote_exec(script)
-        connected = self._arrived(listener, kPatienceSeconds, folder)
+        connected = self._arrived(listener, kPatienceSeconds, folder.path)
         if connected is None:
-            # The path is left in the process: nobody may put a file there that it then runs.
             self._remote_exec(kNothingToRun)
-            connected = self._arrived(listener, 0.0, folder)
+            connected = self._arrived(listener, 0.0, folder.path)
+        folder.take_back()
         if connected is None:
             self._refuse_gdb("busy in native code")
         return connected
@@ -174,14 +178,11 @@ class tProcess:
             raise endpoint.tRefused(reason_of_interpreter(self.pid, text))
 
     def _through_gdb(self, listener, folder):
-        own_folder = endpoint.make_private_folder()
         self._visit = gdb.tVisit(self.pid, self._word_size)
         if self._is_closed:  # which may have been too early to see the visit
             self._visit.hurry()
-        try:
+        with folders.tFolder() as own_folder:
             self._visit.run(kText.format(self._text), own_folder)
-        finally:
-            shutil.rmtree(own_folder, ignore_errors=True)
         connected = self._arrived(listener, kArrivalSeconds, folder)
         if connected is None and not self._is_closed:
             raise endpoint.tRefused(
