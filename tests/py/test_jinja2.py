@@ -2,6 +2,7 @@
 from __future__ import absolute_import, division, print_function
 
 import os
+import re
 import sys
 import unittest
 
@@ -51,6 +52,7 @@ TEMPLATES = {
 {{ year }} {{ title }}
 """,
     "loop.html": u"{% for n in numbers %}{{ n }}{% endfor %}\n{{ numbers|length }}\n",
+    "wait.html": u"{% set turn = job %}\n" * 5,
     "broken.html": u"fine\n{{ nothing.at_all }}\n",
 }
 
@@ -70,6 +72,53 @@ def main(loader, name):
     template = environment(loader).get_template(name)
     text = template.render(numbers=[1, 2, 3], title="hello")  #@ render
     return text  #@ after
+"""
+
+# Another thread answers whoever asks.
+ASKING = """\
+import queue
+import sys
+import threading
+import time
+import jinja2
+
+class Job:
+    def ask(self):
+        given = queue.Queue()
+        asked.put(given)
+        return given
+
+    @property
+    def waits(self):
+        return self.ask().get()
+
+    @property
+    def naps(self):
+        given = self.ask()
+        while given.empty():
+            time.sleep(0.001)
+        return given.get()
+
+    @property
+    def spins(self):
+        given = self.ask()
+        while given.empty():
+            pass
+        return given.get()
+
+def answer():
+    for given in iter(asked.get, None):
+        given.put("yes")
+
+asked = queue.Queue()
+helper = threading.Thread(target=answer)
+helper.start()
+try:
+    text = jinja2.Environment(loader=jinja2.FileSystemLoader(sys.argv[1])).get_template(
+        "wait.html").render(job=Job())
+finally:
+    asked.put(None)
+print("ended", repr(text))
 """
 
 
@@ -327,6 +376,24 @@ class PromptTest(JinjaCase):
         self.assertIn("templates/broken.html(2)", shown[1])
         self.assertEqual(self.done.status, 1)
         self.assertIn("jinja2.exceptions.UndefinedError: 'nothing' is undefined", self.done.err)
+
+    def test_conditions_that_wait_for_another_thread(self):
+        """The core has most of them evaluated, the server those with a filter; the other thread is
+        let go meanwhile, whatever the one that evaluates does."""
+        program = self.make_file("asking.py", ASKING, self.folder)
+        wait = self.template("wait.html")
+        conditions = ["job.naps == 'yes'", "job.spins == 'yes'", "job.spins|length == 3",
+                      "job.waits == 'no'", "job.naps == 'no'"]
+        commands = []
+        for line, condition in enumerate(conditions, 1):
+            commands += ["break {}:{}, {}".format(wait, line, condition), "continue"]
+        done = run_commands(
+            commands, program, self.templates, cwd=self.folder,
+            env={"PYTHONPATH": os.pathsep.join([python_path(), self.library])})
+        self.assertEqual(done.status, 0, done)
+        stops = re.findall(r"--Breakpoint (\d)--\n> .*/wait.html\((\d)\)", done.out)
+        self.assertEqual(stops, [("1", "1"), ("2", "2"), ("3", "3")], done)
+        self.assertIn("ended", done.out)
 
 
 class ProtocolTest(JinjaCase):
