@@ -37,6 +37,7 @@ struct tThreadData {
     // Private fields follow. All of them start as zero, and reinit makes them zero without looking
     // at them, so none may own anything.
     int f_trace_update_counted;         // need_f_trace_update is counted in the tracer's state
+    const tDispatchCtx* asked_in;       // only compared: in it a key frame's breakpoints were asked
     PyFrameObject* unnamed_parents[8];  // only compared: below these frames no name was found
     tThreadData* next_removed;  // list of the records that clear_thread_table is about to free
     int hold_count;             // uses across Python calls, see tHeldThreadData; survives reinit

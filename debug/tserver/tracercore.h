@@ -83,7 +83,6 @@ struct tDispatchCtx {
     int mutex_acquired;        // this dispatch took the server mutex and gives it back at its end
     int stop_trace;            // take tracing off the thread after the dispatch
     int propagate_exception;   // let the pending exception go into the program
-    int breakpoints_asked;     // a sub-language key frame has evaluated them: once an event
 };
 
 // ---- Life cycle (tracercore.cpp) ----

@@ -277,6 +277,9 @@ static int dispatch_to_thread(tDispatchCtx* ctx) {
     ctx.thread_data->active_dispatch_ctx = &ctx;
     const int result = dispatch_to_thread(&ctx);
     ctx.thread_data->active_dispatch_ctx = outer_ctx;
+    if (are_breakpoints_asked(&ctx)) {
+        ctx.thread_data->asked_in = nullptr;  // the next dispatch may be at the same address
+    }
     if (ctx.mutex_acquired) {
         release_dbgserver_mutex(ctx.thread_data);  // may free the record
     } else {

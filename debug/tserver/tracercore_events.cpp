@@ -17,7 +17,7 @@ static int stop_tracer(tDispatchCtx* ctx, const char* message) {
 // ---- Line ----
 
 static bool stops_at_breakpoint(tDispatchCtx* ctx, tSavedError* saved) {
-    if (ctx->breakpoints_asked ||
+    if (are_breakpoints_asked(ctx) ||
         !tracer_maybe_break_here_without_mutex(&gSelf.bp_ops_data, ctx->thread_data, ctx->frame)) {
         return false;
     }

@@ -118,6 +118,11 @@ bool call_server(const char* failure,
                  PyObject* a = nullptr,
                  PyObject* b = nullptr);
 
+// A sub-language's key frame has evaluated its breakpoints: that is done once an event.
+inline bool are_breakpoints_asked(const tDispatchCtx* ctx) {
+    return ctx->thread_data->asked_in == ctx;
+}
+
 // tracercore_events.cpp: one function per event; each answers what inner_dispatch answers.
 int dispatch_call(tDispatchCtx* ctx);
 int dispatch_line(tDispatchCtx* ctx);

@@ -10,7 +10,7 @@
 
 // A stop that is due anyway still counts the hits of breakpoints on its line.
 static void count_breakpoint_hits(tDispatchCtx* ctx, int event_type) {
-    if (ctx->breakpoints_asked) {
+    if (are_breakpoints_asked(ctx)) {
         return;
     }
     __tracer_break_here(&gSelf.bp_ops_data, event_type, ctx->thread_data, ctx->frame, 1);

@@ -276,7 +276,7 @@ int sub_language_stop_here(tDispatchCtx* ctx, int event_type) {
         return 1;
     }
     gPy.PyErr_Clear();
-    ctx->breakpoints_asked = 1;
+    thread_data->asked_in = ctx;
     return __tracer_break_here(&gSelf.bp_ops_data, event_type, thread_data, ctx->frame, 1) != 0;
 }
 
