@@ -227,7 +227,8 @@ TDBG_API_INLINE void XPy_CallIncRef(PyObject* obj) {
 }
 
 TDBG_API_INLINE void XPy_CallDecRef(PyObject* obj) {
-    if (!gPy.can_update_refcount_directly || XPy_GetRefCnt(obj) == 1) {
+    // What the count cannot lose in place, the last reference above all, is the interpreter's task.
+    if (!gPy.can_update_refcount_directly || (XPy_GetRefCnt(obj) <= 1 && !XPy_IsImmortal(obj))) {
         gPy.Py_DecRef(obj);
     } else if (!gPy.refcnt_is_32bit) {
         add_to_refcnt<Py_ssize_t>(obj, -1);

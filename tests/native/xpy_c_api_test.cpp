@@ -558,6 +558,23 @@ TEST(RefCount, LastReferenceIsDroppedByTheInterpreter) {
     }
 }
 
+TEST(RefCount, CountThatIsWrongAlreadyIsLeftToTheInterpreter) {
+    tCountingRecord none(1, 0);
+    tCountedObject counted = {0, nullptr};
+    XPy_DoDecRef(counted.obj());
+    EXPECT_EQ(counted.refcnt, 0);
+    counted.refcnt = -7;
+    XPy_DoDecRef(counted.obj());
+    EXPECT_EQ(counted.refcnt, -7);
+    EXPECT_EQ(gDecRefs, 2);
+
+    tCountingRecord immortal(1, 1);  // a decrement in place would make it an immortal one
+    counted.refcnt = 0;
+    XPy_DoDecRef(counted.obj());
+    EXPECT_EQ(counted.refcnt, 0);
+    EXPECT_EQ(gDecRefs, 1);
+}
+
 TEST(RefCount, GoesThroughTheInterpreterWhenNotDirect) {
     tCountingRecord record(0, 1);
     tCountedObject counted = {5, nullptr};
