@@ -192,15 +192,25 @@ static void read_frame_link(const XPy_FieldWithSize* fields) {
 
 constinit Py_ssize_t gRecursionRemainingOffset = -1;
 
+static constexpr XPyThreadStateOffsets kNoThreadStateOffsets = {
+    -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+
+// Two fields at one place: nobody has filled the offsets in yet, and 0 is a valid one.
+static bool are_never_filled_in(const XPyThreadStateOffsets& offsets) {
+    return offsets.next == offsets.interp;
+}
+
 void discover_thread_state_layout() {
     XPyThreadStateOffsets& offsets = gPy.tstate_offsets;
-    offsets = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-    gRecursionRemainingOffset = -1;
     const XPy_FieldWithSize* const fields = choose_thread_state_table();
     if (fields == nullptr) {
         fputs("Cannot find tstate fields for this python version\n", stderr);
+        if (are_never_filled_in(offsets)) {
+            offsets = kNoThreadStateOffsets;
+        }
         return;
     }
+    offsets = kNoThreadStateOffsets;
     offsets.next = FindFieldOffset("next", fields);
     offsets.interp = FindFieldOffset("interp", fields);
     offsets.c_tracefunc = FindFieldOffset("c_tracefunc", fields);

@@ -3,6 +3,7 @@
 #include "xpy_c_api_layouts.h"
 
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <string>
 
@@ -164,6 +165,17 @@ TEST_F(Layouts, OffsetsOfOldVersionsAreAbsentNotZero) {
     EXPECT_EQ(gPy.tstate_offsets.cframe, -1);
     EXPECT_EQ(gPy.tstate_offsets.what_event, -1);
     EXPECT_EQ(gPy.pyobject_offsets.mutex, -1);
+}
+
+TEST_F(Layouts, UnknownVersionLeavesWhatIsKnownOfThreadStates) {
+    discover(14, kRelease);
+    const XPyThreadStateOffsets known = gPy.tstate_offsets;
+    gPy.minor_version = 15;
+    testing::internal::CaptureStderr();
+    discover_thread_state_layout();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Cannot find tstate fields for this python version\n");
+    EXPECT_EQ(memcmp(&known, &gPy.tstate_offsets, sizeof(known)), 0);
 }
 
 TEST_F(Layouts, FrameOffsetsAreAbsentFrom311On) {
