@@ -140,9 +140,8 @@ int schedule_f_trace_update() {
     if (!gSelf.tracing) {
         return 0;  // start_trace looks at every frame anyway
     }
-    if (sync_update_f_trace_in_all_threads() == -1) {
-        return -1;
-    }
+    // What it could not see it leaves to the threads, which look at their stacks by themselves.
+    const int result = sync_update_f_trace_in_all_threads();
     tThreadData* const current = current_thread_data();
     if (current == nullptr) {
         return -1;
@@ -151,18 +150,11 @@ int schedule_f_trace_update() {
         update_all_f_trace_in_thread(gPy.PyThreadState_Get(), current);
     }
     schedule_update_in_other_threads(current);
-    return 0;
-}
-
-static bool is_only_thread() {
-    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
-    PyThreadState* const head =
-        interp != nullptr ? gPy.PyInterpreterState_ThreadHead(interp) : nullptr;
-    return head != nullptr && gPy.PyThreadState_Next(head) == nullptr;
+    return result;
 }
 
 void update_f_trace_lines_in_other_leaf_frames() {
-    if (gNoInterpreterLock || is_only_thread()) {
+    if (gNoInterpreterLock) {
         return;  // without the lock all frames send their lines anyway
     }
     tTracingOff quiet(gPy.PyThreadState_Get());
@@ -426,6 +418,9 @@ static void start_tracing_all_threads() {
 }
 
 void install_start_thread_hooks(int install) {
+    if (gSelf.install_thread_hooks_cb == nullptr) {
+        return;  // nobody has called init
+    }
     tOwnedRef flag(new_int(install));
     if (!flag) {
         gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
@@ -434,6 +429,9 @@ void install_start_thread_hooks(int install) {
     tTracingOff quiet(gPy.PyThreadState_Get());  // the debug server's own code: nothing to stop in
     tOwnedRef callback(new_ref(gSelf.install_thread_hooks_cb));
     tOwnedRef result(do_one_arg_call(callback.borrow(), flag.borrow()));
+    if (!result && gPy.PyErr_Occurred() == nullptr) {
+        gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
+    }
 }
 
 static bool is_interpreter_supported() {

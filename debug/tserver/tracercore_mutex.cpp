@@ -5,10 +5,18 @@
 
 #include "tracercore_internal.h"
 
+static bool is_only_thread() {
+    PyInterpreterState* const interp = borrow_thread_state_interp(gPy.PyThreadState_Get());
+    PyThreadState* const head =
+        interp != nullptr ? gPy.PyInterpreterState_ThreadHead(interp) : nullptr;
+    return head != nullptr && gPy.PyThreadState_Next(head) == nullptr;
+}
+
 // While a thread is stopped the others must notice at their next line, so their innermost frames
 // send line events again; afterwards those that nobody watches are silent again.
 static void refresh_other_threads_lines() {
-    if (gSelf.global_idle_thread_data.use_idle_thread != 0 && is_frame_trace_lines_supported()) {
+    if (gSelf.global_idle_thread_data.use_idle_thread != 0 && is_frame_trace_lines_supported() &&
+        !is_only_thread()) {
         update_f_trace_lines_in_other_leaf_frames();
     }
 }
