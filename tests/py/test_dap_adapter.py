@@ -333,10 +333,13 @@ class Debugging(Case):
         client.request("disconnect")
 
     def test_terminate_runs_what_cleans_up(self):
-        text = "try:\n    while True:\n        x = 1  #@ loop\nfinally:\n    print('cleaned up')\n"
+        gate = os.path.join(self.make_dir(), "gate")
+        os.mkfifo(gate)
+        text = ("try:\n    open({!r})\n    while True:\n        x = 1  #@ loop\n"
+                "finally:\n    print('cleaned up')\n").format(gate)
         for places in (["loop"], []):  # stopped, running
             client = self.start(text, places)
-            self.pid_of(client)
+            open(gate, "w").close()  # once it is at the `try`
             if places:
                 client.wait_stopped("breakpoint")
             client.request("terminate")
