@@ -351,6 +351,9 @@ int do_exception_callback_if_not_filtered(PyFrameObject* frame, PyObject* exc_in
         is_filtered(place)) {
         return 0;
     }
+    if (gSelf.exception_cb == nullptr) {
+        return 0;  // before init
+    }
     tOwnedRef result(call_exception_cb(frame, exc_info));
     return result ? 0 : -1;
 }

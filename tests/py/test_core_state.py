@@ -589,6 +589,31 @@ class DispatchTest(StateCase):
                                          ("line", "calls", "calls-again")])
 
 
+class NativeTest(StateCase):
+    def test_exported_functions_do_no_harm_before_init(self):
+        tracer, frame = import_tracer(), sys._getframe()
+        word, nothing, kept = ctypes.c_int, None, ctypes.py_object
+        functions = [
+            ("__tracer_stop_trace", nothing, [], ()), ("__tracer_reset", nothing, [], ()),
+            ("__tracer_destroy", nothing, [], ()), ("__tracer_start_trace", word, [], ()),
+            ("tracer_break_at_current_line", word, [word], (1,)),
+            ("__call_import_cb", nothing, [kept], (os,)),
+            ("do_exception_callback_if_not_filtered", word, [kept, kept],
+             (frame, (ValueError, ValueError(), None))),
+            ("schedule_f_trace_update", word, [], ()),
+            ("pending_call_callback", word, [word], (0,)),
+            ("check_and_call_dbgserver_idle_callback", nothing, [], ()),
+            ("__tracer_fork_ok", nothing, [], ()), ("__tracer_reset", nothing, [], ()),
+            ("idle_thread_atexit_func", nothing, [], ()),
+            ("low_level_py_at_exit_func", nothing, [], ())]
+        native = load_native(dict((name, (result, types)) for name, result, types, _ in functions))
+        for name, _, _, arguments in functions:
+            getattr(native, name)(*arguments)
+            steps.add(1, 2)
+        self.assertEqual(tracer.get_tracing(), 0)
+        self.assert_stops_work(Session())
+
+
 class ContextTest(StateCase):
     """A dispatch described by a caller of the exported functions, in its seven fields."""
 
