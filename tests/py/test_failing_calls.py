@@ -14,12 +14,13 @@ import unittest
 
 from support import TestCase, has, import_tracer, needs, once, time_limit
 from support.faults import Faults, in_child, nomemory, scenario
+from support.tracing import kDefaultImport
 
 kWhole = os.environ.get("TDBG_FAULT_SHARE") == "1"
 kThinner = int(os.environ.get("TDBG_FAULT_SHARE") or 1)
 kShare = 1 if kWhole else 16 * kThinner  # one of so many calls is tried
 kShareWhileLogging = 1 if kWhole else 48 * kThinner
-kShareOfAllocations = 1 if kWhole else 4 * kThinner
+kShareOfAllocations = 1 if kWhole else 32 * kThinner
 # Up to that one each of the interpreter's allocations fails.
 kDense = 1 << 30 if kWhole else 20 if kThinner == 1 else 8
 kLimit = 7200 if kWhole else 150
@@ -52,11 +53,16 @@ def find_troubles(outcome, expected):
     if report["after"] != expected["after"]:
         troubles.append("stops afterwards: {}".format(report["after"]))
     # Who tells of an exception, a log or a thread that ends, runs modules that then have names,
-    # too.
-    told = report["log"] or "work_in_thread" in " ".join(report["raised"])
+    # too; and canonical pathnames that stay on know more of them.
+    raised = " ".join(report["raised"])
+    told = report["log"] or "work_in" in raised or "set_use_canonical_pathnames" in raised
     if not told and report["blocks"] > expected["blocks"] + kBlocksMore:
         troubles.append("{} blocks, not {}".format(report["blocks"], expected["blocks"]))
     return troubles
+
+
+def name_of(place, call):
+    return "{0.name} at {1}, call {2} of {0.calls}".format(place, " < ".join(place.road), call)
 
 
 class FailingCase(TestCase):
@@ -84,12 +90,30 @@ class FailingCase(TestCase):
         expected, places, _ = faults.learn(work)
         self.assert_good(expected)
         self.assertGreater(len(places), 500)
-        attempts = [
-            ("{0.name} at {1}, call {2} of {0.calls}".format(place, " < ".join(place.road), call),
-             {"place": place, "at": call})
-            for place in places if name in (None, place.name)
-            for call in sorted({1, place.calls})]
+        attempts = [(name_of(place, call), {"place": place, "at": call})
+                    for place in places if name in (None, place.name)
+                    for call in sorted({1, place.calls})]
         self.fail_each(faults, work, expected, attempts[number::parts])
+
+    def fail_calls_of_log(self, number, parts):
+        """Those that are made while logging alone."""
+        faults, work = Faults(), Work(True)
+        known = {place.key for place in faults.learn(Work(False))[1]}
+        expected, places, _ = faults.learn(work)
+        self.assert_good(expected)
+        attempts = [(name_of(place, 1), {"place": place}) for place in places
+                    if place.key not in known]
+        self.assertGreater(len(attempts), 500)
+        self.fail_each(faults, work, expected, attempts[number::parts])
+
+    def fail_allocations(self, number, parts):
+        faults, work = Faults(), Work(False)
+        expected, _, count = faults.learn(work)
+        self.assert_good(expected)
+        self.assertGreater(count, 1000)
+        self.fail_each(faults, work, expected, [
+            ("allocation {}".format(at), {"allocation": True, "at": at})
+            for at in range(1 + number, count + 1, parts)])
 
 
 def number_of_interpreter():
@@ -112,24 +136,14 @@ class FailingCalls(FailingCase):
 
     @time_limit(kLimit)
     def test_a_share_of_the_allocations(self):
-        self.fail_allocations(kShareOfAllocations)
-
-    def fail_allocations(self, parts):
-        faults, work = Faults(), Work(False)
-        expected, _, count = faults.learn(work)
-        self.assert_good(expected)
-        self.assertGreater(count, 60)
-        number = number_of_interpreter() % parts
-        self.fail_each(faults, work, expected, [
-            ("allocation {}".format(at), {"allocation": True, "at": at})
-            for at in range(1 + number, count + 1, parts)])
+        self.fail_allocations(number_of_interpreter() % kShareOfAllocations, kShareOfAllocations)
 
     def test_no_allocation_succeeds_for_a_while(self):
         faults, work = Faults(), Work(False)
         expected, _, count = faults.learn(work)
         self.fail_each(faults, work, expected, [
             ("allocations from {}".format(at), {"allocation": True, "at": at, "count": 20})
-            for at in range(1, count, 20)])
+            for at in range(1, count, 20 * min(kShareOfAllocations, 4))])
 
     def test_allocations_of_the_import(self):
         """Each may end the import with an exception; the next one works."""
@@ -147,6 +161,7 @@ class FailingCalls(FailingCase):
         faults = Faults(before_import=True)
         expected, _, count = faults.learn(work)
         self.assertEqual((expected["imported"], expected["again"]), (True, []))
+        self.assertGreater(count, 0)
         for at in range(1, count + 1, kThinner):
             outcome = faults.run(work, allocation=True, at=at)
             self.assertIsNone(outcome.why, at)
@@ -250,21 +265,139 @@ def undo_tracing(tracer):
         tracer.add_to_tstate_tracing(-tracer.get_tstate_tracing())
 
 
+kOutOfMemory = "MemoryError: Out of memory"
+kNoRecord = "RuntimeError: Unable to get debugger per-thread data"
+kFile = scenario.steps.__file__.replace(".pyc", ".py")
+kBreaks = 20  # on a line: more than the tracer has room for without asking for memory
+
+
+@needs("fork")
+class OutOfMemory(TestCase):
+    """What a function says when an allocation of its own fails, and what is left."""
+
+    def each_failure(self, prepare, call, look):
+        """(what was raised as text, or None; what look() says), of every allocation in turn."""
+        faults = getattr(self, "faults", None) or Faults()  # no process has two of them
+        tracer, self.faults = import_tracer(), faults
+
+        def child():
+            scenario.Server(tracer).init(1)
+            prepare(tracer)
+            faults.native.faults_start(0, 1, at, 1)
+            try:
+                raised = None
+                call(tracer)
+            except Exception as why:
+                raised = "{}: {}".format(type(why).__name__, why)
+            failed = faults.native.faults_stop()
+            return {"raised": raised, "failed": failed, "looks": look(tracer)}
+
+        found = []
+        for at in range(1, 200):
+            answer, why = in_child(child)
+            self.assertEqual((answer.get("raised"), why), (answer.get("raised"), None))
+            self.assertIn("looks", answer, answer)
+            if not answer["failed"]:
+                self.assertIsNone(answer["raised"])
+                break
+            found.append((answer["raised"], answer["looks"]))
+        return found
+
+    def test_a_breakpoint_is_there_or_is_not(self):
+        for path in ("/nowhere/file.py", kFile):
+            found = self.each_failure(
+                lambda tracer: tracer.register_module(scenario.steps),
+                lambda tracer: tracer.set_break(path, "sum", 3, 1, 0, "a > 1", 0),
+                lambda tracer: len(tracer.get_breaks(path, 3)))
+            self.assertEqual(set(found) - {(None, 1)}, {(kOutOfMemory, 0)}, path)
+
+    def test_lists_are_told_whole_the_next_time(self):
+        def prepare(tracer):
+            for _ in range(kBreaks):
+                tracer.set_break(kFile, "", 3, 1, 1, None, 0)
+            tracer.register_module(scenario.steps)
+
+        for get in (lambda tracer: tracer.get_breaks(kFile, 3),
+                    lambda tracer: tracer.get_file_breaks(kFile)):
+            found = self.each_failure(prepare, get, lambda tracer: len(get(tracer)))
+            self.assertEqual(set(found), {(kOutOfMemory, kBreaks)})
+
+    def test_changes_are_told_the_next_time(self):
+        def change_many(tracer):
+            tracer.register_module(scenario.steps)
+            for _ in range(kBreaks):
+                tracer.set_break(kFile, "", scenario.kLines + 1, 1, 1, None, 0)
+            tracer.start_trace()
+            scenario.steps.calls(int)  # the temporary ones are gone then, in the changed list
+            tracer.stop_trace()
+
+        found = self.each_failure(
+            change_many, lambda tracer: tracer.get_changed_bps_lists(),
+            lambda tracer: sum(map(len, tracer.get_changed_bps_lists())))
+        self.assertEqual([raised for raised, _ in found], [kOutOfMemory] * len(found))
+        self.assertEqual({left for _, left in found}, {kBreaks})
+
+    def test_an_ignored_place_is_there_or_is_not(self):
+        found = self.each_failure(
+            lambda tracer: None, lambda tracer: tracer.ignore_exception_loc(kFile, 3, 1),
+            lambda tracer: tracer.exception_loc_ignored(kFile, 3))
+        self.assertEqual(set(found) - {(None, 1)}, {(kOutOfMemory, 0)})
+
+    def test_who_has_no_record_and_gets_none(self):
+        for name, arguments, said in (
+                ("step_over", (), kOutOfMemory), ("step_over_line", (), kOutOfMemory),
+                ("step_over_line_range", (1, 2), kOutOfMemory), ("step_out", (), kOutOfMemory),
+                ("step_out_to_frame", (None,), kOutOfMemory), ("stop", (), kOutOfMemory),
+                ("continue_run", (), kOutOfMemory), ("acquire_dbgserver_mutex", (), kNoRecord),
+                ("raise_exception", (0, None), kNoRecord)):
+            found = self.each_failure(
+                lambda tracer: tracer.thread_exiting(),
+                lambda tracer: getattr(tracer, name)(*arguments),
+                lambda tracer: tracer.get_tracing())
+            self.assertIn((said, 0), found[:2], name)
+            self.assertLessEqual({raised for raised, _ in found}, {said, kOutOfMemory}, name)
+
+    def test_init_after_an_import_without_memory(self):
+        """Where that came to its end all the same, for want of nothing but the core's records."""
+        def work(faults):
+            raised = None
+            try:
+                tracer = import_tracer()
+                try:
+                    tracer.init(0.0, 0, int, int, int, int, int, int, int, None,
+                                kDefaultImport, {})
+                except MemoryError as why:
+                    raised = str(why)
+            except (ImportError, MemoryError):
+                pass
+            faults.stop()
+            return [raised, scenario.run_again(import_tracer())[0]]
+
+        faults = Faults(before_import=True)
+        outcomes = [faults.run(work, allocation=True, at=at, count=1 << 30) for at in range(1, 5)]
+        self.assertEqual([outcome.why for outcome in outcomes], [None] * 4)
+        self.assertEqual([outcome.result[1] for outcome in outcomes], [[]] * 4)
+        self.assertIn("Out of memory", [outcome.result[0] for outcome in outcomes])
+
+
 @needs("fork")
 @once
-class AllCalls(FailingCase):
-    kParts = 6
+class All(FailingCase):
+    """Under one interpreter nothing is left out."""
 
-    def fail_part(self, number):
-        self.fail_calls(False, number, self.kParts * kThinner)
+    kParts = {"calls": 6, "allocations": 4, "calls_of_log": 2}
 
 
 def _add_parts():
-    for number in range(AllCalls.kParts):
-        def test(self, number=number):
-            self.fail_part(number)
+    for kind, parts in All.kParts.items():
+        for number in range(parts):
+            def test(self, kind=kind, number=number, parts=parts):
+                if kind == "calls":
+                    self.fail_calls(False, number, parts * kThinner)
+                else:
+                    getattr(self, "fail_" + kind)(number, parts * kThinner)
 
-        setattr(AllCalls, "test_part_{}".format(number + 1), time_limit(300)(test))
+            setattr(All, "test_{}_part_{}".format(kind, number + 1), time_limit(300)(test))
 
 
 _add_parts()

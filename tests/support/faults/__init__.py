@@ -84,11 +84,9 @@ class Faults(object):
         def child():
             self.native.faults_start(0, 0, 0, 0)
             result = work(self)
-            self.native.faults_stop()
             places = [self.describe(number)
                       for number in range(self.native.faults_count_of_places())]
-            return {"result": result, "places": places,
-                    "allocations": self.native.faults_count_of_allocations()}
+            return {"result": result, "places": places, "allocations": self.allocations}
 
         answer, why = in_child(child)
         if why or "raised" in answer:
@@ -103,8 +101,10 @@ class Faults(object):
                                                               for offset in road if offset]
 
     def stop(self):
-        """Nothing fails any more: the rest of the work looks at what is left."""
+        """Nothing fails any more: the rest of the work looks at what is left.  Every work ends
+        like this, for what comes then is not counted."""
         self.failed = self.native.faults_stop()
+        self.allocations = self.native.faults_count_of_allocations()
         self.native.faults_start(1, 0, 0, 0)  # a key that no place has
 
 

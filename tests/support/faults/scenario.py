@@ -13,6 +13,12 @@ import ctypes
 import os
 import sys
 import threading
+from time import sleep
+
+try:
+    import _thread
+except ImportError:
+    import thread as _thread
 
 from support.tracing import (
     DEBUGGEES, import_debuggee, join_whole_thread, kBuiltins, kDefaultImport)
@@ -24,6 +30,18 @@ kRelative = "relative_of_scenario.py"
 kTemplate = "/templates/page.html"
 kModuleCode = compile("first = 1\ndef inner():\n    return first\nsecond = inner()\n",
                       kRelative, "exec")
+kTextCode = compile("fail(0)", "<string>", "exec")
+kManyBreaks = 10  # on a line: more than the tracer has room for without asking for memory
+
+
+kCompiled = os.path.splitext(steps.__file__)[0] + ".pyc"
+kSettings = (
+    ("set_idle_period", (0.0,)), ("set_debug_all_threads", (1,)), ("set_exception_mode", (5,)),
+    ("clear_exception_ignores", ()), ("add_to_tstate_tracing", (0,)), ("fork_ok", ()))
+kNeedRecord = (
+    ("step_over", ()), ("step_over_line", ()), ("step_over_line_range", (1, 2)), ("step_out", ()),
+    ("step_out_to_frame", (None,)), ("stop", ()), ("continue_run", ()), ("breakpointhook", ()),
+    ("raise_exception", (0, None)), ("register_module", (steps,)))
 
 
 class Trouble(Exception):
@@ -125,8 +143,43 @@ class Log(object):
         pass
 
 
+def fail_in_text():
+    """Raised where there is no file."""
+    try:
+        kBuiltins.eval(kTextCode, {"fail": fail})
+    except KeyError as why:
+        return why.args
+
+
+class Worker(object):
+    """A thread that is named after a class with functions of every kind."""
+
+    def __init__(self):
+        self.done = []
+
+    @staticmethod
+    def add():
+        return steps.add(1, 2)
+
+    @classmethod
+    def made(cls):
+        return cls()
+
+    def whole_thread(self, tracer, lock):
+        try:
+            tracer.bootstrap_new_thread(sys._getframe(), "call", None)
+            self.done.append(self.add())
+            sys.settrace(None)
+            tracer.thread_exiting()
+        except (MemoryError, RuntimeError):  # injected, or for want of an init()
+            sys.settrace(None)
+        finally:
+            lock.release()
+
+
 kAnswers = ("Failed to schedule_f_trace_update", "Missing sys attribute: settrace",
-            "The tracer is not initialized; call init() first")
+            "The tracer is not initialized; call init() first",
+            "Unable to get debugger per-thread data")
 
 
 def is_answer_to_failure(error):
@@ -207,6 +260,10 @@ class Server(object):
 
     def policy(self, tstate_id):
         return 1
+
+    def failing_policy(self, tstate_id):
+        """The tracer logs that, and goes on."""
+        raise KeyError(tstate_id)
 
     def guarded_method(self, method):
         """Of a sub-language hook: its exceptions are the tracer's to deal with."""
@@ -331,6 +388,53 @@ def set_breaks(server, conditions):
     server.attempt("get_changed_bps_lists")
 
 
+def set_many_breaks(server):
+    """On one line of a file that is never there, and of one that is known by its checksum alone
+    or by the name of its compiled form."""
+    for _ in range(kManyBreaks):
+        server.attempt("set_break", "many/breaks.py", "", 7, 0, 0, None, 0)
+    server.attempt("ignore_breaks", "many/breaks.py", 7, 1)
+    server.attempt("set_breaks_cond", "many/breaks.py", 7, "0")
+    server.attempt("get_breaks", "many/breaks.py", 7)
+    server.attempt("get_file_breaks", "many/breaks.py")
+    server.attempt("get_changed_bps_lists")
+    server.attempt("clear_breaks", "many/breaks.py", 7)
+    server.attempt("set_break", "elsewhere/steps.py", "sum of " + os.path.basename(steps.__file__),
+                   1, 0, 0, None, 0)
+    server.attempt("set_break", kCompiled, "", 1, 0, 0, None, 0)
+    server.attempt("clear_breaks", kCompiled, 1)
+
+
+def call_the_rest(server):
+    """Functions that the parts do not need."""
+    frame = sys._getframe()
+    for name, arguments in kSettings:
+        server.attempt(name, *arguments)
+    for kind in ("idle_thread", "save_and_restore_errno"):
+        server.attempt("set_" + ("use_" if kind == "idle_thread" else "") + kind, 0)
+        server.attempt("get_" + ("use_" if kind == "idle_thread" else "") + kind)
+    server.attempt("PyFile_WriteObject", "text", Log(), 0)
+    server.attempt("CopyIntoBuffer", bytearray(8), 1, b"abc")
+    with open(os.devnull) as stream:
+        server.attempt("GetFileBufferCount", stream)
+        if kBuiltins.__name__ == "__builtin__":
+            server.attempt("PyFile_SetEncoding", stream, "ascii")
+    server.attempt("__import__", "os")
+    server.attempt("trace_dispatch", frame, "line", None)
+    server.attempt("bootstrap_new_thread", frame, "call", None)
+
+
+def call_without_record(server):
+    """What needs a record of the thread, while there is none."""
+    for name, arguments in kNeedRecord:
+        server.attempt("thread_exiting")
+        server.attempt(name, *arguments)
+    if server.around_part is do:
+        server.attempt("thread_exiting")
+        hold_mutex(server)
+    server.attempt("continue_run")
+
+
 def set_exceptions(server):
     server.attempt("set_always_stop_excepts", (KeyError,))
     server.attempt("set_never_stop_excepts", (StopIteration,))
@@ -375,8 +479,17 @@ def work_in_thread(log):
     return log.pop()
 
 
-def use_generator(stop):
-    return steps.consumes(stop)
+def work_in_class(tracer):
+    """A thread by the interpreter's own means: its outermost frame is a method of ours."""
+    worker, lock, before = Worker.made(), _thread.allocate_lock(), _thread._count()
+    lock.acquire()
+    _thread.start_new_thread(worker.whole_thread, (tracer, lock))
+    lock.acquire()
+    while _thread._count() > before:
+        sleep(0)
+    if not worker.done:
+        raise MemoryError("injected into the thread")
+    return worker.done
 
 
 def program(server, imports, threads, conditions):
@@ -399,6 +512,8 @@ def program(server, imports, threads, conditions):
     server.attempt("set_debug_thread_cb", server.guarded(server.policy))
     if threads:
         server.part(work_in_thread, [], gives=3)
+        server.attempt("set_debug_thread_cb", server.failing_policy)
+        server.part(work_in_class, server.tracer, gives=[3])
     server.attempt("register_sub_language_hook", Hook(server))
     server.attempt("set_break", kTemplate, "", key.__code__.co_firstlineno + 2, 1, 0,
                    "first == 3" if conditions else None, 0)
@@ -412,6 +527,9 @@ def program(server, imports, threads, conditions):
     server.part(steps.calls, stop([over]), gives=10)
     server.attempt("set_use_canonical_pathnames", 0)
     server.attempt("raise_exception", 0, None)
+    server.part(fail_in_text, gives=("at the bottom",))
+    set_many_breaks(server)
+    call_the_rest(server)
     server.attempt("clear_breaks", steps.__file__, kLines + 1)
     server.attempt("clear_all_breaks")
 
@@ -440,6 +558,7 @@ def run(tracer, log=False, imports=True, threads=True, conditions=True, **around
             kept.append("program: {!r}".format(why))
         finally:
             server.attempt("stop_trace")
+        call_without_record(server)
         server.attempt("reset")
     return finish(server, log)
 
