@@ -212,13 +212,42 @@ static void register_fork_hook() {
     }
 }
 
-// Builds that count all references in total would see that total drift.
-static bool counts_total_references() {
-    return XPy_LookupPythonFunction("_Py_NegativeRefcount") != nullptr;
+// The total of all references that Py_DEBUG builds keep: a variable up to 3.11, then one of each
+// interpreter, behind functions.
+constinit tTellReferenceTotal gTellReferenceTotal = nullptr;
+static constinit Py_ssize_t* total_variable = nullptr;
+using tChangeTotal = void (*)();
+static constinit tChangeTotal add_to_total = nullptr;
+static constinit tChangeTotal take_from_total = nullptr;
+
+static void tell_total_by_variable(int change) {
+    *total_variable += change;
+}
+
+static void tell_total_by_function(int change) {
+    (change > 0 ? add_to_total : take_from_total)();
+}
+
+// False = there is a total, and no way to keep it right.
+static bool find_reference_total() {
+    gTellReferenceTotal = nullptr;
+    if (XPy_LookupPythonFunction("_Py_NegativeRefcount") == nullptr) {
+        return true;
+    }
+    if (resolve(&add_to_total, "_Py_INCREF_IncRefTotal") &&
+        resolve(&take_from_total, "_Py_DECREF_DecRefTotal")) {
+        gTellReferenceTotal = tell_total_by_function;
+        return true;
+    }
+    total_variable = static_cast<Py_ssize_t*>(XPy_LookupPythonFunction("_Py_RefTotal"));
+    if (total_variable != nullptr) {
+        gTellReferenceTotal = tell_total_by_variable;
+    }
+    return total_variable != nullptr;
 }
 
 static bool can_write_refcounts() {
-    if (gPy.pydebug_build || gPy.pyobject_offsets.refcnt == -1 || counts_total_references()) {
+    if (gPy.pydebug_build || gPy.pyobject_offsets.refcnt == -1 || !find_reference_total()) {
         return false;
     }
     // deliberate: 3.12 and 3.13 have immortal objects too, yet only 3.14 takes part again.

@@ -210,10 +210,18 @@ TDBG_API_INLINE Py_ssize_t XPy_GetRefCnt(PyObject* obj) {
                                : read_field<Py_ssize_t>(obj, offset);
 }
 
+// Called after each change in place by builds that keep a total of all references (Py_DEBUG), so
+// that it stays right; null for all others.
+using tTellReferenceTotal = void (*)(int change);
+extern tTellReferenceTotal gTellReferenceTotal;
+
 template <class T>
 inline void add_to_refcnt(PyObject* obj, T change) {
     const Py_ssize_t offset = gPy.pyobject_offsets.refcnt;
     write_field<T>(obj, offset, static_cast<T>(read_field<T>(obj, offset) + change));
+    if (gTellReferenceTotal != nullptr) [[unlikely]] {
+        gTellReferenceTotal(static_cast<int>(change));
+    }
 }
 
 TDBG_API_INLINE void XPy_CallIncRef(PyObject* obj) {

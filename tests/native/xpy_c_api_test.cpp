@@ -356,12 +356,45 @@ TEST(StartUp, VersionDecidesHowReferencesAreCounted) {
     }
 }
 
-TEST(StartUp, BuildThatTotalsReferencesCountsThroughTheInterpreter) {
+TEST(StartUp, TotalOfAllReferencesThatCannotBeKeptIsLeftToTheInterpreter) {
     tStandIn stand_in(absent_in_python_3() - tNames{"_Py_NegativeRefcount"});
     stand_in.set_version(3, 11);
     EXPECT_EQ(start_and_read_stderr(&stand_in, 0), "");
     EXPECT_EQ(gPy.pydebug_build, 0);
     EXPECT_EQ(gPy.can_update_refcount_directly, 0);
+}
+
+// Three references more and one less, in place.
+void count_in_place() {
+    Py_ssize_t object[2] = {5, 0};
+    PyObject* const obj = reinterpret_cast<PyObject*>(object);
+    EXPECT_EQ(gPy.can_update_refcount_directly, 1);
+    XPy_DoIncRef(obj);
+    XPy_DoIncRef(obj);
+    XPy_DoIncRef(obj);
+    XPy_DoDecRef(obj);
+    EXPECT_EQ(XPy_GetRefCnt(obj), 7);
+}
+
+TEST(StartUp, TotalOfAllReferencesIsKeptInItsVariable) {
+    tStandIn stand_in(absent_in_python_3() - tNames{"_Py_NegativeRefcount", "_Py_RefTotal"});
+    stand_in.set_version(3, 11);
+    EXPECT_EQ(start_and_read_stderr(&stand_in, 0), "");
+    count_in_place();
+    EXPECT_EQ(*static_cast<Py_ssize_t*>(stand_in.symbol("_Py_RefTotal")), 1002);
+}
+
+TEST(StartUp, TotalOfAllReferencesIsKeptByItsFunctions) {
+    tStandIn stand_in(absent_in_python_3() - tNames{"_Py_NegativeRefcount",
+                                                    "_Py_RefTotal",
+                                                    "_Py_INCREF_IncRefTotal",
+                                                    "_Py_DECREF_DecRefTotal"});
+    stand_in.set_version(3, 14);
+    EXPECT_EQ(start_and_read_stderr(&stand_in, 0), "");
+    count_in_place();
+    EXPECT_EQ(stand_in.calls("_Py_INCREF_IncRefTotal"), 3);
+    EXPECT_EQ(stand_in.calls("_Py_DECREF_DecRefTotal"), 1);
+    EXPECT_EQ(*static_cast<Py_ssize_t*>(stand_in.symbol("_Py_RefTotal")), 1000);
 }
 
 TEST(StartUp, TraceSetterForAllThreadsIsNotLookedUpBelow312) {

@@ -56,10 +56,24 @@ class StartUp(TestCase):
 
     def test_counts_are_written_directly_only_where_that_is_right(self):
         _, record = load_record()
-        direct = not (hasattr(sys, "gettotalrefcount") or has_trace_refs_layout())
-        direct = direct and record.pyobject.refcnt != -1
+        direct = not has_trace_refs_layout() and record.pyobject.refcnt != -1
         direct = direct and not (3, 12) <= sys.version_info[:2] < (3, 14)
         self.assertEqual(record.can_update_refcount_directly, int(direct))
+
+    @needs("total_refcount")
+    def test_total_of_all_references_stays_right(self):
+        native, _ = load_record({name: (None, [kObject]) for name in (
+            "XPy_DoIncRef", "XPy_DoDecRef")})
+        counted = object()
+
+        def change_of_total(function):
+            before = sys.gettotalrefcount()
+            for _ in range(1000):
+                function(counted)
+            return int(round((sys.gettotalrefcount() - before) / 1000))
+
+        self.assertEqual(change_of_total(native.XPy_DoIncRef), 1)
+        self.assertEqual(change_of_total(native.XPy_DoDecRef), -1)
 
     def test_nothing_is_printed(self):
         library_path()

@@ -37,7 +37,11 @@ inline const tNames kPython2Names = {"Py_InitModule4",
                                      "PyInt_FromLong",
                                      "PyInt_FromSsize_t"};
 inline const tNames kPython3Names = {"PyModule_Create2", "PyModule_Create2TraceRefs"};
-inline const tNames kSpecialBuildNames = {"_Py_GetThreadLocal_Addr", "_Py_NegativeRefcount"};
+inline const tNames kSpecialBuildNames = {"_Py_GetThreadLocal_Addr",
+                                          "_Py_NegativeRefcount",
+                                          "_Py_INCREF_IncRefTotal",
+                                          "_Py_DECREF_DecRefTotal",
+                                          "_Py_RefTotal"};
 
 inline tNames operator+(const tNames& a, const tNames& b) {
     tNames all = a;
@@ -108,6 +112,7 @@ public:
     tStandIn& operator=(const tStandIn&) = delete;
     ~tStandIn() {
         global_XPy_C_API_Data = {};
+        gTellReferenceTotal = nullptr;
         gFailOnImport = 0;
         dlclose(handle_);
         unlink(path_);
