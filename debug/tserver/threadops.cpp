@@ -90,6 +90,12 @@ static long read_thread_id(PyThreadState* tstate) {
     return static_cast<long>(read_field<unsigned long>(tstate, offset));
 }
 
+// Who holds the server mutex is known by this, so the calling thread's own is never unknown.
+static long read_own_thread_id(PyThreadState* own) {
+    const long id = read_thread_id(own);
+    return id != -1 ? id : get_thread_ident();
+}
+
 static PyFrameObject* new_none_frame() {
     return static_cast<PyFrameObject*>(new_ref(gPy.Py_None));
 }
@@ -247,7 +253,7 @@ tThreadData* get_current_thread_data(CUt_HashTable* table) {
                                 ? gLastRecord.td
                                 : get_and_remember(table, tstate);
     if (td != nullptr) {
-        td->thread_id = read_thread_id(tstate);  // another one after a fork
+        td->thread_id = read_own_thread_id(tstate);  // another one after a fork
     }
     return td;
 }

@@ -176,6 +176,14 @@ TEST_F(ThreadTable, ThreadIdIsRefreshedOnEveryCall) {
     EXPECT_EQ(td->thread_id, 99);
 }
 
+TEST_F(ThreadTable, OwnThreadIdIsAskedForWhereThereIsNoField) {
+    gPy.tstate_offsets.thread_id = -1;
+    const tThreadIdentFunc ident = gGetThreadIdentFunc;
+    gGetThreadIdentFunc = [] { return 55L; };
+    EXPECT_EQ(get_current_thread_data(&table_)->thread_id, 55);
+    gGetThreadIdentFunc = ident;
+}
+
 TEST_F(ThreadTable, RecordThatHoldsTheMutexTwiceStaysAllocated) {
     tThreadData* const td = get_current_thread_data(&table_);
     td->dbgserver_mutex_acquired_count = 2;
