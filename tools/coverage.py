@@ -92,7 +92,9 @@ def ranges_of(lines):
         else:
             ranges.append([number, number])
             previous = number
-    return ", ".join(str(first) if first == last else "{}-{}".format(first, last) for first, last in ranges) or "-"
+    texts = [str(first) if first == last else "{}-{}".format(first, last)
+             for first, last in ranges]
+    return ", ".join(texts) or "-"
 
 
 def main(argv):

@@ -23,7 +23,8 @@ kQuestions = """\
 import struct, sys
 try:
     import ctypes
-    static = hasattr(ctypes.CDLL(None), "Py_Initialize") and "libpython" not in open("/proc/self/maps").read()
+    static = hasattr(ctypes.CDLL(None), "Py_Initialize") and (
+        "libpython" not in open("/proc/self/maps").read())
     version = ctypes.CDLL(None).gnu_get_libc_version
     version.restype = ctypes.c_char_p
     libc = "glibc " + version().decode()
@@ -247,9 +248,11 @@ def find_missing(interpreters, broken=()):
                                            "" if variant == "release" else "-" + variant, bits)
             reason = reasons.get((version, bits, variant in ("trace_refs", "pydebug")))
             if variant == "free_threaded":
-                reason = "no distribution has it; tools/build-interpreters builds it for ./check --matrix"
+                reason = ("no distribution has it; tools/build-interpreters builds it for "
+                          "./check --matrix")
             elif reason is None:
-                reason = "neither among pyenv's versions nor the system's, and not fetched from Debian"
+                reason = ("neither among pyenv's versions nor the system's, and not fetched "
+                          "from Debian")
             missing.append((name, reason))
     return missing
 

@@ -17,12 +17,12 @@ kPath = os.path.join("docs", "matrix.md")
 kHead = """\
 # Every interpreter
 
-One library per word size serves them all. `./check --matrix` wrote this page on {date}{revision}, from
-all interpreters that it found, could fetch (tools/fetch-interpreters) or had built
+One library per word size serves them all. `./check --matrix` wrote this page on {date}{revision},
+from all interpreters that it found, could fetch (tools/fetch-interpreters) or had built
 (tools/build-interpreters). The tests of the library run under each of them; where those of the
 debugger's Python part ran, which knows neither word sizes nor C libraries, the table by interpreter
-tells. A cell tells how many tests **passed / failed** with which C library; skipped ones are below. A
-letter stands for a reason; {dash}: there is no such build of this version.
+tells. A cell tells how many tests **passed / failed** with which C library; skipped ones are below.
+A letter stands for a reason; {dash}: there is no such build of this version.
 
 """
 
@@ -50,7 +50,8 @@ kNoSource = (
     "Could not be built: the archive lists the source package, but no longer holds its files "
     "(`--again` asks"
     " again), and none of its suites has the build as a package.")
-kNotFinished = "Its tests were not finished when this page was written; the next run goes on with them."
+kNotFinished = (
+    "Its tests were not finished when this page was written; the next run goes on with them.")
 kOffsets = " The structures' offsets are compared with those that a compiler gives for its headers."
 
 
