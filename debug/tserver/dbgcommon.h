@@ -92,6 +92,7 @@ TDBG_API PyFrameObject* get_thread_state_frame(PyThreadState* tstate);  // new r
 TDBG_API int get_stack_depth(PyThreadState* tstate);                    // null = the current one
 TDBG_API PyObject* borrow_thread_state_traceobj(PyThreadState* tstate);
 TDBG_API PyInterpreterState* borrow_thread_state_interp(PyThreadState* tstate);
+bool is_main_interpreter();  // the running thread is in no subinterpreter; true before 3.7
 TDBG_API unsigned long get_thread_state_thread_id(PyThreadState* tstate);
 TDBG_API int get_thread_state_use_tracing(PyThreadState* tstate);  // 1 where there is no such field
 TDBG_API void set_thread_state_use_tracing(PyThreadState* tstate, int value);

@@ -60,6 +60,12 @@ TDBG_API PyInterpreterState* borrow_thread_state_interp(PyThreadState* tstate) {
     return gPy.PyThreadState_GetInterpreter(tstate);
 }
 
+bool is_main_interpreter() {
+    using tMain = PyInterpreterState* (*)();
+    const auto main = reinterpret_cast<tMain>(XPy_LookupPythonFunction("PyInterpreterState_Main"));
+    return main == nullptr || main() == borrow_thread_state_interp(gPy.PyThreadState_Get());
+}
+
 TDBG_API unsigned long get_thread_state_thread_id(PyThreadState* tstate) {
     const Py_ssize_t offset = gPy.tstate_offsets.thread_id;
     return offset != -1 ? read_field<unsigned long>(tstate, offset) : 0;

@@ -253,6 +253,16 @@ static tSingleIdleThreadData* new_single_data(const tIdleThreadPerInterpData* da
     return single;
 }
 
+// The state was made by the thread that starts the idle thread and carries that one's number; the
+// core would take the two for one thread. Not left to the idle thread: the interpreter may have
+// ended, and freed the state, before that runs for the first time.
+static void give_thread_state_away(const tSingleIdleThreadData* single) {
+    if (single->interrupt_tstate != nullptr && gPy.tstate_offsets.thread_id != -1) {
+        write_field<unsigned long>(
+            single->interrupt_tstate, gPy.tstate_offsets.thread_id, single->thread_id);
+    }
+}
+
 static int start_idle_thread_mutex_held(tIdleThreadPerInterpData* data) {
     tSingleIdleThreadData* const single = new_single_data(data);
     if (single == nullptr) {
@@ -270,6 +280,7 @@ static int start_idle_thread_mutex_held(tIdleThreadPerInterpData* data) {
         free(single);
         return -1;
     }
+    give_thread_state_away(single);
     return 0;
 }
 
@@ -374,8 +385,10 @@ static int stop_for_server(tIdleThreadPerInterpData* data) {
 
 int tracer_set_use_idle_thread(int flag) {
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
-    const bool possible =
-        gPy.major_version == 3 && gPy.minor_version > 6 && !data->initialization_failed;
+    // A subinterpreter gets none: pending calls run in the main interpreter alone, and a thread
+    // state that is left when a subinterpreter is ended ends the whole process.
+    const bool possible = gPy.major_version == 3 && gPy.minor_version > 6 &&
+                          !data->initialization_failed && is_main_interpreter();
     const boolean wanted = static_cast<boolean>(possible ? flag : 0);  // kept as it was given
     if (wanted == data->use_idle_thread) {
         return 0;

@@ -346,22 +346,10 @@ static bool wait_for_next_turn(tSingleIdleThreadData* single) {
     return !single->stop;
 }
 
-// The state was made by the thread that started us and carries that one's number; the core would
-// take the two for one thread.
-static void adopt_thread_state(PyThreadState* tstate) {
-    if (gPy.tstate_offsets.thread_id != -1) {
-        write_field<unsigned long>(
-            tstate, gPy.tstate_offsets.thread_id, gPy.PyThread_get_thread_ident());
-    }
-}
-
 void idle_thread_func(void* arg) {
     log_without_tstate("entering idle_thread_func())\n");
     tSingleIdleThreadData* const single = static_cast<tSingleIdleThreadData*>(arg);
     tIdleThreadPerInterpData* const data = &gSelf.global_idle_thread_data;
-    if (single->interrupt_tstate != nullptr) {
-        adopt_thread_state(single->interrupt_tstate);
-    }
     bool valid = true;
     while (valid && wait_for_next_turn(single)) {
         valid = take_turn(data, single);
