@@ -75,9 +75,42 @@ int update_all_f_trace_in_thread(PyThreadState* tstate, tThreadData* thread_data
 
 // ---- All stacks ----
 
-PyObject* call_sys_current_frames() {
+// From 3.12 on each interpreter may have a lock of its own, and the interpreter's function makes
+// objects even for the frames that others run at this moment, which wrecks the memory of both.
+static bool may_others_run() {
+    using tGet = PyInterpreterState* (*)();
+    if (!version_at_least(3, 12) || gNoInterpreterLock) {  // without the lock it halts all threads
+        return false;
+    }
+    const auto head = reinterpret_cast<tGet>(XPy_LookupPythonFunction("PyInterpreterState_Head"));
+    const auto main = reinterpret_cast<tGet>(XPy_LookupPythonFunction("PyInterpreterState_Main"));
+    return head != nullptr && main != nullptr && head() != main();  // the head is the newest one
+}
+
+// What the interpreter's function would say of the threads of this interpreter.
+static PyObject* get_frames_of_this_interpreter() {  // new ref or null
+    tOwnedRef frames(gPy.PyDict_New());
+    for (PyThreadState* tstate = borrow_first_thread_state(); tstate != nullptr && frames;
+         tstate = gPy.PyThreadState_Next(tstate)) {
+        tOwnedFrame frame(get_thread_state_frame(tstate));
+        tOwnedRef number(
+            gPy.PyLong_FromLongLong(static_cast<long long>(get_thread_state_thread_id(tstate))));
+        if (frame && (!number ||
+                      gPy.PyDict_SetItem(frames.borrow(), number.borrow(), frame.borrow()) != 0)) {
+            return nullptr;
+        }
+    }
+    return frames.give_away();
+}
+
+static PyObject* call_function_for_current_frames() {  // new ref or null
     tOwnedRef function(new_ref(gPy.PySys_GetObject("_current_frames")));
-    tOwnedRef frames(function ? gPy.PyObject_CallObject(function.borrow(), nullptr) : nullptr);
+    return function ? gPy.PyObject_CallObject(function.borrow(), nullptr) : nullptr;
+}
+
+PyObject* call_sys_current_frames() {
+    tOwnedRef frames(may_others_run() ? get_frames_of_this_interpreter()
+                                      : call_function_for_current_frames());
     if (!frames || !is_instance_of(frames.borrow(), gPy.PyDict_Type_ptr)) {
         log_failure("Failure in call_sys_current_frame()\n");
         return nullptr;
