@@ -1,4 +1,5 @@
 """Debug a function in an interpreter that another program has started, perhaps again."""
+import atexit
 import os
 import sys
 
@@ -22,10 +23,13 @@ def work(n):
 seen = []
 if not hasattr(sys, "own_import"):
     sys.own_import = __import__
-core.init(1.0, 2, none, none, none, stop, none, none, none, none, sys.own_import, {})
+core.init(0.01, 2, none, none, none, stop, none, none, none, none, sys.own_import, {})
 code = work.__code__
 first = code.co_firstlineno
 core.set_break(code.co_filename, "", first + 2, 1, 0, "n == 1", 0)
+if "IDLE_THREAD" in os.environ:
+    core.set_use_idle_thread(1)
+    atexit.register(core.atexit_func)
 core.start_trace()
 work(0)
 work(1)
