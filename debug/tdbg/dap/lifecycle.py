@@ -17,7 +17,7 @@ _get_signal = compat.signal.getsignal
 def initialize(session, arguments):
     if session.client is not None:
         raise tRequestError("`initialize` comes once")
-    session.client = dict(arguments)
+    session.client = arguments
     return capabilities.of_debuggee()
 
 

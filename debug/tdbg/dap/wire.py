@@ -227,12 +227,25 @@ def decode(data):
             text = data.decode("utf-8")
         else:
             text = data.decode("utf-8", "surrogatepass")
-        message = _loads(text, parse_constant=_refuse_constant)
+        message = _loads(
+            text, parse_constant=_refuse_constant,
+            object_hook=None if compat.is_gil_enabled() else _tSharedDict)
     except Exception as why:  # RecursionError is a RuntimeError before 3.5
         raise tBadMessage("{}: {}".format(type(why).__name__, why))
     if not isinstance(message, dict):
         raise tBadMessage("a message is an object, not {}".format(type(message).__name__))
     return message
+
+
+class _tSharedDict(dict):
+    """For the threads of 3.13 without an interpreter lock.  dict.get() locks the dict there, and
+    once more where another thread has made it or the value: for that it waits for itself, which
+    takes 40 turns of the scheduler and so as good as for ever beside threads that compute."""
+
+    __slots__ = ()
+
+    def get(self, key, default=None):
+        return self[key] if key in self else default
 
 
 def _refuse_constant(name):
