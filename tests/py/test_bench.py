@@ -71,6 +71,20 @@ class Bench(TestCase):
         self.assertEqual(len(row.split(" | ")), 6, text)
         self.assertRegex(row, r"\| \d+\.\d\d \| \d+\.\d\d \|")
 
+    def test_interpreter_that_fails_is_told_below_the_table(self):
+        python = os.path.join(self.make_dir(), "version", "bin", "python")
+        os.makedirs(os.path.dirname(python))
+        with open(python, "w") as out:
+            out.write("#!/bin/sh\n[ \"$1\" = -c ] && exec {} \"$@\"\n"
+                      "echo no $1 here >&2\nexit 3\n".format(sys.executable))
+        os.chmod(python, 0o755)
+        done = run_program([
+            sys.executable, os.path.join(kBench, "detached"), "--quick", "--lib",
+            os.path.dirname(library_path()), "--python", python])
+        self.assertEqual(done.status, 1, done)
+        self.assertIn("FAILED version: it ended with status 3 and wrote ''\nno ", done.out)
+        self.assertIn("leftalone.py here\n", done.out)
+
     def test_interpreter_that_is_not_there_is_an_error(self):
         done = run_program([sys.executable, os.path.join(kBench, "chart"), "--python", "no-such"])
         self.assertEqual(done.status, 1)
