@@ -400,7 +400,9 @@ def is_wanted(test, item, host, hosts, arguments):
     if not is_chosen(test["id"], arguments.pattern) or (test["once"] and item is not host):
         return False
     is_variant = item.is_built or item.variant != "release"
-    per_version = test["per_version"] or arguments.front_end_once and test["front_end"]
+    if arguments.quick and test["not_when_quick"]:
+        return False
+    per_version = test["per_version"] or arguments.quick and test["once_when_quick"]
     return (not per_version or item is hosts.get(item.minor)
             or (arguments.everywhere and is_variant))
 
@@ -415,7 +417,7 @@ def run_all(interpreters, libraries, run, scratch):
         units = []
         usable = [item for item in interpreters if item.bits in libraries] or interpreters
         host, hosts = host_of(usable), hosts_per_version(usable)
-        if arguments.front_end_once:
+        if arguments.quick:
             hosts = {host.minor: host}
         for item, (tests, broken) in zip(interpreters, listings):
             library = libraries.get(item.bits)
@@ -535,8 +537,9 @@ def parse_arguments(argv):
     parser.add_argument("--list", action="store_true", help="print the names of the tests")
     parser.add_argument("--jobs", type=int, default=(os.cpu_count() or 1) + 1,
                         help="children at a time; one more than processors, for many wait")
-    parser.add_argument("--front-end-once", action="store_true",
-                        help="tests of the debugger's Python part under one interpreter only")
+    parser.add_argument("--quick", action="store_true",
+                        help="tests of the debugger's Python part, and what else asks for it, "
+                             "under one interpreter only; leave out what takes long")
     parser.add_argument("--timeout", type=float, default=kTestSeconds, help="seconds for one test")
     parser.add_argument("--json", metavar="FILE", help="write all results there, too")
     parser.add_argument("--each", metavar="DIR",

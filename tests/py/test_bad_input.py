@@ -12,6 +12,8 @@ import unittest
 from support import DATA, TestCase, has, import_tracer, needs, run_code, time_limit
 from support.tracing import Session, import_debuggee, join_whole_thread, kDefaultImport
 
+kOnceWhenQuick = True
+
 steps = import_debuggee("steps")
 
 kLong = "/" + "d/" * 20000

@@ -10,6 +10,7 @@ import xml.dom.minidom
 
 from support import REPOSITORY, TestCase, capability, library_path, needs, once, run_program
 
+kNotWhenQuick = True
 kBench = os.path.join(REPOSITORY, "bench")
 
 

@@ -14,6 +14,7 @@ from support import needs, run_script
 from support.breaks import BreakCase, kCanonical, kSynonyms, reload_module
 from support.marks import line_of
 
+kOnceWhenQuick = True
 kLogBreakpoints = 8  # category of the log
 kModule = """
     def f(value=1):

@@ -9,6 +9,7 @@ from support import has, time_limit
 from support.breaks import BreakCase, kCanonical
 from support.marks import line_of
 
+kOnceWhenQuick = True
 kLogBreakpoints = 8
 kFiles, kLines = 1000, 10
 

@@ -16,6 +16,7 @@ from support import TestCase, has, import_tracer, needs, once, time_limit
 from support.faults import Faults, in_child, nomemory, scenario
 from support.tracing import kDefaultImport
 
+kOnceWhenQuick = True
 kWhole = os.environ.get("TDBG_FAULT_SHARE") == "1"
 kThinner = int(os.environ.get("TDBG_FAULT_SHARE") or 1)
 kShare = 1 if kWhole else 16 * kThinner  # one of so many calls is tried

@@ -7,6 +7,7 @@ import unittest
 
 from support import TestCase, needs, run_code, run_script, time_limit
 
+kOnceWhenQuick = True
 kStart = """
 from __future__ import print_function
 import os, sys, threading

@@ -17,6 +17,7 @@ try:
 except ImportError:
     import __builtin__ as builtins
 
+kOnceWhenQuick = True
 kDefaultImport = builtins.__import__
 kWait = 30  # seconds until a test that waits has failed
 kStarts = 1000

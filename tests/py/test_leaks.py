@@ -9,6 +9,8 @@ from support import TestCase, growth_of_references, has, needs, time_limit
 from support.modules import hide_modules
 from support.tracing import Session, ThreadSession, import_debuggee
 
+kOnceWhenQuick = True
+
 steps = import_debuggee("steps")
 
 kStops = 10000

@@ -93,7 +93,7 @@ def _pidfd():
 @once
 @needs("pidfd")
 class Runner(TestCase):
-    def run_sample(self, files):
+    def run_sample(self, files, *options):
         folder = self.make_dir()
         for name, text in files.items():
             self.make_file(name, text, folder)
@@ -101,7 +101,7 @@ class Runner(TestCase):
         self.done = run_program([
             sys.executable, os.path.join(REPOSITORY, "tests", "run.py"), "--python", sys.executable,
             "--no-lib", "--tests", folder, "--json", report, "--jobs", "2",
-        ])
+        ] + list(options))
         with io.open(report, encoding="utf-8") as source:
             rows = json.load(source)["results"]
         return {row["test"]: (row["status"], row["reason"]) for row in rows}
@@ -133,6 +133,13 @@ class Runner(TestCase):
         self.assertEqual(self.done.status, 1)
         self.assertIn("the output", self.done.out)
         self.assertNotIn("not shown", self.done.out)
+
+    def test_what_is_left_out_to_be_quick(self):
+        files = {"test_alone.py": kAlone, "test_slow.py": kAlone + "\nkNotWhenQuick = True\n",
+                 "test_dear.py": kAlone + "\nkOnceWhenQuick = True\n"}
+        for options, expected in ((["--quick"], {"alone", "dear"}), ([], {"alone", "dear", "slow"})):
+            rows = self.run_sample(files, *options)
+            self.assertEqual(set(name[len("test_"):].partition(".")[0] for name in rows), expected)
 
     def test_each_test_finds_a_process_without_the_others(self):
         rows = self.run_sample({"test_alone.py": kAlone})

@@ -14,6 +14,7 @@ from support import TestCase, has, library_path, needs, run_script, time_limit
 from support import soak
 from support.programs import TESTS, python_path
 
+kNotWhenQuick = True
 kProgram = os.path.join(TESTS, "support", "soak.py")
 kSeconds = 60
 kLimit = 400  # the least number of samples takes longer on a busy machine

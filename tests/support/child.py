@@ -125,7 +125,8 @@ def describe(module, case):
         "unsupported": is_marked(case, method, "tdbg_unsupported_versions"),
         "once": is_marked(case, method, "tdbg_once"),
         "per_version": getattr(sys.modules[module], "kOncePerVersion", False),
-        "front_end": getattr(sys.modules[module], "kUsesFrontEnd", False),
+        "once_when_quick": getattr(sys.modules[module], "kOnceWhenQuick", False),
+        "not_when_quick": getattr(sys.modules[module], "kNotWhenQuick", False),
     }
 
 
