@@ -214,7 +214,6 @@ static void register_fork_hook() {
 
 // The total of all references that Py_DEBUG builds keep: a variable up to 3.11, then one of each
 // interpreter, behind functions.
-constinit tTellReferenceTotal gTellReferenceTotal = nullptr;
 static constinit Py_ssize_t* total_variable = nullptr;
 using tChangeTotal = void (*)();
 static constinit tChangeTotal add_to_total = nullptr;

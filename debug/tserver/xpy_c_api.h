@@ -213,7 +213,8 @@ TDBG_API_INLINE Py_ssize_t XPy_GetRefCnt(PyObject* obj) {
 // Called after each change in place by builds that keep a total of all references (Py_DEBUG), so
 // that it stays right; null for all others.
 using tTellReferenceTotal = void (*)(int change);
-extern tTellReferenceTotal gTellReferenceTotal;
+__attribute__((visibility("hidden"))) inline constinit tTellReferenceTotal gTellReferenceTotal =
+    nullptr;
 
 template <class T>
 inline void add_to_refcnt(PyObject* obj, T change) {
