@@ -8,6 +8,7 @@ from __future__ import absolute_import, division, print_function
 
 import ctypes
 import gc
+import json
 import os
 import signal
 import sys
@@ -21,12 +22,15 @@ except ImportError:
 
 from support import TestCase, import_tracer, needs, time_limit
 from support.faults import in_child, scenario
+from support.programs import TESTS
 
 kCallbacks = ("hooks", "checksum", "idle", "line", "returns", "exception", "quit",
               "imported", "policy")
 kMethods = ("_GetMarkerFrames", "_GetModulePaths", "_GetSubLanguageFrames", "_StopHere",
             "_TranslateFrame", "_GetStepOutFrame", "_Eval")
-kKinds = kCallbacks + kMethods
+kKindsWithFrames = ("line", "returns", "exception", "_StopHere", "_TranslateFrame",
+                    "_GetStepOutFrame")
+kKinds = kCallbacks + kMethods + ("condition", "write")
 
 
 class Raised(Exception):
@@ -52,6 +56,23 @@ class Misbehaving(scenario.Server):
         self.done, self.left = 0, []
         self.children, self.is_child = [], False
         self.idle_period = 1.0 if kind == "idle" else 0.0
+        if kind == "default_import":
+            self.default_import = self.spoiled(kind, self.default_import)
+        scenario.steps.condition = self.spoiled("condition", lambda: 1)
+
+    def attempt(self, name, *arguments):
+        """Conditions call a function that is in the program's namespace."""
+        if self.kind == "condition" and name == "set_break" and arguments[0] != scenario.kTemplate:
+            arguments = arguments[:5] + ("condition()",) + arguments[6:]
+        return super(Misbehaving, self).attempt(name, *arguments)
+
+    def log(self):
+        """Of a session that is logged; else None."""
+        if self.kind != "write":
+            return None
+        log = scenario.Log()
+        log.write = self.spoiled("write", log.write)
+        return log
 
     def guarded(self, callback):
         guarded = super(Misbehaving, self).guarded(callback)
@@ -134,22 +155,33 @@ def spoil_frames(server, arguments):
                 pass
 
 
+kNotForAll = ("reset", "destroy", "stop_trace", "thread_exiting", "acquire_dbgserver_mutex",
+              "release_dbgserver_mutex", "fork_ok", "atexit_func", "breakpointhook")
+
+
 def call_all(server, arguments):
     """Every function that needs no more than nothing, and leaves the session alive."""
     for name in dir(server.tracer):
-        if name not in ("reset", "destroy", "stop_trace", "thread_exiting",
-                        "acquire_dbgserver_mutex", "release_dbgserver_mutex", "fork_ok",
-                        "atexit_func", "breakpointhook"):
+        if name not in kNotForAll:
             try:
                 getattr(server.tracer, name)()
             except (TypeError, RuntimeError, IndexError):
                 pass
 
 
+def frames_of_program():
+    frame, found = sys._getframe(), []
+    while frame is not None:
+        if frame.f_code.co_filename == scenario.steps.calls.__code__.co_filename:
+            found.append(frame)
+        frame = frame.f_back
+    return found
+
+
 def forget_locals(server, arguments):
-    """The variables of the frames that it is told of;
+    """The variables of the frames that it is told of, or of those of the program that it finds;
     from 3.13 on they cannot be deleted, but set."""
-    for frame in arguments:
+    for frame in arguments if server.kind in kKindsWithFrames else frames_of_program():
         names = getattr(frame, "f_locals", None)
         if hasattr(names, "clear"):
             names.clear()
@@ -178,8 +210,14 @@ kArguments = {  # of functions that need some, and of those whose turn is not in
     "set_use_canonical_pathnames": (1,), "get_thread_ident_for_tstate_id": (0,),
     "PyFrame_LocalsToFast": (None, 0), "add_to_tstate_tracing": (0,),
     "set_tstate_use_tracing": (1,), "acquire_dbgserver_mutex": (), "release_dbgserver_mutex": (),
-    "fork_ok": (),
+    "fork_ok": (), "register_sub_language_hook": (Nonsense(),), "PyFile_WriteObject": ("", sys, 0),
+    "PyFile_SetEncoding": (sys.__stdin__, "ascii"), "GetFileBufferCount": (sys.__stdin__,),
+    "CopyIntoBuffer": (bytearray(3), 1, b"abc"), "trace_dispatch": (None, "line", None),
+    "bootstrap_new_thread": (None, "call", None), "__import__": ("os",),
+    "sub_language_get_frame_category": (0, None),
 }
+kOfDeeds = ("init", "reset", "destroy", "stop_trace", "thread_exiting", "breakpointhook",
+            "atexit_func")  # each is one, or part of one
 
 
 def call_with_arguments(server, arguments):
@@ -187,7 +225,7 @@ def call_with_arguments(server, arguments):
     for name, values in sorted(kArguments.items()):
         try:
             getattr(server.tracer, name)(*values)
-        except (TypeError, RuntimeError, IndexError):
+        except (TypeError, RuntimeError, IndexError, AttributeError):
             pass
 
 
@@ -205,13 +243,20 @@ def break_here(server, arguments):
     server.tracer.breakpointhook()
 
 
+def accept_fork(server):
+    try:
+        server.tracer.fork_ok()
+    except RuntimeError:  # the log tells something before init()
+        pass
+
+
 def fork(server, arguments):
     """The child is accepted, computes and ends."""
     child = os.fork()
     if child == 0:
         status = 1
         try:
-            server.tracer.fork_ok()
+            accept_fork(server)
             status = 0 if scenario.steps.add(1, 2) == 3 else 2
         finally:
             os._exit(status)
@@ -219,9 +264,12 @@ def fork(server, arguments):
     wait_for_children(server)
 
 
+kInThreads = ("work_in_thread", "work_in_class", "whole_thread")
+
+
 def waits_for_a_thread():
     frame = sys._getframe()
-    while frame is not None and frame.f_code.co_name != "work_in_thread":
+    while frame is not None and frame.f_code.co_name not in kInThreads:
         frame = frame.f_back
     return frame is not None
 
@@ -233,7 +281,7 @@ def fork_and_go_on(server, arguments):
     child = os.fork()
     if child == 0:
         server.is_child, server.times, server.children = True, 0, []
-        server.tracer.fork_ok()
+        accept_fork(server)
     else:
         server.children.append(child)
 
@@ -247,6 +295,10 @@ def wait_for_children(server):
 
 def end_everything(server, arguments):
     server.tracer.destroy()
+
+
+def call_what_exits_call(server, arguments):
+    server.tracer.atexit_func()
 
 
 def end_and_start(server, arguments):
@@ -322,6 +374,7 @@ kQuietDeeds = {
     "forks and goes on": fork_and_go_on,
     "ends everything": end_everything,
     "ends and starts": end_and_start,
+    "calls what exits call": call_what_exits_call,
     "ends the thread": end_the_thread,
     "traces otherwise": trace_otherwise,
     "traces no more": trace_no_more,
@@ -380,12 +433,14 @@ def settle():
 
 
 def run_with(server):
-    original = scenario.Server
+    originals, log = (scenario.Server, scenario.Log), server.log()
     scenario.Server = lambda tracer: server
     try:
-        scenario.run(server.tracer)
+        if log is not None:
+            scenario.Log = lambda: log
+        scenario.run(server.tracer, log is not None)
     finally:
-        scenario.Server = original
+        scenario.Server, scenario.Log = originals
 
 
 @needs("fork")
@@ -427,17 +482,63 @@ def _add_interruption(name, deed):
     setattr(Callbacks, "test_interrupted_by_" + name.replace(" ", "_"), test)
 
 
+class Names(TestCase):
+    def test_every_function_is_called(self):
+        """By some deed, with arguments that it may take."""
+        with open(os.path.join(TESTS, "data", "methods.json")) as source:
+            methods = json.load(source)
+        without = [one["name"] for one in methods if (one["format"] or ":").startswith(":")]
+        called = set(without) - set(kNotForAll) | set(kArguments) | set(kOfDeeds)
+        self.assertEqual({one["name"] for one in methods} - called, set())
+
+
 @needs("fork")
 class Locals(TestCase):
-    kKinds = ("line", "returns", "exception", "_StopHere", "_TranslateFrame", "_GetStepOutFrame")
-
     @time_limit(120)
     def test_forgotten(self):
         """The program misses its variables, and that is all."""
-        for kind in self.kKinds:
+        for kind in kKinds:
             answer, why = in_child(lambda: run_session(kind, forget_locals))
             self.assertIsNone(answer.get("raised") or why, kind)
             self.assertEqual((answer["again"], answer["done"] > 0), ([], True), kind)
+
+
+@needs("fork")
+class Imports(TestCase):
+    @time_limit(120)
+    def test_by_a_function_that_misbehaves(self):
+        """The program gets what the function gives or raises, and that is all."""
+        for name, deed in sorted(dict(kQuietDeeds, **kInterruptions).items()):
+            answer, why = in_child(lambda: run_session("default_import", deed))
+            self.assertIsNone(answer.get("raised") or why, name)
+            self.assertEqual((answer["again"], answer["done"] > 0), ([], True), name)
+
+
+@needs("fork")
+class Exits(TestCase):
+    kStatus = 7
+
+    def end_everywhere(self, end):
+        for kind in kKinds + ("default_import",):
+            answer, why = in_child(lambda: run_session(kind, lambda *_: end(self.kStatus)))
+            self.assertEqual((answer, why), ({}, "ended with status {}".format(self.kStatus << 8)),
+                             kind)
+
+    def test_at_once(self):
+        self.end_everywhere(os._exit)
+
+    def test_by_the_c_library(self):
+        self.end_everywhere(ctypes.CDLL(None).exit)
+
+    @time_limit(120)
+    def test_with_the_interpreter(self):
+        """In the main thread; another one would wait for that."""
+        main = _thread.get_ident()
+
+        def end(status):
+            (ctypes.pythonapi.Py_Exit if _thread.get_ident() == main else os._exit)(status)
+
+        self.end_everywhere(end)
 
 
 for _name, _deed in kQuietDeeds.items():

@@ -205,6 +205,7 @@ class Server(object):
     """Callbacks that obey a script and let nothing out."""
 
     idle_period = 0.0
+    default_import = staticmethod(kDefaultImport)
 
     def __init__(self, tracer, around_call=do, around_part=do):
         self.tracer, self.around_call, self.around_part = tracer, around_call, around_part
@@ -241,7 +242,7 @@ class Server(object):
         self.attempt(
             "init", self.idle_period, mode, cb["hooks"], cb["checksum"], cb["idle"], cb["line"],
             cb["returns"], cb["exception"], cb["quit"], cb["imported"] if import_cb else None,
-            kDefaultImport, {os.path.abspath(__file__.replace(".pyc", ".py")) + "x": 1})
+            self.default_import, {os.path.abspath(__file__.replace(".pyc", ".py")) + "x": 1})
 
     def hooks(self, install):
         threading.settrace(self.tracer.bootstrap_new_thread if install else None)
