@@ -28,7 +28,6 @@ LIBC_SYMBOL("faults_dladdr, dladdr", "GLIBC_2.2.5", "GLIBC_2.0");
 
 // Unused, but named by the functions of the header.
 constinit XPy_C_API_Data global_XPy_C_API_Data = {};
-constinit tTellReferenceTotal gTellReferenceTotal = nullptr;
 
 #define FAULTS_API extern "C" __attribute__((visibility("default")))
 #define FAULTS_HIDDEN extern "C" __attribute__((visibility("hidden")))
