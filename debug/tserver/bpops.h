@@ -16,9 +16,6 @@ struct tThreadData;
 // Room for a module file name while breakpoints are bound to it, terminator included.
 inline constexpr size_t kResolveBufferSize = 32001;
 
-// Longer names, terminator included, are looked up anew each time.
-inline constexpr size_t kKnownFileSize = 512;
-
 struct tBp {
     int id;                 // unique; the first one is 1
     char* user_filename;    // owned; exactly as the server gave it
@@ -46,8 +43,8 @@ struct tBp {
     int is_dropped;     // cleared while held
 };
 
-struct tModuleBps;  // the breakpoints of one module, by line
-
+// Prescribed to the last field, since it lies inside the tracer's state: what is kept beside it is
+// in the tBpLists of bpops_internal.h.
 struct tBpOpsData {
     CUt_HashTable userbps;                        // int line -> head of its chain, newest first
     tBp* changed_bps;                             // newest first
@@ -60,15 +57,6 @@ struct tBpOpsData {
     int checksums_enabled;                        // checksums may identify files
     PyObject* filestring;                         // owned; the native string "__file__"
     PyObject* any_bps_cache;                      // owned; dict
-    // Private.
-    int waiting_checksums;            // unresolved breakpoints with a checksum
-    CUt_HashTable waiting_files;      // user file name -> its unresolved breakpoints
-    CUt_HashTable module_bps;         // module file name -> owned tModuleBps of those bound to it
-    CUt_HashTable unknown_files;      // user file name -> owned: when no module was found for it
-    const char* known_module;         // borrowed from loaded_modules: module of known_file, or null
-    tModuleBps* known_module_bps;     // of known_module; null = none
-    char known_file[kKnownFileSize];  // file name that was last found in loaded_modules
-    PyObject* known_path;  // owned; path of code objects whose text is known_file, or null
 };
 
 // Entry of a line in `userbps`, without the calls: a watched frame asks on each line. Null on a
@@ -85,8 +73,9 @@ inline CUt_HashEntry* find_line_entry(CUt_HashTable* table, int lineno) {
     return entry;
 }
 
-// Life of the table, whose memory is zero at first. Clearing keeps `checksums_enabled` and
+// Life of the table. Clearing keeps `checksums_enabled` and
 // `unique_import_count`, by which the server tells that nothing was imported; ids restart at 1.
+void forget_bp_lists();  // of an interpreter that has ended
 TDBG_API void __tracer_init_bp_ops_data(tBpOpsData* data,
                                         tCOPathnameTable* co_pathname_table,
                                         PyObject* get_checksum_cb,

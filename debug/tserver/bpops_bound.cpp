@@ -15,25 +15,28 @@ static void free_module_bps(tModuleBps* module_bps) {
 }
 
 void init_bound_bps(tBpOpsData* data) {
-    CU_InitHashTable(&data->module_bps, kHashStringKeys);
-    data->known_module = nullptr;
+    tBpLists* const lists = lists_of(data);
+    CU_InitHashTable(&lists->module_bps, kHashStringKeys);
+    lists->known_module = nullptr;
 }
 
 void clear_bound_bps(tBpOpsData* data) {
+    tBpLists* const lists = lists_of(data);
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->module_bps, &search); entry != nullptr;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&lists->module_bps, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         free_module_bps(static_cast<tModuleBps*>(entry->clientData));
     }
-    CU_DeleteHashTable(&data->module_bps);
-    data->known_module = nullptr;
+    CU_DeleteHashTable(&lists->module_bps);
+    lists->known_module = nullptr;
 }
 
 tModuleBps* find_module_bps(tBpOpsData* data, const char* module_filename) {
-    if (data->known_module != nullptr && data->known_module == module_filename) {
-        return data->known_module_bps;
+    tBpLists* const lists = lists_of(data);
+    if (lists->known_module != nullptr && lists->known_module == module_filename) {
+        return lists->known_module_bps;
     }
-    return static_cast<tModuleBps*>(find_hash_value(&data->module_bps, module_filename));
+    return static_cast<tModuleBps*>(find_hash_value(&lists->module_bps, module_filename));
 }
 
 bool has_module_bps(tBpOpsData* data, const char* module_filename) {
@@ -49,8 +52,9 @@ tBp* find_bound_bps(tBpOpsData* data, const char* module_filename, int lineno) {
 
 // Null when out of memory, the table as it was.
 static tModuleBps* get_or_make_module_bps(tBpOpsData* data, const char* module_filename) {
+    tBpLists* const lists = lists_of(data);
     int is_new = 0;
-    CUt_HashEntry* const entry = create_hash_entry(&data->module_bps, module_filename, &is_new);
+    CUt_HashEntry* const entry = create_hash_entry(&lists->module_bps, module_filename, &is_new);
     if (entry == nullptr || !is_new) {
         return entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
     }
@@ -61,18 +65,19 @@ static tModuleBps* get_or_make_module_bps(tBpOpsData* data, const char* module_f
     }
     CU_InitHashTable(&module_bps->lines, kHashIntKeys);
     entry->clientData = module_bps;
-    data->known_module = nullptr;  // it may have been known to have none
+    lists->known_module = nullptr;  // it may have been known to have none
     return module_bps;
 }
 
 static void drop_module_bps_if_empty(tBpOpsData* data, const char* module_filename) {
-    CUt_HashEntry* const entry = find_hash_entry(&data->module_bps, module_filename);
+    tBpLists* const lists = lists_of(data);
+    CUt_HashEntry* const entry = find_hash_entry(&lists->module_bps, module_filename);
     tModuleBps* const module_bps =
         entry != nullptr ? static_cast<tModuleBps*>(entry->clientData) : nullptr;
     if (module_bps != nullptr && module_bps->lines.numEntries == 0) {
         CU_DeleteHashEntry(entry);
         free_module_bps(module_bps);
-        data->known_module = nullptr;
+        lists->known_module = nullptr;
     }
 }
 

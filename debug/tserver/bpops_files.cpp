@@ -17,26 +17,31 @@
 // ---- Lists by file ----
 
 void init_file_lists(tBpOpsData* data) {
-    data->waiting_checksums = 0;
-    CU_InitHashTable(&data->waiting_files, kHashStringKeys);
+    tBpLists* const lists = lists_of(data);
+    lists->waiting_checksums = 0;
+    CU_InitHashTable(&lists->waiting_files, kHashStringKeys);
     init_bound_bps(data);
-    CU_InitHashTable(&data->unknown_files, kHashStringKeys);
+    CU_InitHashTable(&lists->unknown_files, kHashStringKeys);
+    lists->known_file[0] = '\0';
+    lists->known_path = nullptr;  // clearing has dropped it
 }
 
 // The table's reference keeps the address from becoming another path's.
 static void know_path(tBpOpsData* data, PyObject* path) {
-    if (data->known_path != path) {
-        PyObject* const old = data->known_path;
-        data->known_path = path != nullptr ? new_ref(path) : nullptr;
+    tBpLists* const lists = lists_of(data);
+    if (lists->known_path != path) {
+        PyObject* const old = lists->known_path;
+        lists->known_path = path != nullptr ? new_ref(path) : nullptr;
         XPy_DoDecRef(old);
     }
 }
 
 void clear_file_lists(tBpOpsData* data) {
+    tBpLists* const lists = lists_of(data);
     clear_bound_bps(data);
     know_path(data, nullptr);
-    CU_DeleteHashTable(&data->waiting_files);
-    CU_DeallocHashTable(&data->unknown_files);
+    CU_DeleteHashTable(&lists->waiting_files);
+    CU_DeallocHashTable(&lists->unknown_files);
 }
 
 static tFileOpsData* file_ops(tBpOpsData* data) {
@@ -72,20 +77,22 @@ static void identify_file(tBpOpsData* data, tBp* bp) {
 }
 
 static bool start_waiting(tBpOpsData* data, tBp* bp) {
+    tBpLists* const lists = lists_of(data);
     int is_new = 0;
     CUt_HashEntry* const entry =
-        create_hash_entry(&data->waiting_files, bp->user_filename, &is_new);
+        create_hash_entry(&lists->waiting_files, bp->user_filename, &is_new);
     if (entry != nullptr) {
         bp->next_waiting = static_cast<tBp*>(entry->clientData);
         identify_file(data, bp);
-        data->waiting_checksums += *bp->user_checksum != '\0';
+        lists->waiting_checksums += *bp->user_checksum != '\0';
         entry->clientData = bp;
     }
     return entry != nullptr;
 }
 
 static void stop_waiting(tBpOpsData* data, tBp* bp) {
-    CUt_HashEntry* const entry = find_hash_entry(&data->waiting_files, bp->user_filename);
+    tBpLists* const lists = lists_of(data);
+    CUt_HashEntry* const entry = find_hash_entry(&lists->waiting_files, bp->user_filename);
     if (entry == nullptr) {
         return;
     }
@@ -93,7 +100,7 @@ static void stop_waiting(tBpOpsData* data, tBp* bp) {
     for (tBp** link = &head; *link != nullptr; link = &(*link)->next_waiting) {
         if (*link == bp) {
             *link = bp->next_waiting;
-            data->waiting_checksums -= *bp->user_checksum != '\0';
+            lists->waiting_checksums -= *bp->user_checksum != '\0';
             break;
         }
     }
@@ -141,7 +148,7 @@ static const char* put_loaded_module(tBpOpsData* data, const char* name, const c
         free(copy);
         return nullptr;
     }
-    data->known_module = nullptr;  // perhaps the value that goes
+    lists_of(data)->known_module = nullptr;  // perhaps the value that goes
     free(entry->clientData);
     entry->clientData = copy;
     return copy;
@@ -150,9 +157,10 @@ static const char* put_loaded_module(tBpOpsData* data, const char* name, const c
 // Module file of a name in loaded_modules; null when it is not there. A line that is hit again and
 // again asks for one name, so the last one is kept beside the table.
 static const char* find_loaded_module(tBpOpsData* data, const char* name) {
-    const bool is_known_file = name == data->known_file || strcmp(name, data->known_file) == 0;
-    if (data->known_module != nullptr && is_known_file) {
-        return data->known_module;
+    tBpLists* const lists = lists_of(data);
+    const bool is_known_file = name == lists->known_file || strcmp(name, lists->known_file) == 0;
+    if (lists->known_module != nullptr && is_known_file) {
+        return lists->known_module;
     }
     const char* const module_file =
         static_cast<const char*>(find_hash_value(&data->loaded_modules, name));
@@ -160,11 +168,11 @@ static const char* find_loaded_module(tBpOpsData* data, const char* name) {
     if (module_file != nullptr && length < kKnownFileSize) {
         if (!is_known_file) {
             know_path(data, nullptr);
-            memcpy(data->known_file, name, length + 1);
+            memcpy(lists->known_file, name, length + 1);
         }
-        data->known_module = nullptr;
-        data->known_module_bps = find_module_bps(data, module_file);
-        data->known_module = module_file;
+        lists->known_module = nullptr;
+        lists->known_module_bps = find_module_bps(data, module_file);
+        lists->known_module = module_file;
     }
     return module_file;
 }
@@ -340,19 +348,20 @@ struct tFailedSearch {
 static constexpr unsigned kMaxUnknownFiles = 4096;  // then they are forgotten
 
 static bool has_just_failed(tBpOpsData* data, const char* user_filename) {
-    const tFailedSearch* const last =
-        static_cast<const tFailedSearch*>(find_hash_value(&data->unknown_files, user_filename));
+    const tFailedSearch* const last = static_cast<const tFailedSearch*>(
+        find_hash_value(&lists_of(data)->unknown_files, user_filename));
     return last != nullptr && last->import_count == data->unique_import_count &&
            last->ticks == get_ticks();
 }
 
 static void remember_failure(tBpOpsData* data, const char* user_filename) {
-    if (data->unknown_files.numEntries >= kMaxUnknownFiles) {
-        CU_DeallocHashTable(&data->unknown_files);
-        CU_InitHashTable(&data->unknown_files, kHashStringKeys);
+    tBpLists* const lists = lists_of(data);
+    if (lists->unknown_files.numEntries >= kMaxUnknownFiles) {
+        CU_DeallocHashTable(&lists->unknown_files);
+        CU_InitHashTable(&lists->unknown_files, kHashStringKeys);
     }
     int is_new = 0;
-    CUt_HashEntry* const entry = create_hash_entry(&data->unknown_files, user_filename, &is_new);
+    CUt_HashEntry* const entry = create_hash_entry(&lists->unknown_files, user_filename, &is_new);
     if (entry == nullptr) {
         return;
     }
@@ -515,12 +524,13 @@ static tNumberedFile get_waited_file(tBpOpsData* data, tBp* chain, int64_t now) 
 }
 
 static void hold_candidates(tBpOpsData* data, const char* file, tHeldBps* held) {
+    tBpLists* const lists = lists_of(data);
     const bool takes_all =
-        gUseCanonicalPathnames || (data->checksums_enabled && data->waiting_checksums > 0);
+        gUseCanonicalPathnames || (data->checksums_enabled && lists->waiting_checksums > 0);
     const int64_t now = time(nullptr);
     const tNumberedFile module_file = get_numbered_file(data, file);
     CUt_HashSearch search;
-    for (CUt_HashEntry* entry = CU_FirstHashEntry(&data->waiting_files, &search); entry != nullptr;
+    for (CUt_HashEntry* entry = CU_FirstHashEntry(&lists->waiting_files, &search); entry != nullptr;
          entry = CU_NextHashEntry(&search)) {
         tBp* const chain = static_cast<tBp*>(entry->clientData);
         if (takes_all || may_be_same_file(get_waited_file(data, chain, now), module_file)) {
@@ -666,15 +676,16 @@ void __tracer_xfer_module_bps(tBpOpsData* data, PyObject* mod) {
 
 // Text of a code object's path when its module is known: borrowed until the next look-up.
 static const char* peek_path_text(tBpOpsData* data, PyObject* path) {
-    if (path == data->known_path && data->known_module != nullptr) {
-        return data->known_file;
+    tBpLists* const lists = lists_of(data);
+    if (path == lists->known_path && lists->known_module != nullptr) {
+        return lists->known_file;
     }
     const char* const text = _pystring_to_c_string(path);
     if (text == nullptr || may_be_compiled_file(text) ||
         find_loaded_module(data, text) == nullptr) {
         return nullptr;
     }
-    if (data->known_module != nullptr && strcmp(data->known_file, text) == 0) {
+    if (lists->known_module != nullptr && strcmp(lists->known_file, text) == 0) {
         know_path(data, path);
     }
     return text;

@@ -9,6 +9,33 @@
 #include "fileops.h"
 #include "guards.h"
 
+// Longer names, terminator included, are looked up anew each time.
+inline constexpr size_t kKnownFileSize = 512;
+
+struct tModuleBps;  // the breakpoints of one module, by line
+
+// What a table of breakpoints keeps beside its prescribed fields.
+struct tBpLists {
+    const tBpOpsData* owner;          // the table; null = not in use yet
+    tBpLists* next;                   // of another table
+    int waiting_checksums;            // unresolved breakpoints with a checksum
+    CUt_HashTable waiting_files;      // user file name -> its unresolved breakpoints
+    CUt_HashTable module_bps;         // module file name -> owned tModuleBps of those bound to it
+    CUt_HashTable unknown_files;      // user file name -> owned: when no module was found for it
+    const char* known_module;         // borrowed from loaded_modules: module of known_file, or null
+    tModuleBps* known_module_bps;     // of known_module; null = none
+    char known_file[kKnownFileSize];  // file name that was last found in loaded_modules
+    PyObject* known_path;  // owned; path of code objects whose text is known_file, or null
+};
+
+// bpops_lists.cpp. The first table that was made, the tracer's, has lists of its own.
+extern tBpLists gFirstBpLists;
+tBpLists* find_or_make_bp_lists(const tBpOpsData* data);
+
+inline tBpLists* lists_of(const tBpOpsData* data) {
+    return gFirstBpLists.owner == data ? &gFirstBpLists : find_or_make_bp_lists(data);
+}
+
 // bpops.cpp: head of the line's chain; null when no breakpoint is on the line.
 tBp* find_bps_on_line(tBpOpsData* data, int lineno);
 
@@ -54,7 +81,7 @@ enum tCondition : int { kConditionFalse = 0, kConditionTrue = 1, kConditionBroke
 tCondition evaluate_condition(tBp* bp, PyFrameObject* frame);
 
 // bpops_bound.cpp: the bound ones by module and line. The name is any copy of the module's; looking
-// up that of data->known_module itself costs nothing.
+// up that of known_module itself costs nothing.
 void init_bound_bps(tBpOpsData* data);
 void clear_bound_bps(tBpOpsData* data);
 tModuleBps* find_module_bps(tBpOpsData* data, const char* module_filename);

@@ -164,10 +164,22 @@ const char* __tracer_get_relative_path(tCOPathnameTable* table,
 
 // ---- Full paths ----
 
+static constexpr unsigned kTextCopies = 8;
+static constinit char* gTextCopies[kTextCopies] =
+    {};                                       // owned; texts handed out last; null = unused
+static constinit unsigned gNextTextCopy = 0;  // the one to be overwritten next
+
+void free_text_copies() {
+    for (char*& text : gTextCopies) {
+        free(text);
+        text = nullptr;
+    }
+}
+
 // Copy of a text that nobody keeps alive for our callers. Good until kTextCopies - 1 other texts
 // were copied; a text that is still there is found again. Null when out of memory.
-static const char* keep_copy(tCOPathnameTable* table, const char* text) {
-    for (const char* kept : table->text_copies) {
+static const char* keep_copy(const char* text) {
+    for (const char* kept : gTextCopies) {
         if (kept != nullptr && strcmp(kept, text) == 0) {
             return kept;
         }
@@ -176,8 +188,8 @@ static const char* keep_copy(tCOPathnameTable* table, const char* text) {
     if (copy == nullptr) {
         return nullptr;
     }
-    char** const slot = &table->text_copies[table->next_text_copy];
-    table->next_text_copy = (table->next_text_copy + 1) % kTextCopies;
+    char** const slot = &gTextCopies[gNextTextCopy];
+    gNextTextCopy = (gNextTextCopy + 1) % kTextCopies;
     free(*slot);
     *slot = copy;
     return copy;
@@ -256,7 +268,7 @@ const char* __resolve_module_full_path(tCOPathnameTable* table,
     free(rel);
     if (is_used_as_it_is) {
         const char* const text = get_native_text(co_filename);
-        return text != nullptr ? keep_copy(table, text) : nullptr;
+        return text != nullptr ? keep_copy(text) : nullptr;
     }
     if (full != nullptr) {
         register_full_path(table, full, code, register_all_in_globals != 0 ? globals : nullptr);
@@ -290,7 +302,7 @@ static const char* compute_full_path(tCOPathnameTable* table,
     tOwnedRef co_filename(get_code_filename(code));
     const char* const co_name = get_native_text(co_filename.borrow());
     if (co_name != nullptr && stands_for_itself(co_name)) {
-        return keep_copy(table, co_name);
+        return keep_copy(co_name);
     }
     char* const rel = copy_relative_path(table, globals.borrow(), co_filename.borrow());
     if (rel == nullptr) {
@@ -302,7 +314,7 @@ static const char* compute_full_path(tCOPathnameTable* table,
     if (full != nullptr) {
         return full;
     }
-    return co_name != nullptr ? keep_copy(table, co_name) : nullptr;
+    return co_name != nullptr ? keep_copy(co_name) : nullptr;
 }
 
 const char* __tracer_get_full_path(tCOPathnameTable* table, PyFrameObject* frame) {

@@ -25,13 +25,8 @@ enum tCodeEntryItem : int {
 
 inline constexpr size_t kCodeEntryCacheSize = 1024;  // a power of two
 
-inline constexpr unsigned kTextCopies = 8;
-
-struct tCodeEntrySlot {
-    PyCodeObject* code;  // borrowed from the dictionary's extra reference; null = free slot
-    PyObject* entry;     // borrowed from the dictionary
-};
-
+// Prescribed to the last field, since it lies inside the tracer's state: what is kept beside it is
+// in conames.cpp and conames_table.cpp.
 struct tCOPathnameTable {
     PyObject* filename_for_co;    // owned dict {address of code: entry}; null until needed
     int collect_count;            // look-ups since the dictionary was swept
@@ -39,11 +34,6 @@ struct tCOPathnameTable {
     char codefile[kMaxFilenameLength + 1];  // result of __tracer_get_relative_path
     PyObject* filestring;                   // owned; the str "__file__"
     PyObject* bp_version;  // owned; identity = the current set of breakpoints; may be null
-    // Private.
-    PyObject* last_pathname;  // owned; the str registered last, shared by the code of one file
-    char* text_copies[kTextCopies];  // owned; co_filename texts handed out last; null = unused
-    unsigned next_text_copy;         // the one to be overwritten next
-    tCodeEntrySlot entry_cache[kCodeEntryCacheSize];  // in front of filename_for_co
 };
 
 // Context of one sweep over a module's functions and classes.
@@ -59,6 +49,8 @@ TDBG_API void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_op
 // Drops everything the table holds; InitCOPathnameTable makes it usable again. Entries in code
 // objects' extra slots stay with their code objects.
 void free_co_pathname_table(tCOPathnameTable* table);
+// Frees the texts that were kept for callers, whichever table they are from.
+void free_text_copies();
 
 // Makes the next look-up ask the interpreter for the extra slot again, as the first one of a
 // process does. For tests that bind to several interpreters.

@@ -27,10 +27,36 @@ static constinit Py_ssize_t gCodeExtraIndex = kIndexNotRequested;
 
 // ---- Life cycle ----
 
-static void clear_entry_cache(tCOPathnameTable* table) {
-    for (tCodeEntrySlot& slot : table->entry_cache) {
+struct tCodeEntrySlot {
+    PyCodeObject* code;  // borrowed from the dictionary's extra reference; null = free slot
+    PyObject* entry;     // borrowed from the dictionary
+};
+
+// In front of the dictionary of one table, the one asked last: there is but the tracer's.
+static constinit tCodeEntrySlot gEntryCache[kCodeEntryCacheSize] = {};
+static constinit const tCOPathnameTable* gEntryCacheOwner = nullptr;
+
+// The str registered last, owned; the code of one file shares it.
+static constinit tNameCache gLastPathname = {};
+
+static void forget_last_pathname() {
+    if (gLastPathname.life == gInterpreterLife) {
+        set_owned<PyObject>(&gLastPathname.obj, nullptr);
+    }
+}
+
+static void clear_entry_cache(const tCOPathnameTable* table) {
+    if (gEntryCacheOwner != table) {
+        return;
+    }
+    for (tCodeEntrySlot& slot : gEntryCache) {
         slot = {nullptr, nullptr};
     }
+}
+
+static void give_entry_cache_to(const tCOPathnameTable* table) {
+    clear_entry_cache(gEntryCacheOwner);
+    gEntryCacheOwner = table;
 }
 
 void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_ops_data) {
@@ -43,11 +69,6 @@ void InitCOPathnameTable(tCOPathnameTable* table, tFileOpsData* file_ops_data) {
         log_failure("Failure: InitCOPathnameTable()\n");
     }
     table->bp_version = nullptr;
-    table->last_pathname = nullptr;
-    for (char*& text : table->text_copies) {
-        text = nullptr;
-    }
-    table->next_text_copy = 0;
     clear_entry_cache(table);
 }
 
@@ -70,11 +91,8 @@ void free_co_pathname_table(tCOPathnameTable* table) {
     }
     set_owned<PyObject>(&table->filestring, nullptr);
     set_owned<PyObject>(&table->bp_version, nullptr);
-    set_owned<PyObject>(&table->last_pathname, nullptr);
-    for (char*& text : table->text_copies) {
-        free(text);
-        text = nullptr;
-    }
+    forget_last_pathname();
+    free_text_copies();
 }
 
 // ---- Entries ----
@@ -137,8 +155,11 @@ static PyObject* borrow_entry_in_extra_slot(PyCodeObject* code, bool* failed) {
 }
 
 static tCodeEntrySlot* get_cache_slot(tCOPathnameTable* table, PyCodeObject* code) {
+    if (gEntryCacheOwner != table) {
+        give_entry_cache_to(table);
+    }
     const uintptr_t address = reinterpret_cast<uintptr_t>(code);
-    return &table->entry_cache[((address >> 4) ^ (address >> 14)) % kCodeEntryCacheSize];
+    return &gEntryCache[((address >> 4) ^ (address >> 14)) % kCodeEntryCacheSize];
 }
 
 static PyObject* borrow_entry_in_dict(tCOPathnameTable* table, PyCodeObject* code, bool* failed) {
@@ -376,17 +397,17 @@ static bool is_same_text(PyObject* str, const char* text) {
 }
 
 // New ref to the name as a str. Code of one file is registered in a row and shares it.
-static PyObject* get_pathname_object(tCOPathnameTable* table, const char* pathname) {
-    if (table->last_pathname == nullptr || !is_same_text(table->last_pathname, pathname)) {
-        set_owned(&table->last_pathname, new_native_string(pathname));
+static PyObject* get_pathname_object(const char* pathname) {
+    if (gLastPathname.life != gInterpreterLife) {
+        gLastPathname = {nullptr, gInterpreterLife};
     }
-    return new_ref(table->last_pathname);
+    if (gLastPathname.obj == nullptr || !is_same_text(gLastPathname.obj, pathname)) {
+        set_owned(&gLastPathname.obj, new_native_string(pathname));
+    }
+    return new_ref(gLastPathname.obj);
 }
 
-static int store_pathname(tCOPathnameTable* table,
-                          PyObject* entry,
-                          const char* pathname,
-                          int force) {
+static int store_pathname(PyObject* entry, const char* pathname, int force) {
     PyObject* const present = gPy.PyList_GetItem(entry, kEntryPathname);
     if (present == nullptr) {
         return -1;
@@ -394,7 +415,7 @@ static int store_pathname(tCOPathnameTable* table,
     if (present != gPy.Py_None && (force == 0 || is_same_text(present, pathname))) {
         return 0;
     }
-    tOwnedRef name(get_pathname_object(table, pathname));
+    tOwnedRef name(get_pathname_object(pathname));
     return name ? set_entry_item(entry, kEntryPathname, name.borrow()) : -1;
 }
 
@@ -409,7 +430,7 @@ int RegisterCOPathname(tCOPathnameTable* table,
     if (entry == nullptr || pathname == nullptr) {
         return -1;
     }
-    if (store_pathname(table, entry, pathname, force) != 0) {
+    if (store_pathname(entry, pathname, force) != 0) {
         log_failure("Failure: RegisterCOPathname()\n");
         return -1;
     }

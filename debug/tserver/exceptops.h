@@ -11,14 +11,14 @@
 struct tCOPathnameTable;
 struct tFileOpsData;
 
-// Attribute names, made on first use and then kept.
+// Attribute names, made on first use and then kept: owned or null.
 struct tExcSyms {
-    tNameCache co_name;
-    tNameCache mod_name;
-    tNameCache prints;
-    tNameCache parent;
-    tNameCache dunder_name;  // "__name__"
-    tNameCache containing_class;
+    PyObject* co_name;
+    PyObject* mod_name;
+    PyObject* prints;
+    PyObject* parent;
+    PyObject* dunder_name;  // "__name__"
+    PyObject* containing_class;
 };
 
 struct tExcData {

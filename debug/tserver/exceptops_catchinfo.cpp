@@ -20,22 +20,29 @@ void init_exc_data(tExcData* exc_data) {
 void reset_exc_data(tExcData* exc_data) {
     set_owned<PyObject>(&exc_data->exc_info_for_frame, nullptr);
     set_owned<PyObject>(&exc_data->catch_info_dict, nullptr);
-    tNameCache* const names[] = {&exc_data->syms.co_name,
-                                 &exc_data->syms.mod_name,
-                                 &exc_data->syms.prints,
-                                 &exc_data->syms.parent,
-                                 &exc_data->syms.dunder_name,
-                                 &exc_data->syms.containing_class};
-    for (tNameCache* const name : names) {
-        set_owned<PyObject>(&name->obj, nullptr);
+    PyObject** const names[] = {&exc_data->syms.co_name,
+                                &exc_data->syms.mod_name,
+                                &exc_data->syms.prints,
+                                &exc_data->syms.parent,
+                                &exc_data->syms.dunder_name,
+                                &exc_data->syms.containing_class};
+    for (PyObject** const name : names) {
+        set_owned<PyObject>(name, nullptr);
     }
 }
 
 // ---- The index ----
 
-static PyObject* get_attribute(PyObject* obj, tNameCache* cache, const char* name) {  // new ref
-    tOwnedRef name_obj(
-        new_ref(borrow_name(cache, name)));  // a reset meanwhile drops the cached one
+// New ref: a reset meanwhile drops the cached one. Null with an exception set.
+static PyObject* get_name(PyObject** cache, const char* text) {
+    if (*cache == nullptr) {
+        *cache = new_native_string(text);
+    }
+    return new_ref(*cache);
+}
+
+static PyObject* get_attribute(PyObject* obj, PyObject** cache, const char* name) {  // new ref
+    tOwnedRef name_obj(get_name(cache, name));
     return name_obj ? gPy.PyObject_GetAttr(obj, name_obj.borrow()) : nullptr;
 }
 
@@ -109,7 +116,7 @@ static tMatch match_module(tExcData* exc_data, PyObject* instance, PyFrameObject
         return wanted == nullptr ? kNoMatch : kMatch;
     }
     tOwnedRef globals(get_frame_globals(frame));
-    tOwnedRef dunder_name(new_ref(borrow_name(&exc_data->syms.dunder_name, "__name__")));
+    tOwnedRef dunder_name(get_name(&exc_data->syms.dunder_name, "__name__"));
     tOwnedRef own(globals && dunder_name
                       ? gPy.PyObject_GetItem(globals.borrow(), dunder_name.borrow())
                       : nullptr);
@@ -198,9 +205,9 @@ struct tPrintsAndParent {
 
 // False = failed (logged, cleared).
 static bool get_prints_and_parent(tExcData* exc_data, PyObject* instance, tPrintsAndParent* out) {
-    const int prints = get_bool_attrib(instance, "prints", &exc_data->syms.prints.obj);
+    const int prints = get_bool_attrib(instance, "prints", &exc_data->syms.prints);
     const int parent =
-        prints == -1 ? -1 : get_bool_attrib(instance, "parent", &exc_data->syms.parent.obj);
+        prints == -1 ? -1 : get_bool_attrib(instance, "parent", &exc_data->syms.parent);
     if (parent == -1) {
         DPRINTF(kLogExceptions, "get_prints_and_parent failed\n");
         gPy.PyErr_Clear();

@@ -58,6 +58,7 @@ static void init_tables() {
 void forget_ended_interpreter() {
     gSelf = {};
     forget_log_files();
+    forget_bp_lists();
     forget_any_last_record();
     forget_code_extra_index();
     forget_idle_threads();

@@ -314,10 +314,10 @@ TEST_F(Breakpoints, ThoseOfOneLineAreVisitedNewestFirstHoweverTheyWereBound) {
     EXPECT_EQ(bound_ids(3, "/other.py").size(), 1u);
     __tracer_clear_breaks(data_, kFile, 3);
     EXPECT_EQ(bound_ids(3), std::vector<int>{compiled});
-    EXPECT_EQ(data_->module_bps.numEntries, 2u);
+    EXPECT_EQ(lists_of(data_)->module_bps.numEntries, 2u);
     __tracer_clear_all_breaks(data_);
     EXPECT_EQ(bound_ids(3), std::vector<int>());
-    EXPECT_EQ(data_->module_bps.numEntries, 0u);
+    EXPECT_EQ(lists_of(data_)->module_bps.numEntries, 0u);
 }
 
 TEST_F(Breakpoints, WhatWasKnownOfAModuleChangesWithItsBreakpoints) {
@@ -362,17 +362,17 @@ TEST_F(Breakpoints, ThePathThatIsKnownIsHeldUntilAnotherIs) {
     set(3, "/other.py");
     EXPECT_TRUE(stops(frame, 3, 1));
     EXPECT_TRUE(stops(frame, 3, 1));  // the first one has made the module known
-    PyObject* const path = data_->known_path;
+    PyObject* const path = lists_of(data_)->known_path;
     ASSERT_NE(path, nullptr);
-    EXPECT_STREQ(data_->known_file, kFile);
+    EXPECT_STREQ(lists_of(data_)->known_file, kFile);
     const Py_ssize_t references = XPy_GetRefCnt(path);
     __tracer_resolve_bp_filenames(data_, "/other.py");
     EXPECT_TRUE(stops(frame, 3, 1));  // its own still stands, whatever else is known
     EXPECT_NE(__tracer_find_module(data_, "/other.py", nullptr), nullptr);
-    EXPECT_EQ(data_->known_path, nullptr);
+    EXPECT_EQ(lists_of(data_)->known_path, nullptr);
     EXPECT_EQ(XPy_GetRefCnt(path), references - 1);
     EXPECT_TRUE(stops(frame, 3, 1));
-    EXPECT_EQ(data_->known_path, path);
+    EXPECT_EQ(lists_of(data_)->known_path, path);
     __tracer_clear_bp_ops_data(data_, names_, gPy.Py_None);
     EXPECT_EQ(XPy_GetRefCnt(path), references - 1);
     EXPECT_FALSE(stops(frame, 3, 1));
@@ -500,10 +500,10 @@ TEST_F(Breakpoints, AFileThatIsNowhereIsForgottenInTheEnd) {
     for (int i = 0; i < 20000; i++) {
         set(3, ("/nowhere/" + std::to_string(i)).c_str());
     }
-    EXPECT_LE(data_->unknown_files.numEntries, 4096u);
+    EXPECT_LE(lists_of(data_)->unknown_files.numEntries, 4096u);
     __tracer_clear_all_breaks(data_);
-    EXPECT_EQ(data_->waiting_files.numEntries, 0u);
-    EXPECT_EQ(data_->unknown_files.numEntries, 0u);
+    EXPECT_EQ(lists_of(data_)->waiting_files.numEntries, 0u);
+    EXPECT_EQ(lists_of(data_)->unknown_files.numEntries, 0u);
 }
 
 TEST_F(Breakpoints, ClearingTheDataStartsIdsAnewAndKeepsTheChecksumFlag) {
@@ -631,7 +631,7 @@ TEST_F(BreakpointMemory, EachFailureLeavesTheTableWhole) {
         EXPECT_EQ(bound_ids(3).size(), bound) << n;
         EXPECT_TRUE(id > 0 || failed) << n;
         __tracer_clear_bp_ops_data(data_, names_, gPy.Py_None);
-        EXPECT_EQ(data_->module_bps.numEntries, 0u);
+        EXPECT_EQ(lists_of(data_)->module_bps.numEntries, 0u);
     }
 }
 

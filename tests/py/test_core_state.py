@@ -7,7 +7,7 @@ import sys
 import threading
 import unittest
 
-from support import TestCase, has, import_tracer, load_native, needs
+from support import TestCase, has, import_tracer, needs
 from support.tracing import (
     Session, import_debuggee, join_whole_thread, kBuiltins, kDefaultImport)
 
@@ -587,71 +587,6 @@ class DispatchTest(StateCase):
         self.assertEqual(session.run(program, "step_over"), 10)
         self.assertEqual(session.stops, [("line", "calls", "calls-add"),
                                          ("line", "calls", "calls-again")])
-
-
-class NativeTest(StateCase):
-    def test_exported_functions_do_no_harm_before_init(self):
-        tracer, frame = import_tracer(), sys._getframe()
-        word, nothing, kept = ctypes.c_int, None, ctypes.py_object
-        functions = [
-            ("__tracer_stop_trace", nothing, [], ()), ("__tracer_reset", nothing, [], ()),
-            ("__tracer_destroy", nothing, [], ()), ("__tracer_start_trace", word, [], ()),
-            ("tracer_break_at_current_line", word, [word], (1,)),
-            ("__call_import_cb", nothing, [kept], (os,)),
-            ("do_exception_callback_if_not_filtered", word, [kept, kept],
-             (frame, (ValueError, ValueError(), None))),
-            ("schedule_f_trace_update", word, [], ()),
-            ("pending_call_callback", word, [word], (0,)),
-            ("check_and_call_dbgserver_idle_callback", nothing, [], ()),
-            ("__tracer_fork_ok", nothing, [], ()), ("__tracer_reset", nothing, [], ()),
-            ("idle_thread_atexit_func", nothing, [], ()),
-            ("low_level_py_at_exit_func", nothing, [], ())]
-        native = load_native(dict((name, (result, types)) for name, result, types, _ in functions))
-        for name, _, _, arguments in functions:
-            getattr(native, name)(*arguments)
-            steps.add(1, 2)
-        self.assertEqual(tracer.get_tracing(), 0)
-        self.assert_stops_work(Session())
-
-
-class ContextTest(StateCase):
-    """A dispatch described by a caller of the exported functions, in its seven fields."""
-
-    class tState(ctypes.Structure):
-        _fields_ = [("tracing", ctypes.c_int), ("idle_period", ctypes.c_uint64),
-                    ("idling", ctypes.c_int), ("exception_mode", ctypes.c_int),
-                    ("autoquit", ctypes.c_int), ("debug_all_threads", ctypes.c_int),
-                    ("debug_thread_cb", ctypes.c_void_p), ("thread_data", ctypes.c_void_p)]
-
-    class tContext(ctypes.Structure):
-        _fields_ = [("frame", ctypes.py_object), ("what", ctypes.c_int), ("arg", ctypes.c_void_p),
-                    ("thread_data", ctypes.c_void_p), ("mutex_acquired", ctypes.c_int),
-                    ("stop_trace", ctypes.c_int), ("propagate_exception", ctypes.c_int),
-                    ("not_of_the_context", ctypes.c_int * 8)]
-
-    def test_nothing_beyond_its_fields_matters(self):
-        tracer, frame = Session().tracer, sys._getframe()
-        native = load_native({
-            "get_current_thread_data": (ctypes.c_void_p, [ctypes.c_void_p]),
-            "__tracer_stop_here_without_mutex": (ctypes.c_int, [ctypes.c_void_p, ctypes.c_int])})
-        state = self.tState.in_dll(native, "gSelf")
-        context = self.tContext(frame, 2)
-        context.thread_data = native.get_current_thread_data(
-            ctypes.addressof(state) + self.tState.thread_data.offset)
-        for index in range(8):
-            context.not_of_the_context[index] = -1
-        stop_here = getattr(native, "__tracer_stop_here_without_mutex")
-        tracer.stop()
-        state.tracing = 1
-        try:
-            for line in range(30):  # the frame's is one of these
-                tracer.set_break(frame.f_code.co_filename, "",
-                                 frame.f_code.co_firstlineno + line, 1, 0, None, 0)
-            stops = stop_here(ctypes.addressof(context), 1)
-        finally:
-            state.tracing = 0
-        hits = [row[6] for row in tracer.get_file_breaks(frame.f_code.co_filename)]
-        self.assertEqual((stops, sum(hits)), (1, 1))
 
 
 class RaiseTest(StateCase):
