@@ -89,7 +89,8 @@ class tServer(
         serverframes.tFrames.__init__(self)
         self.core = core
         self.front_end = front_end
-        self.lender = lending.tLender(core, self._tell_lent, self._condition_of)
+        self.lender = lending.tLender(
+            core, self._tell_lent, self._condition_of, self._place_of_callback)
         self.languages = sublanguages.tLanguages(core, self._tell_language_error, self.lender)
         self.breakpoints = breakpoints.tBreakpoints(
             core, languages=self.languages, on_conditions=self.lender.watch_conditions)
@@ -206,8 +207,7 @@ class tServer(
 
     # --- to the user ---
 
-    def _tell_lent(self, ident, place):
-        place = place or self._place_of_callback(ident)
+    def _tell_lent(self, place):
         if place is not None and place not in self._told_places:
             self._told_places.add(place)
             self.tell_notice(

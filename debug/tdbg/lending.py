@@ -34,25 +34,29 @@ _get_ident = compat.get_ident
 _native_id = threads.native_id
 _getpid = os.getpid  # in the system's eyes the main thread's number, too
 _sleep = time.sleep
-kStopped = 0
+kStopped = ()
 kIsNumberCheap = not compat.PY2 and hasattr(compat._thread, "get_native_id")
 kNoLoad = 4  # of dlopen(): only what is loaded already
 
 
 class tLender(object):
-    """on_lent(ident, place): the mutex was given back for a thread that is stuck.  place: (file,
-    line) of a condition that the core evaluates; None: a callback is where it is
+    """on_lent(place): the mutex was given back for a thread that is stuck.  place: (file, line) of
+    what is evaluated, or None where it is not known
 
     condition_of(ident)  what the core evaluates on the thread, as (place, what tells one evaluation
                          from the next); None: nothing
+    place_of(ident)      where a callback of the thread is, as far as its frames tell
     """
 
-    def __init__(self, core, on_lent=lambda ident, place: None, condition_of=lambda ident: None):
+    def __init__(self, core, on_lent=lambda place: None, condition_of=lambda ident: None,
+                 place_of=lambda ident: None):
         self._core, self._on_lent = core, on_lent
-        self._condition_of = condition_of
+        self._condition_of, self._place_of = condition_of, place_of
         self._native = None
         self._is_held = core.is_dbgserver_mutex_held
-        self._calls = {}    # ident -> number of the callback that the thread is in, or kStopped
+        # ident -> the callback that the thread is in, as (number, the program's frame or None);
+        # or kStopped
+        self._calls = {}
         self._numbers = {}  # ident -> the system's number of the thread
         self._lent = {}     # ident -> tDone: the callback goes on without the mutex
         self._gate = compat.allocate_lock()
@@ -80,12 +84,15 @@ class tLender(object):
 
     # --- callbacks of the core ---
 
-    def enter(self):
-        """A callback begins, on the calling thread; it may call code of the program."""
+    def enter(self, frame=None):
+        """A callback begins, on the calling thread; it may call code of the program.
+
+        frame: of the program, where it is known without looking for it
+        """
         ident = _get_ident()
         self._count = number = self._count + 1
         with self._gate:
-            self._calls[ident] = number
+            self._calls[ident] = (number, frame)
         if ident not in self._numbers or kIsNumberCheap:
             self._numbers[ident] = _native_id()
         if not self._is_watching:
@@ -143,7 +150,7 @@ class tLender(object):
     def _watch_while_busy(self):
         count, patience = -1, kPatience
         while self._is_busy() or count != self._count:
-            count, before, wanted = self._count, dict(self._calls), self._wanted
+            count, before, wanted = self._count, self._call_numbers(), self._wanted
             condition = self._condition()
             _sleep(patience)
             patience = min(2 * patience, kPatience)
@@ -151,13 +158,17 @@ class tLender(object):
                 self._free()
             if condition is not None and condition == self._condition() and self._free():
                 patience = kPatienceAfter
-                self._on_lent(*condition[:2])
-            for ident, call in before.items():
-                if call != kStopped and self._calls.get(ident) == call and self._is_stuck(ident):
+                self._on_lent(condition[1])
+            for ident, number in before:
+                if (ident, number) in self._call_numbers() and self._is_stuck(ident):
                     patience = kPatienceAfter
                     self._lend(ident, self._numbers.get(ident))
             for ident, number in list(self._away.items()):
                 self._leave_alone(ident, number)
+
+    def _call_numbers(self):
+        """[(ident, number)]: without the frames, which are not to outlive their calls."""
+        return [(ident, call[0]) for ident, call in list(self._calls.items()) if call]
 
     def _is_busy(self):
         return self._away or self._wanted or self._has_conditions or any(list(self._calls.values()))
@@ -181,15 +192,22 @@ class tLender(object):
 
     def _lend(self, ident, number):
         done = self._lent[ident] = signals.tDone()
-        if not self._calls.pop(ident, None):  # just over
+        call = self._calls.pop(ident, None)
+        if not call:  # just over
             self._lent.pop(ident, None)
             done.set()
             return
         try:
+            place = self._place(ident, call[1])  # before the thread can go on
             self.give_back_for(ident, number)
         finally:
             done.set()
-        self._on_lent(ident, None)
+        self._on_lent(place)
+
+    def _place(self, ident, frame):
+        # The frame waits in an event: so it can be looked at even without an interpreter lock.
+        return self._place_of(ident) if frame is None else (
+            frame.f_code.co_filename, frame.f_lineno)
 
     # --- at any time ---
 

@@ -32,7 +32,7 @@ def event_callback(method):
     @functools.wraps(method)
     def guarded(self, *args):
         try:
-            self.lender.enter()
+            self.lender.enter(*args[:1])
             try:
                 return method(self, *args)
             finally:
