@@ -229,6 +229,56 @@ class Stepping(Behaviour):
         self.session.run(lambda stop: self.code["looped"](5), until)
         self.assertEqual(self.places(), ["in-loop", "loop-end"])
 
+    def test_until_a_line_beyond_the_function_is_until_its_return(self):
+        code = self.code["outer"].__code__
+        self.run_function(
+            "outer", ("step_over_line_range", code.co_firstlineno, 1000000), "step_out")
+        self.assertEqual(self.session.stops[:2], [
+            ("line", "outer", "outer-call"), ("return", "outer", "outer-last", 3)])
+
+    def test_until_a_line_in_the_caller_and_its_return(self):
+        """Up in the stack, then on to a line there; up again, then on to its return."""
+        def to_caller(frame):
+            self.tracer.step_out_to_frame(frame.f_back)
+
+        self.break_at("inner-first")
+        self.run_function("outer", "continue_run", to_caller, "step_out", "step_out", "step_out")
+        self.assertEqual(self.session.stops, [
+            ("line", "outer", "outer-call"), ("line", "inner", "inner-first"),
+            ("line", "outer", "outer-again"), ("line", "inner", "inner-first"),
+            ("return", "inner", "inner-last", 3), ("line", "outer", "outer-last"),
+            ("return", "outer", "outer-last", 3)][:len(self.session.stops)])
+        self.assertGreater(len(self.session.stops), 5)
+
+    def test_over_a_return_without_a_traced_caller_goes_to_the_caller(self):
+        """Tracing began below the function that called it."""
+        self.break_at("inner-first")
+        found = self.session.run(
+            lambda stop: self.code["outer"](lambda: None), "step_over", "step_over", "step_out")
+        self.assertEqual(found, 3)
+        self.assertEqual(self.session.stops[:4], [
+            ("line", "inner", "inner-first"), ("line", "inner", "inner-last"),
+            ("return", "inner", "inner-last", 2), ("line", "outer", "outer-again")])
+
+    def test_text_is_run_line_by_line(self):
+        code = compile("stop()\nfirst = 1\nsecond = first + 1\n", "<string>", "exec")
+        names = {}
+
+        def run_text(stop):
+            names["stop"] = stop
+            eval(code, names)
+
+        self.session.run(run_text, "step_over", "step_over", "step_out")
+        self.assertEqual(names["second"], 2)
+        self.assertEqual([stop[:2] for stop in self.session.stops[:3]], [
+            ("line", "<module>"), ("line", "<module>"), ("return", "<module>")])
+        del self.session.stops[:]
+        self.session.run(lambda stop: eval(
+            compile("[stop(), inner(1)]", "<string>", "eval"), dict(self.code, stop=stop)),
+            "step_into", "continue_run")
+        self.assertEqual([stop[1:3] for stop in self.session.stops], [
+            ("inner", "inner-first"), ("inner", "inner-last")])
+
     def test_return_from_a_function_stops_with_its_value_whatever_it_calls(self):
         self.run_function("outer", "step_out")
         self.assertEqual(self.session.stops[:2], [
@@ -407,6 +457,17 @@ class More(Behaviour):
         self.assertEqual(self.lines()[:5], [("numbers_up_to", place) for place in (
             "gen-yield", "gen-loop", "gen-yield", "gen-loop", "gen-end")])
 
+    def test_over_the_last_line_of_a_generator_goes_to_its_caller(self):
+        self.break_at("gen-end")
+        self.session.run(lambda stop: self.code["sums"](lambda: None),
+                         "step_over", "step_out", "step_over")
+        found = [stop[:3] for stop in self.session.stops]
+        self.assertEqual(found[:2], [("line", "numbers_up_to", "gen-end"),
+                                     ("return", "numbers_up_to", "gen-end")])
+        # Up to 3.9 the end of the generator is an event of the loop's line, too.
+        self.assertIn(("line", "sums", "for-end"), found[2:4])
+        self.assertEqual({stop[1] for stop in found[2:]}, {"sums"})
+
     def test_an_exception_thrown_into_a_generator_comes_to_its_handler(self):
         self.break_at("thrown")
         self.assertEqual(self.run_function("throws", "continue_run"), 2)
@@ -477,6 +538,15 @@ class Delegating(Behaviour):
         self.assertEqual(lines[:2], [("whole", "whole-first"), ("whole", "delegate")])
         self.assertIn(("whole", "whole-last"), lines)
         self.assertNotIn("parts", [stop[1] for stop in self.session.stops])
+
+    def test_out_of_the_inner_one_goes_to_the_outer_one_that_yields(self):
+        self.break_at("part-one", temporary=1)
+        found = self.session.run(
+            lambda stop: self.code["uses"](lambda: None), "step_out", "step_out")
+        self.assertEqual(found, [0, 1, 2, 3])
+        self.assertEqual([stop[:3] for stop in self.session.stops[:3]], [
+            ("line", "parts", "part-one"), ("return", "whole", "delegate"),
+            ("line", "uses", "uses-body")])
 
     def test_into_goes_on_in_the_inner_one(self):
         self.break_at("delegate", temporary=1)

@@ -166,6 +166,7 @@ class Worker(object):
         return cls()
 
     def whole_thread(self, tracer, lock):
+        self.place = os.path.join("/proc", os.readlink("/proc/thread-self"))
         try:
             tracer.bootstrap_new_thread(sys._getframe(), "call", None)
             self.done.append(self.add())
@@ -486,7 +487,9 @@ def work_in_class(tracer):
     lock.acquire()
     _thread.start_new_thread(worker.whole_thread, (tracer, lock))
     lock.acquire()
-    while _thread._count() > before:
+    # Its native end, too: a program that forks before that has children whose own threads may crash
+    # in the C library as they end.
+    while _thread._count() > before or os.path.exists(worker.place):
         sleep(0)
     if not worker.done:
         raise MemoryError("injected into the thread")
