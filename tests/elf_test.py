@@ -33,6 +33,14 @@ kWeakOfTheTools = {
     "__cxa_finalize",
 }
 
+# Ways to the environment, to files that nobody has named, to other programs and to the network.
+kNeverAsked = re.compile(
+    r"(_*(secure_)?getenv|_*environ|putenv|setenv|unsetenv|open(at)?(64)?|f(re|d)?open(64)?|creat"
+    r"|opendir|scandir|glob|wordexp|readlink|realpath|exec.*|system|popen|posix_spawn.*|v?fork"
+    r"|socket|connect|bind|getaddrinfo|gethostby.*)$")
+# What musl does not have: the library is loaded there because it asks for them weakly.
+kNotInMusl = {"__register_atfork"}
+
 gArguments = None
 
 
@@ -155,6 +163,14 @@ class Needs(unittest.TestCase):
             if not symbol.defined and symbol.version and version_of(symbol.version) is None
         })
         self.assertEqual(others, [])
+
+    def test_nothing_that_reads_the_environment_or_opens_files(self):
+        self.assertEqual([symbol.name for symbol in read_symbols()
+                          if not symbol.defined and kNeverAsked.match(symbol.name)], [])
+
+    def test_what_musl_lacks_is_asked_for_weakly(self):
+        found = [symbol for symbol in read_symbols() if symbol.name in kNotInMusl]
+        self.assertEqual([symbol.name for symbol in found if symbol.binding != "WEAK"], [])
 
     def test_version_table_asks_for_nothing_newer(self):
         asked = set(re.findall(r"Name: (GLIBC_\S+)", readelf("--version-info")))

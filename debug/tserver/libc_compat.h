@@ -5,6 +5,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <sys/stat.h>
 
 #if defined(__x86_64__)
@@ -20,6 +21,12 @@ void* tdbg_dlopen(const char* file_name, int mode);
 void* tdbg_dlsym(void* handle, const char* name);
 int tdbg_dlclose(void* handle);
 int tdbg_xstat64(int version, const char* path, struct stat64* result);
+
+// What pthread_atfork() is made of, which is linked into each library that calls it. musl has none
+// of it but has pthread_atfork() itself, and loads this library all the same.
+extern void* __dso_handle __attribute__((visibility("hidden")));
+int __register_atfork(void (*before)(), void (*in_parent)(), void (*in_child)(), void* dso_handle)
+    __attribute__((weak));
 }
 
 LIBC_SYMBOL("tdbg_dlopen, dlopen", "GLIBC_2.2.5", "GLIBC_2.1");
@@ -37,4 +44,14 @@ inline int libc_stat(const char* path, struct stat64* result) {
 #else
     return tdbg_xstat64(kStatVersion, path, result);
 #endif
+}
+
+// As pthread_atfork(), of which only the last part is wanted. 0 or an error number.
+inline int libc_atfork_in_child(void (*in_child)()) {
+    if (__register_atfork != nullptr) {
+        return __register_atfork(nullptr, nullptr, in_child, __dso_handle);
+    }
+    using tAtFork = int (*)(void (*)(), void (*)(), void (*)());
+    const auto at_fork = reinterpret_cast<tAtFork>(tdbg_dlsym(RTLD_DEFAULT, "pthread_atfork"));
+    return at_fork != nullptr ? at_fork(nullptr, nullptr, in_child) : ENOSYS;
 }

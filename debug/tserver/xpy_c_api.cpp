@@ -1,10 +1,10 @@
 // Start-up: which interpreter has loaded us, and the record that tells everybody else.
 #include "xpy_c_api.h"
 
-#include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
 
+#include "libc_compat.h"
 #include "xpy_c_api_evalframe.h"
 #include "xpy_c_api_fallbacks.h"
 #include "xpy_c_api_internal.h"
@@ -208,7 +208,7 @@ static bool bind_interpreter() {
 static void register_fork_hook() {
     static constinit bool registered = false;
     if (!registered) {
-        registered = pthread_atfork(nullptr, nullptr, XPy_OnForkInChild) == 0;
+        registered = libc_atfork_in_child(XPy_OnForkInChild) == 0;
     }
 }
 
