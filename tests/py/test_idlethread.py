@@ -57,7 +57,9 @@ def memory_in_use():
     names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost".split()
     record = type("mallinfo", (ctypes.Structure,),
                   {"_fields_": [(name, ctypes.c_int) for name in names]})
-    function = ctypes.CDLL(None).mallinfo
+    function = getattr(ctypes.CDLL(None), "mallinfo", None)
+    if function is None:
+        raise unittest.SkipTest("the C library does not count its memory")
     function.restype = record
     return function().uordblks
 
