@@ -104,7 +104,7 @@ def main(argv):
     parser.add_argument("--missing", action="store_true",
                         help="list the lines that nothing has run")
     arguments = parser.parse_args(argv)
-    files = read_counts(arguments.folder)
+    files = read_counts(os.path.abspath(arguments.folder))  # gcov runs in there
     if not files:
         print("nothing was counted in " + arguments.folder, file=sys.stderr)
         return 2

@@ -127,7 +127,16 @@ class Model(object):
         return False
 
     def is_in_range(self, event):
-        return self.range is not None and self.range[0] <= (event.line or 0) <= self.range[1]
+        if self.range is None:
+            return False
+        if not self.range_is_sure:
+            seen = self.seen_next()
+            return seen is None or (seen[1], seen[3]) != (event.name, event.offset)
+        return self.range[0] <= (event.line or 0) <= self.range[1]
+
+    def seen_next(self):
+        number = len(self.stops)
+        return self.observed[number] if number < len(self.observed) else None
 
     def on_call(self, event):
         pass
@@ -151,7 +160,7 @@ class Model(object):
         if not event.is_stop_iteration:
             self.stop("exception", event, event.value)
         elif self.stop_frame not in ("any", None):  # either, see above
-            seen = self.observed[len(self.stops)] if len(self.stops) < len(self.observed) else None
+            seen = self.seen_next()
             for kind, value in (("line", None), ("exception", event.value)):
                 wanted = (kind, event.name, event.line, event.offset, value)
                 if seen and without_lines([seen]) == without_lines([wanted]):
@@ -177,6 +186,8 @@ class Model(object):
         if cleared is not None:
             self.breaks = [item for item in self.breaks if item.line != cleared]
         self.range = None
+        # Where the tracer is shown another line now, it may be shown others in the range, too.
+        self.range_is_sure = self.line_shown(number) == event.line
         if command == "stop":
             self.stop_frame = "any"
             return
