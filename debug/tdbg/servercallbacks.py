@@ -6,14 +6,24 @@ those are passed over here.
 from __future__ import absolute_import, division, print_function
 
 import functools
+import os
 import sys
+import time
 
 from tdbg import compat, stops, threads
 from tdbg.servercommands import kAskedNext, kAskedNoMore
 from tdbg.serverframes import is_at_end_of_thread, is_returning
 
+kNapSeconds = 0.001  # until a callback has returned, as a rule
+
 _get_ident = compat.get_ident
 _set_trace = sys.settrace
+_sleep = time.sleep
+_getpid, _kill = os.getpid, os.kill
+_signal = compat.signal
+_get_signal = _signal.getsignal
+_pthread_kill = getattr(_signal, "pthread_kill", None)
+_interrupt = _signal.SIGINT
 
 
 def callback(method):
@@ -23,7 +33,7 @@ def callback(method):
         try:
             return method(self, *args)
         except BaseException:
-            self.tell_internal_error(method.__name__)
+            self._failed(method.__name__)
     return guarded
 
 
@@ -38,12 +48,34 @@ def event_callback(method):
             finally:
                 self.lender.leave()
         except BaseException:
-            self.tell_internal_error(method.__name__)
+            self._failed(method.__name__)
     return guarded
 
 
 class tCallbacks(object):
     """The part of tServer that the core calls.  The tools it uses are tServer's."""
+
+    def _failed(self, where):
+        """A callback has, or a signal handler of the program in the middle of it: then the program
+        is to get the exception."""
+        exception = sys.exc_info()[1]
+        if not isinstance(exception, (KeyboardInterrupt, SystemExit)):
+            return self.tell_internal_error(where)
+        if isinstance(exception, KeyboardInterrupt) and _get_ident() == self._main_ident and (
+                _get_signal(_interrupt) is _signal.default_int_handler):
+            # By the signal, since before its next event the program may wait for long.
+            threads.start_own_thread(self._interrupt_again)
+        else:
+            if not compat.PY2:
+                exception.__traceback__ = None
+            self.core.raise_exception(0, exception)
+
+    def _interrupt_again(self):
+        _sleep(kNapSeconds)
+        if _pthread_kill is not None:
+            _pthread_kill(self._main_ident, _interrupt)
+        else:
+            _kill(_getpid(), _interrupt)
 
     # --- events ---
 
@@ -187,7 +219,7 @@ class tCallbacks(object):
                 strike()
             return policy
         except BaseException:
-            self.tell_internal_error("debug_thread_cb")
+            self._failed("debug_thread_cb")
             return 1
 
     @callback

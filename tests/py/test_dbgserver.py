@@ -2,8 +2,10 @@
 from __future__ import absolute_import, division, print_function
 
 import os
+import signal
 import sys
 import threading
+import time
 import unittest
 
 from support import TestCase, import_tracer, line_of, needs
@@ -53,6 +55,19 @@ class FrontEnd(object):
         self.errors.append(text)
 
 
+class Interrupted(FrontEnd):
+    """A signal handler of the program raises an exception while a module is being reported."""
+
+    def __init__(self, exception):
+        FrontEnd.__init__(self, [])
+        self.exception = exception
+
+    def on_import(self, module):
+        FrontEnd.on_import(self, module)
+        if self.imported[-1] == "this_module":
+            raise self.exception
+
+
 class ServerTest(TestCase):
     def debug(self, function, commands, *arguments):
         """Call the function with the server at work; the first stop is at its first line.  Returns
@@ -86,6 +101,51 @@ def careful():
         fail()  #@ careful-call
     except ValueError:
         return "caught"  #@ careful-handler
+
+
+class Signals(ServerTest):
+    def interrupt(self, exception, wait):
+        """What the program gets of it."""
+        self.make_file("this_module.py", "", folder=self.folder())
+        front_end = Interrupted(exception)
+
+        def work():
+            try:
+                import this_module  # noqa: F401
+                wait()
+            except type(exception) as caught:
+                return caught
+        run_under_server(front_end, work)
+        self.assertEqual((front_end.errors, front_end.imported.count("this_module")), ([], 1))
+        return front_end.result
+
+    def folder(self):
+        folder = self.make_dir()
+        sys.path.insert(0, folder)
+        self.addCleanup(sys.path.remove, folder)
+        return folder
+
+    def test_interrupt_in_a_callback_reaches_a_program_that_waits(self):
+        self.assertIs(type(self.interrupt(KeyboardInterrupt(), lambda: time.sleep(600))),
+                      KeyboardInterrupt)
+
+    def test_interrupt_in_a_callback_reaches_a_program_that_computes(self):
+        def compute():
+            while True:
+                pass
+        self.assertIs(type(self.interrupt(KeyboardInterrupt(), compute)), KeyboardInterrupt)
+
+    def test_exit_in_a_callback_is_the_programs(self):
+        exception = SystemExit(3)
+        self.assertIs(self.interrupt(exception, lambda: None), exception)
+
+    def test_handler_of_the_program_is_not_called_twice(self):
+        called = []
+        before = signal.signal(signal.SIGINT, lambda *_: called.append(True))
+        self.addCleanup(signal.signal, signal.SIGINT, before)
+        exception = KeyboardInterrupt()
+        self.assertIs(self.interrupt(exception, lambda: None), exception)
+        self.assertEqual(called, [])
 
 
 class Stops(ServerTest):
