@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 import sys
+import threading
 import time
 
 from support import TestCase
@@ -257,6 +258,25 @@ except KeyboardInterrupt:
                 client.request("terminate")
                 self.assertEqual(client.process.stdout.read(), b"tidy\n")
                 self.assertEqual(client.wait_exit(), 5)
+
+    def test_interrupt_that_a_waiting_thread_has_not_seen_is_sent_again(self):
+        """Not to one that has gone on since."""
+        from tdbg import compat
+        from tdbg.dap import lifecycle
+
+        main, sent, reading = compat.get_ident(), [], os.pipe()[0]
+
+        def interrupt():
+            sent.append(lifecycle.interrupt_again_at(main, (0, 0)))
+            while not lifecycle.interrupt_again_at(main, lifecycle._place_of(main)):
+                pass  # until it reads
+
+        thread = threading.Thread(target=interrupt)
+        with self.assertRaises(KeyboardInterrupt):
+            thread.start()
+            os.read(reading, 1)
+        thread.join()
+        self.assertEqual(sent, [False])
 
     def test_terminate_by_signal(self):
         client = self.launch("import time\nwhile True: time.sleep(0.01)\n")

@@ -2,13 +2,17 @@
 from __future__ import absolute_import, division, print_function
 
 import os
+import sys
 
-from tdbg import atend, compat, evaluate
+from tdbg import atend, compat, evaluate, threads
 from tdbg.dap import capabilities
 from tdbg.dap import config as configs
 from tdbg.dap.requests import get_optional, tRequest, tRequestError
 
+kRestSeconds = 0.2
+
 _kill = os.kill
+_current_frames = sys._current_frames
 _getpid = os.getpid
 _pthread_kill = getattr(compat.signal, "pthread_kill", None)
 _get_signal = compat.signal.getsignal
@@ -109,12 +113,33 @@ def _interrupt(session):
         return
     if _get_signal(compat.signal.SIGINT) in (compat.signal.SIG_IGN, compat.signal.SIG_DFL, None):
         _raise_in(main)
-    elif _pthread_kill is not None:
-        _pthread_kill(main, compat.signal.SIGINT)
     else:
-        _kill(_getpid(), compat.signal.SIGINT)
+        place = _place_of(main)
+        _send_interrupt(main)
+        threads.start_own_thread(lambda: interrupt_again_at(main, place))
     if session.is_stopped:
         session.go_on()
+
+
+def _send_interrupt(ident):
+    if _pthread_kill is not None:
+        _pthread_kill(ident, compat.signal.SIGINT)
+    else:
+        _kill(_getpid(), compat.signal.SIGINT)
+
+
+def interrupt_again_at(main, place):
+    """A thread that has just left us the interpreter, to wait for something, may not have begun to
+    when its signal comes: nothing would wake it.  Whether it had to be sent again."""
+    is_lost = threads.is_at_rest(_getpid(), kRestSeconds) and _place_of(main) == place
+    if is_lost:
+        _send_interrupt(main)
+    return is_lost
+
+
+def _place_of(ident):
+    frame = _current_frames().get(ident)
+    return None if frame is None else (id(frame), frame.f_lasti)
 
 
 def _raise_in(ident):
