@@ -175,24 +175,27 @@ class Running(TestCase):
             def __call__(self, frame, event, arg):
                 return None
 
-        function, ready, go = Function(), threading.Event(), threading.Event()
+        # Plain locks: while a method of an event runs, the call of the function holds it, too.
+        function, ready, go = Function(), _thread.allocate_lock(), _thread.allocate_lock()
+        ready.acquire()
+        go.acquire()
         gone = weakref.ref(function)
 
         def target(functions):
             sys.settrace(functions.pop())
-            ready.set()
-            go.wait()
+            ready.release()
+            go.acquire()
 
         thread = threading.Thread(target=target, args=([function],))
         thread.start()
-        ready.wait()
+        ready.acquire()
         del function
         self.assertIsNotNone(gone())
         session = ThreadSession()
         session.run(lambda stop: None)
         session.tracer.stop_trace()
         is_replaced = gone() is None
-        go.set()
+        go.release()
         thread.join()
         self.assertTrue(is_replaced)
         self.assertIsNone(gone())
