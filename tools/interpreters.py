@@ -21,15 +21,22 @@ kAskSeconds = 60
 # Runs under every version, so: no f-strings, nothing newer than 2.6.
 kQuestions = """\
 import struct, sys
+maps = open("/proc/self/maps").read()
+libc, static = "unknown", False
 try:
     import ctypes
-    static = hasattr(ctypes.CDLL(None), "Py_Initialize") and (
-        "libpython" not in open("/proc/self/maps").read())
-    version = ctypes.CDLL(None).gnu_get_libc_version
-    version.restype = ctypes.c_char_p
-    libc = "glibc " + version().decode()
+    process = ctypes.CDLL(None)
+    static = hasattr(process, "Py_Initialize") and "libpython" not in maps
+    if hasattr(process, "gnu_get_libc_version"):
+        process.gnu_get_libc_version.restype = ctypes.c_char_p
+        libc = "glibc " + process.gnu_get_libc_version().decode()
+    elif "-linux-musl/libc.so" in maps:  # it tells its version when it is run
+        import re, subprocess
+        program = re.search("/.*-linux-musl/libc.so", maps).group()
+        told = subprocess.Popen([program], stderr=subprocess.PIPE).communicate()[1].decode()
+        libc = "musl " + re.search("Version (.*)", told).group(1)
 except (ImportError, AttributeError):
-    libc, static = "unknown", False
+    pass
 try:
     from importlib.machinery import EXTENSION_SUFFIXES as suffixes
 except ImportError:

@@ -208,15 +208,16 @@ def counts_of(rows):
 
 
 def libraries_of(interpreters):
-    """The C libraries; musl has no interpreter to be had."""
-    names = sorted({item.libc for item in interpreters if " " in item.libc}, key=version_in)
+    names = {item.libc for item in interpreters if " " in item.libc}
+    glibc = sorted((name for name in names if name.startswith("glibc ")), key=version_in)
+    musl = ", ".join(sorted(names - set(glibc)))
     return [
         "\n## C libraries\n\n",
         "Oldest: {}. Newest: {}. The library needs nothing newer than glibc 2.17, which a test of "
-        "its symbols"
-        " checks in both word sizes. musl: Debian has the C library, but no interpreter that runs "
-        "with it.\n".format(
-            names[0], names[-1]) if names else "",
+        "its symbols checks in both word sizes. ".format(glibc[0], glibc[-1]) if glibc else "",
+        "The same file runs with {}.\n".format(musl) if musl else
+        "musl: no distribution at hand has an interpreter that runs with it, and "
+        "tools/build-interpreters has built none.\n",
     ]
 
 

@@ -218,6 +218,14 @@ class tApt:
         self.call(kDownloadSeconds, "apt-get", "-q", "--download-only", "install", package)
         return [self.archive_of(name, version) for name, version in closure]
 
+    def download_alone(self, packages):
+        """Paths of the verified files of the packages, without what they depend on."""
+        folder = os.path.join(self.home, "alone")
+        os.makedirs(folder, exist_ok=True)
+        self.call(kDownloadSeconds, "apt-get", "-q", "download", *packages, cwd=folder)
+        return [max(glob.glob(os.path.join(folder, package + "_*.deb")), key=os.path.getmtime)
+                for package in packages]
+
     def download_source(self, package):
         """Folder with the verified files of the newest source package of that name."""
         folder = os.path.join(self.home, "source", package)

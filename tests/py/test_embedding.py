@@ -22,11 +22,18 @@ def _find_libpython():
     return path if ".so" in path and os.path.exists(path) else None
 
 
+def _find_compiler():
+    """The interpreter's own where that is one for another C library."""
+    own = (sysconfig.get_config_var("CC") or "").split(" ")[0]
+    return own if os.path.isabs(own) and os.path.exists(own) else "gcc"
+
+
 @capability("c_compiler")
 def _c_compiler():
     try:
         with open(os.devnull, "w") as nothing:
-            return subprocess.call(["gcc", "--version"], stdout=nothing, stderr=nothing) == 0
+            argv = [_find_compiler(), "--version"]
+            return subprocess.call(argv, stdout=nothing, stderr=nothing) == 0
     except OSError:
         return False
 
@@ -53,7 +60,8 @@ class EmbeddingCase(TestCase):
         library_path()
         host, library = os.path.join(self.make_dir(), "host"), _find_libpython()
         link = ["-Wl,--no-as-needed", library, "-Wl,-rpath," + os.path.dirname(library)]
-        subprocess.check_call(["gcc", "-o", host, os.path.join(TESTS, "embedding", "host.c")]
+        source = os.path.join(TESTS, "embedding", "host.c")
+        subprocess.check_call([_find_compiler(), "-o", host, source]
                               + (link if self.kLinked else []) + ["-ldl", "-lpthread"])
         argv = [host, "linked" if self.kLinked else library, sys.executable, str(rounds)]
         for how in scripts:
