@@ -21,7 +21,7 @@ except ImportError:
     import thread as _thread
 
 from support import TestCase, import_tracer, needs, time_limit
-from support.faults import in_child, scenario
+from support.faults import in_child, kSeconds, scenario
 from support.programs import TESTS
 
 kCallbacks = ("hooks", "checksum", "idle", "line", "returns", "exception", "quit",
@@ -210,7 +210,8 @@ kArguments = {  # of functions that need some, and of those whose turn is not in
     "set_use_canonical_pathnames": (1,), "get_thread_ident_for_tstate_id": (0,),
     "PyFrame_LocalsToFast": (None, 0), "add_to_tstate_tracing": (0,),
     "set_tstate_use_tracing": (1,), "acquire_dbgserver_mutex": (), "release_dbgserver_mutex": (),
-    "fork_ok": (), "register_sub_language_hook": (Nonsense(),), "PyFile_WriteObject": ("", sys, 0),
+    "fork_ok": (), "register_sub_language_hook": (Nonsense(),),
+    "PyFile_WriteObject": ("", sys, 0),
     "PyFile_SetEncoding": (sys.__stdin__, "ascii"), "GetFileBufferCount": (sys.__stdin__,),
     "CopyIntoBuffer": (bytearray(3), 1, b"abc"), "trace_dispatch": (None, "line", None),
     "bootstrap_new_thread": (None, "call", None), "__import__": ("os",),
@@ -512,6 +513,52 @@ class Imports(TestCase):
             answer, why = in_child(lambda: run_session("default_import", deed))
             self.assertIsNone(answer.get("raised") or why, name)
             self.assertEqual((answer["again"], answer["done"] > 0), ([], True), name)
+
+
+@needs("fork")
+class InterruptsAtAnyTime(TestCase):
+    """From outside, wherever the program, a callback or the tracer is; time only says where.
+
+    Not in the interpreter's own code for threads and imports, which leaves locks locked then.
+    """
+
+    kTimes = 20
+    kStep = 0.0015  # seconds
+
+    def run_interrupted(self, delay):
+        tracer, modules, arrived = import_tracer(), dict(sys.modules), []
+
+        def interrupt(*_):
+            arrived.append(1)
+            raise KeyboardInterrupt()
+
+        signal.alarm(0)  # there is one clock for both
+        signal.signal(signal.SIGALRM, interrupt)
+        troubles = []
+        try:
+            signal.setitimer(signal.ITIMER_REAL, delay)
+            troubles = scenario.run(tracer, imports=False, threads=False)["troubles"]
+            signal.setitimer(signal.ITIMER_REAL, 0)
+        except KeyboardInterrupt:
+            pass
+        signal.signal(signal.SIGALRM, signal.SIG_DFL)
+        signal.alarm(kSeconds)
+        sys.modules.update(modules)
+        scenario.Server(tracer).init(0)
+        while tracer.is_dbgserver_mutex_held():  # it came between taking it and giving it back
+            tracer.release_dbgserver_mutex()
+        return {"troubles": troubles, "arrived": len(arrived), "again": scenario.run_again(tracer)}
+
+    @time_limit(120)
+    def test_interrupted(self):
+        wrong, arrived = [], 0
+        for number in range(1, self.kTimes + 1):
+            answer, why = in_child(lambda: self.run_interrupted(number * self.kStep))
+            if why or answer.get("troubles") != [] or answer["again"][0]:
+                wrong.append((number, why, answer))
+            arrived += answer.get("arrived", 0)
+        self.assertEqual(wrong, [])
+        self.assertGreater(arrived, 0)
 
 
 @needs("fork")

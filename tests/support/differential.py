@@ -28,9 +28,9 @@ What differs by version and is no fault:
   the next command. So where a generator is closed because nothing holds it any more, the time of
   that differs: of such programs only the output alone and under the tracer is compared. They are
   few.
-- On 3.12 (3.12.1 at least) whoever looks at the variables of a class body while a comprehension runs
-  in it sets those of the comprehension to None. The trace function does, for conditions: such programs
-  are compared alone and under the tracer.
+- On 3.12 (3.12.1 at least) whoever looks at the variables of a class body while a comprehension
+  runs in it sets those of the comprehension to None. The trace function does, for conditions: such
+  programs are compared alone and under the tracer.
 - On 3.11 nothing tells that an asynchronous generator is suspended: where it is stepped out of, it
   stops when it yields.
 - Until 3.7 lines whose code follows that of a later line are not found when a code object is
