@@ -18,6 +18,7 @@ kEverywhere = {
 kOfLoading = {
     "open", "openat", "read", "pread64", "close", "fstat", "fstat64", "newfstatat", "statx",
     "stat", "stat64", "lstat", "lstat64", "access", "lseek", "_llseek", "readlink", "getdents64",
+    "fcntl", "fcntl64",  # of musl's loader
 }
 kLoaded = re.compile(
     r"(tdbgtracer[^/]*\.so|/ld\.so\.(cache|preload)|lib(dl|pthread|c)[-.][^/]*|/)$")
