@@ -24,6 +24,7 @@ from support import TestCase, import_tracer, needs, time_limit
 from support.faults import in_child, kSeconds, scenario
 from support.programs import TESTS
 
+kOnceWhenQuick = True
 kCallbacks = ("hooks", "checksum", "idle", "line", "returns", "exception", "quit",
               "imported", "policy")
 kMethods = ("_GetMarkerFrames", "_GetModulePaths", "_GetSubLanguageFrames", "_StopHere",
