@@ -517,6 +517,7 @@ class OnATerminal(BreakTest):
         terminal.send_line("c")
         self.assertEqual(terminal.wait(), 0)
 
+    @needs("module:readline")
     def test_completion(self):
         self.make_file("helper_two-b.py", "def second():\n    return 1\n", self.folder)
         self.make_file("sub/deep.py", "x = 1\n", self.folder)
