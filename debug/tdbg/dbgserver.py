@@ -19,13 +19,13 @@ import sys
 
 import tdbg
 from tdbg import (
-    breakpoints, compat, exceptions, lending, servercallbacks, servercommands,
+    breakpoints, compat, currentframes, exceptions, lending, servercallbacks, servercommands,
     serverframes, serverstops, sublanguages, threads)
 
 kIdleSeconds = 1.0  # the core counts whole seconds; less would switch idle calls off
 
 _get_ident = compat.get_ident
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 _set_trace = sys.settrace
 
 
@@ -87,6 +87,7 @@ class tServer(
         servercommands.tCommands.__init__(self)
         serverstops.tStopping.__init__(self)
         serverframes.tFrames.__init__(self)
+        currentframes.use_core(core)
         self.core = core
         self.front_end = front_end
         self.lender = lending.tLender(

@@ -12,12 +12,11 @@ on that thread at its next event, and there the ordinary commands for steps can 
 """
 from __future__ import absolute_import, division, print_function
 
-import sys
 import time
 
-from tdbg import compat, signals, threads
+from tdbg import compat, currentframes, signals, threads
 
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 _sleep = time.sleep
 _now = getattr(time, "monotonic", time.time)
 

@@ -5,7 +5,7 @@ import os
 import sys
 import time
 
-from support import TestCase
+from support import TestCase, needs
 from support.dapclient import debug_directly
 
 kOncePerVersion = True
@@ -252,6 +252,38 @@ thread.join()
         self.assertEqual(stop["threadId"], number)
         self.assertEqual(client.place(number), ("work", "after"))
         client.resume(number)
+        self.assertEqual(client.wait_exit(), 0)
+
+    @needs("module:_interpreters")
+    def test_interpreters_with_locks_of_their_own_run_on(self):
+        """Their frames are not to be looked at."""
+        end = os.path.join(self.make_dir(), "end")
+        client = self.start("""
+import _interpreters, threading, time
+def work():
+    _interpreters.exec(_interpreters.create("isolated"), '''
+import os
+def compute(n):
+    return n if n < 2 else compute(n - 1) + compute(n - 2)
+while not os.path.exists("{0}"):
+    compute(14)
+''')
+threads = [threading.Thread(target=work) for _ in range(2)]
+for thread in threads:
+    thread.start()
+os.write(int(sys.argv[1]), b"x")
+while not os.path.exists("{0}"):
+    time.sleep(0.001)
+for thread in threads:
+    thread.join()
+""".format(end))
+        for _ in range(20):
+            client.request("pause", {"threadId": 1})
+            thread = client.wait_stopped("pause")["threadId"]
+            for row in client.request("threads")["threads"]:
+                self.assertTrue(client.stack(row["id"]))
+            client.resume(thread)
+        open(end, "w").close()
         self.assertEqual(client.wait_exit(), 0)
 
     def test_continue_leaves_no_stop_behind(self):

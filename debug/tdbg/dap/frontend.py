@@ -6,13 +6,13 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 
-from tdbg import compat, dbgserver, pausing, signals, stops, threads
+from tdbg import compat, currentframes, dbgserver, pausing, signals, stops, threads
 from tdbg.dap import executor as executors
 from tdbg.dap import numbers
 from tdbg.dap import session as sessions
 
 _getpid = os.getpid
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 
 # Up to 3.9 a thread does not tell its end, and the core would know the next one of the same address
 # as ignored: there, ignored ones are traced and only never stop.

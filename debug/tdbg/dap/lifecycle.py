@@ -2,9 +2,8 @@
 from __future__ import absolute_import, division, print_function
 
 import os
-import sys
 
-from tdbg import atend, compat, evaluate, threads
+from tdbg import atend, compat, currentframes, evaluate, threads
 from tdbg.dap import capabilities
 from tdbg.dap import config as configs
 from tdbg.dap.requests import get_optional, tRequest, tRequestError
@@ -12,7 +11,7 @@ from tdbg.dap.requests import get_optional, tRequest, tRequestError
 kRestSeconds = 0.2
 
 _kill = os.kill
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 _getpid = os.getpid
 _pthread_kill = getattr(compat.signal, "pthread_kill", None)
 _get_signal = compat.signal.getsignal

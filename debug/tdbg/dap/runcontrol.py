@@ -1,13 +1,11 @@
 """Requests that let the program run, step or stop."""
 from __future__ import absolute_import, division, print_function
 
-import sys
-
-from tdbg import codelines, compat, statements, sublanguages
+from tdbg import codelines, compat, currentframes, statements, sublanguages
 from tdbg.dap import paths, rules, stepper
 from tdbg.dap.requests import get, get_optional, kAnytime, kStopped, tRequest, tRequestError
 
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 _marker = len  # any f_trace lets f_lineno be set
 
 kGranularities = ("statement", "line", "instruction")

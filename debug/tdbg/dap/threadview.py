@@ -3,11 +3,11 @@ from __future__ import absolute_import, division, print_function
 
 import sys
 
-from tdbg import compat, stops
+from tdbg import compat, currentframes, stops
 from tdbg.dap import paths, rules, sources
 from tdbg.dap.requests import get, get_optional, kStopped, tRequest, tRequestError
 
-_current_frames = sys._current_frames
+_current_frames = currentframes.current_frames
 
 kFramesAtOnce = 1000  # where the client does not say how many
 kMaxAwaits = 1000
