@@ -53,6 +53,8 @@ class tHolder(object):
         self._marked = {}     # ident -> frames that got an f_trace
         self._thread = None   # ident of the one that holds, or True while it starts
         self._start_lock = compat.allocate_lock()
+        # A thread is told what to do at its next event, or does it: what is said last counts.
+        self._gate = compat.allocate_lock()
 
     @property
     def is_wanted(self):
@@ -99,18 +101,20 @@ class tHolder(object):
         server = self._server
         if self._executor.redirect(ident, lambda: stepper.start(server.stop_of(ident))):
             return
-        self._server.plan(ident, stepper)
-        if ident not in self._struck:
-            self._arm(ident, self._server.core.stop)
+        with self._gate:
+            server.plan(ident, stepper)
+            if ident not in self._struck:
+                self._arm(ident, server.core.stop)
 
     def send_on(self, ident):
         """The thread just runs on."""
         if self._executor.redirect(ident, self._server.continue_run):
             return
-        self._unmark(ident)
-        if not self._server.disarm(ident) and ident in self._struck:
-            self._server.plan_no_more(ident)
-        self._struck.discard(ident)
+        with self._gate:
+            self._unmark(ident)
+            if not self._server.disarm(ident) and ident in self._struck:
+                self._server.plan_no_more(ident)
+            self._struck.discard(ident)
 
     def forget_thread(self, ident):
         self._struck.discard(ident)
@@ -118,9 +122,11 @@ class tHolder(object):
 
     def _arm(self, ident, command):
         def strike():
-            self._struck.add(ident)
-            self._unmark(ident)
-            command()
+            with self._gate:
+                if self._server.disarm(ident, strike):
+                    self._struck.add(ident)
+                    self._unmark(ident)
+                    command()
 
         self._server.arm(ident, strike)
         frame = _current_frames().get(ident)
@@ -181,7 +187,8 @@ class tHolder(object):
         if self._executor.is_behind(ident):
             return
         self._stopped.wait(0)
-        self._arm(ident, lambda: self._server.pause())
+        with self._gate:
+            self._arm(ident, lambda: self._server.pause())
         self._stopped.wait(kStrikeSeconds)
 
     def _with_mutex(self, is_last):

@@ -214,9 +214,11 @@ class tCallbacks(object):
                 _set_trace(None)  # no event any more; and no import of it waits for the mutex
                 return 0
             policy = self._policy_of(ident)
-            strike = self._armed.pop(ident, None)
+            strike = self._armed.get(ident)
             if strike is not None and policy:
                 strike()
+            elif strike is not None:
+                self.disarm(ident, strike)
             return policy
         except BaseException:
             self._failed("debug_thread_cb")

@@ -160,7 +160,7 @@ class tCommands(object):
 
     def arm(self, ident, function):
         """function() is called on a thread at its next event that the core looks at closely: a
-        call, a return, or a line of a frame that has an f_trace."""
+        call, a return, or a line of a frame that has an f_trace; and again until it disarms."""
         self._armed[ident] = function
         self.ask_policies()
 
@@ -168,8 +168,10 @@ class tCommands(object):
         """Which threads are debugged may have changed."""
         self.core.set_debug_thread_cb(self._thread_policy_cb)
 
-    def disarm(self, ident):
-        """Whether it was armed still."""
+    def disarm(self, ident, function=None):
+        """Whether it was armed still; function: with that one."""
+        if function is not None and self._armed.get(ident) is not function:
+            return False
         return self._armed.pop(ident, None) is not None
 
     # --- how ---
