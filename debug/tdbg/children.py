@@ -35,6 +35,8 @@ def find_client(settings):
     folder = listener = None
     try:
         announcement = endpoint.connect_unix(settings["socket"])
+        if endpoint.peer_of_unix(announcement)[1] != os.getuid():
+            return None  # the parent has gone, and another has taken its address
         folder = endpoint.make_private_folder()
         path = os.path.join(folder, "child")
         listener = endpoint.listen_unix(path)
@@ -151,7 +153,7 @@ def _make_server(core, connection):
     from tdbg.dap import frontend, requests
 
     requests.load_modules()
-    front_end = frontend.tDapFrontEnd({"launched": False, "wait": True})
+    front_end = frontend.tDapFrontEnd({"launched": False, "wait": True, "child": True})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     api.take_over(front_end)
@@ -219,7 +221,7 @@ def _debug_forked(connection):
     threads.forget_own_threads()
     usercode.forget_other_threads()
     core.fork_ok()
-    front_end = frontend.tDapFrontEnd({"launched": False})
+    front_end = frontend.tDapFrontEnd({"launched": False, "child": True})
     server = dbgserver.tServer(core, front_end)
     front_end.attach(server)
     server.start_unnoticed()

@@ -4,6 +4,7 @@ from __future__ import absolute_import, division, print_function
 import os
 import sys
 import threading
+import time
 import unittest
 
 from support import dapclient
@@ -15,12 +16,13 @@ kOncePerVersion = True
 class Case(TestCase):
 
     announces = True
+    env = None
 
     def start(self, text, child="x = 1  #@ in-child\nprint('child ran')\n", **arguments):
         """A client at a program that has launched; `child` is the path of a second program."""
         self.child = self.make_file("child.py", child)
         self.path = self.make_file("prog.py", text)
-        client = dapclient.start_adapter(self)
+        client = dapclient.start_adapter(self, env=self.env)
         client.initialize(supportsStartDebuggingRequest=self.announces)
         client.start_session(dict({
             "program": self.path, "args": [self.child], "python": sys.executable,
@@ -226,6 +228,25 @@ class Forks(Case):
         other.resume(thread)
         other.wait_event("terminated")
         self.assertEqual(self.finish(client), (3, "forked\n"))
+
+    def test_nothing_is_left_of_it(self):
+        """Though it ends before it can remove anything."""
+        folder = self.make_dir()
+        self.env = dapclient.environment_with({"TMPDIR": folder})
+        client = self.start(self.text)
+        other = self.attach_to_child(client, self.path)
+        thread = other.wait_stopped("breakpoint")["threadId"]
+        names = [name for found in os.listdir(folder)
+                 for name in os.listdir(os.path.join(folder, found))]
+        self.assertEqual(sorted(names), ["children", "debuggee", "launcher"])
+        other.resume(thread)
+        other.wait_event("terminated")
+        self.assertEqual(self.finish(client), (3, "forked\n"))
+        for _ in range(2000):
+            if not os.listdir(folder):
+                break
+            time.sleep(0.005)
+        self.assertEqual(os.listdir(folder), [])
 
     def test_refused(self):
         client = self.start(self.text)

@@ -178,6 +178,16 @@ def listen_unix(path):
     return listener
 
 
+def listen_nowhere():
+    """(listening socket, its address): one of Linux's that no folder holds, so that nothing of it
+    is left however the process ends.  Anybody may connect, and look at peer_of_unix()."""
+    address = "\0tdbg-" + make_token()[:16]
+    listener = not_for_children(_socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM))
+    listener.bind(address)
+    listener.listen(kBacklog)
+    return listener, address
+
+
 def connect_unix(path):
     """A connected socket; OSError (IOError) when nobody listens."""
     connected = not_for_children(_socket.socket(_socket.AF_UNIX, _socket.SOCK_STREAM))
@@ -189,7 +199,7 @@ def connect_unix(path):
 
 
 def peer_of_unix(connected):
-    """(process id, user id) at the other end of a socket in the file system."""
+    """(process id, user id) at the other end of a Unix socket."""
     data = connected.getsockopt(_socket.SOL_SOCKET, kPeerCredentials, struct.calcsize("3i"))
     pid, uid, _ = struct.unpack("3i", data)
     return pid, uid

@@ -21,7 +21,8 @@ kIgnoredStayTraced = (3, 6) <= sys.version_info[:2] < (3, 10)
 
 class tDapFrontEnd(dbgserver.tFrontEnd):
     """settings: {"launched": bool: whether an adapter has started the program for its client,
-    "wait": bool: whether the program is to wait for a client before its first line}.
+    "wait": bool: whether the program is to wait for a client before its first line,
+    "child": bool: whether it is the child of one that is debugged}.
 
     attach(server) once; then, for each client, begin(connection), with a wire.tConnection.
     """

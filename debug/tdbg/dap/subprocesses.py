@@ -70,9 +70,13 @@ class tNursery(object):
         threads.start_own_thread(self._serve)
 
     def _listen(self):
-        """Path of the socket: in the folder of the adapter that has started the program, so that it
-        is removed even if the program is killed; else in one of our own."""
+        """Address of the socket: in the folder of the adapter that has started the program, so that
+        it is removed even if the program is killed; else in one of our own.  In none for children,
+        which often end by os._exit()."""
         shared = self._session.front_end.settings.get("folder")
+        if self._session.front_end.settings.get("child"):
+            self._listener, address = endpoint.listen_nowhere()
+            return address
         if shared is not None:
             try:
                 path = os.path.join(shared, kSocketName)
@@ -108,7 +112,8 @@ class tNursery(object):
             except (IOError, OSError):
                 pass
             listener.close()
-            atend.remove_now(self._made)
+            if self._made is not None:
+                atend.remove_now(self._made)
 
     def _set(self, name, value):
         self._before[name] = _environ.get(name)
