@@ -398,7 +398,8 @@ void __tracer_enable_checksums(tBpOpsData* data, int enable) {
 // ---- Listing ----
 
 static PyObject* fail_for_memory() {
-    if (gPy.PyErr_Occurred() == nullptr) {
+    PyObject* const error = gPy.PyErr_Occurred();
+    if (error == nullptr || error == gPy.PyExc_MemoryError) {  // the interpreter's own has no text
         gPy.PyErr_SetString(gPy.PyExc_MemoryError, "Out of memory");
     }
     return nullptr;

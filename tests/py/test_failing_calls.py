@@ -323,6 +323,29 @@ class OutOfMemory(TestCase):
             found = self.each_failure(prepare, get, lambda tracer: len(get(tracer)))
             self.assertEqual(set(found), {(kOutOfMemory, kBreaks)})
 
+    def test_lists_say_the_same_whoever_had_no_memory(self):
+        """The interpreter's own exception has another text, or none."""
+        faults, tracer = Faults(), import_tracer()
+
+        def work(faults):
+            scenario.Server(tracer).init(1)
+            tracer.set_break(kFile, "", 3, 1, 0, None, 0)
+            said = []
+            for get in (lambda: tracer.get_breaks(kFile, 3), lambda: tracer.get_file_breaks(kFile),
+                        tracer.get_changed_bps_lists):
+                try:
+                    get()
+                except Exception as why:
+                    said.append("{}: {}".format(type(why).__name__, why))
+            faults.stop()
+            return said
+
+        outcomes = [faults.run(work, place) for place in faults.learn(work)[1]
+                    if place.name in ("PyList_New", "PyList_Append", "PyTuple_New")]
+        said = [text for outcome in outcomes for text in outcome.result or ()]
+        self.assertGreaterEqual(len(said), 6)
+        self.assertEqual(set(said), {kOutOfMemory})
+
     def test_changes_are_told_the_next_time(self):
         def change_many(tracer):
             tracer.register_module(scenario.steps)
