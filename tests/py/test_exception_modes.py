@@ -16,7 +16,8 @@ from support import TestCase, library_path, needs, run_script, time_limit
 from support.caught import kWays
 from support.programs import python_path
 
-kOnceWhenQuick = True  # by way of the debugger's Python part
+kOncePerVersion = True  # by way of the debugger's Python part
+kOnceWhenQuick = True
 kAlways, kUnhandled, kPrinted, kPrintedToo = 1, 2, 4, 5
 
 # The start-up module.  It begins with the program's first frame, as the debugger does.

@@ -20,7 +20,7 @@ kOnceWhenQuick = True
 kWhole = os.environ.get("TDBG_FAULT_SHARE") == "1"
 kThinner = int(os.environ.get("TDBG_FAULT_SHARE") or 1)
 kShare = 1 if kWhole else 16 * kThinner  # one of so many calls is tried
-kShareWhileLogging = 1 if kWhole else 48 * kThinner
+kShareWhileLogging = 1 if kWhole else 96 * kThinner
 kShareOfAllocations = 1 if kWhole else 32 * kThinner
 # Up to that one each of the interpreter's allocations fails.
 kDense = 1 << 30 if kWhole else 20 if kThinner == 1 else 8
