@@ -113,9 +113,11 @@ def _interrupt(session):
     if _get_signal(compat.signal.SIGINT) in (compat.signal.SIG_IGN, compat.signal.SIG_DFL, None):
         _raise_in(main)
     else:
-        place = _place_of(main)
+        # In a stop it is seen for certain, and the thread may wait at the same place after it.
+        place = None if session.is_stopped else _place_of(main)
         _send_interrupt(main)
-        threads.start_own_thread(lambda: interrupt_again_at(main, place))
+        if place is not None:
+            threads.start_own_thread(lambda: interrupt_again_at(main, place))
     if session.is_stopped:
         session.go_on()
 
